@@ -1,0 +1,79 @@
+/* The packet-dispatch queue: how frames reach the daemon and how it posts its own. */
+#ifndef PMTUD_PLATFORM_PKTD_H
+#define PMTUD_PLATFORM_PKTD_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "pktd_record.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* What the receive callback answers for its frame. */
+enum {
+    PKTD_VERDICT_INVALID = 1, /* no valid action had been set */
+    PKTD_VERDICT_DISCARD = 7, /* drop the frame */
+    PKTD_VERDICT_ACCEPT = 8,  /* let it through */
+    PKTD_VERDICT_REPOST = 9   /* put it back into the queue */
+};
+
+/*
+ * The queues' memory.  The daemon only passes the addresses; the transmit queue
+ * proper begins 8 bytes into its pool.
+ */
+extern uint8_t pktd_tx_queue_pool[25980];
+extern uint8_t pktd_rx_queue_pool[25980];
+extern uint8_t pktd_rx_wl_pool[25980];
+
+/*
+ * The receive callback: record, first byte of the frame (destination MAC), length
+ * of the frame in bytes; it answers a verdict code.  The library calls it on one
+ * thread, one frame at a time.  Record and frame stay the library's and need to hold
+ * only until it returns.  The callback trusts the library in this:
+ *   - at least 18 bytes of frame are readable (Ethernet header with one tag);
+ *   - for EtherType 0x0800, 78 bytes; for 0x86DD, 58 bytes and, as far as the IPv6
+ *     payload length says so, up to 1,510 - whatever the length argument says.  With
+ *     the DEBUG level on, the IPv6 dump reads the whole packet that the payload
+ *     length names: 18 + 40 + 65,535 bytes at most.
+ * Bytes behind the received frame may be quoted to its sender, so they must not
+ * hold anybody else's data.
+ */
+typedef int (*pktd_rx_cb_t)(const st_pktd_shm_queue_entry_data_t* entry, uint8_t* frame, int len);
+
+/*
+ * Attach the client to its transmit and receive queues.  Main thread, once; the
+ * daemon passes 0 and 1, whose meaning is the library's.  0: attached, until the
+ * process ends.  Any other value: failure (on Linux a negative errno value).
+ */
+int pktd_shm_queue_init(const char* client, int, int, void* tx_pool, void* rx_pool);
+
+/*
+ * Start the thread that calls `callback` for every received frame until the process
+ * ends.  The daemon passes 32 and 32, whose meaning is the library's, and no
+ * user argument.  0: running.  Any other value: failure, and no thread was left running.
+ */
+int pktd_shm_rx_thread_init(const char* client, void* rx_pool, void* rx_wl_pool, int, int,
+                            pktd_rx_cb_t callback, void* user);
+
+/*
+ * Fill a record for transmitting `frame` (len bytes, untagged or tagged) on VLAN
+ * `vid`.  The whole record is written; it may keep the pointer only until the
+ * record is posted.  0, or any other value for failure.
+ */
+int pktd_queue_entry_data_vlan_based_init(st_pktd_shm_queue_entry_data_t* entry, int proto, int vid,
+                                          const uint8_t* frame, size_t len);
+
+/*
+ * Post the record, with a frame of len bytes, to the queue (the address 8 bytes into
+ * pktd_tx_queue_pool).  *out is the library's to write.  0, or any other value for failure.
+ */
+int shm_data_entry_post(void* queue, st_pktd_shm_queue_entry_data_t* entry, size_t len,
+                        uint32_t* out);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

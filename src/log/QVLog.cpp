@@ -1,0 +1,94 @@
+// The qv logging framework: the line's time and level texts, and the two sinks.
+#include "QVLog.h"
+
+#include <sys/time.h>
+
+#include <ctime>
+#include <stdexcept>
+
+#include "debug_process.h"
+
+namespace qv {
+
+namespace {
+
+thread_local std::string spareLineBuffer;
+
+/// A line taken out of its stream; gives its memory to the thread's next line.
+class FinishedLine {
+ public:
+    explicit FinishedLine(std::ostringstream& os) : m_text(std::move(os).str()) {}
+    FinishedLine(const FinishedLine&) = delete;
+    FinishedLine& operator=(const FinishedLine&) = delete;
+    ~FinishedLine() {
+        // A dump of a whole packet takes some 200 KiB; that much is not kept.
+        constexpr std::size_t kKept = 4096;
+        if (m_text.capacity() > kKept) return;
+        m_text.clear();
+        spareLineBuffer = std::move(m_text);
+    }
+    const char* text() const { return m_text.c_str(); }
+
+ private:
+    std::string m_text;
+};
+
+}  // namespace
+
+std::string detail::takeLineBuffer() { return std::move(spareLineBuffer); }
+
+FILE*& stream() {
+    static FILE* fileChannel = stderr;
+    return fileChannel;
+}
+
+std::string nowTime() {
+    const time_t seconds = time(nullptr);
+    tm local{};
+    if (localtime_r(&seconds, &local) == nullptr) {
+        throw std::runtime_error("Could not get local time");
+    }
+    std::array<char, 11> clock{};
+    strftime(clock.data(), clock.size(), "%X", &local);
+
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    const auto milliseconds = static_cast<long>(now.tv_usec / 1000);
+
+    // The limit of 11 is meant: it leaves the tenth of a second and cuts the rest.
+    constexpr std::size_t kLimit = 11;
+    std::array<char, 100> text{};
+    snprintf(text.data(), kLimit, "%s.%03ld", clock.data(), milliseconds);
+    return text.data();
+}
+
+std::string toString(LogLevel level) {
+    static constexpr std::array<const char*, 8> kNames = {"ERROR",  "WARNING", "INFO",   "DEBUG",
+                                                          "DEBUG1", "DEBUG2",  "DEBUG3", "DEBUG4"};
+    return kNames[static_cast<std::size_t>(level)];
+}
+
+void Output2FilePolicy::output(uint32_t /*channel*/, std::ostringstream& os, int32_t /*reserved*/) {
+    os << "\r" << std::endl;
+    FILE* const file = stream();
+    if (file == nullptr) return;
+    const FinishedLine line(os);
+    fputs(line.text(), file);
+    fflush(file);
+}
+
+void Output2DebugProcessPolicy::output(uint32_t channel, std::ostringstream& os,
+                                       int32_t /*reserved*/) {
+    debug_process(channel, "%s", FinishedLine(os).text());
+}
+
+template class Log<Output2FilePolicy>;
+template class Log<Output2DebugProcessPolicy>;
+
+QVDevLog::QVDevLog() = default;
+QVDevLog::~QVDevLog() = default;
+
+QVDebugProcLog::QVDebugProcLog() = default;
+QVDebugProcLog::~QVDebugProcLog() = default;
+
+}  // namespace qv

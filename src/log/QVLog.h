@@ -1,0 +1,154 @@
+// The qv logging framework: levels, the gate of a statement, loggers and their sinks.
+#ifndef PMTUD_QV_LOG_H
+#define PMTUD_QV_LOG_H
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace qv {
+
+/// A lower code is more severe.
+enum LogLevel : int32_t {
+    ERROR = 0,
+    WARNING = 1,
+    INFO = 2,
+    DEBUG = 3,
+    DEBUG1 = 4,
+    DEBUG2 = 5,
+    DEBUG3 = 6,
+    DEBUG4 = 7
+};
+
+namespace detail {
+inline int32_t reportingLevelSetting = WARNING;
+
+/// The memory that this thread's last line was built in, empty; building a line anew in it
+/// allocates nothing.
+std::string takeLineBuffer();
+}  // namespace detail
+
+/// The least severe level that is still written to the file channel, for the whole process.
+inline int32_t& reportingLevel() { return detail::reportingLevelSetting; }
+
+/// The file channel's stream: the process's standard error unless set otherwise; null
+/// switches the channel off.
+FILE*& stream();
+
+/// Whether the file channel writes statements of this level.
+inline bool isReported(LogLevel level) { return level <= reportingLevel() && stream() != nullptr; }
+
+/// The local time as "HH:MM:SS.t", t being tenths of a second.  Throws
+/// std::runtime_error where the time cannot be converted.
+std::string nowTime();
+
+/// The level's name; `level` must be one of the enumerators.
+std::string toString(LogLevel level);
+
+/// A logger lives for one statement: `get` begins the line, the statement inserts its
+/// message, and the destructor hands the line to Policy::output, also when an
+/// exception passes through the statement.
+template <typename Policy>
+class Log {
+ public:
+    Log() : m_os(detail::takeLineBuffer(), std::ios_base::out) {}
+    Log(const Log&) = delete;
+    Log& operator=(const Log&) = delete;
+    virtual ~Log() { Policy::output(m_channel, m_os, m_reserved); }
+
+    /// Begins a line of the file channel: time, level, and where the statement stands.
+    /// `file` is the source file's base name, `function` the compiler's pretty-function
+    /// text.
+    std::ostream& get(const char* file, int line, const char* function, LogLevel level) {
+        m_os << nowTime() << " " << toString(level) << ": [" << file << ":" << line << " | "
+             << function << "] ";
+        return m_os;
+    }
+
+    /// Begins a line for the debug process's module number `channel`.
+    std::ostream& get(uint32_t channel, const char* name) {
+        m_channel = channel;
+        m_os << " " << name << ": ";
+        return m_os;
+    }
+    std::ostream& get(uint32_t channel, const std::string& name) {
+        return get(channel, name.c_str());
+    }
+
+ private:
+    uint32_t m_channel = 0;
+    int32_t m_reserved = 0;
+    std::ostringstream m_os;
+};
+
+/// Writes the line, ended by CR LF, to stream().
+class Output2FilePolicy {
+ public:
+    static void output(uint32_t channel, std::ostringstream& os, int32_t reserved);
+};
+
+/// Hands the line, without a line end, to the platform's debug process.
+class Output2DebugProcessPolicy {
+ public:
+    static void output(uint32_t channel, std::ostringstream& os, int32_t reserved);
+};
+
+extern template class Log<Output2FilePolicy>;
+extern template class Log<Output2DebugProcessPolicy>;
+
+class QVDevLog : public Log<Output2FilePolicy> {
+ public:
+    QVDevLog();
+    ~QVDevLog() override;
+};
+
+class QVDebugProcLog : public Log<Output2DebugProcessPolicy> {
+ public:
+    QVDebugProcLog();
+    ~QVDebugProcLog() override;
+};
+
+namespace detail {
+
+/// A source file's name without its extension, as a constant of its own.
+template <std::size_t Size>
+struct BaseName {
+    consteval BaseName(const char (&fileName)[Size]) {
+        const std::string_view stem =
+            std::string_view(fileName).substr(0, std::string_view(fileName).rfind('.'));
+        for (std::size_t i = 0; i < stem.size(); ++i) text[i] = stem[i];
+    }
+    std::array<char, Size> text{};
+};
+
+template <BaseName Name>
+inline constexpr auto kBaseName = Name.text;
+
+/// Ends a statement: turns the stream into void, binding weaker than << and tighter than ?:.
+struct EndOfStatement {
+    void operator&(const std::ostream&) const {}
+};
+
+}  // namespace detail
+}  // namespace qv
+
+/// A statement with a level: QV_LOG(WARNING, 40) << "text " << value;
+/// The line number is stated, not taken from the source: log lines are matched on it, so it
+/// stays when the code moves.  Nothing behind the gate is evaluated where the file channel
+/// does not report the level.
+#define QV_LOG(LEVEL, LINE) QV_LOG_IN(LEVEL, LINE, __PRETTY_FUNCTION__)
+
+/// The same, for where the compiler's text of the function is not the one that lines show.
+#define QV_LOG_IN(LEVEL, LINE, FUNCTION)                                                  \
+    !::qv::isReported(::qv::LogLevel::LEVEL)                                              \
+        ? static_cast<void>(0)                                                            \
+        : ::qv::detail::EndOfStatement() &                                                \
+              ::qv::QVDevLog().get(::qv::detail::kBaseName<__FILE_NAME__>.data(), (LINE), \
+                                   (FUNCTION), ::qv::LogLevel::LEVEL)
+
+#endif

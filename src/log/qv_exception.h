@@ -1,0 +1,18 @@
+// The framework's error class.
+#ifndef PMTUD_QV_EXCEPTION_H
+#define PMTUD_QV_EXCEPTION_H
+
+#include <stdexcept>
+
+namespace qv {
+
+/// Deliberately no public std::exception: only a handler that names qv::exception catches it.
+class exception : private std::runtime_error {
+ public:
+    using std::runtime_error::runtime_error;
+    using std::runtime_error::what;
+};
+
+}  // namespace qv
+
+#endif

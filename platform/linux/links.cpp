@@ -1,0 +1,190 @@
+// The kernel's link messages (rtnetlink): what interfaces there are, and what changes.
+#include "links.h"
+
+#include <linux/if_link.h>
+#include <linux/rtnetlink.h>
+#include <net/if_arp.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+#include <system_error>
+
+namespace pmtud_linux {
+
+namespace {
+
+// The kernel's own limit for the messages of a dump is 32 KiB.
+constexpr size_t bufferSize = 32768;
+
+// A thousand interfaces that appear at once must not overrun the socket.
+constexpr int receiveBuffer = 1 << 20;
+
+// The kernel answers at once; this is for the case that the end of its list was lost.
+constexpr int answerTimeout = 1000;
+
+struct Attributes {
+    Link link;
+    std::string_view kind;
+    bool otherNamespace = false;
+};
+
+bool readNumber(const nlattr* attribute, uint32_t& number) {
+    if (mnl_attr_validate(attribute, MNL_TYPE_U32) < 0) return false;
+    number = mnl_attr_get_u32(attribute);
+    return true;
+}
+
+std::string_view text(const nlattr* attribute) {
+    const auto* const start = static_cast<const char*>(mnl_attr_get_payload(attribute));
+    return {start, strnlen(start, mnl_attr_get_payload_len(attribute))};
+}
+
+int readKind(const nlattr* attribute, void* data) {
+    if (mnl_attr_get_type(attribute) == IFLA_INFO_KIND)
+        *static_cast<std::string_view*>(data) = text(attribute);
+    return MNL_CB_OK;
+}
+
+int readAttribute(const nlattr* attribute, void* data) {
+    Attributes& attributes = *static_cast<Attributes*>(data);
+    switch (mnl_attr_get_type(attribute)) {
+        case IFLA_IFNAME:
+            attributes.link.name = text(attribute);
+            return MNL_CB_OK;
+        case IFLA_MTU:
+            return readNumber(attribute, attributes.link.mtu) ? MNL_CB_OK : MNL_CB_ERROR;
+        case IFLA_LINK:
+            return readNumber(attribute, attributes.link.lower) ? MNL_CB_OK : MNL_CB_ERROR;
+        case IFLA_LINK_NETNSID:
+            attributes.otherNamespace = true;
+            return MNL_CB_OK;
+        case IFLA_LINKINFO:
+            return mnl_attr_parse_nested(attribute, readKind, &attributes.kind);
+        default:
+            return MNL_CB_OK;
+    }
+}
+
+}  // namespace
+
+std::optional<Link> decodeLink(const nlmsghdr& message) {
+    if (message.nlmsg_type != RTM_NEWLINK && message.nlmsg_type != RTM_DELLINK) return std::nullopt;
+    if (mnl_nlmsg_get_payload_len(&message) < sizeof(ifinfomsg)) return std::nullopt;
+    ifinfomsg header;
+    std::memcpy(&header, mnl_nlmsg_get_payload(&message), sizeof header);
+    // A bridge announces its ports with messages of its own family; there, "deleted"
+    // means that the interface left the bridge.
+    if (header.ifi_family != AF_UNSPEC) return std::nullopt;
+
+    Attributes attributes;
+    if (mnl_attr_parse(&message, sizeof header, readAttribute, &attributes) < 0)
+        return std::nullopt;
+    Link& link = attributes.link;
+    link.ifindex = static_cast<uint32_t>(header.ifi_index);
+    link.gone = message.nlmsg_type == RTM_DELLINK;
+    link.ethernet = header.ifi_type == ARPHRD_ETHER;
+    // A veth names its peer here, which is no interface that its packets come through.
+    if (attributes.otherNamespace || attributes.kind == "veth") link.lower = 0;
+    return link;
+}
+
+int LinkMonitor::open() {
+    MnlSocket opened(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (!opened) return -errno;
+    if (mnl_socket_bind(opened.get(), RTMGRP_LINK, MNL_SOCKET_AUTOPID) < 0) return -errno;
+    // Without the privilege the system's own limit has to do: an overrun is made good.
+    const int socket = mnl_socket_get_fd(opened.get());
+    setsockopt(socket, SOL_SOCKET, SO_RCVBUFFORCE, &receiveBuffer, sizeof receiveBuffer);
+    m_socket = std::move(opened);
+    return 0;
+}
+
+LinkMonitor::Read LinkMonitor::read(const std::function<void(const nlmsghdr&)>& take) {
+    alignas(nlmsghdr) std::array<char, bufferSize> buffer;
+    const ssize_t received = recv(fd(), buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
+    if (received < 0) {
+        if (errno == EAGAIN || errno == EINTR) return Read::none;
+        return errno == ENOBUFS ? Read::lost : Read::failed;
+    }
+    if (static_cast<size_t>(received) > buffer.size()) return Read::lost;
+    int left = static_cast<int>(received);
+    const auto* message = reinterpret_cast<const nlmsghdr*>(buffer.data());
+    for (; mnl_nlmsg_ok(message, left); message = mnl_nlmsg_next(message, &left)) take(*message);
+    return Read::some;
+}
+
+int LinkMonitor::list(VlanTable& table) {
+    // What changed while the kernel was listing makes the list doubtful; it is asked for again.
+    constexpr int attempts = 10;
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        alignas(nlmsghdr) std::array<char, 256> request{};
+        nlmsghdr* const header = mnl_nlmsg_put_header(request.data());
+        header->nlmsg_type = RTM_GETLINK;
+        header->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+        header->nlmsg_seq = ++m_sequence;
+        mnl_nlmsg_put_extra_header(header, sizeof(ifinfomsg));
+        mnl_attr_put_u32(header, IFLA_EXT_MASK, RTEXT_FILTER_SKIP_STATS);
+        if (mnl_socket_sendto(m_socket.get(), header, header->nlmsg_len) < 0) return -errno;
+
+        VlanTable fresh;
+        bool done = false;
+        bool doubtful = false;
+        int error = 0;
+        const auto take = [&](const nlmsghdr& message) {
+            const bool answer = message.nlmsg_seq == m_sequence;
+            if (answer && (message.nlmsg_flags & NLM_F_DUMP_INTR) != 0) doubtful = true;
+            if (answer && message.nlmsg_type == NLMSG_DONE) done = true;
+            if (answer && message.nlmsg_type == NLMSG_ERROR &&
+                mnl_nlmsg_get_payload_len(&message) >= sizeof(nlmsgerr))
+                error = static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(&message))->error;
+            if (const auto link = decodeLink(message)) fresh.apply(*link);
+        };
+        while (!done && error == 0) {
+            switch (read(take)) {
+                case Read::some:
+                    break;
+                case Read::none: {
+                    pollfd readable{fd(), POLLIN, 0};
+                    if (poll(&readable, 1, answerTimeout) == 0) return -ETIMEDOUT;
+                    break;
+                }
+                case Read::lost:
+                    doubtful = true;
+                    break;
+                case Read::failed:
+                    return -errno;
+            }
+        }
+        if (error != 0) return error;
+        if (doubtful) continue;
+        table = std::move(fresh);
+        return 0;
+    }
+    return -EAGAIN;
+}
+
+bool LinkMonitor::follow(VlanTable& table) {
+    bool changed = false;
+    const auto take = [&](const nlmsghdr& message) {
+        const auto link = decodeLink(message);
+        if (link && table.apply(*link)) changed = true;
+    };
+    for (Read result = read(take); result != Read::none; result = read(take)) {
+        if (result == Read::lost) m_stale = true;
+        if (result == Read::failed)
+            throw std::system_error(errno, std::generic_category(), "link messages");
+    }
+    if (!m_stale) return changed;
+
+    const int result = list(table);
+    if (result != 0 && result != -EAGAIN && result != -ETIMEDOUT)
+        throw std::system_error(-result, std::generic_category(), "list of links");
+    m_stale = result != 0;
+    return true;
+}
+
+}  // namespace pmtud_linux

@@ -1,0 +1,55 @@
+// The kernel's link messages (rtnetlink): what interfaces there are, and what changes.
+#ifndef PMTUD_LINUX_LINKS_H
+#define PMTUD_LINUX_LINKS_H
+
+#include <libmnl/libmnl.h>
+
+#include <functional>
+#include <memory>
+#include <optional>
+
+#include "vlan_table.h"
+
+namespace pmtud_linux {
+
+struct MnlSocketClose {
+    void operator()(mnl_socket* socket) const { mnl_socket_close(socket); }
+};
+using MnlSocket = std::unique_ptr<mnl_socket, MnlSocketClose>;
+
+/// The interface that a whole RTM_NEWLINK or RTM_DELLINK message describes; nothing
+/// for any other message, and for what a bridge tells about its ports.
+std::optional<Link> decodeLink(const nlmsghdr& message);
+
+class LinkMonitor {
+ public:
+    /// Subscribes to link changes.  0 or a negative errno value.
+    int open();
+
+    /// Readable when there are changes to follow.
+    int fd() const { return mnl_socket_get_fd(m_socket.get()); }
+
+    /// Asks for all interfaces and fills the table anew.  0 or a negative errno value.
+    int list(VlanTable& table);
+
+    /// Applies all changes that have arrived to the table, without waiting for more;
+    /// where some were lost, fills the table anew.  True where the table may have
+    /// changed.  Throws std::system_error where the socket fails.
+    bool follow(VlanTable& table);
+
+    /// Changes were lost and the table could not be filled anew: follow is to be called
+    /// again soon, whether or not there are changes.
+    bool stale() const { return m_stale; }
+
+ private:
+    enum class Read { some, none, lost, failed };
+    Read read(const std::function<void(const nlmsghdr&)>& take);
+
+    MnlSocket m_socket;
+    unsigned int m_sequence = 0;
+    bool m_stale = false;
+};
+
+}  // namespace pmtud_linux
+
+#endif

@@ -1,0 +1,36 @@
+// A connection to nftables through libnftables: what it installs is gone when it closes.
+#include "nft_table.h"
+
+#include <cerrno>
+#include <cstring>
+
+namespace pmtud_linux {
+
+// libnftables reports the kernel's answer in words only: errno is overwritten behind it.
+int errorOfMessage(std::string_view message) {
+    constexpr int lastError = 133;
+    const std::string_view line = message.substr(0, message.find('\n'));
+    for (int error = 1; error <= lastError; ++error) {
+        const char* const words = strerrordesc_np(error);
+        if (words != nullptr && line.ends_with(std::string(": ") + words)) return error;
+    }
+    return EINVAL;
+}
+
+int NftConnection::open() {
+    m_context.reset(nft_ctx_new(NFT_CTX_DEFAULT));
+    if (!m_context) return -ENOMEM;
+    // Nothing of the library's may reach the daemon's own standard output and error.
+    if (nft_ctx_buffer_output(m_context.get()) != 0 || nft_ctx_buffer_error(m_context.get()) != 0)
+        return -ENOMEM;
+    return 0;
+}
+
+int NftConnection::run(const std::string& commands) {
+    if (nft_run_cmd_from_buffer(m_context.get(), commands.c_str()) == 0) return 0;
+    const std::string_view message = nft_ctx_get_error_buffer(m_context.get());
+    m_problem = message.substr(0, message.find('\n'));
+    return -errorOfMessage(message);
+}
+
+}  // namespace pmtud_linux

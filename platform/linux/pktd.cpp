@@ -1,0 +1,101 @@
+// The packet-dispatch queue: the kernel picks and copies the packets, a thread hands them over.
+#include <signal.h>
+
+#include <cerrno>
+#include <memory>
+#include <new>
+#include <system_error>
+#include <thread>
+
+#include "dispatcher.h"
+#include "seam.h"
+#include "txqueue.h"
+
+using pmtud_linux::Dispatcher;
+using pmtud_linux::TxQueue;
+
+uint8_t pktd_tx_queue_pool[25980];
+uint8_t pktd_rx_queue_pool[25980];
+uint8_t pktd_rx_wl_pool[25980];
+
+namespace {
+
+constexpr size_t queueOffset = 8;  // of the transmit queue in its pool
+
+struct Client {
+    Dispatcher dispatcher;
+    TxQueue txQueue;
+    bool running = false;
+};
+
+// Never destroyed: the receive thread uses it until the process is gone, also while the
+// static objects of the process are being destroyed.
+Client* client = nullptr;
+
+int attach() {
+    auto attached = std::make_unique<Client>();
+    if (const int result = attached->txQueue.open(); result != 0) return result;
+    if (const int result = attached->dispatcher.attach(); result != 0) return result;
+    client = attached.release();
+    return 0;
+}
+
+// The process's signals are the main thread's.
+int startThread(Dispatcher& dispatcher, pktd_rx_cb_t callback) {
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    if (const int error = pthread_sigmask(SIG_SETMASK, &all, &before); error != 0) return -error;
+    int result = 0;
+    try {
+        std::thread([&dispatcher, callback] { dispatcher.run(callback); }).detach();
+    } catch (const std::system_error& error) {
+        result = -error.code().value();
+    } catch (const std::bad_alloc&) {
+        result = -ENOMEM;
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return result;
+}
+
+// Without a thread the rules would drop packets that nobody answers.
+int detach(int result) {
+    delete client;
+    client = nullptr;
+    return result;
+}
+
+}  // namespace
+
+int pktd_shm_queue_init(const char* name, int, int, void*, void*) {
+    if (name == nullptr) return -EINVAL;
+    if (client != nullptr) return -EALREADY;
+    try {
+        return attach();
+    } catch (const std::bad_alloc&) {
+        return -ENOMEM;
+    }
+}
+
+int pktd_shm_rx_thread_init(const char* name, void*, void*, int, int, pktd_rx_cb_t callback,
+                            void*) {
+    if (client == nullptr) return -ENOTCONN;
+    if (client->running) return -EALREADY;
+    if (name == nullptr || callback == nullptr) return detach(-EINVAL);
+    if (const int result = startThread(client->dispatcher, callback); result != 0)
+        return detach(result);
+    client->running = true;
+    return 0;
+}
+
+int pktd_queue_entry_data_vlan_based_init(st_pktd_shm_queue_entry_data_t* entry, int proto, int vid,
+                                          const uint8_t* frame, size_t len) {
+    return pmtud_linux::fillRecord(entry, proto, vid, frame, len);
+}
+
+int shm_data_entry_post(void* queue, st_pktd_shm_queue_entry_data_t* entry, size_t len,
+                        uint32_t* out) {
+    if (queue != pktd_tx_queue_pool + queueOffset || entry == nullptr) return -EINVAL;
+    if (client == nullptr) return -ENOTCONN;
+    return client->txQueue.post(*entry, len, out);
+}

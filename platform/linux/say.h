@@ -1,0 +1,34 @@
+// The platform's own lines on the debug channel.
+#ifndef PMTUD_LINUX_SAY_H
+#define PMTUD_LINUX_SAY_H
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+namespace pmtud_linux {
+
+/// Hands " PMTUD-Linux: " and the text to the debug process under the daemon's module number.
+void say(const std::string& text);
+
+/// Counts events of one kind so that a burst of them is said in one line.
+class Burst {
+ public:
+    using Clock = std::chrono::steady_clock;
+
+    void count(uint64_t events) { m_unsaid += events; }
+
+    /// How many events to say now, 0 for none: all that were counted since the last
+    /// line, once the burst is over or, while it lasts, once a second.
+    uint64_t due(bool over, Clock::time_point now);
+
+    bool pending() const { return m_unsaid != 0; }
+
+ private:
+    uint64_t m_unsaid = 0;
+    Clock::time_point m_said{};
+};
+
+}  // namespace pmtud_linux
+
+#endif

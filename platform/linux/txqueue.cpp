@@ -1,0 +1,99 @@
+// The transmit queue: frames posted through a packet socket.
+#include "txqueue.h"
+
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <cerrno>
+#include <cstring>
+#include <limits>
+
+#include "vlan_name.h"
+
+namespace pmtud_linux {
+
+namespace {
+
+struct Egress {
+    int ifindex = 0;  // 0: there is none
+    int vlan = 0;     // 0: it is no bcm0.N, and takes a frame as it stands
+};
+
+Egress portEgress(int socket, int unit, int port) {
+    if (unit != 0 || port < 0 || port == std::numeric_limits<int>::max()) return {};
+    const std::string name = nameOfInterface(socket, port + 1);
+    if (name.empty()) return {};
+    return {port + 1, vlanOfName(name)};
+}
+
+Egress vlanEgress(int socket, int vlan) {
+    if (vlan < firstVlan || vlan > lastVlan) return {};
+    ifreq request{};
+    if (!putName(request, nameOfVlan(vlan))) return {};
+    if (ioctl(socket, SIOCGIFINDEX, &request) != 0) return {};
+    return {request.ifr_ifindex, vlan};
+}
+
+bool isTagged(const uint8_t* frame, size_t length, int vlan) {
+    constexpr size_t taggedHeaderSize = ETH_HLEN + 4;
+    if (length < taggedHeaderSize) return false;
+    if (frame[12] != ETH_P_8021Q >> 8 || frame[13] != (ETH_P_8021Q & 0xff)) return false;
+    return ((frame[14] & 0x0f) << 8 | frame[15]) == vlan;
+}
+
+}  // namespace
+
+int fillRecord(st_pktd_shm_queue_entry_data_t* record, int proto, int vid, const uint8_t* frame,
+               size_t length) {
+    if (record == nullptr || frame == nullptr) return -EINVAL;
+    if (length > sizeof record->opaque_0) return -EMSGSIZE;
+    std::memset(record, 0, sizeof *record);
+    std::memcpy(record->opaque_0, frame, length);
+    record->ctrl.proto = proto;
+    record->ctrl.vid = vid;
+    return 0;
+}
+
+int TxQueue::open() {
+    // Protocol 0: the socket only sends, and no packet is copied to it.
+    m_socket.reset(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
+    return m_socket.valid() ? 0 : -errno;
+}
+
+int TxQueue::post(const st_pktd_shm_queue_entry_data_t& record, size_t length,
+                  uint32_t* out) const {
+    if (length < ETH_HLEN) return -EINVAL;
+    if (length > sizeof record.opaque_0) return -EMSGSIZE;
+    const st_pktd_shm_queue_entry_ctrl_t& control = record.ctrl;
+    const Egress egress = control.dst_valid != 0
+                              ? portEgress(m_socket.get(), control.dst_unit, control.dst_port)
+                              : vlanEgress(m_socket.get(), control.vid);
+    if (egress.ifindex == 0) return -ENODEV;
+
+    constexpr size_t addressesSize = 2 * ETH_ALEN;
+    constexpr size_t tagSize = 4;
+    const uint8_t* const frame = record.opaque_0;
+    const size_t rest = addressesSize + (isTagged(frame, length, egress.vlan) ? tagSize : 0);
+    // sendmsg(2) only reads the pieces.
+    iovec pieces[] = {{const_cast<uint8_t*>(frame), addressesSize},
+                      {const_cast<uint8_t*>(frame) + rest, length - rest}};
+
+    sockaddr_ll to{};
+    to.sll_family = AF_PACKET;
+    to.sll_ifindex = egress.ifindex;
+    std::memcpy(&to.sll_protocol, frame + rest, sizeof to.sll_protocol);
+    msghdr message{};
+    message.msg_name = &to;
+    message.msg_namelen = sizeof to;
+    message.msg_iov = pieces;
+    message.msg_iovlen = 2;
+    const ssize_t sent = sendmsg(m_socket.get(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent < 0) return -errno;
+    if (out != nullptr) *out = static_cast<uint32_t>(sent);
+    return 0;
+}
+
+}  // namespace pmtud_linux

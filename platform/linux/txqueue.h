@@ -1,0 +1,37 @@
+// The transmit queue: frames posted through a packet socket.
+#ifndef PMTUD_LINUX_TXQUEUE_H
+#define PMTUD_LINUX_TXQUEUE_H
+
+#include <cstddef>
+#include <cstdint>
+
+#include "descriptor.h"
+#include "pktd_record.h"
+
+namespace pmtud_linux {
+
+/// Writes the whole record, with a copy of the frame in its first 9,000 bytes.
+/// 0, -EINVAL for a missing argument, -EMSGSIZE for a frame that does not fit.
+int fillRecord(st_pktd_shm_queue_entry_data_t* record, int proto, int vid, const uint8_t* frame,
+               size_t length);
+
+class TxQueue {
+ public:
+    /// 0 or a negative errno value.
+    int open();
+
+    void close() { m_socket.reset(); }
+
+    /// Sends the record's frame out of the unit and port that it names, where its
+    /// dst_valid is set, else out of its VLAN's interface.  A bcm0.N takes untagged
+    /// frames: a tag of VLAN N is left out.  *out: the bytes sent.  0 or a negative errno
+    /// value, -ENODEV where there is no such unit, port or VLAN.
+    int post(const st_pktd_shm_queue_entry_data_t& record, size_t length, uint32_t* out) const;
+
+ private:
+    Descriptor m_socket;
+};
+
+}  // namespace pmtud_linux
+
+#endif

@@ -1,0 +1,42 @@
+// The names of layer-3 VLAN interfaces, and the kernel's numbers for them.
+#include "vlan_name.h"
+
+#include <sys/ioctl.h>
+
+#include <charconv>
+#include <cstring>
+
+namespace pmtud_linux {
+
+namespace {
+constexpr std::string_view prefix = "bcm0.";
+}
+
+int vlanOfName(std::string_view name) {
+    if (!name.starts_with(prefix)) return 0;
+    const std::string_view digits = name.substr(prefix.size());
+    if (digits.empty() || digits.front() == '0') return 0;
+    int vlan = 0;
+    const char* const end = digits.data() + digits.size();
+    const auto [stop, error] = std::from_chars(digits.data(), end, vlan);
+    if (error != std::errc{} || stop != end) return 0;
+    return vlan >= firstVlan && vlan <= lastVlan ? vlan : 0;
+}
+
+std::string nameOfVlan(int vlan) { return std::string(prefix) + std::to_string(vlan); }
+
+std::string nameOfInterface(int socket, int ifindex) {
+    ifreq request{};
+    request.ifr_ifindex = ifindex;
+    if (ioctl(socket, SIOCGIFNAME, &request) != 0) return {};
+    return {request.ifr_name, strnlen(request.ifr_name, sizeof request.ifr_name)};
+}
+
+bool putName(ifreq& request, std::string_view name) {
+    if (name.size() >= sizeof request.ifr_name) return false;
+    std::memset(request.ifr_name, 0, sizeof request.ifr_name);
+    std::memcpy(request.ifr_name, name.data(), name.size());
+    return true;
+}
+
+}  // namespace pmtud_linux

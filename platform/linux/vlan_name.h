@@ -1,0 +1,31 @@
+// The names of layer-3 VLAN interfaces: "bcm0." and the VLAN.
+#ifndef PMTUD_LINUX_VLAN_NAME_H
+#define PMTUD_LINUX_VLAN_NAME_H
+
+#include <net/if.h>
+
+#include <string>
+#include <string_view>
+
+namespace pmtud_linux {
+
+constexpr int firstVlan = 1;
+constexpr int lastVlan = 4094;
+
+/// The VLAN (1 to 4094) of the interface so named, or 0 where the name is not exactly
+/// "bcm0." and that number in decimal without leading zeros.
+int vlanOfName(std::string_view name);
+
+/// The name of the VLAN's interface.
+std::string nameOfVlan(int vlan);
+
+/// The name of the interface numbered ifindex, asked of the kernel through any socket;
+/// empty where there is none.
+std::string nameOfInterface(int socket, int ifindex);
+
+/// Writes the name into a request of the interface ioctls; false where it is too long.
+bool putName(ifreq& request, std::string_view name);
+
+}  // namespace pmtud_linux
+
+#endif

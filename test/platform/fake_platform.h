@@ -1,0 +1,91 @@
+// The scripted fake of the switch platform, linked into the unit tests in its place.
+#ifndef PMTUD_TEST_FAKE_PLATFORM_H
+#define PMTUD_TEST_FAKE_PLATFORM_H
+
+#include <netinet/in.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "arpd.h"
+#include "cfg.h"
+#include "debug_process.h"
+#include "pktd.h"
+
+namespace fake {
+
+/// A line that debug_process was given.
+struct DebugLine {
+    uint32_t channel;
+    std::string format;
+    std::string text;
+    bool operator==(const DebugLine&) const = default;
+};
+
+/// A message that arpd_ipv6_pkt_send was given.
+struct Icmp6Message {
+    int32_t fd;
+    sockaddr_in6 to;
+    int iovcnt;
+    std::vector<uint8_t> bytes;
+    uint32_t ifindex;
+};
+
+/// A frame that shm_data_entry_post was given.
+struct PostedEntry {
+    void* queue;
+    std::vector<uint8_t> record;
+    std::size_t len;
+};
+
+/// What the platform answers, and what it saw.  Every answer may throw.
+struct Platform {
+    std::function<int()> cfgInit = [] { return 0; };
+    std::function<int()> cfgAddPid = [] { return 0; };
+    std::function<int()> updateTimeZone = [] { return 0; };
+    std::function<int()> cfgClearPid = [] { return 0; };
+    std::function<int(int egress)> destVlan = [](int) { return 100; };
+    std::function<uint32_t(int vlan)> vlanMtu = [](int) { return 1500U; };
+    std::function<int(int vlan)> mtuVlan = [](int vlan) { return vlan; };
+
+    std::function<int()> queueInit = [] { return 0; };
+    std::function<int()> rxThreadInit = [] { return 0; };
+    /// The record's bytes stay as they were on entry unless this changes them.
+    std::function<int(st_pktd_shm_queue_entry_data_t*)> recordInit =
+        [](st_pktd_shm_queue_entry_data_t*) { return 0; };
+    std::function<int()> post = [] { return 0; };
+
+    std::function<int(int32_t* fd)> icmp6SocketCreate = [](int32_t* fd) {
+        *fd = 606;
+        return 0;
+    };
+    std::function<int()> icmp6Send = [] { return 0; };
+    std::function<void(const DebugLine&)> onDebugLine = [](const DebugLine&) {};
+
+    /// Every call but debug_process, in order, as it stands in a C source:
+    /// "cfg_add_pid(\"pmtud\")", "cfg_vlan_l3_get_mtu(100)",
+    /// "pktd_shm_queue_init(\"pmtud\", 0, 1, pktd_tx_queue_pool, pktd_rx_queue_pool)",
+    /// "arpd_icmp6_socket_create(\"bcm0.20\")", "arpd_ipv6_pkt_send(606, 3)" (fd, ifindex), ...
+    std::vector<std::string> calls;
+    std::vector<DebugLine> debugLines;
+    std::vector<Icmp6Message> icmp6Messages;
+    std::vector<PostedEntry> posted;
+    /// What pktd_shm_rx_thread_init was given.
+    pktd_rx_cb_t callback = nullptr;
+
+    /// The texts of debugLines alone.
+    std::vector<std::string> debugTexts() const;
+};
+
+/// The platform that the seam's functions answer from.
+Platform& platform();
+
+/// Back to the answers above, with nothing seen.
+void resetPlatform();
+
+}  // namespace fake
+
+#endif

@@ -1,0 +1,60 @@
+// System calls that a test must see or fail, intercepted at link time (ld --wrap).
+#ifndef PMTUD_TEST_FAKE_SYSCALLS_H
+#define PMTUD_TEST_FAKE_SYSCALLS_H
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace fake {
+
+/// A message that sendto was given.
+struct SentMessage {
+    int fd;
+    std::vector<uint8_t> bytes;
+    int flags;
+    sockaddr_in to;
+    unsigned addressLength;
+};
+
+/// What the calls answer, and what they saw.  None reaches the kernel.
+struct Syscalls {
+    std::function<int()> socket = [] { return 404; };
+    std::function<int()> setsockopt = [] { return 0; };
+    /// The result; a negative one is not counted as sent by the kernel but is still recorded.
+    std::function<long(std::size_t len)> sendto = [](std::size_t len) {
+        return static_cast<long>(len);
+    };
+    std::function<int()> close = [] { return 0; };
+    std::function<unsigned(const std::string& name)> ifNameToIndex = [](const std::string&) {
+        return 7U;
+    };
+
+    /// In order: "socket(2, 3, 1)", "setsockopt(404, 0, 2, [64], 1)" (value bytes, length),
+    /// "sendto(404, 68 bytes, 0, 16)" (flags, address length), "close(404)",
+    /// "if_nametoindex(\"bcm0.20\")".
+    std::vector<std::string> calls;
+    std::vector<SentMessage> sent;
+};
+
+Syscalls& syscalls();
+void resetSyscalls();
+
+/// The clock that log lines show; 14:03:07.245 after a reset.
+struct Clock {
+    int hour = 14;
+    int minute = 3;
+    int second = 7;
+    long microseconds = 245000;
+    bool localtimeFails = false;
+};
+
+Clock& clock();
+void resetClock();
+
+}  // namespace fake
+
+#endif

@@ -1,0 +1,26 @@
+// The network that replies are sent into: bcm0.10 here, its peer in a namespace of its own.
+#ifndef PMTUD_BENCH_NETWORK_H
+#define PMTUD_BENCH_NETWORK_H
+
+#include <sys/types.h>
+
+namespace bench {
+
+/// Moves this process into a network namespace of its own, joined by a veth pair, bcm0.10
+/// here, to a peer namespace that lives as long as this object.  Addresses: here
+/// 10.0.10.1 and fd00:10::1, the peer 10.0.10.2 and fd00:10::2.  Throws
+/// std::runtime_error, saying what is missing, where that cannot be had.
+class Network {
+ public:
+    Network();
+    Network(const Network&) = delete;
+    Network& operator=(const Network&) = delete;
+    ~Network();
+
+ private:
+    pid_t m_peer;
+};
+
+}  // namespace bench
+
+#endif

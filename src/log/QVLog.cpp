@@ -5,6 +5,7 @@
 
 #include <ctime>
 #include <stdexcept>
+#include <utility>
 
 #include "debug_process.h"
 
@@ -34,8 +35,6 @@ class FinishedLine {
 };
 
 }  // namespace
-
-std::string detail::takeLineBuffer() { return std::move(spareLineBuffer); }
 
 FILE*& stream() {
     static FILE* fileChannel = stderr;
@@ -80,6 +79,34 @@ void Output2FilePolicy::output(uint32_t /*channel*/, std::ostringstream& os, int
 void Output2DebugProcessPolicy::output(uint32_t channel, std::ostringstream& os,
                                        int32_t /*reserved*/) {
     debug_process(channel, "%s", FinishedLine(os).text());
+}
+
+// Building a line in the memory of the thread's last one allocates nothing.
+template <typename Policy>
+Log<Policy>::Log() : m_os(std::move(spareLineBuffer), std::ios_base::out) {}
+
+template <typename Policy>
+Log<Policy>::~Log() {
+    Policy::output(m_channel, m_os, m_reserved);
+}
+
+template <typename Policy>
+std::ostream& Log<Policy>::get(const char* file, int line, const char* function, LogLevel level) {
+    m_os << nowTime() << " " << toString(level) << ": [" << file << ":" << line << " | " << function
+         << "] ";
+    return m_os;
+}
+
+template <typename Policy>
+std::ostream& Log<Policy>::get(uint32_t channel, const char* name) {
+    m_channel = channel;
+    m_os << " " << name << ": ";
+    return m_os;
+}
+
+template <typename Policy>
+std::ostream& Log<Policy>::get(uint32_t channel, const std::string& name) {
+    return get(channel, name.c_str());
 }
 
 template class Log<Output2FilePolicy>;

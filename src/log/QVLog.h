@@ -6,10 +6,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <ostream>
 #include <sstream>
 #include <string>
 #include <string_view>
-#include <utility>
 
 namespace qv {
 
@@ -27,11 +27,7 @@ enum LogLevel : int32_t {
 
 namespace detail {
 inline int32_t reportingLevelSetting = WARNING;
-
-/// The memory that this thread's last line was built in, empty; building a line anew in it
-/// allocates nothing.
-std::string takeLineBuffer();
-}  // namespace detail
+}
 
 /// The least severe level that is still written to the file channel, for the whole process.
 inline int32_t& reportingLevel() { return detail::reportingLevelSetting; }
@@ -56,29 +52,19 @@ std::string toString(LogLevel level);
 template <typename Policy>
 class Log {
  public:
-    Log() : m_os(detail::takeLineBuffer(), std::ios_base::out) {}
+    Log();
     Log(const Log&) = delete;
     Log& operator=(const Log&) = delete;
-    virtual ~Log() { Policy::output(m_channel, m_os, m_reserved); }
+    virtual ~Log();
 
     /// Begins a line of the file channel: time, level, and where the statement stands.
     /// `file` is the source file's base name, `function` the compiler's pretty-function
     /// text.
-    std::ostream& get(const char* file, int line, const char* function, LogLevel level) {
-        m_os << nowTime() << " " << toString(level) << ": [" << file << ":" << line << " | "
-             << function << "] ";
-        return m_os;
-    }
+    std::ostream& get(const char* file, int line, const char* function, LogLevel level);
 
     /// Begins a line for the debug process's module number `channel`.
-    std::ostream& get(uint32_t channel, const char* name) {
-        m_channel = channel;
-        m_os << " " << name << ": ";
-        return m_os;
-    }
-    std::ostream& get(uint32_t channel, const std::string& name) {
-        return get(channel, name.c_str());
-    }
+    std::ostream& get(uint32_t channel, const char* name);
+    std::ostream& get(uint32_t channel, const std::string& name);
 
  private:
     uint32_t m_channel = 0;
@@ -97,9 +83,6 @@ class Output2DebugProcessPolicy {
  public:
     static void output(uint32_t channel, std::ostringstream& os, int32_t reserved);
 };
-
-extern template class Log<Output2FilePolicy>;
-extern template class Log<Output2DebugProcessPolicy>;
 
 class QVDevLog : public Log<Output2FilePolicy> {
  public:

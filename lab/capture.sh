@@ -1,0 +1,31 @@
+# shellcheck shell=bash
+# What host a sees on its link, as tcpdump captures it.
+
+# lab_start_capture FILE
+# Captures to FILE, which may be /dev/fd/N.
+lab_start_capture() {
+    lab_capture_file=$1
+    # A pipe, because tcpdump may be confined to files of certain names.
+    local pipe
+    exec {pipe}> >(exec cat >"$lab_capture_file")
+    lab_capture_writer=$!
+    ip netns exec a tcpdump -i eth0 -n -U --immediate-mode -w - \
+        1>&"$pipe" 2>"$LAB_FILES/tcpdump" &
+    lab_capture=$!
+    disown
+    exec {pipe}>&-
+    lab_await 5 "tcpdump to listen" grep -q 'listening on' "$LAB_FILES/tcpdump"
+}
+
+# lab_captured [FILTER OR OPTION...]
+# What has been captured, a line for each packet, without the time.
+lab_captured() {
+    tcpdump -n -t -r "$lab_capture_file" "$@" 2>"$LAB_FILES/tcpdump.read"
+}
+
+# tcpdump writes out what it has and ends.
+lab_stop_capture() {
+    kill -TERM "$lab_capture"
+    lab_await 5 "tcpdump to end" lab_is_gone "$lab_capture"
+    lab_await 5 "the capture to be written" lab_is_gone "$lab_capture_writer"
+}

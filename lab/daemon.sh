@@ -1,0 +1,45 @@
+# shellcheck shell=bash
+# The daemon under observation: started on the switch, watched, and killed.
+
+# lab_start_daemon PROGRAM [WRAPPER...]
+# Starts the program on the switch, through the wrapper if there is one.  Its process number is
+# in lab_daemon, its standard error in a file of its own.
+lab_start_daemon() {
+    local -r program=$1
+    shift
+    lab_daemon_output=$LAB_FILES/daemon.$((lab_daemons += 1))
+    ip netns exec switch "$@" "$program" >"$lab_daemon_output" 2>&1 &
+    lab_daemon=$!
+    disown
+}
+lab_daemons=0
+
+lab_daemon_table() {
+    lab_on switch nft list table inet pmtud 2>"$LAB_FILES/nft"
+}
+
+# Whether the daemon's rules are there.
+lab_has_taken_over() {
+    lab_daemon_table >"$LAB_FILES/table"
+}
+
+# lab_serves VLAN MTU
+lab_serves() {
+    local table
+    table=$(lab_daemon_table) || return 1
+    [[ $table =~ chain\ to-bcm0\.$1\ \{[[:space:]]+meta\ length\ \<=\ $2\ accept ]]
+}
+
+lab_start_serving() {
+    lab_start_daemon "$@"
+    lab_await 5 "the daemon's rules" lab_has_taken_over
+}
+
+lab_has_let_go() {
+    ! lab_has_taken_over
+}
+
+lab_kill_daemon() {
+    kill -KILL "$lab_daemon"
+    lab_await 5 "the end of the daemon" lab_is_gone "$lab_daemon"
+}

@@ -1,0 +1,76 @@
+# shellcheck shell=bash
+# Tells a demonstration step by step: what is done, what is seen, and whether it is as it should be.
+
+story_begin() {
+    story_steps=$1
+    story_number=0
+    story_title=
+    story_start=$(lab_now)
+    story_output=
+    story_verdict=
+    trap story_leave EXIT
+}
+
+# Where a command failed that was not to be judged, the step is still named.
+story_leave() {
+    if [[ -z $story_verdict ]]; then story_complain "could not go on"; fi
+}
+
+story_complain() {
+    lab_complain "step $story_number of $story_steps, $story_title: $1"
+}
+
+story_step() {
+    ((story_number += 1))
+    story_title=$1
+    echo
+    echo "[$story_number/$story_steps] ${story_title^}: $2"
+}
+
+# story_run MACHINE COMMAND [ARGUMENT...]
+# Shows the command and what it writes, and keeps that for what is expected of it.  Its status is
+# no matter: a ping without an answer fails, and may be what is to be shown.
+story_run() {
+    local -r machine=$1
+    shift
+    echo
+    echo "  $machine\$ $*"
+    local status=0
+    story_output=$(lab_on "$machine" "$@" 2>&1) || status=$?
+    if ((status != 0)); then story_output+=$'\n'"(exit status $status)"; fi
+    sed -e '/^$/d' -e 's/^/      /' <<<"$story_output"
+}
+
+# story_expect WHAT PATTERN
+story_expect() {
+    story_check "$1" grep -Eq -- "$2" <<<"$story_output"
+}
+
+story_expect_not() {
+    if grep -Eq -- "$2" <<<"$story_output"; then story_fail "$1"; fi
+    story_good "$1"
+}
+
+# story_check WHAT COMMAND [ARGUMENT...]
+story_check() {
+    if ! "${@:2}"; then story_fail "$1"; fi
+    story_good "$1"
+}
+
+story_good() {
+    echo "  ok: $1"
+}
+
+story_fail() {
+    echo "  NOT SO: $1"
+    story_verdict=bad
+    story_complain "did not show: $1"
+    exit 1
+}
+
+story_end() {
+    local -r milliseconds=$((($(lab_now) - story_start) / 1000))
+    story_verdict=good
+    echo
+    echo "All $story_steps steps showed what they should, in $((milliseconds / 1000)) s."
+}

@@ -1,0 +1,18 @@
+# shellcheck shell=bash
+# The lab's system log: what is written to /dev/log goes to a file.
+
+lab_start_syslog() {
+    : >"$LAB_FILES/syslog"
+    socat -u UNIX-RECV:/dev/log "OPEN:$LAB_FILES/syslog,append" &
+    disown
+    lab_await 5 "the system log" test -S /dev/log
+}
+
+# One line for each datagram, without the day, which varies.
+lab_syslog() {
+    sed -e 's/<31>/\n/g' "$LAB_FILES/syslog" | sed -nE 's/^.* pmtud\[[0-9]+\]: //p'
+}
+
+lab_syslog_has() {
+    [[ $(lab_syslog) == *"$1"* ]]
+}

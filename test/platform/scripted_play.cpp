@@ -60,6 +60,8 @@ const Script& script() {
 }
 
 void log(const std::string& line) {
+    // A bad script ends the process before its first line.
+    script();
     static const int fd = openLog();
     const std::string text = line + '\n';
     const auto written = write(fd, text.data(), text.size());

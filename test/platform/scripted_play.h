@@ -47,7 +47,8 @@ int play(const char* call, const Arguments&... arguments) {
 /// Has the daemon's next allocation counted as the first "new".
 void countAllocationsFromNow();
 
-/// Blocks until the main thread sleeps for the first time.
+/// Blocks until the main thread sleeps for the first time; not where the daemon is linked without
+/// having its calls wrapped, so that this cannot be known.
 void awaitMainThreadParked();
 
 }  // namespace scripted

@@ -1,0 +1,33 @@
+// Namespaces of the test process's own, so that a daemon under test finds a machine to itself.
+#ifndef PMTUD_TEST_PRIVATE_MACHINE_H
+#define PMTUD_TEST_PRIVATE_MACHINE_H
+
+#include <sys/stat.h>
+
+#include <string>
+
+/// Moves the test process into mount and network namespaces of its own, with nothing in /run.
+/// Throws std::system_error where that is not allowed: the test must not go on without.
+void enterPrivateMachine();
+
+void makeRunReadOnly();
+
+/// The daemon's PID file, as the test finds it.
+namespace pid_file {
+
+inline constexpr char kPath[] = "/var/run/pmtud.pid";
+
+bool exists();
+std::string content();
+void write(const std::string& content);
+
+/// Permission bits.
+mode_t mode();
+
+/// Takes a lock (LOCK_EX or LOCK_SH) without waiting, and lets go of it at once.
+/// @return whether it was free
+bool isFreeFor(int lock);
+
+}  // namespace pid_file
+
+#endif

@@ -1,0 +1,446 @@
+// The process entry: start-up, single instance, parking, the last-resort handlers, and the end.
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "daemon_process.h"
+#include "private_machine.h"
+
+namespace {
+
+const std::string kOpenAndLock =
+    "open(\"/var/run/pmtud.pid\", 0x42, 0666)\n"
+    "flock(pidFile, 6)\n";
+const std::string kRegister =
+    "cfg_init()\n"
+    "cfg_add_pid(\"pmtud\")\n"
+    "updateTZ()\n";
+const std::string kAttachQueue =
+    "pktd_shm_queue_init(\"pmtud\", 0, 1, pktd_tx_queue_pool, pktd_rx_queue_pool)\n";
+const std::string kStartThread =
+    "pktd_shm_rx_thread_init(\"pmtud\", pktd_rx_queue_pool, pktd_rx_wl_pool, 32, 32, callback, "
+    "0)\n";
+// The application allocates its frame handler, and frees it.
+const std::string kConstruct = "operator new\n";
+const std::string kDestroy = "operator delete\n";
+const std::string kPark = "usleep(500)\n";
+const std::string kUntouchedStart =
+    kOpenAndLock + kRegister + kConstruct + kAttachQueue + kStartThread + kPark;
+
+const std::string kClash =
+    "14:03:07.2 ERROR: [main:52 | int main()] another instance is already running\r\n";
+const std::string kUnknown =
+    "14:03:07.2 ERROR: [main:79 | int main()] unknown exception caught\r\n";
+const std::string kExiting = "14:03:07.2 WARNING: [main:84 | int main()] Exiting app\r\n";
+const std::string kLeave = kExiting + "cfg_clear_pid()\n";
+const std::string kNotAttached =
+    "14:03:07.2 ERROR: [PMTUDApp:72 | bool PMTUDApp::run() const] Could not initialize SHM\r\n";
+
+class ProcessEntry : public testing::Test {
+ protected:
+    void SetUp() override { enterPrivateMachine(); }
+
+    /// Starts the daemon, waits until its main thread sleeps, and gives the log up to there.
+    static std::string logOfStart(const Start& start) {
+        DaemonProcess daemon(start);
+        return daemon.logUntil("usleep(500)");
+    }
+
+    /// Starts a daemon that ends by itself.
+    static Ending endingOf(const std::string& statements) {
+        DaemonProcess daemon(play(statements));
+        return daemon.ending();
+    }
+};
+
+// ---- start-up
+
+TEST_F(ProcessEntry, LocksRegistersConstructsAttachesAndParksInThisOrder) {
+    EXPECT_EQ(logOfStart(play("")),
+              "open(\"/var/run/pmtud.pid\", 0x42, 0666)\n"
+              "flock(pidFile, 6)\n"
+              "cfg_init()\n"
+              "cfg_add_pid(\"pmtud\")\n"
+              "updateTZ()\n"
+              "operator new\n"
+              "pktd_shm_queue_init(\"pmtud\", 0, 1, pktd_tx_queue_pool, pktd_rx_queue_pool)\n"
+              "pktd_shm_rx_thread_init(\"pmtud\", pktd_rx_queue_pool, pktd_rx_wl_pool, 32, 32, "
+              "callback, 0)\n"
+              "usleep(500)\n");
+}
+
+TEST_F(ProcessEntry, SleepsInStepsOf500MicrosecondsUntilAnExceptionEndsTheLoop) {
+    // The log shows a sleep only where it differs from the one before.
+    EXPECT_EQ(endingOf("throw usleep 1000 qv woken\n"),
+              (Ending{"exit status 1", kUntouchedStart + kDestroy +
+                                           "14:03:07.2 ERROR: [main:75 | int main()] woken\r\n" +
+                                           kLeave}));
+}
+
+TEST_F(ProcessEntry, IgnoresTheResultOfTheSleep) {
+    EXPECT_EQ(endingOf("answer usleep -1\nthrow usleep 3 qv woken\n"),
+              (Ending{"exit status 1", kUntouchedStart + kDestroy +
+                                           "14:03:07.2 ERROR: [main:75 | int main()] woken\r\n" +
+                                           kLeave}));
+}
+
+class ProcessEntryIgnoresTheResultOf : public ProcessEntry,
+                                       public testing::WithParamInterface<const char*> {};
+
+TEST_P(ProcessEntryIgnoresTheResultOf, TheCall) {
+    EXPECT_EQ(logOfStart(play("answer " + std::string(GetParam()) + " -1\n")), kUntouchedStart);
+    EXPECT_EQ(logOfStart(play("answer " + std::string(GetParam()) + " 1\n")), kUntouchedStart);
+}
+
+INSTANTIATE_TEST_SUITE_P(StartUp, ProcessEntryIgnoresTheResultOf,
+                         testing::Values("cfg_init", "cfg_add_pid", "updateTZ"),
+                         [](const auto& instance) { return std::string(instance.param); });
+
+TEST_F(ProcessEntry, WritesNothingOnStandardOutput) {
+    DaemonProcess daemon(play(""));
+    daemon.logUntil("usleep(500)");
+    EXPECT_EQ(daemon.standardOutput(), "");
+}
+
+TEST_F(ProcessEntry, IgnoresItsCommandLine) {
+    Start start = play("");
+    start.arguments = {"--help", "-d", "--pid-file=/run/other.pid", "stop"};
+    EXPECT_EQ(logOfStart(start), kUntouchedStart);
+}
+
+TEST_F(ProcessEntry, IgnoresItsEnvironment) {
+    Start start = play("answer pktd_shm_queue_init 1\n");
+    start.environment = {{"PMTUD_LOG_LEVEL", "DEBUG4"},
+                         {"PMTUD_PID_FILE", "/run/other.pid"},
+                         {"LOG_LEVEL", "7"},
+                         {"DEBUG", "1"},
+                         {"LC_ALL", "en_US.UTF-8"},
+                         {"PIDFILE", "/run/other.pid"}};
+    EXPECT_EQ(logOfStart(start),
+              kOpenAndLock + kRegister + kConstruct + kAttachQueue +
+                  "14:03:07.2 ERROR: [SHM_Wrapper:140 | virtual bool SHM_Wrapper_App::init()] "
+                  "Could not initialize SHM queue, ret=1\r\n" +
+                  kNotAttached + kPark);
+}
+
+// ---- the PID file
+
+class ThePidFileIsCreated : public ProcessEntry,
+                            public testing::WithParamInterface<std::array<mode_t, 2>> {};
+
+TEST_P(ThePidFileIsCreated, WithMode0666LessTheUmask) {
+    const auto [umask, mode] = GetParam();
+    Start start = play("");
+    start.umask = umask;
+    logOfStart(start);
+    EXPECT_EQ(pid_file::mode(), mode);
+}
+
+INSTANTIATE_TEST_SUITE_P(Umask, ThePidFileIsCreated,
+                         testing::Values(std::array<mode_t, 2>{0, 0666},
+                                         std::array<mode_t, 2>{022, 0644},
+                                         std::array<mode_t, 2>{077, 0600}));
+
+TEST_F(ProcessEntry, LeavesAFreshPidFileEmpty) {
+    DaemonProcess daemon(play(""));
+    daemon.logUntil("usleep(500)");
+    EXPECT_EQ(pid_file::content(), "");
+}
+
+TEST_F(ProcessEntry, KeepsTheOldContentOfThePidFile) {
+    pid_file::write("4711\n");
+    EXPECT_EQ(logOfStart(play("")), kUntouchedStart);
+    EXPECT_EQ(pid_file::content(), "4711\n");
+}
+
+TEST_F(ProcessEntry, KeepsTheOldContentOfThePidFileWhenAnExceptionEndsIt) {
+    pid_file::write("4711\n");
+    EXPECT_EQ(endingOf("throw pktd_shm_queue_init 1 qv over\n").how, "exit status 1");
+    EXPECT_EQ(pid_file::content(), "4711\n");
+}
+
+TEST_F(ProcessEntry, HoldsAnExclusiveLockWhileItIsParked) {
+    DaemonProcess daemon(play(""));
+    daemon.logUntil("usleep(500)");
+    EXPECT_FALSE(pid_file::isFreeFor(LOCK_EX));
+    EXPECT_FALSE(pid_file::isFreeFor(LOCK_SH));
+}
+
+TEST_F(ProcessEntry, StartsInSilenceWhereVarRunIsReadOnly) {
+    makeRunReadOnly();
+    DaemonProcess daemon(play(""));
+    EXPECT_EQ(daemon.logUntil("usleep(500)"),
+              "open(\"/var/run/pmtud.pid\", 0x42, 0666)\n"
+              "flock(-1, 6)\n" +
+                  kRegister + kConstruct + kAttachQueue + kStartThread + kPark);
+    EXPECT_FALSE(pid_file::exists());
+}
+
+TEST_F(ProcessEntry, StartsInSilenceWhereThePidFileIsADirectory) {
+    std::filesystem::create_directory(pid_file::kPath);
+    EXPECT_EQ(logOfStart(play("")),
+              "open(\"/var/run/pmtud.pid\", 0x42, 0666)\n"
+              "flock(-1, 6)\n" +
+                  kRegister + kConstruct + kAttachQueue + kStartThread + kPark);
+}
+
+TEST_F(ProcessEntry, StartsInSilenceWhereItMayNotOpenThePidFile) {
+    EXPECT_EQ(logOfStart(play("fail open 1 13\n")),
+              "open(\"/var/run/pmtud.pid\", 0x42, 0666)\n"
+              "flock(-1, 6)\n" +
+                  kRegister + kConstruct + kAttachQueue + kStartThread + kPark);
+}
+
+// EINTR, EBADF, ENOMEM, EACCES, EINVAL, ENOLCK.
+class StartsInSilenceWhereLockingFailsFor : public ProcessEntry,
+                                            public testing::WithParamInterface<int> {};
+
+TEST_P(StartsInSilenceWhereLockingFailsFor, AnotherReasonThanAHolder) {
+    EXPECT_EQ(logOfStart(play("fail flock 1 " + std::to_string(GetParam()) + "\n")),
+              kUntouchedStart);
+}
+
+INSTANTIATE_TEST_SUITE_P(Errno, StartsInSilenceWhereLockingFailsFor,
+                         testing::Values(4, 9, 12, 13, 22, 37));
+
+// ---- a second instance
+
+TEST_F(ProcessEntry, SaysThatAnotherInstanceRunsAndStartsAllTheSame) {
+    DaemonProcess first(play(""));
+    EXPECT_EQ(first.logUntil("usleep(500)"), kUntouchedStart);
+    DaemonProcess second(play(""));
+    EXPECT_EQ(second.logUntil("usleep(500)"),
+              "open(\"/var/run/pmtud.pid\", 0x42, 0666)\n"
+              "flock(pidFile, 6)\n"
+              "14:03:07.2 ERROR: [main:52 | int main()] another instance is already running\r\n"
+              "cfg_init()\n"
+              "cfg_add_pid(\"pmtud\")\n"
+              "updateTZ()\n"
+              "operator new\n"
+              "pktd_shm_queue_init(\"pmtud\", 0, 1, pktd_tx_queue_pool, pktd_rx_queue_pool)\n"
+              "pktd_shm_rx_thread_init(\"pmtud\", pktd_rx_queue_pool, pktd_rx_wl_pool, 32, 32, "
+              "callback, 0)\n"
+              "usleep(500)\n");
+    EXPECT_TRUE(first.isRunning());
+}
+
+TEST_F(ProcessEntry, HandlesFramesAsASecondInstance) {
+    DaemonProcess first(play(""));
+    first.logUntil("usleep(500)");
+    DaemonProcess second(play("frame 020000000001 02000000000a 8100000a 0806\n"));
+    second.logUntil("usleep(500)");
+    EXPECT_NE(second.logUntil("frames done").find("verdict 7\n"), std::string::npos);
+}
+
+TEST_F(ProcessEntry, IsTheOnlyInstanceAgainOnceTheFirstIsKilled) {
+    DaemonProcess first(play(""));
+    first.logUntil("usleep(500)");
+    first.signal(SIGKILL);
+    EXPECT_EQ(first.ending(), (Ending{"signal 9", ""}));
+    EXPECT_EQ(logOfStart(play("")), kUntouchedStart);
+}
+
+TEST_F(ProcessEntry, TakesEwouldblockForAnotherInstance) {
+    EXPECT_EQ(logOfStart(play("fail flock 1 11\n")),
+              kOpenAndLock + kClash + kRegister + kConstruct + kAttachQueue + kStartThread + kPark);
+}
+
+// ---- the queues cannot be attached
+
+TEST_F(ProcessEntry, ParksWithoutFramesWhereTheQueueCannotBeAttached) {
+    DaemonProcess daemon(play("answer pktd_shm_queue_init 1\n"));
+    EXPECT_EQ(daemon.logUntil("usleep(500)"),
+              kOpenAndLock + kRegister + kConstruct + kAttachQueue +
+                  "14:03:07.2 ERROR: [SHM_Wrapper:140 | virtual bool SHM_Wrapper_App::init()] "
+                  "Could not initialize SHM queue, ret=1\r\n"
+                  "14:03:07.2 ERROR: [PMTUDApp:72 | bool PMTUDApp::run() const] "
+                  "Could not initialize SHM\r\n"
+                  "usleep(500)\n");
+    EXPECT_TRUE(daemon.isRunning());
+    daemon.signal(SIGTERM);
+    EXPECT_EQ(daemon.ending(), (Ending{"signal 15", ""}));
+}
+
+TEST_F(ProcessEntry, ParksWithoutFramesWhereTheReceiveThreadCannotBeStarted) {
+    DaemonProcess daemon(play("answer pktd_shm_rx_thread_init -12\n"));
+    EXPECT_EQ(daemon.logUntil("usleep(500)"),
+              kOpenAndLock + kRegister + kConstruct + kAttachQueue + kStartThread +
+                  "14:03:07.2 ERROR: [SHM_Wrapper:145 | virtual bool SHM_Wrapper_App::init()] "
+                  "Could not initialize SHM thread, ret=-12\r\n"
+                  "14:03:07.2 ERROR: [PMTUDApp:72 | bool PMTUDApp::run() const] "
+                  "Could not initialize SHM\r\n"
+                  "usleep(500)\n");
+    EXPECT_TRUE(daemon.isRunning());
+    daemon.signal(SIGTERM);
+    EXPECT_EQ(daemon.ending(), (Ending{"signal 15", ""}));
+}
+
+TEST_F(ProcessEntry, HoldsTheLockAlsoWithoutQueues) {
+    DaemonProcess daemon(play("answer pktd_shm_queue_init 1\n"));
+    daemon.logUntil("usleep(500)");
+    EXPECT_FALSE(pid_file::isFreeFor(LOCK_EX));
+}
+
+TEST_F(ProcessEntry, GoesOnSleepingWithoutQueues) {
+    EXPECT_EQ(endingOf("answer pktd_shm_queue_init 1\nthrow usleep 200 qv woken\n").how,
+              "exit status 1");
+}
+
+// ---- exceptions
+
+TEST_F(ProcessEntry, ReportsAQvExceptionOfTheConstructorAndExits) {
+    EXPECT_EQ(endingOf("throw new 1 qv no memory for the handler\n"),
+              (Ending{"exit status 1",
+                      "open(\"/var/run/pmtud.pid\", 0x42, 0666)\n"
+                      "flock(pidFile, 6)\n"
+                      "cfg_init()\n"
+                      "cfg_add_pid(\"pmtud\")\n"
+                      "updateTZ()\n"
+                      "operator new\n"
+                      "14:03:07.2 ERROR: [main:75 | int main()] no memory for the handler\r\n"
+                      "14:03:07.2 WARNING: [main:84 | int main()] Exiting app\r\n"
+                      "cfg_clear_pid()\n"}));
+}
+
+TEST_F(ProcessEntry, ReportsAnyOtherExceptionOfTheConstructorAsUnknown) {
+    EXPECT_EQ(endingOf("throw new 1 std no memory for the handler\n"),
+              (Ending{"exit status 1",
+                      "open(\"/var/run/pmtud.pid\", 0x42, 0666)\n"
+                      "flock(pidFile, 6)\n"
+                      "cfg_init()\n"
+                      "cfg_add_pid(\"pmtud\")\n"
+                      "updateTZ()\n"
+                      "operator new\n"
+                      "14:03:07.2 ERROR: [main:79 | int main()] unknown exception caught\r\n"
+                      "14:03:07.2 WARNING: [main:84 | int main()] Exiting app\r\n"
+                      "cfg_clear_pid()\n"}));
+}
+
+TEST_F(ProcessEntry, ReportsAnExceptionOfNoClassAsUnknown) {
+    EXPECT_EQ(endingOf("throw new 1 int 5\n"),
+              (Ending{"exit status 1", kOpenAndLock + kRegister + kConstruct + kUnknown + kLeave}));
+}
+
+TEST_F(ProcessEntry, DestroysTheApplicationBeforeItReportsAQvExceptionOfTheRun) {
+    EXPECT_EQ(
+        endingOf("throw pktd_shm_queue_init 1 qv queue gone\n"),
+        (Ending{"exit status 1", kOpenAndLock + kRegister + kConstruct + kAttachQueue +
+                                     "operator delete\n"
+                                     "14:03:07.2 ERROR: [main:75 | int main()] queue gone\r\n" +
+                                     kLeave}));
+}
+
+TEST_F(ProcessEntry, DestroysTheApplicationBeforeItReportsAnyOtherExceptionOfTheRun) {
+    EXPECT_EQ(
+        endingOf("throw pktd_shm_rx_thread_init 1 std no thread\n"),
+        (Ending{"exit status 1", kOpenAndLock + kRegister + kConstruct + kAttachQueue +
+                                     kStartThread + "operator delete\n" + kUnknown + kLeave}));
+}
+
+TEST_F(ProcessEntry, ReportsAnyOtherExceptionOfTheSleepAsUnknown) {
+    EXPECT_EQ(endingOf("throw usleep 1 std woken\n"),
+              (Ending{"exit status 1", kUntouchedStart + kDestroy + kUnknown + kLeave}));
+}
+
+TEST_F(ProcessEntry, ExitsWhereTheTimeOfALogLineCannotBeRead) {
+    // The line that wanted the time ends empty, and the exception passes through run().
+    EXPECT_EQ(endingOf("answer pktd_shm_queue_init 1\nfail localtime_r 1 75\n"),
+              (Ending{"exit status 1", kOpenAndLock + kRegister + kConstruct + kAttachQueue +
+                                           "\r\n" + kDestroy + kUnknown + kLeave}));
+}
+
+TEST_F(ProcessEntry, WritesTheTextOfAQvExceptionAsItStands) {
+    EXPECT_EQ(endingOf("throw new 1 qv 100% of %s, \"%n\"  [x] \n").log,
+              kOpenAndLock + kRegister + kConstruct +
+                  "14:03:07.2 ERROR: [main:75 | int main()] 100% of %s, \"%n\"  [x] \r\n" + kLeave);
+}
+
+TEST_F(ProcessEntry, WritesALineAlsoForAQvExceptionWithoutText) {
+    EXPECT_EQ(endingOf("throw new 1 qv\n").log,
+              kOpenAndLock + kRegister + kConstruct +
+                  "14:03:07.2 ERROR: [main:75 | int main()] \r\n" + kLeave);
+}
+
+TEST_F(ProcessEntry, IgnoresTheResultOfWithdrawingItsRegistration) {
+    EXPECT_EQ(endingOf("answer cfg_clear_pid -1\nthrow new 1 qv over\n").how, "exit status 1");
+    EXPECT_EQ(endingOf("answer cfg_clear_pid 7\nthrow new 1 std over\n").how, "exit status 1");
+}
+
+TEST_F(ProcessEntry, LeavesAnUnlockedPidFileBehindOnExit) {
+    EXPECT_EQ(endingOf("throw new 1 qv over\n").how, "exit status 1");
+    EXPECT_EQ(pid_file::content(), "");
+    EXPECT_TRUE(pid_file::isFreeFor(LOCK_EX));
+}
+
+TEST_F(ProcessEntry, WritesNothingOnStandardOutputOnExit) {
+    DaemonProcess daemon(play("throw new 1 qv over\n"));
+    EXPECT_EQ(daemon.ending().how, "exit status 1");
+    EXPECT_EQ(daemon.standardOutput(), "");
+}
+
+class AnExceptionBeforeTheGuardedRegion : public ProcessEntry,
+                                          public testing::WithParamInterface<const char*> {};
+
+TEST_P(AnExceptionBeforeTheGuardedRegion, AbortsWithoutALine) {
+    const Ending ending = endingOf("throw " + std::string(GetParam()) + " 1 std early\n");
+    EXPECT_EQ(ending.how, "signal 6");
+    EXPECT_EQ(ending.log.find("14:03:07.2"), std::string::npos) << ending.log;
+    EXPECT_EQ(ending.log.find("cfg_clear_pid"), std::string::npos) << ending.log;
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, AnExceptionBeforeTheGuardedRegion,
+                         testing::Values("cfg_init", "cfg_add_pid", "updateTZ"),
+                         [](const auto& instance) { return std::string(instance.param); });
+
+// ---- signals, and the place of the process
+
+class ASignalKillsIt : public ProcessEntry, public testing::WithParamInterface<int> {};
+
+TEST_P(ASignalKillsIt, WithItsDefaultActionAndNoWord) {
+    DaemonProcess daemon(play(""));
+    daemon.logUntil("usleep(500)");
+    daemon.signal(GetParam());
+    EXPECT_EQ(daemon.ending(), (Ending{"signal " + std::to_string(GetParam()), ""}));
+    EXPECT_EQ(pid_file::content(), "");
+    EXPECT_TRUE(pid_file::isFreeFor(LOCK_EX));
+}
+
+INSTANTIATE_TEST_SUITE_P(Signal, ASignalKillsIt, testing::Values(SIGTERM, SIGINT, SIGHUP, SIGUSR1),
+                         [](const auto& instance) {
+                             return std::string(sigabbrev_np(instance.param));
+                         });
+
+TEST_F(ProcessEntry, StaysTheProcessThatWasStartedInTheSessionAndGroupOfItsParent) {
+    DaemonProcess daemon(play(""));
+    daemon.logUntil("usleep(500)");
+    EXPECT_TRUE(daemon.isRunning());
+    EXPECT_EQ(getsid(daemon.pid()), getsid(0));
+    EXPECT_EQ(getpgid(daemon.pid()), getpgid(0));
+}
+
+TEST_F(ProcessEntry, HasNoChild) {
+    DaemonProcess daemon(play(""));
+    daemon.logUntil("usleep(500)");
+    const std::string pid = std::to_string(daemon.pid());
+    std::ifstream children("/proc/" + pid + "/task/" + pid + "/children");
+    ASSERT_TRUE(children);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(children), {}), "");
+}
+
+TEST_F(ProcessEntry, KeepsItsDirectoryAndItsStandardInput) {
+    DaemonProcess daemon(play(""));
+    daemon.logUntil("usleep(500)");
+    const std::filesystem::path own = "/proc/self";
+    const std::filesystem::path its = "/proc/" + std::to_string(daemon.pid());
+    EXPECT_EQ(read_symlink(its / "cwd"), read_symlink(own / "cwd"));
+    EXPECT_EQ(read_symlink(its / "fd/0"), read_symlink(own / "fd/0"));
+}
+
+}  // namespace

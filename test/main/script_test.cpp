@@ -1,0 +1,120 @@
+// The scripted platform itself: bad scripts end the process with their line's number.
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <fstream>
+#include <iterator>
+#include <ostream>
+#include <string>
+
+#include "daemon_process.h"
+#include "private_machine.h"
+
+namespace {
+
+const std::string kPrefix = "pmtud-scripted: /proc/self/fd/100:";
+
+class AScript : public testing::Test {
+ protected:
+    void SetUp() override { enterPrivateMachine(); }
+
+    static Ending endingOf(const std::string& script) {
+        DaemonProcess daemon({.script = script});
+        return daemon.ending();
+    }
+};
+
+TEST_F(AScript, WithoutEndIsRefused) {
+    EXPECT_EQ(endingOf("# nothing\n\n"), (Ending{"exit status 2", kPrefix + "3: no 'end'\n"}));
+}
+
+TEST_F(AScript, MayHoldNothingBehindItsEnd) {
+    EXPECT_EQ(endingOf("end\n\n# a remark\nmtu 1 1500\n"),
+              (Ending{"exit status 2", kPrefix + "4: a line behind 'end'\n"}));
+}
+
+TEST_F(AScript, ThatCannotBeReadIsRefused) {
+    Start start{.script = ""};
+    start.environment = {{"PMTUD_SCRIPT", "/run/no-such-script"}};
+    DaemonProcess daemon(start);
+    EXPECT_EQ(daemon.ending(),
+              (Ending{"exit status 2", "pmtud-scripted: cannot read /run/no-such-script\n"}));
+}
+
+struct BadLine {
+    std::string line;
+    std::string fault;
+};
+
+std::ostream& operator<<(std::ostream& os, const BadLine& bad) { return os << bad.line; }
+
+class ABadLine : public AScript, public testing::WithParamInterface<BadLine> {};
+
+TEST_P(ABadLine, IsRefusedWithItsNumberAndItsFault) {
+    EXPECT_EQ(endingOf("# a remark\n" + GetParam().line + "\nend\n"),
+              (Ending{"exit status 2", kPrefix + "2: " + GetParam().fault + "\n"}));
+}
+
+const BadLine kBadLines[] = {
+    {"anwser cfg_init 1", "no statement 'anwser'"},
+    {"answer", "missing call"},
+    {"answer cfg_exit 1", "no call 'cfg_exit' to answer"},
+    {"answer cfg_init", "missing answer"},
+    {"answer cfg_init one", "answer 'one' is no number from -2147483648 to 2147483647"},
+    {"answer cfg_init 2147483648",
+     "answer '2147483648' is no number from -2147483648 to 2147483647"},
+    {"answer cfg_init 1 2", "surplus '2'"},
+    {"vlan 7", "missing VLAN"},
+    {"mtu 20 -1", "MTU '-1' is no number from 0 to 4294967295"},
+    {"mtu 20 4294967296", "MTU '4294967296' is no number from 0 to 4294967295"},
+    {"throw open 1 qv x", "no call 'open' to throw from"},
+    {"throw cfg_init 0 qv x", "count '0' is no number from 1 to 2147483647"},
+    {"throw cfg_init 1 bad_alloc", "no kind of exception 'bad_alloc'"},
+    {"throw cfg_init 1 int", "missing int"},
+    {"fail cfg_init 1 5", "no call 'cfg_init' to fail"},
+    {"fail open 1 0", "errno '0' is no number from 1 to 4095"},
+    {"clock 14:03:07", "'14:03:07' is no time HH:MM:SS.mmm"},
+    {"clock 14:03:07.2455", "'14:03:07.2455' is no time HH:MM:SS.mmm"},
+    {"arpd fake", "'fake' is not 'real'"},
+    {"record unit", "'unit' is not FIELD=NUMBER"},
+    {"record colour=1", "no field 'colour' of a record"},
+    {"record unit=x", "unit 'x' is no number from -2147483648 to 2147483647"},
+    {"record trunk=256", "trunk '256' is no number from 0 to 255"},
+    {"record vtag=65536", "vtag '65536' is no number from 0 to 65535"},
+    {"frame", "no whole bytes"},
+    {"frame 020", "no whole bytes"},
+    {"frame 0g", "'0g' is no byte"},
+    {"end now", "surplus 'now'"},
+};
+
+INSTANTIATE_TEST_SUITE_P(OfAScript, ABadLine, testing::ValuesIn(kBadLines),
+                         [](const auto& instance) {
+                             std::string name = instance.param.line;
+                             for (char& c : name) {
+                                 if (isalnum(static_cast<unsigned char>(c)) == 0) c = '_';
+                             }
+                             return name;
+                         });
+
+TEST_F(AScript, IsNotPlayedWhereTheLogCannotBeWritten) {
+    Start start = play("");
+    start.environment = {{"PMTUD_SCRIPT_LOG", "/run/no-such-folder/log"}};
+    DaemonProcess daemon(start);
+    EXPECT_EQ(daemon.ending(),
+              (Ending{"exit status 2", "pmtud-scripted: cannot write /run/no-such-folder/log\n"}));
+}
+
+TEST_F(AScript, HasItsCallsLoggedToTheFileThatIsNamed) {
+    Start start = play("throw cfg_add_pid 1 std stop\n");
+    start.environment = {{"PMTUD_SCRIPT_LOG", "/run/log"}};
+    DaemonProcess daemon(start);
+    EXPECT_EQ(daemon.ending().how, "signal 6");
+    std::ifstream log("/run/log");
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(log), {}),
+              "open(\"/var/run/pmtud.pid\", 0x42, 0666)\n"
+              "flock(pidFile, 6)\n"
+              "cfg_init()\n"
+              "cfg_add_pid(\"pmtud\")\n");
+}
+
+}  // namespace

@@ -2,6 +2,15 @@
 # here under qemu's user emulation.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR ppc)
+foreach(tool IN ITEMS powerpc-linux-gnu-g++:g++-powerpc-linux-gnu qemu-ppc:qemu-user)
+  string(REPLACE ":" ";" tool ${tool})
+  list(GET tool 0 program)
+  list(GET tool 1 package)
+  find_program(PMTUD_FOUND_${program} ${program})
+  if(NOT PMTUD_FOUND_${program})
+    message(FATAL_ERROR "${program} is missing: apt-get install ${package}, or script/bootstrap target")
+  endif()
+endforeach()
 set(CMAKE_C_COMPILER powerpc-linux-gnu-gcc)
 set(CMAKE_CXX_COMPILER powerpc-linux-gnu-g++)
 

@@ -1,0 +1,72 @@
+# shellcheck shell=bash
+# shellcheck disable=SC2154  # family and daemon are the runner's
+# The target's daemon on the switch: frames from its scripted platform, replies by real sockets.
+
+# packet FILTER
+# The captured packet's bytes from its IP header, in hexadecimal.
+packet() {
+    lab_captured -x "$@" | sed -n 's/^\t0x[0-9a-f]*:  //p' | tr -d ' \n'
+}
+
+has_request() {
+    [[ -n $(lab_captured 'icmp[icmptype] == icmp-echo or icmp6[icmp6type] == icmp6-echo') ]]
+}
+
+# The packet that vanished in the black hole, as the switch's queue would hand it over.
+script_of_frame() {
+    local ether_type sent
+    ether_type=$(by_family 0800 86dd)
+    sent=$(packet 'icmp[icmptype] == icmp-echo or icmp6[icmp6type] == icmp6-echo')
+    cat <<END
+arpd real
+vlan 7 20
+mtu 20 1400
+record port=4 vid=10 proto=$((16#$ether_type)) vtag=10 egress=7
+frame 020000000001 02000000000a 8100000a $ether_type $sent
+end
+END
+}
+
+answer_by_target() {
+    lab_build
+    start_capture
+    # It still waits when the reply comes: an error about a socket that is gone teaches IPv4 nothing.
+    ping_size 1500 -W 30 >"$LAB_FILES/ping" &
+    expect "host a's request is captured" lab_within 5 has_request
+    script_of_frame >"$LAB_FILES/script"
+    local -a emulator
+    read -ra emulator <<<"$PMTUD_TEST_EMULATOR"
+    lab_start_daemon "$daemon" env PMTUD_SCRIPT="$LAB_FILES/script" PMTUD_SCRIPT_LOG=2 \
+        "${emulator[@]}"
+    await_errors
+}
+
+HostLearnsTheMtuFromTheTargetsReply() {
+    answer_by_target
+    expect_equal "the reply" "$(by_family \
+        'IP 10.0.10.1 > 10.0.10.2: ICMP 10.0.20.2 unreachable - need to frag (mtu 1400), length 68' \
+        'IP6 2001:db8:10::1 > 2001:db8:10::2: ICMP6, packet too big, mtu 1400, length 1400')" \
+        "$(errors)"
+    expect_match "host a's route" ' mtu 1400( |$)' "$(ip -n a route get "$(destination)")"
+}
+
+# decoded DISPLAY-FILTER [OPTION...]
+decoded() {
+    local -r filter=$1
+    shift
+    tshark -r "$capture_of_case" -o ip.check_checksum:TRUE -Y "$filter" "$@" 2>"$LAB_FILES/tshark"
+}
+
+ReplyOfTheTargetIsDecodedWithoutAFault() {
+    answer_by_target
+    lab_stop_capture
+    local -r reply='icmp.type == 3 || icmpv6.type == 2'
+    # 1 is tshark's "good"; the first of each is the reply's own, those behind it are the quote's.
+    expect_equal "type, code, MTU and checksum" \
+        "$(by_family '3,4,1400,1' '2,0,1400,1')" \
+        "$(decoded "$reply" -T fields -E separator=, -E occurrence=f "$(by_family \
+            '-eicmp.type' '-eicmpv6.type')" "$(by_family '-eicmp.code' '-eicmpv6.code')" \
+            "$(by_family '-eicmp.mtu' '-eicmpv6.mtu')" \
+            "$(by_family '-eicmp.checksum.status' '-eicmpv6.checksum.status')")"
+    expect_equal "malformed packets" "" "$(decoded "_ws.malformed || ip.checksum.bad")"
+}

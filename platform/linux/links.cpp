@@ -121,6 +121,12 @@ int LinkMonitor::list(VlanTable& table) {
     // What changed while the kernel was listing makes the list doubtful; it is asked for again.
     constexpr int attempts = 10;
     for (int attempt = 0; attempt < attempts; ++attempt) {
+        // A socket that overran goes on losing changes, without another word, until it is
+        // empty.  What is thrown away here is older than the list.
+        Read stale = Read::some;
+        while (stale == Read::some || stale == Read::lost) stale = read([](const nlmsghdr&) {});
+        if (stale == Read::failed) return -errno;
+
         alignas(nlmsghdr) std::array<char, 256> request{};
         nlmsghdr* const header = mnl_nlmsg_put_header(request.data());
         header->nlmsg_type = RTM_GETLINK;

@@ -1,0 +1,128 @@
+// Attaching to the queue, failing to, and what a process leaves behind.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <csignal>
+
+#include "client.h"
+#include "world.h"
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace {
+std::string ruleset() { return output("nft list ruleset"); }
+}  // namespace
+
+class Attachment : public World {};
+
+TEST_F(Attachment, IsRefusedToASecondInstanceAsBusy) {
+    Client first;
+    ASSERT_EQ(first.attached(), 0);
+    {
+        Client second;
+        EXPECT_EQ(second.attached(), -EBUSY);
+    }
+    sendFence();
+    EXPECT_EQ(first.next().frame.size(), 1019U);
+}
+
+TEST_F(Attachment, IsRefusedWithoutThePrivilegeToAdministerTheNetwork) {
+    ClientOptions options;
+    options.without = CAP_NET_ADMIN;
+    Client client(options);
+    EXPECT_EQ(client.attached(), -EPERM);
+    EXPECT_THAT(ruleset(), IsEmpty());
+}
+
+TEST_F(Attachment, IsRefusedWithoutThePrivilegeToSendPackets) {
+    ClientOptions options;
+    options.without = CAP_NET_RAW;
+    Client client(options);
+    EXPECT_EQ(client.attached(), -EPERM);
+    EXPECT_THAT(ruleset(), IsEmpty());
+}
+
+TEST_F(Attachment, IsRefusedWhereATableOfTheNameIsSomebodyElses) {
+    run("nft 'add table inet pmtud; add chain inet pmtud prerouting'");
+    Client client;
+    EXPECT_LT(client.attached(), 0);
+    EXPECT_EQ(ruleset(), "table inet pmtud {\n\tchain prerouting {\n\t}\n}\n");
+}
+
+TEST_F(Attachment, WithdrawsTheRulesWhereTheThreadCannotStart) {
+    ClientOptions options;
+    options.withoutMemory = true;
+    Client client(options);
+    EXPECT_EQ(client.attached(), 0);
+    EXPECT_EQ(client.started(), -EAGAIN);
+    EXPECT_THAT(ruleset(), IsEmpty());
+    Client next;
+    EXPECT_EQ(next.attached(), 0);
+}
+
+TEST_F(Attachment, WithdrawsTheRulesWhereThereIsNoCallback) {
+    ClientOptions options;
+    options.withoutCallback = true;
+    Client client(options);
+    EXPECT_EQ(client.started(), -EINVAL);
+    EXPECT_THAT(ruleset(), IsEmpty());
+}
+
+TEST_F(Attachment, EndsWithTheProcessHoweverItDies) {
+    Client client;
+    EXPECT_THAT(ruleset(), HasSubstr("table inet pmtud"));
+    client.kill();
+    EXPECT_THAT(ruleset(), IsEmpty());
+    Client next;
+    EXPECT_EQ(next.attached(), 0);
+    EXPECT_EQ(next.started(), 0);
+}
+
+TEST_F(Attachment, OutlivesTheStaticObjectsOfTheProcess) {
+    Client client;
+    sendFence();
+    client.next();
+    EXPECT_EQ(client.stop(), 0);
+    EXPECT_THAT(ruleset(), IsEmpty());
+}
+
+TEST_F(Attachment, EndsWithTheProcessThatTheCallbacksExceptionEnds) {
+    ClientOptions options;
+    options.throws = true;
+    Client client(options);
+    sendFence();
+    const int status = client.await();
+    ASSERT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(WTERMSIG(status), SIGABRT);
+    EXPECT_THAT(ruleset(), IsEmpty());
+}
+
+TEST_F(Attachment, OfAThreadNeedsTheQueueFirst) {
+    inOwnProcess([] {
+        const auto callback = [](const st_pktd_shm_queue_entry_data_t*, uint8_t*, int) {
+            return int{PKTD_VERDICT_DISCARD};
+        };
+        EXPECT_EQ(pktd_shm_rx_thread_init("pmtud", pktd_rx_queue_pool, pktd_rx_wl_pool, 32, 32,
+                                          callback, nullptr),
+                  -ENOTCONN);
+    });
+}
+
+TEST_F(Attachment, IsMadeOnce) {
+    inOwnProcess([] {
+        EXPECT_EQ(pktd_shm_queue_init("pmtud", 0, 1, pktd_tx_queue_pool, pktd_rx_queue_pool), 0);
+        EXPECT_EQ(pktd_shm_queue_init("pmtud", 0, 1, pktd_tx_queue_pool, pktd_rx_queue_pool),
+                  -EALREADY);
+    });
+}
+
+TEST_F(Attachment, NeedsAName) {
+    inOwnProcess([] {
+        EXPECT_EQ(pktd_shm_queue_init(nullptr, 0, 1, pktd_tx_queue_pool, pktd_rx_queue_pool),
+                  -EINVAL);
+    });
+}

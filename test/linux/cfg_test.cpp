@@ -1,0 +1,171 @@
+// The configuration service's answers, from the kernel's interfaces, and the registration.
+#include "cfg.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "world.h"
+
+namespace {
+
+int indexOf(const char* name) { return static_cast<int>(if_nametoindex(name)); }
+
+std::string contents(const char* path) {
+    std::ifstream file(path);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+bool exists(const char* path) {
+    struct stat status;
+    return lstat(path, &status) == 0;
+}
+
+constexpr const char* record = "/run/pmtud.registered";
+
+}  // namespace
+
+class Configuration : public World {
+ protected:
+    void SetUp() override {
+        World::SetUp();
+        unlink(record);
+    }
+};
+
+TEST_F(Configuration, AnswersNothingBeforeItIsAttached) {
+    inOwnProcess([] {
+        EXPECT_EQ(cfg_vlan_l3_get_dest_vlan(indexOf("bcm0.20")), -1);
+        EXPECT_EQ(cfg_vlan_l3_get_mtu(20), 0U);
+        EXPECT_EQ(cfg_vlan_l3_get_mtu_vlan(20), -1);
+        EXPECT_EQ(cfg_init(), 0);
+        EXPECT_EQ(cfg_vlan_l3_get_dest_vlan(indexOf("bcm0.20")), 20);
+    });
+}
+
+TEST_F(Configuration, KnowsTheVlanOfAnEgress) {
+    inOwnProcess([] {
+        ASSERT_EQ(cfg_init(), 0);
+        EXPECT_EQ(cfg_vlan_l3_get_dest_vlan(indexOf("bcm0.10")), 10);
+        EXPECT_EQ(cfg_vlan_l3_get_dest_vlan(indexOf("bcm0.20")), 20);
+    });
+}
+
+TEST_F(Configuration, KnowsNoVlanOfAnEgressThatIsNone) {
+    inOwnProcess([] {
+        ASSERT_EQ(cfg_init(), 0);
+        EXPECT_EQ(cfg_vlan_l3_get_dest_vlan(indexOf("lo")), -1);
+        EXPECT_EQ(cfg_vlan_l3_get_dest_vlan(indexOf("fence")), -1);
+        EXPECT_EQ(cfg_vlan_l3_get_dest_vlan(0), -1);
+        EXPECT_EQ(cfg_vlan_l3_get_dest_vlan(-1), -1);
+        EXPECT_EQ(cfg_vlan_l3_get_dest_vlan(9999), -1);
+    });
+}
+
+TEST_F(Configuration, KnowsTheMtuOfAVlanAsItIsNow) {
+    inOwnProcess([] {
+        ASSERT_EQ(cfg_init(), 0);
+        EXPECT_EQ(cfg_vlan_l3_get_mtu(10), 1500U);
+        EXPECT_EQ(cfg_vlan_l3_get_mtu(20), 1280U);
+        run("ip link set bcm0.20 mtu 1400");
+        EXPECT_EQ(cfg_vlan_l3_get_mtu(20), 1400U);
+        run("ip link del bcm0.20");
+        EXPECT_EQ(cfg_vlan_l3_get_mtu(20), 0U);
+    });
+}
+
+TEST_F(Configuration, KnowsNoMtuOutsideTheRangeOfVlans) {
+    run("ip link add bcm0.0 type veth peer name bcm0.4095");
+    inOwnProcess([] {
+        ASSERT_EQ(cfg_init(), 0);
+        for (const int vlan : {0, -1, 4095, 4096, 21}) {
+            EXPECT_EQ(cfg_vlan_l3_get_mtu(vlan), 0U) << vlan;
+            EXPECT_EQ(cfg_vlan_l3_get_mtu_vlan(vlan), -1) << vlan;
+        }
+        EXPECT_EQ(cfg_vlan_l3_get_dest_vlan(indexOf("bcm0.0")), -1);
+    });
+}
+
+TEST_F(Configuration, HasAnMtuSettingForEveryVlan) {
+    inOwnProcess([] {
+        ASSERT_EQ(cfg_init(), 0);
+        EXPECT_EQ(cfg_vlan_l3_get_mtu_vlan(10), 10);
+        EXPECT_EQ(cfg_vlan_l3_get_mtu_vlan(20), 20);
+    });
+}
+
+TEST_F(Configuration, TakesTheTimeZone) { EXPECT_EQ(updateTZ(), 0); }
+
+TEST_F(Configuration, RecordsTheRegistrationUntilItIsWithdrawn) {
+    inOwnProcess([] {
+        ASSERT_EQ(cfg_add_pid("pmtud"), 0);
+        EXPECT_EQ(contents(record), std::to_string(getpid()) + "\n");
+        EXPECT_EQ(cfg_clear_pid(), 0);
+        EXPECT_FALSE(exists(record));
+        EXPECT_EQ(cfg_clear_pid(), -ENOENT);
+    });
+}
+
+TEST_F(Configuration, LeavesThePidFileToTheDaemon) {
+    inOwnProcess([] {
+        ASSERT_EQ(cfg_add_pid("pmtud"), 0);
+        EXPECT_FALSE(exists("/run/pmtud.pid"));
+    });
+}
+
+TEST_F(Configuration, ReplacesTheRecordOfAProcessThatWasKilled) {
+    std::ofstream(record) << "1\n";
+    inOwnProcess([] {
+        ASSERT_EQ(cfg_add_pid("pmtud"), 0);
+        EXPECT_EQ(contents(record), std::to_string(getpid()) + "\n");
+    });
+}
+
+TEST_F(Configuration, LeavesTheRecordOfAnotherProcessAlone) {
+    inOwnProcess([] {
+        ASSERT_EQ(cfg_add_pid("pmtud"), 0);
+        std::ofstream(record) << "1\n";
+        EXPECT_EQ(cfg_clear_pid(), -EEXIST);
+        EXPECT_EQ(contents(record), "1\n");
+    });
+}
+
+TEST_F(Configuration, DoesNotWriteThroughALink) {
+    ASSERT_EQ(symlink("/run/victim", record), 0);
+    inOwnProcess([] {
+        ASSERT_EQ(cfg_add_pid("pmtud"), 0);
+        EXPECT_FALSE(exists("/run/victim"));
+        EXPECT_EQ(contents(record), std::to_string(getpid()) + "\n");
+    });
+}
+
+TEST_F(Configuration, LeavesNoDraftBehind) {
+    const std::string before = output("ls -A /run");
+    inOwnProcess([] {
+        // What a process of this number left when it died.
+        std::ofstream("/run/.pmtud." + std::to_string(getpid())) << "half";
+        ASSERT_EQ(cfg_add_pid("pmtud"), 0);
+        EXPECT_EQ(cfg_clear_pid(), 0);
+    });
+    EXPECT_EQ(output("ls -A /run"), before);
+}
+
+TEST_F(Configuration, RegistersUnderANameOnly) {
+    inOwnProcess([] {
+        EXPECT_EQ(cfg_add_pid(nullptr), -EINVAL);
+        EXPECT_EQ(cfg_add_pid(""), -EINVAL);
+        EXPECT_EQ(cfg_add_pid("../etc/passwd"), -EINVAL);
+        EXPECT_EQ(cfg_add_pid(".."), -EINVAL);
+        EXPECT_EQ(cfg_add_pid(std::string(200, 'x').c_str()), -ENAMETOOLONG);
+        EXPECT_EQ(cfg_clear_pid(), -ENOENT);
+    });
+}

@@ -1,0 +1,197 @@
+// A process that attaches to the packet-dispatch queue as the daemon does.
+#include "client.h"
+
+#include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+#include <system_error>
+
+#include "world.h"
+
+namespace {
+
+constexpr size_t largestFrame = 65593;
+
+constexpr char askCount = 'c';
+constexpr char askGate = 'g';
+
+// One datagram from the process: the results of the two calls, or a frame behind this.
+struct Report {
+    int attached = 0;
+    int started = 0;
+    st_pktd_shm_queue_entry_ctrl_t control{};
+    bool zeroBehind = false;
+    bool signalsBlocked = false;
+};
+
+// The process's own side; the callback has no argument to find it by.
+ClientOptions options;
+int channel = -1;
+std::atomic<bool> gateOpen{true};
+std::atomic<int> frames{0};
+
+void report(const Report& head, const uint8_t* frame, size_t size) {
+    iovec pieces[] = {{const_cast<Report*>(&head), sizeof head},
+                      {const_cast<uint8_t*>(frame), size}};
+    msghdr message{};
+    message.msg_iov = pieces;
+    message.msg_iovlen = 2;
+    if (sendmsg(channel, &message, MSG_NOSIGNAL) < 0) _exit(1);
+}
+
+int callback(const st_pktd_shm_queue_entry_data_t* entry, uint8_t* frame, int len) {
+    if (options.throws) throw std::runtime_error("the callback's own");
+    gateOpen.wait(false);
+    ++frames;
+    if (options.countsOnly) return options.verdict;
+    Report head;
+    head.control = entry->ctrl;
+    head.zeroBehind =
+        std::all_of(frame + len, frame + largestFrame, [](uint8_t byte) { return byte == 0; });
+    sigset_t blocked;
+    pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+    head.signalsBlocked = true;
+    for (const int signal : {SIGHUP, SIGINT, SIGTERM, SIGUSR1, SIGCHLD, SIGALRM, SIGPIPE})
+        if (sigismember(&blocked, signal) != 1) head.signalsBlocked = false;
+    report(head, frame, static_cast<size_t>(len));
+    return options.verdict;
+}
+
+void dropCapability(int capability) {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[2];
+    if (syscall(SYS_capget, &header, data) != 0) _exit(1);
+    const auto word = static_cast<size_t>(capability / 32);
+    data[word].effective &= ~(1U << (capability % 32));
+    data[word].permitted &= ~(1U << (capability % 32));
+    data[word].inheritable = 0;
+    if (syscall(SYS_capset, &header, data) != 0) _exit(1);
+}
+
+// A stack of a size that no address space has room for.
+void refuseThreads() {
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, SIZE_MAX / 4 & ~size_t{65535});
+    if (pthread_setattr_default_np(&attributes) != 0) _exit(1);
+}
+
+[[noreturn]] void live() {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const rlimit none{0, 0};
+    setrlimit(RLIMIT_CORE, &none);
+    // No other descriptor of the test is to live on in this process, its log socket least.
+    dup2(channel, 3);
+    channel = 3;
+    close_range(4, ~0U, 0);
+    if (options.throws && freopen("/dev/null", "w", stderr) == nullptr) _exit(1);
+    if (options.without) dropCapability(*options.without);
+    gateOpen = !options.gated;
+
+    Report head;
+    head.attached = pktd_shm_queue_init("pmtud", 0, 1, pktd_tx_queue_pool, pktd_rx_queue_pool);
+    if (head.attached == 0) {
+        if (options.withoutMemory) refuseThreads();
+        const pktd_rx_cb_t chosen = options.withoutCallback ? nullptr : callback;
+        head.started = pktd_shm_rx_thread_init("pmtud", pktd_rx_queue_pool, pktd_rx_wl_pool, 32, 32,
+                                               chosen, nullptr);
+    }
+    report(head, nullptr, 0);
+    char command = 0;
+    while (read(channel, &command, 1) > 0) {
+        if (command == askCount) {
+            head.attached = frames;
+            report(head, nullptr, 0);
+            continue;
+        }
+        gateOpen = true;
+        gateOpen.notify_all();
+    }
+    std::exit(0);
+}
+
+}  // namespace
+
+Client::Client(const ClientOptions& wanted) {
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
+        throw std::system_error(errno, std::generic_category(), "socketpair");
+    std::fflush(nullptr);
+    m_process = fork();
+    if (m_process < 0) throw std::system_error(errno, std::generic_category(), "fork");
+    if (m_process == 0) {
+        options = wanted;
+        channel = ends[1];
+        live();
+    }
+    close(ends[1]);
+    m_channel.reset(ends[0]);
+    awaitReadable(m_channel.get(), "the client to attach");
+    Report head;
+    if (recv(m_channel.get(), &head, sizeof head, 0) != sizeof head)
+        throw std::runtime_error("the client died");
+    m_attached = head.attached;
+    m_started = head.started;
+}
+
+Client::~Client() {
+    if (m_process < 0) return;
+    EXPECT_EQ(stop(), 0) << "the client did not exit as it should";
+}
+
+Delivered Client::next() {
+    awaitReadable(m_channel.get(), "a frame");
+    Bytes bytes(sizeof(Report) + largestFrame);
+    const ssize_t length = recv(m_channel.get(), bytes.data(), bytes.size(), 0);
+    if (length < static_cast<ssize_t>(sizeof(Report))) throw std::runtime_error("the client died");
+    Report head;
+    std::memcpy(&head, bytes.data(), sizeof head);
+    return {head.control, Bytes(bytes.begin() + sizeof head, bytes.begin() + length),
+            head.zeroBehind, head.signalsBlocked};
+}
+
+void Client::openGate() {
+    if (send(m_channel.get(), &askGate, 1, MSG_NOSIGNAL) != 1)
+        throw std::system_error(errno, std::generic_category(), "gate");
+}
+
+uint64_t Client::count() {
+    if (send(m_channel.get(), &askCount, 1, MSG_NOSIGNAL) != 1)
+        throw std::system_error(errno, std::generic_category(), "count");
+    Report head;
+    if (recv(m_channel.get(), &head, sizeof head, 0) != sizeof head)
+        throw std::runtime_error("the client died");
+    return static_cast<uint64_t>(head.attached);
+}
+
+int Client::stop() {
+    m_channel.reset();
+    return await();
+}
+
+void Client::kill() {
+    ::kill(m_process, SIGKILL);
+    await();
+}
+
+int Client::await() {
+    int status = -1;
+    waitpid(m_process, &status, 0);
+    m_process = -1;
+    return status;
+}

@@ -1,0 +1,30 @@
+// The system log's socket, read by the test.
+#ifndef PMTUD_TEST_LINUX_LOG_DAEMON_H
+#define PMTUD_TEST_LINUX_LOG_DAEMON_H
+
+#include <optional>
+#include <string>
+
+#include "descriptor.h"
+
+class LogDaemon {
+ public:
+    /// Listens on /dev/log.
+    LogDaemon();
+    ~LogDaemon();
+
+    /// The next datagram as it came; waits for it.
+    std::string next();
+
+    /// The same, if there is one already.
+    std::optional<std::string> poll();
+
+ private:
+    pmtud_linux::Descriptor m_socket;
+};
+
+/// What follows "<31>Mmm dd hh:mm:ss NAME[PID]: " in the datagram, or the whole datagram
+/// where it does not begin so; PID any number.
+std::string lineOf(const std::string& datagram);
+
+#endif

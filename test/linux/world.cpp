@@ -1,0 +1,267 @@
+// A switch and two hosts in network namespaces of the test's own.
+#include "world.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <libmnl/libmnl.h>
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <linux/netfilter/nf_tables.h>
+#include <linux/netfilter/nfnetlink.h>
+#include <net/if.h>
+#include <netinet/ether.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <stdexcept>
+#include <system_error>
+#include <vector>
+
+using pmtud_linux::Descriptor;
+
+namespace {
+
+void check(bool succeeded, const char* what) {
+    if (!succeeded) throw std::system_error(errno, std::generic_category(), what);
+}
+
+void makeDevice(const char* path, unsigned int minor) {
+    check(mknod(path, S_IFCHR | 0666, makedev(1, minor)) == 0, path);
+}
+
+void write(const char* path, const char* text) {
+    std::ofstream file(path);
+    file << text << std::flush;
+    if (!file) throw std::runtime_error(std::string("cannot write ") + path);
+}
+
+void batch(const std::string& commands) {
+    FILE* const ip = popen("ip -batch -", "w");
+    check(ip != nullptr, "popen");
+    const bool written = std::fputs(commands.c_str(), ip) >= 0;
+    const int status = pclose(ip);
+    if (!written || status != 0) throw std::runtime_error("ip -batch failed");
+}
+
+sockaddr_ll address(int ifindex) {
+    sockaddr_ll link{};
+    link.sll_family = AF_PACKET;
+    link.sll_ifindex = ifindex;
+    link.sll_protocol = htons(ETH_P_ALL);
+    return link;
+}
+
+}  // namespace
+
+void isolate() {
+    check(unshare(CLONE_NEWNS | CLONE_NEWNET) == 0, "the kernel tests need root: unshare");
+    check(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "private mounts");
+    check(mount("tmpfs", "/run", "tmpfs", 0, nullptr) == 0, "mount /run");
+    check(mount("tmpfs", "/dev", "tmpfs", 0, nullptr) == 0, "mount /dev");
+    makeDevice("/dev/null", 3);
+    makeDevice("/dev/zero", 5);
+    makeDevice("/dev/urandom", 9);
+}
+
+void awaitReadable(int fd, const char* what) {
+    pollfd readable{fd, POLLIN, 0};
+    const int limit = static_cast<int>(std::chrono::milliseconds(patience).count());
+    const int result = poll(&readable, 1, limit);
+    check(result >= 0, "poll");
+    if (result == 0) throw std::runtime_error(std::string("waited in vain for ") + what);
+}
+
+void run(const std::string& command) {
+    if (std::system(command.c_str()) != 0) throw std::runtime_error("failed: " + command);
+}
+
+std::string output(const std::string& command) {
+    FILE* const pipe = popen(command.c_str(), "r");
+    check(pipe != nullptr, "popen");
+    std::string text;
+    std::array<char, 4096> piece;
+    for (size_t size = 0; (size = std::fread(piece.data(), 1, piece.size(), pipe)) > 0;)
+        text.append(piece.data(), size);
+    if (pclose(pipe) != 0) throw std::runtime_error("failed: " + command);
+    return text;
+}
+
+void onHost(const std::string& host, const std::function<void()>& action) {
+    const Descriptor home(open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC));
+    const Descriptor there(open(("/run/netns/" + host).c_str(), O_RDONLY | O_CLOEXEC));
+    check(setns(there.get(), CLONE_NEWNET) == 0, "setns");
+    const auto goHome = [](const Descriptor* back) { setns(back->get(), CLONE_NEWNET); };
+    const std::unique_ptr<const Descriptor, decltype(goHome)> guard(&home, goHome);
+    action();
+}
+
+void inOwnProcess(const std::function<void()>& body) {
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        try {
+            body();
+        } catch (const std::exception& error) {
+            ADD_FAILURE() << error.what();
+        }
+        std::exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0) << "see the failures above";
+}
+
+Capture::Capture(const std::string& host, const std::string& interface) {
+    const auto open = [&] {
+        m_socket.reset(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        check(m_socket.valid(), "packet socket");
+        const sockaddr_ll link = address(static_cast<int>(if_nametoindex(interface.c_str())));
+        check(bind(m_socket.get(), reinterpret_cast<const sockaddr*>(&link), sizeof link) == 0,
+              "bind");
+    };
+    if (host.empty())
+        open();
+    else
+        onHost(host, open);
+}
+
+Bytes Capture::next(const std::function<bool(const Bytes&)>& wanted) {
+    for (;;) {
+        awaitReadable(m_socket.get(), "a packet");
+        Bytes packet(65536);
+        sockaddr_ll from{};
+        socklen_t size = sizeof from;
+        const ssize_t length = recvfrom(m_socket.get(), packet.data(), packet.size(), 0,
+                                        reinterpret_cast<sockaddr*>(&from), &size);
+        check(length >= 0, "recvfrom");
+        packet.resize(static_cast<size_t>(length));
+        if (from.sll_pkttype != PACKET_OUTGOING && wanted(packet)) return packet;
+    }
+}
+
+RuleChanges::RuleChanges() {
+    m_socket.reset(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER));
+    check(m_socket.valid(), "netlink socket");
+    // Bound: an unbound socket is left out of what the kernel itself sends.
+    sockaddr_nl any{};
+    any.nl_family = AF_NETLINK;
+    check(bind(m_socket.get(), reinterpret_cast<const sockaddr*>(&any), sizeof any) == 0, "bind");
+    constexpr int group = NFNLGRP_NFTABLES;
+    check(
+        setsockopt(m_socket.get(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) == 0,
+        "nftables events");
+}
+
+void RuleChanges::await() {
+    for (;;) {
+        awaitReadable(m_socket.get(), "a change of the rules");
+        alignas(nlmsghdr) std::array<char, 65536> buffer;
+        const ssize_t length = recv(m_socket.get(), buffer.data(), buffer.size(), 0);
+        if (length < 0 && errno == ENOBUFS) {
+            // There were more than the socket holds, and it takes none until it is empty.
+            while (recv(m_socket.get(), buffer.data(), buffer.size(), MSG_DONTWAIT) >= 0) continue;
+            return;
+        }
+        check(length >= 0, "nftables events");
+        int left = static_cast<int>(length);
+        const auto* message = reinterpret_cast<const nlmsghdr*>(buffer.data());
+        for (; mnl_nlmsg_ok(message, left); message = mnl_nlmsg_next(message, &left))
+            if (message->nlmsg_type == ((NFNL_SUBSYS_NFTABLES << 8) | NFT_MSG_NEWGEN)) return;
+    }
+}
+
+void World::SetUp() {
+    check(unshare(CLONE_NEWNET) == 0, "unshare");
+    for (const std::string host : {"a", "b"}) {
+        if (access(("/run/netns/" + host).c_str(), F_OK) == 0) run("ip netns del " + host);
+        run("ip netns add " + host);
+    }
+    batch(R"(link set lo up
+link add bcm0.10 address 02:00:00:00:10:01 type veth peer name eth0 netns a address 02:00:00:00:10:02
+link add bcm0.20 address 02:00:00:00:20:01 mtu 1280 type veth peer name eth0 netns b address 02:00:00:00:20:02
+link add bcm0.30 address 02:00:00:00:30:01 mtu 1000 type veth peer name fence
+addr add 10.0.10.1/24 dev bcm0.10
+addr add 10.0.20.1/24 dev bcm0.20
+addr add 10.0.30.1/24 dev bcm0.30
+addr add fd00:10::1/64 dev bcm0.10 nodad
+addr add fd00:20::1/64 dev bcm0.20 nodad
+link set bcm0.10 up
+link set bcm0.20 up
+link set bcm0.30 up
+link set fence up
+neigh add 10.0.10.2 lladdr 02:00:00:00:10:02 dev bcm0.10
+neigh add 10.0.20.2 lladdr 02:00:00:00:20:02 dev bcm0.20
+neigh add fd00:10::2 lladdr 02:00:00:00:10:02 dev bcm0.10
+neigh add fd00:20::2 lladdr 02:00:00:00:20:02 dev bcm0.20
+)");
+    write("/proc/sys/net/ipv4/ip_forward", "1");
+    write("/proc/sys/net/ipv6/conf/all/forwarding", "1");
+    onHost("a", [] {
+        batch(R"(link set lo up
+addr add 10.0.10.2/24 dev eth0
+addr add fd00:10::2/64 dev eth0 nodad
+link set eth0 up
+route add default via 10.0.10.1
+route add default via fd00:10::1
+neigh add 10.0.10.1 lladdr 02:00:00:00:10:01 dev eth0
+neigh add fd00:10::1 lladdr 02:00:00:00:10:01 dev eth0
+)");
+    });
+    onHost("b", [] {
+        batch(R"(link set lo up
+addr add 10.0.20.2/24 dev eth0
+addr add fd00:20::2/64 dev eth0 nodad
+link set eth0 up
+route add default via 10.0.20.1
+route add default via fd00:20::1
+)");
+    });
+    onHost("a", [this] {
+        m_sender.reset(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        check(m_sender.valid(), "packet socket");
+        m_interface = static_cast<int>(if_nametoindex("eth0"));
+    });
+}
+
+void World::send(const Bytes& packet, const std::string& destination) {
+    sockaddr_ll link = address(m_interface);
+    link.sll_protocol = htons(packet[0] >> 4 == 4 ? ETH_P_IP : ETH_P_IPV6);
+    link.sll_halen = ETH_ALEN;
+    ether_addr mac{};
+    check(ether_aton_r(destination.c_str(), &mac) != nullptr, "ether_aton");
+    std::memcpy(link.sll_addr, &mac, sizeof mac);
+    const ssize_t sent = sendto(m_sender.get(), packet.data(), packet.size(), 0,
+                                reinterpret_cast<const sockaddr*>(&link), sizeof link);
+    check(sent == static_cast<ssize_t>(packet.size()), "sendto");
+}
+
+void World::sendFence() {
+    Ipv4 fence;
+    fence.size = 1001;
+    fence.destination = "10.0.30.2";
+    send(packet(fence));
+}
+
+uint64_t counted(const std::string& chain, const std::string& comment) {
+    const std::string text = output("nft list chain inet pmtud " + chain);
+    const size_t at = text.find(comment);
+    if (at == std::string::npos) throw std::runtime_error("no rule with " + comment);
+    constexpr std::string_view before = "counter packets ";
+    const size_t counter = text.rfind(before, at);
+    if (counter == std::string::npos) throw std::runtime_error("no counter before " + comment);
+    return std::stoull(text.substr(counter + before.size()));
+}

@@ -1,0 +1,90 @@
+// A switch and two hosts in network namespaces of the test's own.
+//
+//   host a, VLAN 10                 the switch                    host b, VLAN 20
+//   10.0.10.2  fd00:10::2  ── bcm0.10 (MTU 1500)
+//                             bcm0.20 (MTU 1280) ──  10.0.20.2  fd00:20::2
+//                             bcm0.30 (MTU 1000): where the fence packets go
+//
+// The test's own process is in the switch.  /run and /dev are the test's own as well.
+#ifndef PMTUD_TEST_LINUX_WORLD_H
+#define PMTUD_TEST_LINUX_WORLD_H
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "descriptor.h"
+#include "packets.h"
+
+/// Moves the process into mount and network namespaces of its own, with an empty /run and a
+/// /dev without the machine's sockets.  Throws std::system_error where that is not allowed.
+void isolate();
+
+/// How long a test waits for an event before it fails.
+constexpr std::chrono::seconds patience{10};
+
+/// Waits until the descriptor is readable; throws std::runtime_error naming `what` when
+/// patience runs out.
+void awaitReadable(int fd, const char* what);
+
+/// Runs the command line in the switch; throws std::runtime_error where it fails.
+void run(const std::string& command);
+
+/// The same, and returns its standard output.
+std::string output(const std::string& command);
+
+/// Runs `action` in the namespace of host "a" or "b".
+void onHost(const std::string& host, const std::function<void()>& action);
+
+/// Runs the body of a test in a process of its own, where it sees the library as it is
+/// at the start of a process; the test fails where the body does.
+void inOwnProcess(const std::function<void()>& body);
+
+/// All packets that a host's or the switch's interface receives.
+class Capture {
+ public:
+    /// An empty host: the switch.
+    explicit Capture(const std::string& host, const std::string& interface = "eth0");
+
+    /// The next packet, from its IP header on, that is as wanted; waits for it.
+    Bytes next(const std::function<bool(const Bytes&)>& wanted);
+
+ private:
+    pmtud_linux::Descriptor m_socket;
+};
+
+/// The changes of the switch's nftables rules, from its construction on.
+class RuleChanges {
+ public:
+    RuleChanges();
+
+    /// Waits for the end of one transaction.
+    void await();
+
+ private:
+    pmtud_linux::Descriptor m_socket;
+};
+
+class World : public testing::Test {
+ protected:
+    void SetUp() override;
+
+    /// Sends the packet from host a's interface to bcm0.10, or to another link-layer address.
+    void send(const Bytes& packet, const std::string& destination = "02:00:00:00:10:01");
+
+    /// Sends a packet that is certain to be copied.  The frame that the client gets next
+    /// tells whether any that was sent before it was copied too.
+    void sendFence();
+
+ private:
+    pmtud_linux::Descriptor m_sender;
+    int m_interface = 0;
+};
+
+/// How many packets the counter of the rule with the comment has seen.
+uint64_t counted(const std::string& chain, const std::string& comment);
+
+#endif

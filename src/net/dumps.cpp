@@ -4,6 +4,7 @@
 #include <netinet/ether.h>
 
 #include <array>
+#include <boost/system/system_error.hpp>
 #include <iomanip>
 #include <sstream>
 
@@ -14,6 +15,18 @@ constexpr char kHexDigits[] = "0123456789abcdef";
 void appendHexByte(std::string& text, uint8_t byte) {
     text += kHexDigits[byte >> 4];
     text += kHexDigits[byte & 0xF];
+}
+
+/// Where an address cannot be converted, the rest of its dump is lost and the line goes out
+/// with what stands before.  Some versions of Boost.Asio throw there instead.
+template <typename Address>
+std::ostream& insertAddress(std::ostream& os, const Address& address) {
+    try {
+        return os << address;
+    } catch (const boost::system::system_error&) {
+        os.setstate(std::ios_base::failbit);
+        return os;
+    }
 }
 
 }  // namespace
@@ -94,8 +107,8 @@ std::string ipv4Dump(const Ipv4Header& header) {
     os << "TTL: " << decHex(header.ttl()) << std::endl;
     os << "Protocol: " << decHex(header.protocol()) << std::endl;
     os << "Checksum: " << decHex(header.checksum()) << std::endl;
-    os << "Src: " << header.src() << std::endl;
-    os << "Dst: " << header.dst() << std::endl;
+    insertAddress(os << "Src: ", header.src()) << std::endl;
+    insertAddress(os << "Dst: ", header.dst()) << std::endl;
     return os.str();
 }
 
@@ -111,8 +124,8 @@ std::string ipv6Dump(const Ipv6Header& header) {
     os << "Total Length: " << decHex(header.payloadLength()) << std::endl << std::endl;
     os << "Next Header: " << decHex(header.nextHeader()) << std::endl;
     os << "Hop Limit: " << decHex(header.hopLimit()) << std::endl;
-    os << "Src: " << header.src() << std::endl;
-    os << "Dst: " << header.dst() << std::endl;
+    insertAddress(os << "Src: ", header.src()) << std::endl;
+    insertAddress(os << "Dst: ", header.dst()) << std::endl;
     return os.str();
 }
 

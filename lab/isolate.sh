@@ -107,6 +107,7 @@ lab_own_devices() {
     mount -t tmpfs lab-dev "$dev"
     local node
     for node in null zero full random urandom tty; do
+        [[ -e /dev/$node ]] || continue
         : >"$dev/$node"
         mount --bind "/dev/$node" "$dev/$node"
     done

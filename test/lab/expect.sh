@@ -1,0 +1,111 @@
+# shellcheck shell=bash
+# shellcheck disable=SC2154  # family is the runner's
+# What the end-to-end cases expect, and the packets that they send.
+
+fail() {
+    echo "FAILED: $1" >&2
+    echo "--- what pmtud wrote to standard error:" >&2
+    cat "${lab_daemon_output:-/dev/null}" >&2
+    echo "--- what pmtud wrote to the system log:" >&2
+    lab_syslog >&2
+    exit 1
+}
+
+expect() {
+    local -r what=$1
+    shift
+    if ! "$@"; then fail "$what"; fi
+}
+
+expect_equal() {
+    local -r what=$1 expected=$2 actual=$3
+    if [[ $actual != "$expected" ]]; then
+        fail "$what: expected"$'\n'"$expected"$'\n'"but it is"$'\n'"$actual"
+    fi
+}
+
+expect_line() {
+    local -r what=$1 line=$2 text=$3
+    if ! grep -Fxq -- "$line" <<<"$text"; then
+        fail "$what: expected the line"$'\n'"$line"$'\n'"in"$'\n'"$text"
+    fi
+}
+
+expect_match() {
+    local -r what=$1 pattern=$2 text=$3
+    if ! grep -Eq -- "$pattern" <<<"$text"; then
+        fail "$what: expected to find"$'\n'"$pattern"$'\n'"in"$'\n'"$text"
+    fi
+}
+
+# by_family TEXT_OF_IPV4 TEXT_OF_IPV6
+by_family() {
+    if [[ $family == 4 ]]; then echo "$1"; else echo "$2"; fi
+}
+
+destination() {
+    by_family 10.0.20.2 2001:db8:20::2
+}
+
+# ping_size SIZE [OPTION...]
+# Sends host b one echo request whose whole packet has that size and must not be fragmented;
+# writes what ping says, whose status tells of an answer.
+ping_size() {
+    local -r size=$1
+    shift
+    local status=0
+    lab_on a ping -c 1 -W 1 -n -M "do" -s $((size - $(by_family 28 48))) "$@" "$(destination)" \
+        2>&1 || status=$?
+    # 1: no echo reply; more: it could not be sent.
+    ((status <= 1)) || fail "ping: status $status"
+}
+
+expect_answered_with() {
+    local -r mtu=$1 size=$2
+    expect_line "ping of $size bytes" "$(by_family \
+        "From 10.0.10.1 icmp_seq=1 Frag needed and DF set (mtu = $mtu)" \
+        "From 2001:db8:10::1 icmp_seq=1 Packet too big: mtu=$mtu")" "$(ping_size "$size")"
+}
+
+expect_passes() {
+    local -r size=$1
+    expect_match "ping of $size bytes" ' 1 received, 0% packet loss' "$(ping_size "$size")"
+}
+
+forget_mtu() {
+    ip -n a "-$family" route flush cache
+}
+
+readonly capture_of_case=$LAB_FILES/case.pcap
+
+start_capture() {
+    lab_start_capture "$capture_of_case"
+}
+
+# The path-MTU errors that host a got.
+errors() {
+    lab_captured 'icmp[icmptype] == icmp-unreach or icmp6[icmp6type] == icmp6-packettoobig'
+}
+
+has_errors() {
+    [[ -n $(errors) ]]
+}
+
+await_errors() {
+    expect "an error reaches host a" lab_within 5 has_errors
+}
+
+has_marker() {
+    [[ -n $(lab_captured 'icmp[icmptype] == icmp-echoreply and icmp[4:2] == 0xbeef') ]]
+}
+
+# Everything that was to come is in the capture: what comes later already is.
+await_marker() {
+    lab_on a ping -c 1 -W 5 -n -e $((0xbeef)) 10.0.10.1 >"$LAB_FILES/marker"
+    expect "the marker is captured" lab_within 5 has_marker
+}
+
+expect_no_errors() {
+    await_marker
+    expect_equal "errors on host a's link" "" "$(errors)"
+}

@@ -1,0 +1,51 @@
+// The logger classes: what they derive from and how they are used.
+#include <gtest/gtest.h>
+
+#include <type_traits>
+#include <typeinfo>
+
+#include "QVLog.h"
+
+namespace {
+
+using FileLog = qv::Log<qv::Output2FilePolicy>;
+using DebugProcessLog = qv::Log<qv::Output2DebugProcessPolicy>;
+
+TEST(Loggers, DevLogDerivesPubliclyFromTheFileChannels) {
+    EXPECT_TRUE((std::is_convertible_v<qv::QVDevLog*, FileLog*>));
+}
+
+TEST(Loggers, DebugProcLogDerivesPubliclyFromTheDebugProcessChannels) {
+    EXPECT_TRUE((std::is_convertible_v<qv::QVDebugProcLog*, DebugProcessLog*>));
+}
+
+template <typename T>
+class EveryLogger : public testing::Test {};
+using LoggerTypes = testing::Types<FileLog, DebugProcessLog, qv::QVDevLog, qv::QVDebugProcLog>;
+TYPED_TEST_SUITE(EveryLogger, LoggerTypes);
+
+TYPED_TEST(EveryLogger, HasAVirtualDestructor) {
+    EXPECT_TRUE(std::has_virtual_destructor_v<TypeParam>);
+}
+
+TYPED_TEST(EveryLogger, IsNotCopied) {
+    EXPECT_FALSE(std::is_copy_constructible_v<TypeParam>);
+    EXPECT_FALSE(std::is_copy_assignable_v<TypeParam>);
+}
+
+TEST(Loggers, AddNoFieldsToTheirBases) {
+    EXPECT_EQ(sizeof(qv::QVDevLog), sizeof(FileLog));
+    EXPECT_EQ(sizeof(qv::QVDebugProcLog), sizeof(DebugProcessLog));
+}
+
+TEST(Loggers, HaveTypeInformationOfTheirOwn) {
+    EXPECT_NE(typeid(qv::QVDevLog), typeid(FileLog));
+    EXPECT_NE(typeid(qv::QVDebugProcLog), typeid(DebugProcessLog));
+}
+
+TEST(Policies, HoldNoData) {
+    EXPECT_TRUE(std::is_empty_v<qv::Output2FilePolicy>);
+    EXPECT_TRUE(std::is_empty_v<qv::Output2DebugProcessPolicy>);
+}
+
+}  // namespace

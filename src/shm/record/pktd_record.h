@@ -46,18 +46,43 @@ typedef struct st_pktd_shm_queue_entry_data_t {
 
 #pragma pack(pop)
 
-static_assert(offsetof(st_pktd_shm_queue_entry_ctrl_t, unit) == 0, "unit");
-static_assert(offsetof(st_pktd_shm_queue_entry_ctrl_t, port) == 4, "port");
-static_assert(offsetof(st_pktd_shm_queue_entry_ctrl_t, is_trunk) == 17, "is_trunk");
-static_assert(offsetof(st_pktd_shm_queue_entry_ctrl_t, tid) == 18, "tid");
-static_assert(offsetof(st_pktd_shm_queue_entry_ctrl_t, dst_unit) == 34, "dst_unit");
-static_assert(offsetof(st_pktd_shm_queue_entry_ctrl_t, dst_port) == 38, "dst_port");
-static_assert(offsetof(st_pktd_shm_queue_entry_ctrl_t, dst_valid) == 42, "dst_valid");
-static_assert(offsetof(st_pktd_shm_queue_entry_ctrl_t, proto) == 71, "proto");
-static_assert(offsetof(st_pktd_shm_queue_entry_ctrl_t, vid) == 89, "vid");
-static_assert(offsetof(st_pktd_shm_queue_entry_ctrl_t, vtag) == 95, "vtag");
-static_assert(offsetof(st_pktd_shm_queue_entry_ctrl_t, egress) == 111, "egress");
-static_assert(offsetof(st_pktd_shm_queue_entry_ctrl_t, post_kind) == 356, "post_kind");
+/* Where each field that the daemon uses lies, and how wide it is. */
+static_assert(offsetof(st_pktd_shm_queue_entry_ctrl_t, unit) == 0 &&
+                  sizeof(((st_pktd_shm_queue_entry_ctrl_t*)0)->unit) == 4,
+              "unit");
+static_assert(offsetof(st_pktd_shm_queue_entry_ctrl_t, port) == 4 &&
+                  sizeof(((st_pktd_shm_queue_entry_ctrl_t*)0)->port) == 4,
+              "port");
+static_assert(offsetof(st_pktd_shm_queue_entry_ctrl_t, is_trunk) == 17 &&
+                  sizeof(((st_pktd_shm_queue_entry_ctrl_t*)0)->is_trunk) == 1,
+              "is_trunk");
+static_assert(offsetof(st_pktd_shm_queue_entry_ctrl_t, tid) == 18 &&
+                  sizeof(((st_pktd_shm_queue_entry_ctrl_t*)0)->tid) == 4,
+              "tid");
+static_assert(offsetof(st_pktd_shm_queue_entry_ctrl_t, dst_unit) == 34 &&
+                  sizeof(((st_pktd_shm_queue_entry_ctrl_t*)0)->dst_unit) == 4,
+              "dst_unit");
+static_assert(offsetof(st_pktd_shm_queue_entry_ctrl_t, dst_port) == 38 &&
+                  sizeof(((st_pktd_shm_queue_entry_ctrl_t*)0)->dst_port) == 4,
+              "dst_port");
+static_assert(offsetof(st_pktd_shm_queue_entry_ctrl_t, dst_valid) == 42 &&
+                  sizeof(((st_pktd_shm_queue_entry_ctrl_t*)0)->dst_valid) == 1,
+              "dst_valid");
+static_assert(offsetof(st_pktd_shm_queue_entry_ctrl_t, proto) == 71 &&
+                  sizeof(((st_pktd_shm_queue_entry_ctrl_t*)0)->proto) == 4,
+              "proto");
+static_assert(offsetof(st_pktd_shm_queue_entry_ctrl_t, vid) == 89 &&
+                  sizeof(((st_pktd_shm_queue_entry_ctrl_t*)0)->vid) == 4,
+              "vid");
+static_assert(offsetof(st_pktd_shm_queue_entry_ctrl_t, vtag) == 95 &&
+                  sizeof(((st_pktd_shm_queue_entry_ctrl_t*)0)->vtag) == 2,
+              "vtag");
+static_assert(offsetof(st_pktd_shm_queue_entry_ctrl_t, egress) == 111 &&
+                  sizeof(((st_pktd_shm_queue_entry_ctrl_t*)0)->egress) == 4,
+              "egress");
+static_assert(offsetof(st_pktd_shm_queue_entry_ctrl_t, post_kind) == 356 &&
+                  sizeof(((st_pktd_shm_queue_entry_ctrl_t*)0)->post_kind) == 4,
+              "post_kind");
 static_assert(sizeof(st_pktd_shm_queue_entry_ctrl_t) == 364, "control block");
 static_assert(offsetof(st_pktd_shm_queue_entry_data_t, ctrl) == 9000, "ctrl");
 static_assert(sizeof(st_pktd_shm_queue_entry_data_t) == 9364, "record");

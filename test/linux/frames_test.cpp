@@ -181,7 +181,7 @@ TEST(LogMessage, WithAnAttributeShorterThanItsHeaderEndsThere) {
 
 TEST(LogMessage, WithANumberOfTheWrongSizeIsNone) {
     for (const uint16_t type : {NFULA_MARK, NFULA_IFINDEX_INDEV, NFULA_SEQ})
-        for (const size_t size : {0, 2, 8})
+        for (const size_t size : {0U, 2U, 8U})
             EXPECT_FALSE(Message().put(type, Bytes(size)).decode()) << type << " " << size;
     EXPECT_FALSE(Message().put(NFULA_PACKET_HDR, {0x08, 0x00, 0}).decode());
 }

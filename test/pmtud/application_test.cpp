@@ -34,10 +34,6 @@ namespace {
 using Fields = PMTUDAppFields;
 
 static_assert(!std::is_polymorphic_v<PMTUDApp>, "no base class, no virtual operations");
-template <typename Field>
-constexpr bool isField(Field& (*)(PMTUDApp&), const Field*) {
-    return true;
-}
 static_assert(std::is_same_v<decltype(Fields::cfg(std::declval<PMTUDApp&>())), VlanConfig*&>);
 static_assert(std::is_same_v<decltype(Fields::shm(std::declval<PMTUDApp&>())), SHM_Wrapper*&>);
 static_assert(std::is_same_v<decltype(Fields::handler(std::declval<PMTUDApp&>())), SHM_Handler*&>);

@@ -57,15 +57,64 @@ inline Bytes ipv4Frame() {
 
 /// From 2001:db8:0:10::a to 2001:db8:0:20::14, tagged as ipv4Frame.
 inline Bytes ipv6Frame(uint16_t payloadLength) {
-    const Bytes headers = {
-        0x00, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e, 0x00, 0x00, 0x5e, 0x00, 0x53, 0x01,  // MACs
-        0x81, 0x00, 0x70, 0x14, 0x86, 0xdd,                                      // tag, EtherType
-        0x6a, 0xbc, 0xde, 0xf1, static_cast<uint8_t>(payloadLength >> 8),
-        static_cast<uint8_t>(payloadLength), 0x11, 0x40,  // IPv6
-        0x20, 0x01, 0x0d, 0xb8, 0x00, 0x00, 0x00, 0x10,   // source
-        0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x0a,   //
-        0x20, 0x01, 0x0d, 0xb8, 0x00, 0x00, 0x00, 0x20,   // destination
-        0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x14};
+    const Bytes headers = {0x00,
+                           0x1a,
+                           0x2b,
+                           0x3c,
+                           0x4d,
+                           0x5e,
+                           0x00,
+                           0x00,
+                           0x5e,
+                           0x00,
+                           0x53,
+                           0x01,  // MACs
+                           0x81,
+                           0x00,
+                           0x70,
+                           0x14,
+                           0x86,
+                           0xdd,  // tag, EtherType
+                           0x6a,
+                           0xbc,
+                           0xde,
+                           0xf1,
+                           static_cast<uint8_t>(payloadLength >> 8),
+                           static_cast<uint8_t>(payloadLength),
+                           0x11,
+                           0x40,  // IPv6
+                           0x20,
+                           0x01,
+                           0x0d,
+                           0xb8,
+                           0x00,
+                           0x00,
+                           0x00,
+                           0x10,  // source
+                           0x00,
+                           0x00,
+                           0x00,
+                           0x00,
+                           0x00,
+                           0x00,
+                           0x00,
+                           0x0a,  //
+                           0x20,
+                           0x01,
+                           0x0d,
+                           0xb8,
+                           0x00,
+                           0x00,
+                           0x00,
+                           0x20,  // destination
+                           0x00,
+                           0x00,
+                           0x00,
+                           0x00,
+                           0x00,
+                           0x00,
+                           0x00,
+                           0x14};
     return headers + payload(payloadLength);
 }
 
@@ -83,26 +132,6 @@ inline st_pktd_shm_queue_entry_data_t recordWithEgress(int32_t egress) {
     st_pktd_shm_queue_entry_data_t record{};
     record.ctrl.egress = egress;
     return record;
-}
-
-/// The text cut behind each CR LF.  Function texts are brought to GCC's form: Clang writes a
-/// blank before an asterisk or an ampersand.
-inline Lines linesOf(std::string text) {
-#ifdef __clang__
-    for (const char* const apart : {"_t *", "_t &"}) {
-        for (auto at = text.find(apart); at != std::string::npos; at = text.find(apart, at)) {
-            text.erase(at + 2, 1);
-        }
-    }
-#endif
-    Lines lines;
-    for (std::size_t begin = 0; begin < text.size();) {
-        const auto end = text.find("\r\n", begin);
-        const auto next = end == std::string::npos ? text.size() : end + 2;
-        lines.push_back(text.substr(begin, next - begin));
-        begin = next;
-    }
-    return lines;
 }
 
 /// Everything that leaves the engine while it lives, in one order: lines of the file channel

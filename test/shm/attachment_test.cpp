@@ -8,7 +8,6 @@ namespace {
 
 using shm_test::fields;
 using shm_test::Lines;
-using shm_test::linesOf;
 using shm_test::logAt;
 
 const std::string kInitializing =

@@ -14,7 +14,6 @@ using shm_test::Bytes;
 using shm_test::fields;
 using shm_test::frameWithTag;
 using shm_test::Lines;
-using shm_test::linesOf;
 using shm_test::logAt;
 using shm_test::QueueRecord;
 using shm_test::ScriptedHandler;

@@ -82,24 +82,6 @@ inline std::array<int32_t, 6> fields(const PktdFrameInfo& info) {
     return {info.unit, info.port, info.tid, info.vid, info.proto, info.egress};
 }
 
-/// The text cut behind each CR LF.  Function texts are brought to GCC's form: Clang writes a
-/// blank before an asterisk.
-inline Lines linesOf(std::string text) {
-#ifdef __clang__
-    for (auto at = text.find("_t *"); at != std::string::npos; at = text.find("_t *", at)) {
-        text.erase(at + 2, 1);
-    }
-#endif
-    Lines lines;
-    for (std::size_t begin = 0; begin < text.size();) {
-        const auto end = text.find("\r\n", begin);
-        const auto next = end == std::string::npos ? text.size() : end + 2;
-        lines.push_back(text.substr(begin, next - begin));
-        begin = next;
-    }
-    return lines;
-}
-
 /// What the file channel is given at this threshold while `work` runs.
 inline Lines logAt(int32_t level, const std::function<void()>& work) {
     const CapturedLog log(level);

@@ -7,7 +7,6 @@ namespace {
 
 using shm_test::Bytes;
 using shm_test::Lines;
-using shm_test::linesOf;
 using shm_test::logAt;
 using shm_test::QueueRecord;
 using shm_test::ScriptedHandler;

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "QVLog.h"
 
@@ -25,10 +26,19 @@ class CapturedLog {
         free(m_text);
     }
 
-    /// All that was written so far.
+    /// All that was written so far, with function texts as GCC spells them.
     std::string text() const {
         fflush(m_file);
-        return std::string(m_text, m_size);
+        std::string text(m_text, m_size);
+#ifdef __clang__
+        // Clang writes a blank before an asterisk or an ampersand.
+        for (const char* const apart : {"_t *", "_t &"}) {
+            for (auto at = text.find(apart); at != text.npos; at = text.find(apart, at)) {
+                text.erase(at + 2, 1);
+            }
+        }
+#endif
+        return text;
     }
 
  private:
@@ -38,5 +48,17 @@ class CapturedLog {
     char* m_text = nullptr;
     std::size_t m_size = 0;
 };
+
+/// The log's text cut behind each CR LF.
+inline std::vector<std::string> linesOf(const std::string& text) {
+    std::vector<std::string> lines;
+    for (std::size_t begin = 0; begin < text.size();) {
+        const auto end = text.find("\r\n", begin);
+        const auto next = end == std::string::npos ? text.size() : end + 2;
+        lines.push_back(text.substr(begin, next - begin));
+        begin = next;
+    }
+    return lines;
+}
 
 #endif

@@ -57,64 +57,16 @@ inline Bytes ipv4Frame() {
 
 /// From 2001:db8:0:10::a to 2001:db8:0:20::14, tagged as ipv4Frame.
 inline Bytes ipv6Frame(uint16_t payloadLength) {
-    const Bytes headers = {0x00,
-                           0x1a,
-                           0x2b,
-                           0x3c,
-                           0x4d,
-                           0x5e,
-                           0x00,
-                           0x00,
-                           0x5e,
-                           0x00,
-                           0x53,
-                           0x01,  // MACs
-                           0x81,
-                           0x00,
-                           0x70,
-                           0x14,
-                           0x86,
-                           0xdd,  // tag, EtherType
-                           0x6a,
-                           0xbc,
-                           0xde,
-                           0xf1,
-                           static_cast<uint8_t>(payloadLength >> 8),
-                           static_cast<uint8_t>(payloadLength),
-                           0x11,
-                           0x40,  // IPv6
-                           0x20,
-                           0x01,
-                           0x0d,
-                           0xb8,
-                           0x00,
-                           0x00,
-                           0x00,
-                           0x10,  // source
-                           0x00,
-                           0x00,
-                           0x00,
-                           0x00,
-                           0x00,
-                           0x00,
-                           0x00,
-                           0x0a,  //
-                           0x20,
-                           0x01,
-                           0x0d,
-                           0xb8,
-                           0x00,
-                           0x00,
-                           0x00,
-                           0x20,  // destination
-                           0x00,
-                           0x00,
-                           0x00,
-                           0x00,
-                           0x00,
-                           0x00,
-                           0x00,
-                           0x14};
+    Bytes headers = {
+        0x00, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e, 0x00, 0x00, 0x5e, 0x00, 0x53, 0x01,  // MACs
+        0x81, 0x00, 0x70, 0x14, 0x86, 0xdd,                                      // tag, EtherType
+        0x6a, 0xbc, 0xde, 0xf1, 0x00, 0x00, 0x11, 0x40,                          // IPv6
+        0x20, 0x01, 0x0d, 0xb8, 0x00, 0x00, 0x00, 0x10, 0x00, 0x00, 0x00, 0x00,  // source
+        0x00, 0x00, 0x00, 0x0a,                                                  //
+        0x20, 0x01, 0x0d, 0xb8, 0x00, 0x00, 0x00, 0x20, 0x00, 0x00, 0x00, 0x00,  // destination
+        0x00, 0x00, 0x00, 0x14};
+    headers[22] = static_cast<uint8_t>(payloadLength >> 8);
+    headers[23] = static_cast<uint8_t>(payloadLength);
     return headers + payload(payloadLength);
 }
 

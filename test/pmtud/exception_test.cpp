@@ -13,7 +13,6 @@ using engine_test::EngineTest;
 using engine_test::ipv4Frame;
 using engine_test::ipv6Frame;
 using engine_test::Lines;
-using engine_test::linesOf;
 using engine_test::recordWithEgress;
 
 namespace {

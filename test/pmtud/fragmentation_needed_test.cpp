@@ -2,6 +2,7 @@
 #include <stdexcept>
 
 #include "engine_test.h"
+#include "icmp_checksum.h"
 
 using engine_test::Bytes;
 using engine_test::EngineTest;
@@ -199,6 +200,107 @@ TEST_F(FragmentationNeededTest, SendsNothingOfAnEarlierFrame) {
     Bytes frame = slice(ipv4Frame(), 0, 38) + Bytes(40);
     reply4(frame);
     EXPECT_EQ(slice(fake::syscalls().sent.at(1).bytes, 8, 68), slice(frame, 18, 78));
+}
+
+// The checksum.
+
+TEST_F(FragmentationNeededTest, HasTheChecksumOfItselfWithTheFieldZero) {
+    reply4(ipv4Frame());
+    Bytes message = sent().bytes;
+    const int stored = message[2] << 8 | message[3];
+    message[2] = message[3] = 0;
+    EXPECT_EQ(icmpChecksum(message.data(), 68), stored);
+}
+
+/// The 16-bit one's complement sum of RFC 1071, carried round after every byte.
+unsigned onesComplementSum(const Bytes& bytes) {
+    unsigned sum = 0;
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        sum += i % 2 == 0 ? bytes[i] * 256U : bytes[i];
+        if (sum > 0xFFFF) sum -= 0xFFFF;
+    }
+    return sum;
+}
+
+TEST_F(FragmentationNeededTest, SumsToAllOnesAtItsReceiver) {
+    reply4(ipv4Frame());
+    EXPECT_EQ(onesComplementSum(sent().bytes), 0xFFFFU);
+}
+
+// Every IPv4 frame is answered.
+
+struct Change {
+    const char* name;
+    std::size_t offset;
+    uint8_t value;
+};
+
+class ChangedFrameTest : public FragmentationNeededTest,
+                         public testing::WithParamInterface<Change> {};
+
+TEST_P(ChangedFrameTest, IsAnsweredAndQuotedAsItIs) {
+    Bytes frame = ipv4Frame();
+    frame[GetParam().offset] = GetParam().value;
+    EXPECT_TRUE(reply4(frame));
+    EXPECT_EQ(sent().bytes.size(), 68U);
+    EXPECT_EQ(slice(sent().bytes, 8, 68), slice(frame, 18, 78));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Changes, ChangedFrameTest,
+    testing::Values(Change{"AnotherTagProtocol", 12, 0x88}, Change{"AnotherEtherType", 16, 0x86},
+                    Change{"AnotherVersion", 18, 0x65}, Change{"NoHeaderLength", 18, 0x40},
+                    Change{"TheGreatestHeaderLength", 18, 0x4F}, Change{"AnotherTos", 19, 0xFF},
+                    Change{"AGreaterTotalLength", 20, 0xFF},
+                    Change{"ASmallerTotalLength", 20, 0x00}, Change{"NoFlags", 24, 0x00},
+                    Change{"AllFlags", 24, 0xE0}, Change{"ALaterFragment", 25, 0x01},
+                    Change{"NoTimeToLive", 26, 0x00}, Change{"Icmp", 27, 0x01},
+                    Change{"AWrongChecksum", 28, 0x00}, Change{"AMulticastSource", 30, 0xE0},
+                    Change{"AMulticastDestination", 34, 0xE0},
+                    Change{"TheLastQuotedByte", 77, 0xFF}),
+    [](const auto& row) { return row.param.name; });
+
+TEST_F(FragmentationNeededTest, ShowsAddressesInDottedDecimal) {
+    Bytes frame = ipv4Frame();
+    std::fill(frame.begin() + 30, frame.begin() + 34, uint8_t{0xFF});
+    std::fill(frame.begin() + 34, frame.begin() + 38, uint8_t{0x00});
+    reply4(frame);
+    const Lines texts = fake::platform().debugTexts();
+    EXPECT_EQ(texts.at(1), " PMTUD-Prot:    From: 255.255.255.255");
+    EXPECT_EQ(texts.at(2), " PMTUD-Prot:    To: 0.0.0.0");
+    EXPECT_EQ(texts.back(), " PMTUD-Prot: ICMP message sent to source 255.255.255.255");
+}
+
+struct InvalidVlan {
+    const char* name;
+    int vlan;
+    const char* text;
+};
+
+class InvalidVlanTextTest : public FragmentationNeededTest,
+                            public testing::WithParamInterface<InvalidVlan> {};
+
+TEST_P(InvalidVlanTextTest, IsTheOnlyOneForTheDebugProcessAndTheLastOfTheFileChannel) {
+    answerVlan(GetParam().vlan);
+    const Lines lines = logAt(qv::DEBUG, [this] { EXPECT_FALSE(reply4(ipv4Frame())); });
+    const std::string text = GetParam().text;
+    EXPECT_EQ(fake::platform().debugTexts(), Lines({" PMTUD-Prot: " + text}));
+    EXPECT_EQ(lines.back(),
+              "14:03:07.2 DEBUG: [PMTUDApp:115 | bool PMTUDApp::sendICMP4PacketTooBig(uint8_t*, "
+              "size_t)] " +
+                  text + "\r\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Vlans, InvalidVlanTextTest,
+    testing::Values(InvalidVlan{"Zero", 0, "Invalid VLAN ID - VLAN ID: 0 Egress: 77"},
+                    InvalidVlan{"Vlan4095", 4095, "Invalid VLAN ID - VLAN ID: 4095 Egress: 77"},
+                    InvalidVlan{"MinusOne", -1, "Invalid VLAN ID - VLAN ID: -1 Egress: 77"}),
+    [](const auto& row) { return row.param.name; });
+
+TEST_F(FragmentationNeededTest, AnswersAsManyFramesAsCome) {
+    for (int i = 0; i < 500; ++i) ASSERT_TRUE(reply4(ipv4Frame()));
+    EXPECT_EQ(fake::syscalls().sent.size(), 500U);
 }
 
 }  // namespace

@@ -114,39 +114,42 @@ const std::string kIpv6Dump =
 
 /// What is written of each frame before its family matters.
 Lines arrival(const std::string& length, const std::string& ethDump) {
-    return {kNewPacket,
-            kRecord,
-            "14:03:07.2 DEBUG1: [SHM_Wrapper:37 | int SHM_Wrapper::handleFrame(uint8_t*, size_t)] " +
-                ethDump,
-            "14:03:07.2 DEBUG: [PMTUDApp:280 | bool PMTUDApp::handleFrame(uint8_t&, size_t)] recvd "
-            "frame len " +
-                length + "\r\n",
-            " PMTUD-Prot: Received frame of size: " + length,
-            kActionSet,
-            "14:03:07.2 DEBUG: [PMTUDApp:286 | bool PMTUDApp::handleFrame(uint8_t&, size_t)] " +
-                ethDump,
-            kMacs,
-            kMacsForDebugProcess};
+    return {
+        kNewPacket,
+        kRecord,
+        "14:03:07.2 DEBUG1: [SHM_Wrapper:37 | int SHM_Wrapper::handleFrame(uint8_t*, size_t)] " +
+            ethDump,
+        "14:03:07.2 DEBUG: [PMTUDApp:280 | bool PMTUDApp::handleFrame(uint8_t&, size_t)] recvd "
+        "frame len " +
+            length + "\r\n",
+        " PMTUD-Prot: Received frame of size: " + length,
+        kActionSet,
+        "14:03:07.2 DEBUG: [PMTUDApp:286 | bool PMTUDApp::handleFrame(uint8_t&, size_t)] " +
+            ethDump,
+        kMacs,
+        kMacsForDebugProcess};
 }
 
 /// What is written of each IPv4 and IPv6 frame next.
 Lines headers4() {
-    return {"14:03:07.2 DEBUG: [PMTUDApp:103 | bool PMTUDApp::sendICMP4PacketTooBig(uint8_t*, "
-            "size_t)] " +
-                kEthDump4,
-            "14:03:07.2 DEBUG: [PMTUDApp:106 | bool PMTUDApp::sendICMP4PacketTooBig(uint8_t*, "
-            "size_t)] " +
-                kIpv4Dump,
-            "cfg_vlan_l3_get_dest_vlan(16777217)"};
+    return {
+        "14:03:07.2 DEBUG: [PMTUDApp:103 | bool PMTUDApp::sendICMP4PacketTooBig(uint8_t*, "
+        "size_t)] " +
+            kEthDump4,
+        "14:03:07.2 DEBUG: [PMTUDApp:106 | bool PMTUDApp::sendICMP4PacketTooBig(uint8_t*, "
+        "size_t)] " +
+            kIpv4Dump,
+        "cfg_vlan_l3_get_dest_vlan(16777217)"};
 }
 Lines headers6() {
-    return {"14:03:07.2 DEBUG: [PMTUDApp:202 | bool PMTUDApp::sendICMP6PacketTooBig(const "
-            "uint8_t&, size_t)] " +
-                kEthDump6,
-            "14:03:07.2 DEBUG: [PMTUDApp:205 | bool PMTUDApp::sendICMP6PacketTooBig(const "
-            "uint8_t&, size_t)] " +
-                kIpv6Dump,
-            "cfg_vlan_l3_get_dest_vlan(16777217)"};
+    return {
+        "14:03:07.2 DEBUG: [PMTUDApp:202 | bool PMTUDApp::sendICMP6PacketTooBig(const "
+        "uint8_t&, size_t)] " +
+            kEthDump6,
+        "14:03:07.2 DEBUG: [PMTUDApp:205 | bool PMTUDApp::sendICMP6PacketTooBig(const "
+        "uint8_t&, size_t)] " +
+            kIpv6Dump,
+        "cfg_vlan_l3_get_dest_vlan(16777217)"};
 }
 
 const Lines kReply4 = {
@@ -204,8 +207,8 @@ class FrameRoadTest : public EngineTest {
     /// Hands the frame to the queue's callback, which must answer 7.
     static void receive(Bytes frame) {
         const st_pktd_shm_queue_entry_data_t record = recordWithEgress(kEgress);
-        EXPECT_EQ(
-            SHM_Wrapper_App::pkt_rx_cb(&record, frame.data(), static_cast<int>(frame.size())), 7);
+        EXPECT_EQ(SHM_Wrapper_App::pkt_rx_cb(&record, frame.data(), static_cast<int>(frame.size())),
+                  7);
     }
     static Lines roadOf(const Bytes& frame) {
         Journal journal(qv::DEBUG1);
@@ -225,7 +228,8 @@ TEST_F(FrameRoadTest, OfIpv6LeadsToAnIcmpv6Message) {
 TEST_F(FrameRoadTest, OfIpv4ForAnInvalidVlanEndsThere) {
     answerVlan(4095);
     EXPECT_EQ(roadOf(ipv4Frame()),
-              joined({arrival("1600", kEthDump4), headers4(),
+              joined({arrival("1600", kEthDump4),
+                      headers4(),
                       {"14:03:07.2 DEBUG: [PMTUDApp:115 | bool "
                        "PMTUDApp::sendICMP4PacketTooBig(uint8_t*, size_t)] Invalid VLAN ID - VLAN "
                        "ID: 4095 Egress: 16777217\r\n",
@@ -236,7 +240,8 @@ TEST_F(FrameRoadTest, OfIpv4ForAnInvalidVlanEndsThere) {
 TEST_F(FrameRoadTest, OfIpv4ForAnInvalidMtuEndsThere) {
     answerMtu(16384);
     EXPECT_EQ(roadOf(ipv4Frame()),
-              joined({arrival("1600", kEthDump4), headers4(),
+              joined({arrival("1600", kEthDump4),
+                      headers4(),
                       {"cfg_vlan_l3_get_mtu(100)",
                        "14:03:07.2 DEBUG: [PMTUDApp:122 | bool "
                        "PMTUDApp::sendICMP4PacketTooBig(uint8_t*, size_t)] Invalid VLAN MTU - VLAN "
@@ -249,7 +254,8 @@ TEST_F(FrameRoadTest, OfIpv4ForAnInvalidMtuEndsThere) {
 TEST_F(FrameRoadTest, OfIpv6ForAnInvalidVlanEndsThere) {
     answerVlan(0);
     EXPECT_EQ(roadOf(ipv6Frame(8)),
-              joined({arrival("66", kEthDump6), headers6(),
+              joined({arrival("66", kEthDump6),
+                      headers6(),
                       {"14:03:07.2 DEBUG: [PMTUDApp:211 | bool "
                        "PMTUDApp::sendICMP6PacketTooBig(const uint8_t&, size_t)] Invalid VLAN ID: "
                        "0 (Egress ID: 16777217)\r\n",
@@ -260,7 +266,8 @@ TEST_F(FrameRoadTest, OfIpv6ForAnInvalidVlanEndsThere) {
 TEST_F(FrameRoadTest, OfIpv6ForAnInvalidMtuEndsThere) {
     answerMtu(575);
     EXPECT_EQ(roadOf(ipv6Frame(8)),
-              joined({arrival("66", kEthDump6), headers6(),
+              joined({arrival("66", kEthDump6),
+                      headers6(),
                       {"cfg_vlan_l3_get_mtu(100)",
                        "14:03:07.2 DEBUG: [PMTUDApp:218 | bool "
                        "PMTUDApp::sendICMP6PacketTooBig(const uint8_t&, size_t)] Invalid VLAN MTU: "
@@ -274,8 +281,8 @@ TEST_F(FrameRoadTest, OfIpv4WithoutASocketEndsThere) {
     Lines expected = joined({arrival("1600", kEthDump4), headers4(), kReply4});
     expected.erase(std::find(expected.begin(), expected.end(), "setsockopt(404, 0, 2, [64], 1)"),
                    expected.end());
-    expected.insert(expected.end(), {" PMTUD-Prot: Error creating socket", kUnansweredDiscard,
-                                     kReturned7});
+    expected.insert(expected.end(),
+                    {" PMTUD-Prot: Error creating socket", kUnansweredDiscard, kReturned7});
     EXPECT_EQ(roadOf(ipv4Frame()), expected);
 }
 

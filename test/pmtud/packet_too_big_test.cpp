@@ -14,6 +14,29 @@ using engine_test::operator+;
 
 namespace {
 
+/// Where the message and the stack were when the send library was last called.
+uintptr_t handedOver = 0;
+uintptr_t stackAtSend = 0;
+
+}  // namespace
+
+extern "C" {
+
+int __real_arpd_ipv6_pkt_send(int32_t fd, const struct sockaddr_in6* to, const struct iovec* iov,
+                              int iovcnt, uint32_t ifindex);
+
+int __wrap_arpd_ipv6_pkt_send(int32_t fd, const struct sockaddr_in6* to, const struct iovec* iov,
+                              int iovcnt, uint32_t ifindex) {
+    const char here = 0;
+    stackAtSend = reinterpret_cast<uintptr_t>(&here);
+    handedOver = reinterpret_cast<uintptr_t>(iov->iov_base);
+    return __real_arpd_ipv6_pkt_send(fd, to, iov, iovcnt, ifindex);
+}
+
+}  // extern "C"
+
+namespace {
+
 class PacketTooBigTest : public EngineTest {
  protected:
     static const fake::Icmp6Message& sent() { return fake::platform().icmp6Messages.at(0); }
@@ -231,6 +254,146 @@ TEST_F(PacketTooBigTest, SendsNothingOfAnEarlierFrame) {
     reply6(frame);
     EXPECT_EQ(fake::platform().icmp6Messages.at(1).bytes,
               Bytes({2, 0, 0, 0, 0, 0, 0x05, 0xdc}) + slice(frame, 18, 58));
+}
+
+// Every IPv6 frame is answered.
+
+struct Change {
+    const char* name;
+    std::size_t offset;
+    uint8_t value;
+};
+
+class ChangedPacketTest : public PacketTooBigTest, public testing::WithParamInterface<Change> {};
+
+TEST_P(ChangedPacketTest, IsAnsweredAndQuotedAsItIs) {
+    Bytes frame = ipv6Frame(8);
+    frame[GetParam().offset] = GetParam().value;
+    EXPECT_TRUE(reply6(frame));
+    EXPECT_EQ(sent().bytes, Bytes({2, 0, 0, 0, 0, 0, 0x05, 0xdc}) + slice(frame, 18, 66));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Changes, ChangedPacketTest,
+    testing::Values(Change{"AnotherTagProtocol", 12, 0x88}, Change{"AnotherEtherType", 16, 0x08},
+                    Change{"AnotherVersion", 18, 0x45}, Change{"Icmpv6", 24, 58},
+                    Change{"AFragment", 24, 44}, Change{"NoHopLimit", 25, 0},
+                    Change{"AMulticastSource", 26, 0xFF}, Change{"AMulticastDestination", 42, 0xFF},
+                    Change{"TheLastByte", 65, 0xFF}),
+    [](const auto& row) { return row.param.name; });
+
+TEST_F(PacketTooBigTest, AnswersAPacketThatFitsTheMtu) {
+    answerMtu(16383);
+    EXPECT_TRUE(reply6(ipv6Frame(8)));
+    EXPECT_EQ(sent().bytes.size(), 56U);
+}
+
+TEST_F(PacketTooBigTest, AnswersAsManyFramesAsCome) {
+    for (int i = 0; i < 500; ++i) ASSERT_TRUE(reply6(ipv6Frame(8)));
+    EXPECT_EQ(fake::platform().icmp6Messages.size(), 500U);
+}
+
+TEST_F(PacketTooBigTest, ShowsTheReceivedLengthAsItCame) {
+    const Bytes frame = ipv6Frame(8);
+    app.sendICMP6PacketTooBig(frame.front(), 4294967295U);
+    EXPECT_EQ(fake::platform().debugTexts().front(),
+              " PMTUD-Prot: Received IPv6 packet len 4294967295:");
+}
+
+TEST_F(PacketTooBigTest, GoesToALinkLocalSourceWithoutAScope) {
+    Bytes frame = ipv6Frame(8);
+    const Bytes linkLocal = {0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+    std::copy(linkLocal.begin(), linkLocal.end(), frame.begin() + 26);
+    std::fill(frame.begin() + 42, frame.begin() + 58, uint8_t{0});
+    reply6(frame);
+    const Lines texts = fake::platform().debugTexts();
+    EXPECT_EQ(texts.at(1), " PMTUD-Prot:    From: fe80::1");
+    EXPECT_EQ(texts.at(2), " PMTUD-Prot:    To: ::");
+    EXPECT_EQ(texts.back(), " PMTUD-Prot: ICMPv6 message sent to source fe80::1");
+    EXPECT_EQ(sent().to.sin6_scope_id, 0U);
+}
+
+struct InvalidVlan {
+    const char* name;
+    int vlan;
+    const char* fileText;
+    const char* debugProcessText;
+};
+
+class InvalidVlanTextsTest : public PacketTooBigTest,
+                             public testing::WithParamInterface<InvalidVlan> {};
+
+TEST_P(InvalidVlanTextsTest, DifferInABlank) {
+    answerVlan(GetParam().vlan);
+    const Lines lines = logAt(qv::DEBUG, [this] { EXPECT_FALSE(reply6(ipv6Frame(8))); });
+    EXPECT_EQ(lines.back(),
+              "14:03:07.2 DEBUG: [PMTUDApp:211 | bool PMTUDApp::sendICMP6PacketTooBig(const "
+              "uint8_t&, size_t)] " +
+                  std::string(GetParam().fileText) + "\r\n");
+    EXPECT_EQ(fake::platform().debugTexts(), Lines({GetParam().debugProcessText}));
+    EXPECT_EQ(fake::platform().calls, Lines({"cfg_vlan_l3_get_dest_vlan(77)"}));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Vlans, InvalidVlanTextsTest,
+    testing::Values(InvalidVlan{"Zero", 0, "Invalid VLAN ID: 0 (Egress ID: 77)",
+                                " PMTUD-Prot: Invalid VLAN ID: 0(Egress ID: 77)"},
+                    InvalidVlan{"Vlan4095", 4095, "Invalid VLAN ID: 4095 (Egress ID: 77)",
+                                " PMTUD-Prot: Invalid VLAN ID: 4095(Egress ID: 77)"},
+                    InvalidVlan{"MinusOne", -1, "Invalid VLAN ID: -1 (Egress ID: 77)",
+                                " PMTUD-Prot: Invalid VLAN ID: -1(Egress ID: 77)"}),
+    [](const auto& row) { return row.param.name; });
+
+struct InvalidMtu {
+    uint32_t mtu;
+    const char* text;
+};
+
+class InvalidMtuTextTest : public PacketTooBigTest,
+                           public testing::WithParamInterface<InvalidMtu> {};
+
+TEST_P(InvalidMtuTextTest, IsTheSameOnBothChannels) {
+    answerMtu(GetParam().mtu);
+    const Lines lines = logAt(qv::DEBUG, [this] { EXPECT_FALSE(reply6(ipv6Frame(8))); });
+    EXPECT_EQ(lines.back(),
+              "14:03:07.2 DEBUG: [PMTUDApp:218 | bool PMTUDApp::sendICMP6PacketTooBig(const "
+              "uint8_t&, size_t)] " +
+                  std::string(GetParam().text) + "\r\n");
+    EXPECT_EQ(fake::platform().debugTexts(),
+              Lines({" PMTUD-Prot: " + std::string(GetParam().text)}));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Mtus, InvalidMtuTextTest,
+    testing::Values(InvalidMtu{575, "Invalid VLAN MTU: 575 (VLAN ID : 100 Egress ID: 77)"},
+                    InvalidMtu{16384, "Invalid VLAN MTU: 16384 (VLAN ID : 100 Egress ID: 77)"},
+                    InvalidMtu{4294967295U,
+                               "Invalid VLAN MTU: 4294967295 (VLAN ID : 100 Egress ID: 77)"}),
+    [](const auto& row) { return std::to_string(row.param.mtu); });
+
+// The socket and the buffers.
+
+TEST_F(PacketTooBigTest, TakesDescriptor0AsASocket) {
+    fake::platform().icmp6SocketCreate = [](int32_t* fd) {
+        *fd = 0;
+        return 0;
+    };
+    EXPECT_TRUE(reply6(ipv6Frame(8)));
+    EXPECT_EQ(sent().fd, 0);
+    EXPECT_EQ(fake::syscalls().calls.back(), "close(0)");
+}
+
+TEST_F(PacketTooBigTest, IgnoresAFailingClose) {
+    fake::syscalls().close = [] { return -1; };
+    EXPECT_TRUE(reply6(ipv6Frame(8)));
+}
+
+TEST_F(PacketTooBigTest, IsBuiltOnTheStackOfTheCall) {
+    const char above = 0;
+    reply6(ipv6Frame(1460));
+    // The stack grows downwards on all machines that this runs on.
+    EXPECT_GT(handedOver, stackAtSend);
+    EXPECT_LT(handedOver, reinterpret_cast<uintptr_t>(&above));
 }
 
 }  // namespace

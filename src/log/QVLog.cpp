@@ -83,30 +83,30 @@ void Output2DebugProcessPolicy::output(uint32_t channel, std::ostringstream& os,
 
 // Building a line in the memory of the thread's last one allocates nothing.
 template <typename Policy>
-Log<Policy>::Log() : m_os(std::move(spareLineBuffer), std::ios_base::out) {}
+Log<Policy>::Log() : os(std::move(spareLineBuffer), std::ios_base::out) {}
 
 template <typename Policy>
 Log<Policy>::~Log() {
-    Policy::output(m_channel, m_os, m_reserved);
+    Policy::output(channel, os, reserved);
 }
 
 template <typename Policy>
 std::ostream& Log<Policy>::get(const char* file, int line, const char* function, LogLevel level) {
-    m_os << nowTime() << " " << toString(level) << ": [" << file << ":" << line << " | " << function
-         << "] ";
-    return m_os;
+    os << nowTime() << " " << toString(level) << ": [" << file << ":" << line << " | " << function
+       << "] ";
+    return os;
 }
 
 template <typename Policy>
-std::ostream& Log<Policy>::get(uint32_t channel, const char* name) {
-    m_channel = channel;
-    m_os << " " << name << ": ";
-    return m_os;
+std::ostream& Log<Policy>::get(uint32_t module, const char* name) {
+    channel = module;
+    os << " " << name << ": ";
+    return os;
 }
 
 template <typename Policy>
-std::ostream& Log<Policy>::get(uint32_t channel, const std::string& name) {
-    return get(channel, name.c_str());
+std::ostream& Log<Policy>::get(uint32_t module, const std::string& name) {
+    return get(module, name.c_str());
 }
 
 template class Log<Output2FilePolicy>;

@@ -62,14 +62,14 @@ class Log {
     /// text.
     std::ostream& get(const char* file, int line, const char* function, LogLevel level);
 
-    /// Begins a line for the debug process's module number `channel`.
-    std::ostream& get(uint32_t channel, const char* name);
-    std::ostream& get(uint32_t channel, const std::string& name);
+    /// Begins a line for the debug process's module number `module`.
+    std::ostream& get(uint32_t module, const char* name);
+    std::ostream& get(uint32_t module, const std::string& name);
 
  private:
-    uint32_t m_channel = 0;
-    int32_t m_reserved = 0;
-    std::ostringstream m_os;
+    uint32_t channel = 0;
+    int32_t reserved = 0;
+    std::ostringstream os;
 };
 
 /// Writes the line, ended by CR LF, to stream().

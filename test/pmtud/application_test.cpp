@@ -123,14 +123,14 @@ TEST_F(ApplicationTest, BindsAHandlerToItself) {
     ASSERT_NE(handler, nullptr);
     Bytes frame = frameOfType(0x0806);
     EXPECT_FALSE(handler->handleFrame(frame.front(), 33));
-    EXPECT_EQ(fake::platform().debugTexts().front(), " PMTUD-Prot: Received frame of size: 33");
+    EXPECT_EQ(fake::platform().debugTexts().at(0), " PMTUD-Prot: Received frame of size: 33");
 }
 
 TEST_F(ApplicationTest, RegistersItsHandlerWithTheAdapter) {
     PMTUDApp app(&cfg, &adapter);
     Bytes frame = ipv4Frame();
     adapter.handleFrame(frame.data(), 1600);
-    EXPECT_EQ(fake::platform().debugTexts().front(), " PMTUD-Prot: Received frame of size: 1600");
+    EXPECT_EQ(fake::platform().debugTexts().at(0), " PMTUD-Prot: Received frame of size: 1600");
 }
 
 TEST_F(ApplicationTest, MakesTheHandlerItsOnlyAllocation) {

@@ -27,6 +27,9 @@ namespace engine_test {
 using Bytes = std::vector<uint8_t>;
 using Lines = std::vector<std::string>;
 
+/// The last line; "(none)" where there is none.
+inline std::string last(const Lines& lines) { return lines.empty() ? "(none)" : lines.back(); }
+
 inline Bytes operator+(Bytes left, const Bytes& right) {
     left.insert(left.end(), right.begin(), right.end());
     return left;

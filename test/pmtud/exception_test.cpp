@@ -12,6 +12,7 @@ using engine_test::Bytes;
 using engine_test::EngineTest;
 using engine_test::ipv4Frame;
 using engine_test::ipv6Frame;
+using engine_test::last;
 using engine_test::Lines;
 using engine_test::recordWithEgress;
 
@@ -136,7 +137,7 @@ TEST_F(ExceptionTest, OfTheStatementOnTheIpv4MessageComesBeforeTheSocket) {
     failClockBehind(" PMTUD-Prot:    Dest VLAN MTU: ");
     const CapturedLog log(qv::DEBUG);
     EXPECT_THROW(handle(ipv4Frame()), std::runtime_error);
-    EXPECT_EQ(linesOf(log.text()).back(), "\r\n");
+    EXPECT_EQ(last(linesOf(log.text())), "\r\n");
     EXPECT_EQ(fake::syscalls().calls, Lines());
 }
 
@@ -180,14 +181,14 @@ TEST_F(ExceptionTest, OfAStatementIsNoneWhereTheThresholdSuppressesIt) {
 TEST_F(ExceptionTest, OfAnAddressLeavesTheLineAsFarAsItWas) {
     addressesFail = true;
     EXPECT_THROW(receive(ipv4Frame()), boost::system::system_error);
-    EXPECT_EQ(fake::platform().debugTexts().back(), " PMTUD-Prot:    From: ");
+    EXPECT_EQ(last(fake::platform().debugTexts()), " PMTUD-Prot:    From: ");
     EXPECT_EQ(fake::syscalls().calls, Lines());
 }
 
 TEST_F(ExceptionTest, OfAnIpv6AddressLeavesTheLineAsFarAsItWas) {
     addressesFail = true;
     EXPECT_THROW(receive(ipv6Frame(8)), boost::system::system_error);
-    EXPECT_EQ(fake::platform().debugTexts().back(), " PMTUD-Prot:    From: ");
+    EXPECT_EQ(last(fake::platform().debugTexts()), " PMTUD-Prot:    From: ");
     EXPECT_EQ(fake::syscalls().calls, Lines());
 }
 
@@ -197,7 +198,7 @@ TEST_F(ExceptionTest, OfTheLastLineComesBehindTheSendAndLeavesTheIpv6SocketOpen)
         return 0;
     };
     EXPECT_THROW(receive(ipv6Frame(8)), boost::system::system_error);
-    EXPECT_EQ(fake::platform().debugTexts().back(), " PMTUD-Prot: ICMPv6 message sent to source ");
+    EXPECT_EQ(last(fake::platform().debugTexts()), " PMTUD-Prot: ICMPv6 message sent to source ");
     EXPECT_EQ(fake::platform().icmp6Messages.size(), 1U);
     EXPECT_EQ(fake::syscalls().calls, Lines{"if_nametoindex(\"bcm0.20\")"});
 }
@@ -208,7 +209,7 @@ TEST_F(ExceptionTest, IsNoneWhereNoAddressOfAFailedSendIsWritten) {
         return -1;
     };
     EXPECT_EQ(receive(ipv6Frame(8)), 7);
-    EXPECT_EQ(fake::syscalls().calls.back(), "close(606)");
+    EXPECT_EQ(last(fake::syscalls().calls), "close(606)");
 }
 
 }  // namespace

@@ -8,6 +8,7 @@ using engine_test::Bytes;
 using engine_test::EngineTest;
 using engine_test::ipv4Frame;
 using engine_test::Journal;
+using engine_test::last;
 using engine_test::Lines;
 using engine_test::logAt;
 using engine_test::slice;
@@ -110,14 +111,15 @@ TEST_F(FragmentationNeededTest, WritesFourStatementsAtDebug) {
     const Lines lines = logAt(qv::DEBUG, [this] { reply4(ipv4Frame()); });
     const std::string place = " | bool PMTUDApp::sendICMP4PacketTooBig(uint8_t*, size_t)] ";
     ASSERT_EQ(lines.size(), 4U);
-    EXPECT_TRUE(lines[0].starts_with("14:03:07.2 DEBUG: [PMTUDApp:103" + place +
-                                     "\n===== [ETH DUMP] =====\ndata[18]: [00 1a 2b"));
-    EXPECT_TRUE(lines[1].starts_with("14:03:07.2 DEBUG: [PMTUDApp:106" + place +
-                                     "\n===== [IPv4 DUMP] =====\ndata[60]: [45 00 06 2e"));
-    EXPECT_EQ(lines[2], "14:03:07.2 DEBUG: [PMTUDApp:127" + place + "MTU VLAN: 1500 VLAN:20\r\n");
-    EXPECT_EQ(lines[3], "14:03:07.2 DEBUG: [PMTUDApp:142" + place +
-                            "Src: 00:00:5e:00:53:01 Dest: 00:1a:2b:3c:4d:5e VLAN: 20 "
-                            "packet_len: 68\r\n");
+    EXPECT_TRUE(lines.at(0).starts_with("14:03:07.2 DEBUG: [PMTUDApp:103" + place +
+                                        "\n===== [ETH DUMP] =====\ndata[18]: [00 1a 2b"));
+    EXPECT_TRUE(lines.at(1).starts_with("14:03:07.2 DEBUG: [PMTUDApp:106" + place +
+                                        "\n===== [IPv4 DUMP] =====\ndata[60]: [45 00 06 2e"));
+    EXPECT_EQ(lines.at(2),
+              "14:03:07.2 DEBUG: [PMTUDApp:127" + place + "MTU VLAN: 1500 VLAN:20\r\n");
+    EXPECT_EQ(lines.at(3), "14:03:07.2 DEBUG: [PMTUDApp:142" + place +
+                               "Src: 00:00:5e:00:53:01 Dest: 00:1a:2b:3c:4d:5e VLAN: 20 "
+                               "packet_len: 68\r\n");
 }
 
 TEST_F(FragmentationNeededTest, OfNoFrameIsFalseAndSilent) {
@@ -156,29 +158,29 @@ TEST_F(FragmentationNeededTest, SaysTwiceThatTheMtuIsInvalidAndOpensNoSocket) {
 TEST_F(FragmentationNeededTest, SaysThatTheSocketFailedAndIsFalse) {
     fake::syscalls().socket = [] { return -1; };
     EXPECT_FALSE(reply4(ipv4Frame()));
-    EXPECT_EQ(fake::platform().debugTexts().back(), " PMTUD-Prot: Error creating socket");
+    EXPECT_EQ(last(fake::platform().debugTexts()), " PMTUD-Prot: Error creating socket");
     EXPECT_EQ(fake::syscalls().calls, Lines({"socket(2, 3, 1)"}));
 }
 
 TEST_F(FragmentationNeededTest, GoesOnWhereTheTimeToLiveCannotBeSet) {
     fake::syscalls().setsockopt = [] { return -1; };
     EXPECT_TRUE(reply4(ipv4Frame()));
-    EXPECT_EQ(fake::platform().debugTexts().back(),
+    EXPECT_EQ(last(fake::platform().debugTexts()),
               " PMTUD-Prot: ICMP message sent to source 192.0.2.10");
 }
 
 TEST_F(FragmentationNeededTest, IsTrueAndClosesTheSocketWhereTheSendFailed) {
     fake::syscalls().sendto = [](std::size_t) { return -1L; };
     EXPECT_TRUE(reply4(ipv4Frame()));
-    EXPECT_EQ(fake::platform().debugTexts().back(),
+    EXPECT_EQ(last(fake::platform().debugTexts()),
               " PMTUD-Prot: Creating ICMP Dest. Unreach. Need Frag. message. MTU size: 1500");
-    EXPECT_EQ(fake::syscalls().calls.back(), "close(404)");
+    EXPECT_EQ(last(fake::syscalls().calls), "close(404)");
 }
 
 TEST_F(FragmentationNeededTest, SaysThatItWasSentWhereTheSendTookNothing) {
     fake::syscalls().sendto = [](std::size_t) { return 0L; };
     EXPECT_TRUE(reply4(ipv4Frame()));
-    EXPECT_EQ(fake::platform().debugTexts().back(),
+    EXPECT_EQ(last(fake::platform().debugTexts()),
               " PMTUD-Prot: ICMP message sent to source 192.0.2.10");
 }
 
@@ -186,7 +188,7 @@ TEST_F(FragmentationNeededTest, OpensASocketForEachReply) {
     reply4(ipv4Frame());
     reply4(ipv4Frame());
     EXPECT_EQ(fake::syscalls().calls.size(), 8U);
-    EXPECT_EQ(fake::syscalls().calls[4], "socket(2, 3, 1)");
+    EXPECT_EQ(fake::syscalls().calls.at(4), "socket(2, 3, 1)");
 }
 
 TEST_F(FragmentationNeededTest, LetsAnExceptionOfTheConfigurationThrough) {
@@ -268,7 +270,7 @@ TEST_F(FragmentationNeededTest, ShowsAddressesInDottedDecimal) {
     const Lines texts = fake::platform().debugTexts();
     EXPECT_EQ(texts.at(1), " PMTUD-Prot:    From: 255.255.255.255");
     EXPECT_EQ(texts.at(2), " PMTUD-Prot:    To: 0.0.0.0");
-    EXPECT_EQ(texts.back(), " PMTUD-Prot: ICMP message sent to source 255.255.255.255");
+    EXPECT_EQ(last(texts), " PMTUD-Prot: ICMP message sent to source 255.255.255.255");
 }
 
 struct InvalidVlan {
@@ -285,7 +287,7 @@ TEST_P(InvalidVlanTextTest, IsTheOnlyOneForTheDebugProcessAndTheLastOfTheFileCha
     const Lines lines = logAt(qv::DEBUG, [this] { EXPECT_FALSE(reply4(ipv4Frame())); });
     const std::string text = GetParam().text;
     EXPECT_EQ(fake::platform().debugTexts(), Lines({" PMTUD-Prot: " + text}));
-    EXPECT_EQ(lines.back(),
+    EXPECT_EQ(last(lines),
               "14:03:07.2 DEBUG: [PMTUDApp:115 | bool PMTUDApp::sendICMP4PacketTooBig(uint8_t*, "
               "size_t)] " +
                   text + "\r\n");

@@ -132,6 +132,7 @@ TEST_F(ReceivedBoundsTest, AnIpv4FrameOfEveryLengthIsQuotedWithZerosBehindIt) {
     for (std::size_t length = whole.size(); length >= 18; --length) {
         std::fill(buffer.begin() + static_cast<std::ptrdiff_t>(length), buffer.end(), uint8_t{0});
         ASSERT_EQ(receive(buffer.data(), length), 7) << length;
+        ASSERT_FALSE(fake::syscalls().sent.empty()) << length;
         Bytes quote = slice(whole, 18, std::min<std::size_t>(length, 78));
         quote.resize(60);
         ASSERT_EQ(slice(fake::syscalls().sent.back().bytes, 8, 68), quote) << length;
@@ -152,6 +153,7 @@ TEST_F(ReceivedBoundsTest, AnIpv6FrameOfEveryLengthIsQuotedWithZerosBehindIt) {
     for (std::size_t length = whole.size(); length >= 18; --length) {
         std::fill(buffer.begin() + static_cast<std::ptrdiff_t>(length), buffer.end(), uint8_t{0});
         ASSERT_EQ(receive(buffer.data(), length), 7) << length;
+        ASSERT_FALSE(fake::platform().icmp6Messages.empty()) << length;
         Bytes quote = slice(whole, 18, length);
         quote.resize(messageSize(length) - 8);
         const Bytes& message = fake::platform().icmp6Messages.back().bytes;

@@ -7,6 +7,7 @@ using engine_test::frameOfType;
 using engine_test::ipv4Frame;
 using engine_test::ipv6Frame;
 using engine_test::Journal;
+using engine_test::last;
 using engine_test::Lines;
 using engine_test::logAt;
 using engine_test::recordWithEgress;
@@ -68,7 +69,7 @@ TEST_F(IntakeTest, WritesItsTwoLinesToTheDebugProcessWhateverTheLevel) {
 TEST_F(IntakeTest, WritesANegativeEgressAsSigned) {
     adapter.setFrameInfo(0, 0, -1, 0, 0, -1);
     handle(frameOfType(0x0806));
-    EXPECT_TRUE(fake::platform().debugTexts().back().ends_with(", Tx egress: -1"));
+    EXPECT_TRUE(last(fake::platform().debugTexts()).ends_with(", Tx egress: -1"));
 }
 
 TEST_F(IntakeTest, WritesItsLinesAndSetsTheActionInThisOrder) {
@@ -115,20 +116,20 @@ TEST_F(IntakeTest, ShowsATagOfAllOnesAsVlan4095) {
     Bytes frame = frameOfType(0x0806);
     frame[14] = frame[15] = 0xFF;
     handle(frame);
-    EXPECT_TRUE(fake::platform().debugTexts().back().ends_with("Rx VLAN: 4095, Tx egress: 77"));
+    EXPECT_TRUE(last(fake::platform().debugTexts()).ends_with("Rx VLAN: 4095, Tx egress: 77"));
 }
 
 TEST_F(IntakeTest, ClassifiesAFrameOfLessThanEighteenBytesWithoutACheckOfItsLength) {
     Bytes frame = frameOfType(0x0806);
     EXPECT_FALSE(app.handleFrame(frame.front(), 3));
-    EXPECT_EQ(fake::platform().debugTexts().front(), " PMTUD-Prot: Received frame of size: 3");
+    EXPECT_EQ(fake::platform().debugTexts().at(0), " PMTUD-Prot: Received frame of size: 3");
 }
 
 TEST_F(IntakeTest, WritesTheLengthAsUnsignedAndHandsItOnUnchanged) {
     constexpr std::size_t kHuge = 4294967295U;
     Bytes frame = ipv4Frame();
     const Lines lines = logAt(qv::DEBUG, [&] { app.handleFrame(frame.front(), kHuge); });
-    EXPECT_EQ(lines.front(),
+    EXPECT_EQ(lines.at(0),
               "14:03:07.2 DEBUG: [PMTUDApp:280 | bool PMTUDApp::handleFrame(uint8_t&, size_t)] "
               "recvd frame len 4294967295\r\n");
     const Lines texts = fake::platform().debugTexts();

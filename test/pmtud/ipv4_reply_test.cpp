@@ -10,6 +10,7 @@ using engine_test::Bytes;
 using engine_test::EngineTest;
 using engine_test::ipv4Frame;
 using engine_test::Journal;
+using engine_test::last;
 using engine_test::Lines;
 using engine_test::recordWithEgress;
 using engine_test::slice;
@@ -242,7 +243,7 @@ TEST_F(Ipv4ReplyTest, GoesToABroadcastSourceAsToAnyOther) {
     std::fill(frame.begin() + 30, frame.begin() + 34, uint8_t{0xFF});
     reply4(frame);
     EXPECT_EQ(sent().to.sin_addr.s_addr, 0xFFFFFFFFU);
-    EXPECT_EQ(fake::platform().debugTexts().back(),
+    EXPECT_EQ(last(fake::platform().debugTexts()),
               " PMTUD-Prot: ICMP message sent to source 255.255.255.255");
 }
 

@@ -7,6 +7,7 @@ using engine_test::Bytes;
 using engine_test::EngineTest;
 using engine_test::ipv6Frame;
 using engine_test::Journal;
+using engine_test::last;
 using engine_test::Lines;
 using engine_test::logAt;
 using engine_test::slice;
@@ -55,7 +56,7 @@ TEST_F(PacketTooBigTest, Of1280IsOneMessageOf1280BytesOnTheTagsInterface) {
     EXPECT_TRUE(reply6(frame));
     ASSERT_EQ(fake::platform().icmp6Messages.size(), 1U);
     EXPECT_EQ(sent().bytes, Bytes({2, 0, 0, 0, 0, 0, 0x05, 0x00}) + slice(frame, 18, 1290));
-    EXPECT_EQ(fake::platform().calls[2], "arpd_icmp6_socket_create(\"bcm0.20\")");
+    EXPECT_EQ(fake::platform().calls.at(2), "arpd_icmp6_socket_create(\"bcm0.20\")");
 }
 
 TEST_F(PacketTooBigTest, GoesToThePacketsSourceAndLeavesTheRestOfTheAddressZero) {
@@ -143,43 +144,44 @@ TEST_F(PacketTooBigTest, WritesSixStatementsAtDebug) {
     const Lines lines = logAt(qv::DEBUG, [this] { reply6(ipv6Frame(1460)); });
     const std::string place = " | bool PMTUDApp::sendICMP6PacketTooBig(const uint8_t&, size_t)] ";
     ASSERT_EQ(lines.size(), 6U);
-    EXPECT_TRUE(lines[0].starts_with("14:03:07.2 DEBUG: [PMTUDApp:202" + place +
-                                     "\n===== [ETH DUMP] =====\ndata[18]: [00 1a 2b"));
-    EXPECT_TRUE(lines[1].starts_with("14:03:07.2 DEBUG: [PMTUDApp:205" + place +
-                                     "\n===== [IPv6 DUMP] =====\ndata[1500]: [6a bc de f1"));
-    EXPECT_EQ(lines[2], "14:03:07.2 DEBUG: [PMTUDApp:223" + place + "MTU VLAN: 1500 VLAN:20\r\n");
-    EXPECT_EQ(lines[3], "14:03:07.2 DEBUG: [PMTUDApp:237" + place +
-                            "Src: 00:00:5e:00:53:01 Dest: 00:1a:2b:3c:4d:5e VLAN: 20 "
-                            "packet_len: 1500\r\n");
-    EXPECT_EQ(lines[4], "14:03:07.2 DEBUG: [PMTUDApp:257" + place + "ifindex: 7\r\n");
-    EXPECT_EQ(lines[5], "14:03:07.2 DEBUG: [PMTUDApp:265" + place + "socket created OK\r\n");
+    EXPECT_TRUE(lines.at(0).starts_with("14:03:07.2 DEBUG: [PMTUDApp:202" + place +
+                                        "\n===== [ETH DUMP] =====\ndata[18]: [00 1a 2b"));
+    EXPECT_TRUE(lines.at(1).starts_with("14:03:07.2 DEBUG: [PMTUDApp:205" + place +
+                                        "\n===== [IPv6 DUMP] =====\ndata[1500]: [6a bc de f1"));
+    EXPECT_EQ(lines.at(2),
+              "14:03:07.2 DEBUG: [PMTUDApp:223" + place + "MTU VLAN: 1500 VLAN:20\r\n");
+    EXPECT_EQ(lines.at(3), "14:03:07.2 DEBUG: [PMTUDApp:237" + place +
+                               "Src: 00:00:5e:00:53:01 Dest: 00:1a:2b:3c:4d:5e VLAN: 20 "
+                               "packet_len: 1500\r\n");
+    EXPECT_EQ(lines.at(4), "14:03:07.2 DEBUG: [PMTUDApp:257" + place + "ifindex: 7\r\n");
+    EXPECT_EQ(lines.at(5), "14:03:07.2 DEBUG: [PMTUDApp:265" + place + "socket created OK\r\n");
 }
 
 TEST_F(PacketTooBigTest, PassesIndex0OnWhereTheInterfaceDoesNotExist) {
     fake::syscalls().ifNameToIndex = [](const std::string&) { return 0U; };
     const Lines lines = logAt(qv::DEBUG, [this] { EXPECT_TRUE(reply6(ipv6Frame(8))); });
-    EXPECT_EQ(lines[4],
+    EXPECT_EQ(lines.at(4),
               "14:03:07.2 DEBUG: [PMTUDApp:257 | bool PMTUDApp::sendICMP6PacketTooBig(const "
               "uint8_t&, size_t)] ifindex: 0\r\n");
-    EXPECT_EQ(fake::platform().calls[2], "arpd_icmp6_socket_create(\"bcm0.20\")");
-    EXPECT_EQ(fake::platform().calls[3], "arpd_ipv6_pkt_send(606, 0)");
+    EXPECT_EQ(fake::platform().calls.at(2), "arpd_icmp6_socket_create(\"bcm0.20\")");
+    EXPECT_EQ(fake::platform().calls.at(3), "arpd_ipv6_pkt_send(606, 0)");
 }
 
 TEST_F(PacketTooBigTest, WritesAnIndexBeyondTheSignedRangeAsSigned) {
     fake::syscalls().ifNameToIndex = [](const std::string&) { return 0xFFFFFFFFU; };
     const Lines lines = logAt(qv::DEBUG, [this] { reply6(ipv6Frame(8)); });
-    EXPECT_TRUE(lines[4].ends_with("ifindex: -1\r\n"));
+    EXPECT_TRUE(lines.at(4).ends_with("ifindex: -1\r\n"));
 }
 
 TEST_F(PacketTooBigTest, AnswersAFrameTaggedWithVlan0OnBcm0Dot0) {
     EXPECT_TRUE(reply6(taggedWith(ipv6Frame(8), 0x00, 0x00)));
-    EXPECT_EQ(fake::platform().calls[2], "arpd_icmp6_socket_create(\"bcm0.0\")");
+    EXPECT_EQ(fake::platform().calls.at(2), "arpd_icmp6_socket_create(\"bcm0.0\")");
 }
 
 TEST_F(PacketTooBigTest, AnswersATagOfAllOnesOnBcm0Dot4095) {
     EXPECT_TRUE(reply6(taggedWith(ipv6Frame(8), 0xFF, 0xFF)));
-    EXPECT_EQ(fake::platform().calls[2], "arpd_icmp6_socket_create(\"bcm0.4095\")");
-    EXPECT_EQ(fake::syscalls().calls[0], "if_nametoindex(\"bcm0.4095\")");
+    EXPECT_EQ(fake::platform().calls.at(2), "arpd_icmp6_socket_create(\"bcm0.4095\")");
+    EXPECT_EQ(fake::syscalls().calls.at(0), "if_nametoindex(\"bcm0.4095\")");
 }
 
 TEST_F(PacketTooBigTest, SaysTwiceAndNotAlikeThatTheVlanIsInvalidAndAsksForNoMtu) {
@@ -214,7 +216,7 @@ TEST_P(FailingCreateTest, IsFalseWithoutALineAndClosesNothing) {
         return GetParam();
     };
     EXPECT_FALSE(reply6(ipv6Frame(8)));
-    EXPECT_EQ(fake::platform().debugTexts().back(),
+    EXPECT_EQ(last(fake::platform().debugTexts()),
               " PMTUD-Prot: Creating ICMPv6 Packet Too Big message. MTU size: 1500");
     EXPECT_EQ(fake::platform().icmp6Messages.size(), 0U);
     EXPECT_EQ(fake::syscalls().calls, Lines({"if_nametoindex(\"bcm0.20\")"}));
@@ -225,9 +227,9 @@ INSTANTIATE_TEST_SUITE_P(Results, FailingCreateTest, testing::Values(-1, 1, -19)
 TEST_F(PacketTooBigTest, IsFalseWithoutALineAndClosesTheSocketWhereTheSendFailed) {
     fake::platform().icmp6Send = [] { return -1; };
     EXPECT_FALSE(reply6(ipv6Frame(8)));
-    EXPECT_EQ(fake::platform().debugTexts().back(),
+    EXPECT_EQ(last(fake::platform().debugTexts()),
               " PMTUD-Prot: Creating ICMPv6 Packet Too Big message. MTU size: 1500");
-    EXPECT_EQ(fake::syscalls().calls.back(), "close(606)");
+    EXPECT_EQ(last(fake::syscalls().calls), "close(606)");
 }
 
 class SuccessfulSendTest : public PacketTooBigTest, public testing::WithParamInterface<int> {};
@@ -235,9 +237,9 @@ class SuccessfulSendTest : public PacketTooBigTest, public testing::WithParamInt
 TEST_P(SuccessfulSendTest, IsTrueAndSaysSo) {
     fake::platform().icmp6Send = [] { return GetParam(); };
     EXPECT_TRUE(reply6(ipv6Frame(8)));
-    EXPECT_EQ(fake::platform().debugTexts().back(),
+    EXPECT_EQ(last(fake::platform().debugTexts()),
               " PMTUD-Prot: ICMPv6 message sent to source 2001:db8:0:10::a");
-    EXPECT_EQ(fake::syscalls().calls.back(), "close(606)");
+    EXPECT_EQ(last(fake::syscalls().calls), "close(606)");
 }
 
 INSTANTIATE_TEST_SUITE_P(Results, SuccessfulSendTest, testing::Values(0, 1, 1500));
@@ -296,7 +298,7 @@ TEST_F(PacketTooBigTest, AnswersAsManyFramesAsCome) {
 TEST_F(PacketTooBigTest, ShowsTheReceivedLengthAsItCame) {
     const Bytes frame = ipv6Frame(8);
     app.sendICMP6PacketTooBig(frame.front(), 4294967295U);
-    EXPECT_EQ(fake::platform().debugTexts().front(),
+    EXPECT_EQ(fake::platform().debugTexts().at(0),
               " PMTUD-Prot: Received IPv6 packet len 4294967295:");
 }
 
@@ -309,7 +311,7 @@ TEST_F(PacketTooBigTest, GoesToALinkLocalSourceWithoutAScope) {
     const Lines texts = fake::platform().debugTexts();
     EXPECT_EQ(texts.at(1), " PMTUD-Prot:    From: fe80::1");
     EXPECT_EQ(texts.at(2), " PMTUD-Prot:    To: ::");
-    EXPECT_EQ(texts.back(), " PMTUD-Prot: ICMPv6 message sent to source fe80::1");
+    EXPECT_EQ(last(texts), " PMTUD-Prot: ICMPv6 message sent to source fe80::1");
     EXPECT_EQ(sent().to.sin6_scope_id, 0U);
 }
 
@@ -326,7 +328,7 @@ class InvalidVlanTextsTest : public PacketTooBigTest,
 TEST_P(InvalidVlanTextsTest, DifferInABlank) {
     answerVlan(GetParam().vlan);
     const Lines lines = logAt(qv::DEBUG, [this] { EXPECT_FALSE(reply6(ipv6Frame(8))); });
-    EXPECT_EQ(lines.back(),
+    EXPECT_EQ(last(lines),
               "14:03:07.2 DEBUG: [PMTUDApp:211 | bool PMTUDApp::sendICMP6PacketTooBig(const "
               "uint8_t&, size_t)] " +
                   std::string(GetParam().fileText) + "\r\n");
@@ -355,7 +357,7 @@ class InvalidMtuTextTest : public PacketTooBigTest,
 TEST_P(InvalidMtuTextTest, IsTheSameOnBothChannels) {
     answerMtu(GetParam().mtu);
     const Lines lines = logAt(qv::DEBUG, [this] { EXPECT_FALSE(reply6(ipv6Frame(8))); });
-    EXPECT_EQ(lines.back(),
+    EXPECT_EQ(last(lines),
               "14:03:07.2 DEBUG: [PMTUDApp:218 | bool PMTUDApp::sendICMP6PacketTooBig(const "
               "uint8_t&, size_t)] " +
                   std::string(GetParam().text) + "\r\n");
@@ -380,7 +382,7 @@ TEST_F(PacketTooBigTest, TakesDescriptor0AsASocket) {
     };
     EXPECT_TRUE(reply6(ipv6Frame(8)));
     EXPECT_EQ(sent().fd, 0);
-    EXPECT_EQ(fake::syscalls().calls.back(), "close(0)");
+    EXPECT_EQ(last(fake::syscalls().calls), "close(0)");
 }
 
 TEST_F(PacketTooBigTest, IgnoresAFailingClose) {

@@ -11,6 +11,7 @@ using engine_test::EngineTest;
 using engine_test::FreshFakes;
 using engine_test::ipv4Frame;
 using engine_test::ipv6Frame;
+using engine_test::last;
 using engine_test::Lines;
 using engine_test::logAt;
 
@@ -107,7 +108,7 @@ TEST_P(ResolutionTest, AsksForTheVlanOfTheEgressAndThenForThatVlansMtu) {
 TEST_P(ResolutionTest, AsksWithTheEgressOfTheFrameInHand) {
     adapter.setFrameInfo(1, 2, 3, 4, 5, -2147483647);
     handleOne();
-    EXPECT_EQ(questions().front(), "cfg_vlan_l3_get_dest_vlan(-2147483647)");
+    EXPECT_EQ(questions().at(0), "cfg_vlan_l3_get_dest_vlan(-2147483647)");
 }
 
 TEST_P(ResolutionTest, AsksAfreshForEachFrame) {
@@ -139,7 +140,7 @@ TEST_P(ResolutionTest, HasAnotherVlanInForceFromTheNextFrameOn) {
     handleOne();
     answerVlan(200);
     handleOne();
-    EXPECT_EQ(questions().back(), "cfg_vlan_l3_get_mtu(200)");
+    EXPECT_EQ(last(questions()), "cfg_vlan_l3_get_mtu(200)");
 }
 
 TEST_P(ResolutionTest, LeavesTheDiscardInForceWhereItFails) {
@@ -258,7 +259,7 @@ TEST_F(ResolvedLineTest, ShowsMtuAndTagVlanForIpv4) {
     answerMtu(9000);
     const Lines lines = logAt(qv::DEBUG, [this] { reply4(ipv4Frame()); });
     ASSERT_EQ(lines.size(), 4U);
-    EXPECT_EQ(lines[2],
+    EXPECT_EQ(lines.at(2),
               "14:03:07.2 DEBUG: [PMTUDApp:127 | bool PMTUDApp::sendICMP4PacketTooBig(uint8_t*, "
               "size_t)] MTU VLAN: 9000 VLAN:20\r\n");
 }
@@ -267,7 +268,7 @@ TEST_F(ResolvedLineTest, ShowsMtuAndTagVlanForIpv6) {
     answerMtu(9000);
     const Lines lines = logAt(qv::DEBUG, [this] { reply6(ipv6Frame(8)); });
     ASSERT_EQ(lines.size(), 6U);
-    EXPECT_EQ(lines[2],
+    EXPECT_EQ(lines.at(2),
               "14:03:07.2 DEBUG: [PMTUDApp:223 | bool PMTUDApp::sendICMP6PacketTooBig(const "
               "uint8_t&, size_t)] MTU VLAN: 9000 VLAN:20\r\n");
 }

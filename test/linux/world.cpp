@@ -21,6 +21,7 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -28,6 +29,7 @@
 #include <memory>
 #include <stdexcept>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 using pmtud_linux::Descriptor;
@@ -184,6 +186,21 @@ void RuleChanges::await() {
     }
 }
 
+namespace {
+
+/// A link takes packets only once the kernel has seen its carrier, which it does in its own time;
+/// until then they vanish in silence.
+void awaitLink(const std::string& interface) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (output("ip -o link show dev " + interface).find("qdisc noqueue state UP") ==
+           std::string::npos) {
+        check(std::chrono::steady_clock::now() < deadline, "awaiting a link");
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
+
+}  // namespace
+
 void World::SetUp() {
     check(unshare(CLONE_NEWNET) == 0, "unshare");
     for (const std::string host : {"a", "b"}) {
@@ -230,6 +247,10 @@ route add default via 10.0.20.1
 route add default via fd00:20::1
 )");
     });
+    for (const char* const interface : {"bcm0.10", "bcm0.20", "bcm0.30", "fence"}) {
+        awaitLink(interface);
+    }
+    for (const char* const host : {"a", "b"}) onHost(host, [] { awaitLink("eth0"); });
     onHost("a", [this] {
         m_sender.reset(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         check(m_sender.valid(), "packet socket");

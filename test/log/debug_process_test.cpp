@@ -3,6 +3,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "QVLog.h"
 #include "fake_platform.h"
@@ -59,6 +60,28 @@ TEST_F(DebugProcessChannel, StatementThatAnExceptionInterruptsHandsOverWhatItHas
     EXPECT_THROW(qv::QVDebugProcLog().get(89, "PMTUD-Prot") << "   From: " << throwing(),
                  std::runtime_error);
     EXPECT_EQ(lines(), std::vector<DebugLine>({{89, "%s", " PMTUD-Prot:    From: "}}));
+}
+
+TEST_F(DebugProcessChannel, NameAsAStringIsItsCharacterData) {
+    qv::QVDebugProcLog().get(1, std::string("na\0me", 5)) << "text";
+    EXPECT_EQ(lines(), std::vector<DebugLine>({{1, "%s", " na: text"}}));
+}
+
+TEST_F(DebugProcessChannel, HandsTheLineOverAtTheEndOfItsStatement) {
+    {
+        qv::QVDebugProcLog logger;
+        logger.get(89, "n") << "text";
+        EXPECT_TRUE(lines().empty());
+    }
+    EXPECT_EQ(lines(), std::vector<DebugLine>({{89, "%s", " n: text"}}));
+}
+
+TEST_F(DebugProcessChannel, ShortLineBehindALongOneShowsNothingOfIt) {
+    qv::QVDebugProcLog().get(89, "n") << std::string(10000, 'x');
+    qv::QVDebugProcLog().get(89, "n") << std::string(100, 'y');
+    qv::QVDebugProcLog().get(89, "n") << "z";
+    EXPECT_EQ(lines().at(1).text, " n: " + std::string(100, 'y'));
+    EXPECT_EQ(lines().at(2).text, " n: z");
 }
 
 TEST_F(DebugProcessChannel, EveryExecutionIsALine) {

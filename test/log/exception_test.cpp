@@ -35,8 +35,17 @@ TEST(QvException, IsNotCaughtAsARuntimeError) {
     }
 }
 
+TEST(QvException, IsMadeOfAStringAsWell) {
+    EXPECT_EQ(handlerOf([] { throw qv::exception(std::string("a text")); }),
+              "qv::exception a text");
+}
+
 TEST(QvException, LeavesStandardExceptionsToTheirHandlers) {
     EXPECT_EQ(handlerOf([] { throw std::runtime_error("text"); }), "std::exception");
+}
+
+TEST(QvException, HasRuntimeErrorAsItsOneNonVirtualBaseAndNoFieldsOfItsOwn) {
+    EXPECT_EQ(sizeof(qv::exception), sizeof(std::runtime_error));
 }
 
 TEST(QvException, DerivesFromRuntimeErrorButNotPublicly) {

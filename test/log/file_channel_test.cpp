@@ -3,11 +3,11 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <type_traits>
 
 #include "QVLog.h"
 #include "captured_log.h"
@@ -17,6 +17,22 @@ int statementOfAFunction(int) {
     QV_LOG(ERROR, 52) << "text";
     return 0;
 }
+
+struct Adapter {
+    virtual ~Adapter() = default;
+    virtual bool init() {
+        QV_LOG(ERROR, 54) << "text";
+        return true;
+    }
+    bool run() const {
+        QV_LOG(ERROR, 55) << "text";
+        return true;
+    }
+    int handleFrame(uint8_t*, size_t) {
+        QV_LOG(WARNING, 40) << "text";
+        return 1;
+    }
+};
 
 namespace {
 
@@ -52,6 +68,38 @@ TEST_F(FileChannel, StatementCarriesItsFileWithoutExtensionItsNumberAndItsFuncti
               "14:03:07.2 ERROR: [file_channel_test:52 | int statementOfAFunction(int)] text\r\n");
 }
 
+TEST_F(FileChannel, StatementCarriesTheFullSignatureOfAMember) {
+    const CapturedLog log(qv::WARNING);
+    Adapter adapter;
+    adapter.init();
+    adapter.run();
+    // A width-named type shows as the compiler spells it.
+    adapter.handleFrame(nullptr, 0);
+    EXPECT_EQ(log.text(),
+              "14:03:07.2 ERROR: [file_channel_test:54 | virtual bool Adapter::init()] text\r\n"
+              "14:03:07.2 ERROR: [file_channel_test:55 | bool Adapter::run() const] text\r\n"
+              "14:03:07.2 WARNING: [file_channel_test:40 | int Adapter::handleFrame(uint8_t*, "
+              "size_t)] text\r\n");
+}
+
+TEST_F(FileChannel, GetReturnsTheStreamThatTheLineIsBuiltIn) {
+    const CapturedLog log(qv::WARNING);
+    {
+        qv::QVDevLog logger;
+        std::ostream& os = logger.get("f", 1, "g", qv::ERROR);
+        os << 255 << ' ';
+        os << std::hex << std::showbase << 255 << "\n";
+        EXPECT_EQ(log.text(), "");
+    }
+    EXPECT_EQ(log.text(), "14:03:07.2 ERROR: [f:1 | g] 255 0xff\n\r\n");
+}
+
+TEST_F(FileChannel, LoggerThatDidNotBeginALineWritesABareLineEnd) {
+    const CapturedLog log(qv::WARNING);
+    { const qv::QVDevLog logger; }
+    EXPECT_EQ(log.text(), "\r\n");
+}
+
 TEST_F(FileChannel, StatementMayStateTheTextOfItsFunction) {
     const CapturedLog log(qv::WARNING);
     QV_LOG_IN(ERROR, 71, "void f(C::T)") << "text";
@@ -80,6 +128,22 @@ TEST_F(FileChannel, ShortLineBehindALongOneShowsNothingOfIt) {
     EXPECT_EQ(log.text().substr(first),
               "14:03:07.2 ERROR: [f:2 | g] short\r\n14:03:07.2 ERROR: [f:3 | g] \r\n");
 }
+
+class LineLength : public testing::TestWithParam<std::size_t> {};
+
+TEST_P(LineLength, IsKeptAndLeavesNothingToTheNextLine) {
+    fake::resetClock();
+    const CapturedLog log(qv::WARNING);
+    const std::string message(GetParam(), 'x');
+    logFrom("f", 1, "g", qv::ERROR, message.c_str());
+    logFrom("f", 2, "g", qv::ERROR, "short");
+    EXPECT_EQ(log.text(), "14:03:07.2 ERROR: [f:1 | g] " + message +
+                              "\r\n14:03:07.2 ERROR: [f:2 | g] short\r\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, LineLength,
+                         testing::Values(0, 1, 15, 16, 100, 511, 512, 4065, 4066, 4067, 4068, 4096,
+                                         4097, 65536, 200000));
 
 TEST_F(FileChannel, StatementWithinAStatementIsALineOfItsOwn) {
     const CapturedLog log(qv::WARNING);
@@ -166,6 +230,17 @@ class LevelNames : public testing::TestWithParam<Level> {};
 TEST_P(LevelNames, CodeAndNameOfEachAreFixed) {
     EXPECT_EQ(static_cast<int>(GetParam().level), GetParam().code);
     EXPECT_EQ(qv::toString(GetParam().level), GetParam().name);
+}
+
+TEST_P(LevelNames, NameIsWrittenInTheLine) {
+    fake::resetClock();
+    const CapturedLog log(qv::ERROR);
+    logFrom("f", 1, "g", GetParam().level, "text");
+    EXPECT_EQ(log.text(), "14:03:07.2 " + std::string(GetParam().name) + ": [f:1 | g] text\r\n");
+}
+
+TEST(LogLevels, AreASignedEnumerationOf32Bits) {
+    EXPECT_TRUE((std::is_same_v<std::underlying_type_t<qv::LogLevel>, int32_t>));
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -67,7 +67,7 @@ TEST_P(GateMatrix, StatementIsWrittenAndEvaluatedOnlyUpToTheThreshold) {
     logAt(level);
     if (level <= threshold) {
         EXPECT_EQ(evaluations, 1);
-        EXPECT_FALSE(log.text().empty());
+        EXPECT_EQ(linesOf(log.text()).size(), 1U);
     } else {
         EXPECT_EQ(evaluations, 0);
         EXPECT_EQ(log.text(), "");
@@ -101,6 +101,31 @@ TEST_F(Gate, LeavesAnElseToTheIfBeforeIt) {
         reached = true;
     EXPECT_TRUE(reached);
     EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(Gate, ThatIsClosedDoesNotTakeTheElseOfTheIfBeforeIt) {
+    const CapturedLog log(qv::ERROR);
+    bool reached = false;
+    if (evaluations == 0)
+        QV_LOG(DEBUG, 1) << "not written";
+    else
+        reached = true;
+    EXPECT_FALSE(reached);
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(Gate, ThatIsClosedMakesNoLoggerAndAsksNoTime) {
+    fake::clock().localtimeFails = true;
+    const CapturedLog log(qv::ERROR);
+    EXPECT_NO_THROW(QV_LOG(WARNING, 1) << "never made");
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(Gate, DoesNotEvaluateTheLineOrTheFunctionOfASuppressedStatement) {
+    const CapturedLog log(qv::ERROR);
+    const auto function = [] { return ++evaluations == 1 ? "f" : "g"; };
+    QV_LOG_IN(WARNING, evaluated(), function()) << "never made";
+    EXPECT_EQ(evaluations, 0);
 }
 
 TEST_F(Gate, IsOneStatementInAnIfWithoutBraces) {

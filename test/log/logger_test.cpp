@@ -1,10 +1,13 @@
 // The logger classes: what they derive from and how they are used.
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <type_traits>
 #include <typeinfo>
+#include <vector>
 
 #include "QVLog.h"
+#include "fake_platform.h"
 
 namespace {
 
@@ -43,7 +46,16 @@ TEST(Loggers, HaveTypeInformationOfTheirOwn) {
     EXPECT_NE(typeid(qv::QVDebugProcLog), typeid(DebugProcessLog));
 }
 
-TEST(Policies, HoldNoData) {
+TEST(Loggers, EmitTheirLineOnceThroughAPointerToTheirBase) {
+    fake::resetPlatform();
+    std::unique_ptr<DebugProcessLog> logger = std::make_unique<qv::QVDebugProcLog>();
+    EXPECT_EQ(typeid(*logger), typeid(qv::QVDebugProcLog));
+    logger->get(89, "n") << "text";
+    logger.reset();
+    EXPECT_EQ(fake::platform().debugLines, std::vector<fake::DebugLine>({{89, "%s", " n: text"}}));
+}
+
+TEST(Loggers, HavePoliciesWithoutData) {
     EXPECT_TRUE(std::is_empty_v<qv::Output2FilePolicy>);
     EXPECT_TRUE(std::is_empty_v<qv::Output2DebugProcessPolicy>);
 }

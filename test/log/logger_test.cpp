@@ -49,7 +49,8 @@ TEST(Loggers, HaveTypeInformationOfTheirOwn) {
 TEST(Loggers, EmitTheirLineOnceThroughAPointerToTheirBase) {
     fake::resetPlatform();
     std::unique_ptr<DebugProcessLog> logger = std::make_unique<qv::QVDebugProcLog>();
-    EXPECT_EQ(typeid(*logger), typeid(qv::QVDebugProcLog));
+    const DebugProcessLog& base = *logger;
+    EXPECT_EQ(typeid(base), typeid(qv::QVDebugProcLog));
     logger->get(89, "n") << "text";
     logger.reset();
     EXPECT_EQ(fake::platform().debugLines, std::vector<fake::DebugLine>({{89, "%s", " n: text"}}));

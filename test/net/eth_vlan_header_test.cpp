@@ -3,8 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
+#include <type_traits>
 
 namespace {
 
@@ -94,9 +96,41 @@ TEST(EthVlanHeader, MayStandAtAnOddAddress) {
     alignas(8) std::array<uint8_t, 19> buffer{};
     std::copy(kHeader.begin(), kHeader.end(), buffer.begin() + 1);
     const EthVlanHeader header(buffer.data() + 1);
+    EXPECT_EQ(static_cast<const void*>(header.dest()), &buffer[1]);
+    EXPECT_EQ(static_cast<const void*>(header.source()), &buffer[7]);
+    EXPECT_EQ(header.source()->ether_addr_octet[5], 0xb5);
     EXPECT_EQ(header.vlan_tpid(), 0x8100);
     EXPECT_EQ(header.vlan_tci(), 0xB123);
+    EXPECT_EQ(header.vlan_pcp(), 5);
+    EXPECT_TRUE(header.vlan_dei());
+    EXPECT_EQ(header.vlan_id(), 0x123);
     EXPECT_EQ(header.proto(), 0x86DD);
+    EXPECT_EQ(header.payload(), buffer.data() + 19);
+}
+
+TEST(EthVlanHeader, YieldsFieldsOfTheWidthsThatItNames) {
+    const EthVlanHeader header(kHeader.data());
+    EXPECT_TRUE((std::is_same_v<decltype(header.dest()), const ether_addr*>));
+    EXPECT_TRUE((std::is_same_v<decltype(header.source()), const ether_addr*>));
+    EXPECT_TRUE((std::is_same_v<decltype(header.vlan_tpid()), uint16_t>));
+    EXPECT_TRUE((std::is_same_v<decltype(header.vlan_tci()), uint16_t>));
+    EXPECT_TRUE((std::is_same_v<decltype(header.vlan_pcp()), uint16_t>));
+    EXPECT_TRUE((std::is_same_v<decltype(header.vlan_dei()), bool>));
+    EXPECT_TRUE((std::is_same_v<decltype(header.vlan_id()), uint16_t>));
+    EXPECT_TRUE((std::is_same_v<decltype(header.proto()), uint16_t>));
+}
+
+TEST(EthVlanHeader, HoldsAPointerAndNothingElse) {
+    EXPECT_EQ(sizeof(EthVlanHeader), sizeof(const uint8_t*));
+    EXPECT_TRUE(std::is_trivially_copyable_v<EthVlanHeader>);
+}
+
+TEST(EthVlanHeader, SeesWhatTheBufferHoldsWhenItIsRead) {
+    Bytes bytes = kHeader;
+    const EthVlanHeader header(bytes.data());
+    bytes[16] = 0x08;
+    bytes[17] = 0x00;
+    EXPECT_EQ(header.proto(), 0x0800);
 }
 
 /// A view reads a field and nothing else: the caller answers for the buffer's length.

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <type_traits>
 
 namespace {
 
@@ -102,8 +103,87 @@ TEST(Ipv4Header, MayStandAtAnOddAddress) {
     alignas(8) std::array<uint8_t, 21> buffer{};
     std::copy(kHeader.begin(), kHeader.end(), buffer.begin() + 1);
     const Ipv4Header header(buffer.data() + 1);
+    EXPECT_EQ(header.version(), 4);
+    EXPECT_EQ(header.ihlRaw(), 15);
+    EXPECT_EQ(header.ihl(), 60U);
+    EXPECT_EQ(header.tos(), 0xb8);
     EXPECT_EQ(header.totalLength(), 1500);
+    EXPECT_EQ(header.id(), 0x1234);
+    EXPECT_EQ(header.flags(), 2);
+    EXPECT_EQ(header.df(), 1);
+    EXPECT_EQ(header.mf(), 0);
+    EXPECT_EQ(header.fragmentOffset(), 0x1ffe);
+    EXPECT_EQ(header.ttl(), 63);
+    EXPECT_EQ(header.protocol(), 17);
+    EXPECT_EQ(header.checksum(), 0xbeef);
     EXPECT_EQ(header.src().to_string(), "192.0.2.1");
+    EXPECT_EQ(header.dst().to_string(), "203.0.113.9");
+}
+
+TEST(Ipv4Header, FirstByte0x40IsNoBytes) {
+    const Bytes bytes = with(0, {0x40});
+    const Ipv4Header header(bytes.data());
+    EXPECT_EQ(header.version(), 4);
+    EXPECT_EQ(header.ihlRaw(), 0);
+    EXPECT_EQ(header.ihl(), 0U);
+}
+
+TEST(Ipv4Header, Flags0x80IsTheReservedBitAlone) {
+    const Bytes bytes = with(6, {0x80});
+    const Ipv4Header header(bytes.data());
+    EXPECT_EQ(header.flags(), 4);
+    EXPECT_EQ(header.df(), 0);
+    EXPECT_EQ(header.mf(), 0);
+}
+
+TEST(Ipv4Header, Flags0x1FAreTheOffsetsBitsAndNoFlag) {
+    const Bytes bytes = with(6, {0x1F});
+    const Ipv4Header header(bytes.data());
+    EXPECT_EQ(header.flags(), 0);
+    EXPECT_EQ(header.df(), 0);
+    EXPECT_EQ(header.mf(), 0);
+}
+
+TEST(Ipv4Header, NumbersOfAllOnesAreTheLargest) {
+    Bytes bytes;
+    bytes.fill(0xFF);
+    const Ipv4Header header(bytes.data());
+    EXPECT_EQ(header.tos(), 255);
+    EXPECT_EQ(header.totalLength(), 65535);
+    EXPECT_EQ(header.id(), 65535);
+    EXPECT_EQ(header.ttl(), 255);
+    EXPECT_EQ(header.protocol(), 255);
+    EXPECT_EQ(header.checksum(), 65535);
+    EXPECT_EQ(header.src().to_string(), "255.255.255.255");
+    EXPECT_EQ(header.dst().to_string(), "255.255.255.255");
+}
+
+TEST(Ipv4Header, YieldsFieldsOfTheWidthsThatItNames) {
+    const Ipv4Header header(kHeader.data());
+    EXPECT_TRUE((std::is_same_v<decltype(header.version()), uint8_t>));
+    EXPECT_TRUE((std::is_same_v<decltype(header.ihlRaw()), uint8_t>));
+    EXPECT_TRUE((std::is_unsigned_v<decltype(header.ihl())>));
+    EXPECT_TRUE((std::is_same_v<decltype(header.tos()), uint8_t>));
+    EXPECT_TRUE((std::is_same_v<decltype(header.totalLength()), uint16_t>));
+    EXPECT_TRUE((std::is_same_v<decltype(header.id()), uint16_t>));
+    EXPECT_TRUE((std::is_same_v<decltype(header.flags()), uint8_t>));
+    EXPECT_TRUE((std::is_same_v<decltype(header.fragmentOffset()), uint16_t>));
+    EXPECT_TRUE((std::is_same_v<decltype(header.ttl()), uint8_t>));
+    EXPECT_TRUE((std::is_same_v<decltype(header.protocol()), uint8_t>));
+    EXPECT_TRUE((std::is_same_v<decltype(header.checksum()), uint16_t>));
+    EXPECT_TRUE((std::is_same_v<decltype(header.src()), boost::asio::ip::address_v4>));
+    EXPECT_TRUE((std::is_same_v<decltype(header.dst()), boost::asio::ip::address_v4>));
+}
+
+TEST(Ipv4Header, HoldsAPointerAndNothingElse) {
+    EXPECT_EQ(sizeof(Ipv4Header), sizeof(const uint8_t*));
+    EXPECT_TRUE(std::is_trivially_copyable_v<Ipv4Header>);
+}
+
+/// A view reads a field and nothing else: the caller answers for the buffer's length.
+TEST(Ipv4Header, DoesNotNoticeABufferThatEndsBehindTheFieldRead) {
+    const std::array<uint8_t, 1> bytes = {0x45};
+    EXPECT_EQ(Ipv4Header(bytes.data()).version(), 4);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <type_traits>
 
 namespace {
 
@@ -67,9 +68,60 @@ TEST(Ipv6Header, MayStandAtAnOddAddress) {
     alignas(8) std::array<uint8_t, 41> buffer{};
     std::copy(kHeader.begin(), kHeader.end(), buffer.begin() + 1);
     const Ipv6Header header(buffer.data() + 1);
+    EXPECT_EQ(header.version(), 6);
+    EXPECT_EQ(header.trafficClass(), 0);
     EXPECT_EQ(header.flowLabel(), 0xCDEF1U);
     EXPECT_EQ(header.payloadLength(), 1460);
+    EXPECT_EQ(header.nextHeader(), 6);
+    EXPECT_EQ(header.hopLimit(), 63);
     EXPECT_EQ(header.src().to_string(), "2001:db8::1");
+    EXPECT_EQ(header.dst().to_string(), "fe80::abcd");
+    EXPECT_EQ(header.totalLength(), 1500U);
+}
+
+TEST(Ipv6Header, FieldsOfAllOnesAreTheLargestAndTrafficClassStays0) {
+    Bytes bytes;
+    bytes.fill(0xFF);
+    const Ipv6Header header(bytes.data());
+    EXPECT_EQ(header.version(), 15);
+    EXPECT_EQ(header.trafficClass(), 0);
+    EXPECT_EQ(header.flowLabel(), 0xFFFFFU);
+    EXPECT_EQ(header.payloadLength(), 65535);
+    EXPECT_EQ(header.nextHeader(), 255);
+    EXPECT_EQ(header.hopLimit(), 255);
+    EXPECT_EQ(header.src().to_string(), "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
+    EXPECT_EQ(header.dst().to_string(), "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
+}
+
+TEST(Ipv6Header, SourceHasNoScope) {
+    Bytes linkLocal = kHeader;
+    linkLocal[8] = 0xfe;
+    linkLocal[9] = 0x80;
+    EXPECT_EQ(Ipv6Header(linkLocal.data()).src().scope_id(), 0U);
+}
+
+TEST(Ipv6Header, YieldsFieldsOfTheWidthsThatItNames) {
+    const Ipv6Header header(kHeader.data());
+    EXPECT_TRUE((std::is_same_v<decltype(header.version()), uint8_t>));
+    EXPECT_TRUE((std::is_same_v<decltype(header.trafficClass()), uint8_t>));
+    EXPECT_TRUE((std::is_same_v<decltype(header.flowLabel()), uint32_t>));
+    EXPECT_TRUE((std::is_same_v<decltype(header.payloadLength()), uint16_t>));
+    EXPECT_TRUE((std::is_same_v<decltype(header.nextHeader()), uint8_t>));
+    EXPECT_TRUE((std::is_same_v<decltype(header.hopLimit()), uint8_t>));
+    EXPECT_TRUE((std::is_same_v<decltype(header.src()), boost::asio::ip::address_v6>));
+    EXPECT_TRUE((std::is_same_v<decltype(header.dst()), boost::asio::ip::address_v6>));
+    EXPECT_TRUE((std::is_same_v<decltype(header.totalLength()), uint32_t>));
+}
+
+TEST(Ipv6Header, HoldsAPointerAndNothingElse) {
+    EXPECT_EQ(sizeof(Ipv6Header), sizeof(const uint8_t*));
+    EXPECT_TRUE(std::is_trivially_copyable_v<Ipv6Header>);
+}
+
+/// A view reads a field and nothing else: the caller answers for the buffer's length.
+TEST(Ipv6Header, DoesNotNoticeABufferThatEndsBehindTheFieldRead) {
+    const std::array<uint8_t, 6> bytes = {0x60, 0, 0, 0, 0x05, 0xb4};
+    EXPECT_EQ(Ipv6Header(bytes.data()).totalLength(), 1500U);
 }
 
 }  // namespace

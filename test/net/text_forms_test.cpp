@@ -14,6 +14,11 @@ TEST(DecHex, IsDecimalAndPrefixedHexadecimalInBrackets) { EXPECT_EQ(decHex(69), 
 
 TEST(DecHex, HasNoPrefixForZero) { EXPECT_EQ(decHex(0), "0 [0]"); }
 
+TEST(DecHex, BeginsHexadecimalLettersAtTen) {
+    EXPECT_EQ(decHex(9), "9 [0x9]");
+    EXPECT_EQ(decHex(10), "10 [0xa]");
+}
+
 TEST(DecHex, WritesLowerCaseDigits) { EXPECT_EQ(decHex(48879), "48879 [0xbeef]"); }
 
 TEST(DecHex, WritesANegativeNumberAsItsThirtyTwoBits) {
@@ -29,6 +34,13 @@ TEST(HexDump, IsTwoDigitsAByteWithoutATrailingBlank) {
     EXPECT_EQ(hexDump(kBytes.data(), 3), "00 0a ff");
 }
 
+constexpr std::array<uint8_t, 9> kEveryDigit = {0x10, 0x23, 0x45, 0x67, 0x89,
+                                                0xab, 0xcd, 0xef, 0x01};
+
+TEST(HexDump, WritesEveryDigitInLowerCase) {
+    EXPECT_EQ(hexDump(kEveryDigit.data(), 9), "10 23 45 67 89 ab cd ef 01");
+}
+
 TEST(HexDump, OfOneByteHasNoBlank) { EXPECT_EQ(hexDump(kBytes.data(), 1), "00"); }
 
 TEST(HexDump, OfNoBytesIsEmpty) { EXPECT_EQ(hexDump(kBytes.data(), 0), ""); }
@@ -40,6 +52,17 @@ TEST(ByteDump, HasNoLeadingZerosAndNoTrailingBlank) {
 TEST(ByteDump, KeepsAZeroThatIsNotLeading) {
     constexpr std::array<uint8_t, 2> bytes = {0x10, 0xF0};
     EXPECT_EQ(byteDump(bytes.data(), 2), "10 f0");
+}
+
+TEST(ByteDump, WritesEveryDigitInLowerCase) {
+    EXPECT_EQ(byteDump(kEveryDigit.data(), 9), "10 23 45 67 89 ab cd ef 1");
+}
+
+TEST(ByteDump, OfOneByteHasNoBlank) { EXPECT_EQ(byteDump(kBytes.data(), 1), "0"); }
+
+TEST(ByteDump, WritesFifteenAsOneDigitAndSixteenAsTwo) {
+    constexpr std::array<uint8_t, 2> bytes = {0x0F, 0x10};
+    EXPECT_EQ(byteDump(bytes.data(), 2), "f 10");
 }
 
 TEST(ByteDump, OfNoBytesIsEmpty) { EXPECT_EQ(byteDump(kBytes.data(), 0), ""); }
@@ -62,6 +85,11 @@ TEST(EthernetAddressInsertion, WritesAllOnesWhole) {
     std::ostringstream os;
     os << ether_addr{{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}};
     EXPECT_EQ(os.str(), "ff:ff:ff:ff:ff:ff");
+}
+
+TEST(EthernetAddressInsertion, ReturnsTheStream) {
+    std::ostringstream os;
+    EXPECT_EQ(&(os << kAddress), &os);
 }
 
 }  // namespace

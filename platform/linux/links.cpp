@@ -69,6 +69,13 @@ int readAttribute(const nlattr* attribute, void* data) {
     }
 }
 
+// The negative errno value that the kernel answers with; 0 for any other message.
+int errorOf(const nlmsghdr& message) {
+    if (message.nlmsg_type != NLMSG_ERROR) return 0;
+    if (mnl_nlmsg_get_payload_len(&message) < sizeof(nlmsgerr)) return 0;
+    return static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(&message))->error;
+}
+
 }  // namespace
 
 std::optional<Link> decodeLink(const nlmsghdr& message) {
@@ -103,7 +110,7 @@ int LinkMonitor::open() {
     return 0;
 }
 
-LinkMonitor::Read LinkMonitor::read(const std::function<void(const nlmsghdr&)>& take) {
+LinkMonitor::Read LinkMonitor::read(const std::function<void(const nlmsghdr&)>& take) const {
     alignas(nlmsghdr) std::array<char, bufferSize> buffer;
     const ssize_t received = recv(fd(), buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
     if (received < 0) {
@@ -121,56 +128,58 @@ int LinkMonitor::list(VlanTable& table) {
     // What changed while the kernel was listing makes the list doubtful; it is asked for again.
     constexpr int attempts = 10;
     for (int attempt = 0; attempt < attempts; ++attempt) {
-        // A socket that overran goes on losing changes, without another word, until it is
-        // empty.  What is thrown away here is older than the list.
-        Read stale = Read::some;
-        while (stale == Read::some || stale == Read::lost) stale = read([](const nlmsghdr&) {});
-        if (stale == Read::failed) return -errno;
-
-        alignas(nlmsghdr) std::array<char, 256> request{};
-        nlmsghdr* const header = mnl_nlmsg_put_header(request.data());
-        header->nlmsg_type = RTM_GETLINK;
-        header->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-        header->nlmsg_seq = ++m_sequence;
-        mnl_nlmsg_put_extra_header(header, sizeof(ifinfomsg));
-        mnl_attr_put_u32(header, IFLA_EXT_MASK, RTEXT_FILTER_SKIP_STATS);
-        if (mnl_socket_sendto(m_socket.get(), header, header->nlmsg_len) < 0) return -errno;
-
         VlanTable fresh;
-        bool done = false;
         bool doubtful = false;
-        int error = 0;
-        const auto take = [&](const nlmsghdr& message) {
-            const bool answer = message.nlmsg_seq == m_sequence;
-            if (answer && (message.nlmsg_flags & NLM_F_DUMP_INTR) != 0) doubtful = true;
-            if (answer && message.nlmsg_type == NLMSG_DONE) done = true;
-            if (answer && message.nlmsg_type == NLMSG_ERROR &&
-                mnl_nlmsg_get_payload_len(&message) >= sizeof(nlmsgerr))
-                error = static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(&message))->error;
-            if (const auto link = decodeLink(message)) fresh.apply(*link);
-        };
-        while (!done && error == 0) {
-            switch (read(take)) {
-                case Read::some:
-                    break;
-                case Read::none: {
-                    pollfd readable{fd(), POLLIN, 0};
-                    if (poll(&readable, 1, answerTimeout) == 0) return -ETIMEDOUT;
-                    break;
-                }
-                case Read::lost:
-                    doubtful = true;
-                    break;
-                case Read::failed:
-                    return -errno;
-            }
-        }
+        int error = dropStale();
+        if (error == 0) error = requestList();
+        if (error == 0) error = receiveList(fresh, doubtful);
         if (error != 0) return error;
         if (doubtful) continue;
         table = std::move(fresh);
         return 0;
     }
     return -EAGAIN;
+}
+
+// A socket that overran goes on losing changes, without another word, until it is empty.  What
+// is thrown away here is older than the list that follows.
+int LinkMonitor::dropStale() const {
+    Read stale = Read::some;
+    while (stale == Read::some || stale == Read::lost) stale = read([](const nlmsghdr&) {});
+    return stale == Read::failed ? -errno : 0;
+}
+
+int LinkMonitor::requestList() {
+    alignas(nlmsghdr) std::array<char, 256> request{};
+    nlmsghdr* const header = mnl_nlmsg_put_header(request.data());
+    header->nlmsg_type = RTM_GETLINK;
+    header->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    header->nlmsg_seq = ++m_sequence;
+    mnl_nlmsg_put_extra_header(header, sizeof(ifinfomsg));
+    mnl_attr_put_u32(header, IFLA_EXT_MASK, RTEXT_FILTER_SKIP_STATS);
+    return mnl_socket_sendto(m_socket.get(), header, header->nlmsg_len) < 0 ? -errno : 0;
+}
+
+int LinkMonitor::receiveList(VlanTable& table, bool& doubtful) {
+    bool done = false;
+    int error = 0;
+    const auto take = [&](const nlmsghdr& message) {
+        if (message.nlmsg_seq == m_sequence) {
+            if ((message.nlmsg_flags & NLM_F_DUMP_INTR) != 0) doubtful = true;
+            if (message.nlmsg_type == NLMSG_DONE) done = true;
+            if (error == 0) error = errorOf(message);
+        }
+        if (const auto link = decodeLink(message)) table.apply(*link);
+    };
+    while (!done && error == 0) {
+        const Read result = read(take);
+        if (result == Read::failed) return -errno;
+        if (result == Read::lost) doubtful = true;
+        if (result != Read::none) continue;
+        pollfd readable{fd(), POLLIN, 0};
+        if (poll(&readable, 1, answerTimeout) == 0) return -ETIMEDOUT;
+    }
+    return error;
 }
 
 bool LinkMonitor::follow(VlanTable& table) {

@@ -43,7 +43,10 @@ class LinkMonitor {
 
  private:
     enum class Read { some, none, lost, failed };
-    Read read(const std::function<void(const nlmsghdr&)>& take);
+    Read read(const std::function<void(const nlmsghdr&)>& take) const;
+    int dropStale() const;
+    int requestList();
+    int receiveList(VlanTable& table, bool& doubtful);
 
     MnlSocket m_socket;
     unsigned int m_sequence = 0;

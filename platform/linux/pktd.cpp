@@ -30,13 +30,13 @@ struct Client {
 
 // Never destroyed: the receive thread uses it until the process is gone, also while the
 // static objects of the process are being destroyed.
-Client* client = nullptr;
+Client* attached = nullptr;
 
 int attach() {
-    auto attached = std::make_unique<Client>();
-    if (const int result = attached->txQueue.open(); result != 0) return result;
-    if (const int result = attached->dispatcher.attach(); result != 0) return result;
-    client = attached.release();
+    auto fresh = std::make_unique<Client>();
+    if (const int result = fresh->txQueue.open(); result != 0) return result;
+    if (const int result = fresh->dispatcher.attach(); result != 0) return result;
+    attached = fresh.release();
     return 0;
 }
 
@@ -60,16 +60,16 @@ int startThread(Dispatcher& dispatcher, pktd_rx_cb_t callback) {
 
 // Without a thread the rules would drop packets that nobody answers.
 int detach(int result) {
-    delete client;
-    client = nullptr;
+    delete attached;
+    attached = nullptr;
     return result;
 }
 
 }  // namespace
 
-int pktd_shm_queue_init(const char* name, int, int, void*, void*) {
-    if (name == nullptr) return -EINVAL;
-    if (client != nullptr) return -EALREADY;
+int pktd_shm_queue_init(const char* client, int, int, void*, void*) {
+    if (client == nullptr) return -EINVAL;
+    if (attached != nullptr) return -EALREADY;
     try {
         return attach();
     } catch (const std::bad_alloc&) {
@@ -77,14 +77,14 @@ int pktd_shm_queue_init(const char* name, int, int, void*, void*) {
     }
 }
 
-int pktd_shm_rx_thread_init(const char* name, void*, void*, int, int, pktd_rx_cb_t callback,
+int pktd_shm_rx_thread_init(const char* client, void*, void*, int, int, pktd_rx_cb_t callback,
                             void*) {
-    if (client == nullptr) return -ENOTCONN;
-    if (client->running) return -EALREADY;
-    if (name == nullptr || callback == nullptr) return detach(-EINVAL);
-    if (const int result = startThread(client->dispatcher, callback); result != 0)
+    if (attached == nullptr) return -ENOTCONN;
+    if (attached->running) return -EALREADY;
+    if (client == nullptr || callback == nullptr) return detach(-EINVAL);
+    if (const int result = startThread(attached->dispatcher, callback); result != 0)
         return detach(result);
-    client->running = true;
+    attached->running = true;
     return 0;
 }
 
@@ -96,6 +96,6 @@ int pktd_queue_entry_data_vlan_based_init(st_pktd_shm_queue_entry_data_t* entry,
 int shm_data_entry_post(void* queue, st_pktd_shm_queue_entry_data_t* entry, size_t len,
                         uint32_t* out) {
     if (queue != pktd_tx_queue_pool + queueOffset || entry == nullptr) return -EINVAL;
-    if (client == nullptr) return -ENOTCONN;
-    return client->txQueue.post(*entry, len, out);
+    if (attached == nullptr) return -ENOTCONN;
+    return attached->txQueue.post(*entry, len, out);
 }

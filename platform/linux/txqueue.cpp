@@ -73,7 +73,7 @@ int TxQueue::post(const st_pktd_shm_queue_entry_data_t& record, size_t length,
                               : vlanEgress(m_socket.get(), control.vid);
     if (egress.ifindex == 0) return -ENODEV;
 
-    constexpr size_t addressesSize = 2 * ETH_ALEN;
+    constexpr size_t addressesSize = size_t{2} * ETH_ALEN;
     constexpr size_t tagSize = 4;
     const uint8_t* const frame = record.opaque_0;
     const size_t rest = addressesSize + (isTagged(frame, length, egress.vlan) ? tagSize : 0);

@@ -83,7 +83,7 @@ std::string ethDump(const EthVlanHeader& header) {
     os << "vlan_tpid: " << decHex(header.vlan_tpid()) << std::endl;
     os << "vlan_tci: " << decHex(header.vlan_tci()) << std::endl;
     os << "  vlan_pcp: " << decHex(header.vlan_pcp()) << std::endl;
-    os << "  vlan_dei: " << decHex(header.vlan_dei()) << std::endl;
+    os << "  vlan_dei: " << decHex(header.vlan_dei() ? 1 : 0) << std::endl;
     os << "  vlan_id: " << decHex(header.vlan_id()) << std::endl;
     os << "proto: " << decHex(header.proto()) << std::endl;
     return os.str();

@@ -73,12 +73,7 @@ bool isValidMtu(uint32_t mtu) { return mtu > 575 && mtu <= 16383; }
 }  // namespace
 
 PMTUDApp::PMTUDApp(VlanConfig* cfg, SHM_Wrapper* shm)
-    : m_cfg(cfg),
-      m_shm(shm),
-      m_handler(nullptr),
-      m_fd(-1),
-      m_logId(cfg->logModuleId()),
-      m_logName("PMTUD-Prot") {
+    : m_cfg(cfg), m_shm(shm), m_logId(cfg->logModuleId()), m_logName("PMTUD-Prot") {
     m_spare.fill(0xFF);
     m_handler = new SHM_HandlerImpl<PMTUDApp>(this, &PMTUDApp::handleFrame);
     m_shm->setHandler(m_handler);

@@ -43,10 +43,10 @@ class PMTUDApp {
 
     VlanConfig* m_cfg;
     SHM_Wrapper* m_shm;
-    SHM_Handler* m_handler;
+    SHM_Handler* m_handler = nullptr;
     // Nothing reads these two; they belong to the object's layout.
     [[maybe_unused]] std::array<uint8_t, 12> m_spare;
-    [[maybe_unused]] int32_t m_fd;
+    [[maybe_unused]] int32_t m_fd = -1;
     uint32_t m_logId;
     std::string m_logName;
 };

@@ -252,6 +252,14 @@ TEST_F(ProcessEntry, TakesEwouldblockForAnotherInstance) {
               kOpenAndLock + kClash + kRegister + kConstruct + kAttachQueue + kStartThread + kPark);
 }
 
+TEST_F(ProcessEntry, ExitsAfterAnExceptionAsASecondInstanceToo) {
+    EXPECT_EQ(endingOf("fail flock 1 11\nthrow usleep 1 qv woken\n"),
+              (Ending{"exit status 1", kOpenAndLock + kClash + kRegister + kConstruct +
+                                           kAttachQueue + kStartThread + kPark + kDestroy +
+                                           "14:03:07.2 ERROR: [main:75 | int main()] woken\r\n" +
+                                           kLeave}));
+}
+
 // ---- the queues cannot be attached
 
 TEST_F(ProcessEntry, ParksWithoutFramesWhereTheQueueCannotBeAttached) {

@@ -30,7 +30,7 @@ struct ClientOptions {
 
 class Client {
  public:
-    explicit Client(const ClientOptions& options = {});
+    explicit Client(const ClientOptions& wanted = {});
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 

@@ -70,7 +70,7 @@ sockaddr_ll address(int ifindex) {
 
 void isolate() {
     check(unshare(CLONE_NEWNS | CLONE_NEWNET) == 0, "the kernel tests need root: unshare");
-    check(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "private mounts");
+    check(mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) == 0, "private mounts");
     check(mount("tmpfs", "/run", "tmpfs", 0, nullptr) == 0, "mount /run");
     check(mount("tmpfs", "/dev", "tmpfs", 0, nullptr) == 0, "mount /dev");
     makeDevice("/dev/null", 3);

@@ -13,7 +13,7 @@ namespace {
 std::string contentOf(FILE* file) {
     rewind(file);
     char text[512];
-    return std::string(text, fread(text, 1, sizeof text, file));
+    return {text, fread(text, 1, sizeof text, file)};
 }
 
 /// The file channel's stream is set to standard error by the first call of its accessor, so

@@ -143,8 +143,10 @@ TEST_F(Gate, BindsWeakerThanTheInsertionsBehindIt) {
 
 TEST_F(Gate, IsNotTakenInByNamesOfTheFunctionAroundIt) {
     const CapturedLog log(qv::ERROR);
+    // NOLINTBEGIN(readability-isolate-declaration): a list of names, no more.
     const int os = 1, level = 2, stream = 3, detail = 4, file = 5, line = 6, get = 7;
     const int reportingLevel = -1, isReported = 0, kBaseName = 8, EndOfStatement = 9, function = 10;
+    // NOLINTEND(readability-isolate-declaration)
     QV_LOG(ERROR, 1) << os << level << stream << detail << file << line << get << reportingLevel
                      << isReported << kBaseName << EndOfStatement << function;
     const std::string end = "1234567-108910\r\n";

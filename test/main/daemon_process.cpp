@@ -129,7 +129,7 @@ std::string DaemonProcess::logUntil(const std::string& line) {
         return std::exchange(m_unread, {});
     }
     const std::size_t end = found + line.size() + 1;
-    const std::string log = m_unread.substr(0, end);
+    std::string log = m_unread.substr(0, end);
     m_unread.erase(0, end);
     return log;
 }

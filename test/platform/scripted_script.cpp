@@ -90,14 +90,14 @@ class Line {
 
 void readAnswer(Line& line, Script& script) {
     const std::string call = line.word("call");
-    if (answeringCalls().count(call) == 0) throw Fault("no call '" + call + "' to answer");
+    if (!answeringCalls().contains(call)) throw Fault("no call '" + call + "' to answer");
     script.answers[call] = line.integer("answer");
     line.ends();
 }
 
 void readThrow(Line& line, Script& script) {
     const std::string call = line.word("call");
-    if (answeringCalls().count(call) == 0 && call != "new") {
+    if (!answeringCalls().contains(call) && call != "new") {
         throw Fault("no call '" + call + "' to throw from");
     }
     const int nth = static_cast<int>(line.number("count", 1, kMost));

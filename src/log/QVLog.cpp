@@ -3,6 +3,7 @@
 
 #include <sys/time.h>
 
+#include <cstring>
 #include <ctime>
 #include <stdexcept>
 #include <utility>
@@ -13,7 +14,9 @@ namespace qv {
 
 namespace {
 
-thread_local std::string spareLineBuffer;
+// What each line's stream is moved from: moving one looks up the facets of its locale once,
+// constructing one does so twice.  It carries the memory of the thread's last line as well.
+thread_local std::ostringstream idleStream(std::ios_base::out);
 
 /// A line taken out of its stream; gives its memory to the thread's next line.
 class FinishedLine {
@@ -26,7 +29,7 @@ class FinishedLine {
         constexpr std::size_t kKept = 4096;
         if (m_text.capacity() > kKept) return;
         m_text.clear();
-        spareLineBuffer = std::move(m_text);
+        idleStream.str(std::move(m_text));
     }
     const char* text() const { return m_text.c_str(); }
 
@@ -81,9 +84,8 @@ void Output2DebugProcessPolicy::output(uint32_t channel, std::ostringstream& os,
     debug_process(channel, "%s", FinishedLine(os).text());
 }
 
-// Building a line in the memory of the thread's last one allocates nothing.
 template <typename Policy>
-Log<Policy>::Log() : os(std::move(spareLineBuffer), std::ios_base::out) {}
+Log<Policy>::Log() : os(std::move(idleStream)) {}
 
 template <typename Policy>
 Log<Policy>::~Log() {
@@ -100,7 +102,10 @@ std::ostream& Log<Policy>::get(const char* file, int line, const char* function,
 template <typename Policy>
 std::ostream& Log<Policy>::get(uint32_t module, const char* name) {
     channel = module;
-    os << " " << name << ": ";
+    std::stringbuf& line = *os.rdbuf();
+    line.sputc(' ');
+    line.sputn(name, static_cast<std::streamsize>(strlen(name)));
+    line.sputn(": ", 2);
     return os;
 }
 

@@ -24,7 +24,8 @@ class PMTUDApp {
     bool run() const;
 
     /// Answers the Ethernet frame, with one 802.1Q tag, that begins at `frame` and was
-    /// received with `len` bytes.  Every frame's verdict is discard.  True: answered.
+    /// received with `len` bytes.  Every frame's verdict is discard.  The result is
+    /// that of the reply below; false for a frame that is neither IPv4 nor IPv6.
     /// The queue decides which frames are too large: all IP frames given here are answered.
     bool handleFrame(uint8_t& frame, size_t len);
 

@@ -70,7 +70,7 @@ int SHM_Wrapper::handleFrame(uint8_t* frame, size_t len) {
             QV_LOG(DEBUG, 60) << "Reposting packet";
             break;
         default:
-            // DEBUG is meant: the frame's sender must not be able to fill the log.
+            // DEBUG is meant: an invalid code shows only to those who look for it.
             QV_LOG(DEBUG, 63) << "Error! Invalid post action code " << int32_t{m_action};
             break;
     }

@@ -147,7 +147,9 @@ bool PMTUDApp::sendICMP4PacketTooBig(uint8_t* frame, size_t len) {
     QV_LOG(DEBUG, 127) << "MTU VLAN: " << mtu << " VLAN:" << eth.vlan_id();
 
     qv::QVDebugProcLog().get(m_logId, m_logName) << "Received IPv4 packet len " << len << ":";
-    qv::QVDebugProcLog().get(m_logId, m_logName) << "   From: " << source.to_string();
+    std::string sourceText;
+    qv::QVDebugProcLog().get(m_logId, m_logName)
+        << "   From: " << (sourceText = source.to_string());
     qv::QVDebugProcLog().get(m_logId, m_logName) << "   To: " << ip.dst().to_string();
     qv::QVDebugProcLog().get(m_logId, m_logName) << "   Dest VLAN ID: " << vlan;
     qv::QVDebugProcLog().get(m_logId, m_logName) << "   Dest VLAN MTU: " << mtu;
@@ -188,7 +190,7 @@ bool PMTUDApp::sendICMP4PacketTooBig(uint8_t* frame, size_t len) {
                                 reinterpret_cast<const sockaddr*>(&to), sizeof to);
     if (sent >= 0) {
         qv::QVDebugProcLog().get(m_logId, m_logName)
-            << "ICMP message sent to source " << source.to_string();
+            << "ICMP message sent to source " << sourceText;
     }
     close(fd);
     return true;
@@ -224,7 +226,9 @@ bool PMTUDApp::sendICMP6PacketTooBig(const uint8_t& frame, size_t len) {
     QV_LOG(DEBUG, 223) << "MTU VLAN: " << mtu << " VLAN:" << eth.vlan_id();
 
     qv::QVDebugProcLog().get(m_logId, m_logName) << "Received IPv6 packet len " << len << ":";
-    qv::QVDebugProcLog().get(m_logId, m_logName) << "   From: " << ip.src().to_string();
+    std::string sourceText;
+    qv::QVDebugProcLog().get(m_logId, m_logName)
+        << "   From: " << (sourceText = ip.src().to_string());
     qv::QVDebugProcLog().get(m_logId, m_logName) << "   To: " << ip.dst().to_string();
     qv::QVDebugProcLog().get(m_logId, m_logName) << "   Dest VLAN ID: " << vlan;
     qv::QVDebugProcLog().get(m_logId, m_logName) << "   Dest VLAN MTU: " << mtu;
@@ -266,7 +270,7 @@ bool PMTUDApp::sendICMP6PacketTooBig(const uint8_t& frame, size_t len) {
     QV_LOG(DEBUG, 265) << "socket created OK";
     if (arpd_ipv6_pkt_send(fd, &to, &scatter, kScatterEntries, ifindex) >= 0) {
         qv::QVDebugProcLog().get(m_logId, m_logName)
-            << "ICMPv6 message sent to source " << ip.src().to_string();
+            << "ICMPv6 message sent to source " << sourceText;
         result = true;
     }
     close(fd);

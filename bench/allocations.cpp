@@ -1,0 +1,73 @@
+// Counts the allocations of a reply, and shows which of our functions asked for each.
+#include "allocations.h"
+
+#include <dlfcn.h>
+#include <execinfo.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <new>
+#include <string>
+
+#include "reply.h"
+
+namespace {
+
+bool counting = false;
+int counted = 0;
+constexpr int kDepth = 16;
+std::array<std::array<void*, kDepth>, 64> callers;
+
+void* allocate(std::size_t size) {
+    if (counting && counted < static_cast<int>(callers.size())) {
+        auto& stack = callers[static_cast<std::size_t>(counted++)];
+        stack.fill(nullptr);
+        backtrace(stack.data(), kDepth);
+    }
+    void* const memory = malloc(size);
+    if (memory == nullptr) throw std::bad_alloc();
+    return memory;
+}
+
+/// The address in this program, not in a library, that is nearest to the allocation.
+std::string nearestCaller(const std::array<void*, kDepth>& stack) {
+    Dl_info self;
+    dladdr(reinterpret_cast<void*>(&bench::printAllocations), &self);
+    // The first is operator new itself.
+    for (std::size_t i = 2; i < stack.size() && stack[i] != nullptr; ++i) {
+        Dl_info info;
+        if (dladdr(stack[i], &info) == 0 || info.dli_fbase != self.dli_fbase) continue;
+        std::array<char, 32> offset;
+        snprintf(offset.data(), offset.size(), "%#tx",
+                 static_cast<char*>(stack[i]) - static_cast<char*>(info.dli_fbase) - 1);
+        return offset.data();
+    }
+    return "?";
+}
+
+}  // namespace
+
+void* operator new(std::size_t size) { return allocate(size); }
+void operator delete(void* memory) noexcept { free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { free(memory); }
+
+namespace bench {
+
+void printAllocations(int family) {
+    // The first ones make the thread's line buffer, and load what backtrace needs.
+    std::array<void*, 1> warm;
+    backtrace(warm.data(), 1);
+    reply(family, 10);
+    counting = true;
+    reply(family, 1);
+    counting = false;
+    std::map<std::string, int> byCaller;
+    for (int i = 0; i < counted; ++i)
+        ++byCaller[nearestCaller(callers[static_cast<std::size_t>(i)])];
+    for (const auto& [caller, count] : byCaller) printf("%d %s\n", count, caller.c_str());
+    counted = 0;
+}
+
+}  // namespace bench

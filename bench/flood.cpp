@@ -1,0 +1,309 @@
+// Sends oversized packets from the lab's host A and times the answers.
+#include <arpa/inet.h>
+#include <linux/if_packet.h>
+#include <net/ethernet.h>
+#include <net/if.h>
+#include <netinet/icmp6.h>
+#include <netinet/in.h>
+#include <netinet/ip_icmp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::duration;
+using std::chrono::milliseconds;
+
+constexpr size_t kPacketSize = 1500;
+constexpr size_t kBatch = 32;
+
+constexpr char kUsage[] =
+    "usage: pmtud_flood 4|6 MAC latency COUNT\n"
+    "       pmtud_flood 4|6 MAC flood SECONDS [PACKETS_PER_SECOND]\n"
+    "Run on host A of the lab; MAC is that of the switch's bcm0.10. Sends UDP packets of 1,500\n"
+    "bytes that may not be fragmented to host B, and reads the ICMP errors that come back:\n"
+    "  latency   one packet after the other, each when the one before is answered\n"
+    "  flood     as many as go, or so many a second, and then waits until no answer comes\n"
+    "Prints one JSON object: sent, answered, seconds, and for latency median_ns and p99_ns.\n";
+
+void check(bool good, const char* what) {
+    if (!good) throw std::system_error(errno, std::generic_category(), what);
+}
+
+uint16_t foldedSum(const uint8_t* bytes, size_t size) {
+    uint32_t sum = 0;
+    for (size_t i = 0; i < size; i += 2) sum += static_cast<uint32_t>(bytes[i] << 8 | bytes[i + 1]);
+    while (sum > 0xFFFF) sum = (sum & 0xFFFF) + (sum >> 16);
+    return static_cast<uint16_t>(~sum);
+}
+
+/// The packet's Ethernet frame; its number stands behind the UDP header.
+class Packet {
+ public:
+    Packet(int family, const ether_addr& from, const ether_addr& to) {
+        std::copy_n(to.ether_addr_octet, 6, m_frame.begin());
+        std::copy_n(from.ether_addr_octet, 6, m_frame.begin() + 6);
+        if (family == 4) {
+            fillIpv4();
+        } else {
+            fillIpv6();
+        }
+    }
+
+    void number(uint64_t value) { memcpy(&m_frame[m_numberAt], &value, sizeof value); }
+    iovec bytes() { return {m_frame.data(), m_frame.size()}; }
+
+ private:
+    static constexpr size_t kIp = ETH_HLEN;
+    static constexpr size_t kUdpHeader = 8;
+
+    void fillIpv4() {
+        constexpr std::array<uint8_t, 20> header = {0x45,
+                                                    0,
+                                                    kPacketSize >> 8,
+                                                    kPacketSize & 0xFF,
+                                                    0,
+                                                    0,
+                                                    0x40,
+                                                    0,
+                                                    64,
+                                                    IPPROTO_UDP,
+                                                    0,
+                                                    0,
+                                                    10,
+                                                    0,
+                                                    10,
+                                                    2,
+                                                    10,
+                                                    0,
+                                                    20,
+                                                    2};
+        m_frame[12] = 0x08;
+        std::copy(header.begin(), header.end(), m_frame.begin() + kIp);
+        const uint16_t sum = foldedSum(&m_frame[kIp], header.size());
+        m_frame[kIp + 10] = static_cast<uint8_t>(sum >> 8);
+        m_frame[kIp + 11] = static_cast<uint8_t>(sum);
+        fillUdp(kIp + header.size());
+    }
+
+    void fillIpv6() {
+        constexpr size_t headerSize = 40;
+        constexpr size_t payload = kPacketSize - headerSize;
+        const std::array<uint8_t, 8> start = {0x60,           0,           0, 0, payload >> 8,
+                                              payload & 0xFF, IPPROTO_UDP, 64};
+        m_frame[12] = 0x86;
+        m_frame[13] = 0xDD;
+        std::copy(start.begin(), start.end(), m_frame.begin() + kIp);
+        inet_pton(AF_INET6, "2001:db8:10::2", &m_frame[kIp + 8]);
+        inet_pton(AF_INET6, "2001:db8:20::2", &m_frame[kIp + 24]);
+        fillUdp(kIp + headerSize);
+    }
+
+    void fillUdp(size_t at) {
+        const size_t length = kIp + kPacketSize - at;
+        m_frame[at] = m_frame[at + 2] = 0x9C;
+        m_frame[at + 4] = static_cast<uint8_t>(length >> 8);
+        m_frame[at + 5] = static_cast<uint8_t>(length);
+        m_numberAt = at + kUdpHeader;
+    }
+
+    std::array<uint8_t, kIp + kPacketSize> m_frame{};
+    size_t m_numberAt = 0;
+};
+
+class Sender {
+ public:
+    Sender(int family, const ether_addr& to) : m_packets(kBatch, Packet(family, ownAddress(), to)) {
+        m_socket = socket(AF_PACKET, SOCK_RAW, 0);
+        check(m_socket >= 0, "packet socket");
+        m_to.sll_family = AF_PACKET;
+        m_to.sll_ifindex = static_cast<int>(if_nametoindex("eth0"));
+        m_to.sll_halen = ETH_ALEN;
+    }
+
+    /// Numbers and sends `count` packets, at most a batch.
+    void send(uint64_t first, size_t count) {
+        std::array<iovec, kBatch> pieces;
+        std::array<mmsghdr, kBatch> messages{};
+        for (size_t i = 0; i < count; ++i) {
+            m_packets[i].number(first + i);
+            pieces[i] = m_packets[i].bytes();
+            messages[i].msg_hdr = {&m_to, sizeof m_to, &pieces[i], 1, nullptr, 0, 0};
+        }
+        for (size_t done = 0; done < count;) {
+            const int sent =
+                sendmmsg(m_socket, &messages[done], static_cast<unsigned>(count - done), 0);
+            check(sent > 0 || errno == ENOBUFS, "sending");
+            if (sent > 0) done += static_cast<size_t>(sent);
+        }
+    }
+
+ private:
+    static ether_addr ownAddress() {
+        FILE* const file = fopen("/sys/class/net/eth0/address", "r");
+        check(file != nullptr, "eth0's address");
+        ether_addr address{};
+        uint8_t* const octet = address.ether_addr_octet;
+        const int read = fscanf(file, "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx", octet, octet + 1, octet + 2,
+                                octet + 3, octet + 4, octet + 5);
+        fclose(file);
+        if (read != 6) throw std::runtime_error("eth0 has no Ethernet address");
+        return address;
+    }
+
+    int m_socket = -1;
+    sockaddr_ll m_to{};
+    std::vector<Packet> m_packets;
+};
+
+class Answers {
+ public:
+    explicit Answers(int family) : m_family(family) {
+        m_socket = family == 4 ? socket(AF_INET, SOCK_RAW, IPPROTO_ICMP)
+                               : socket(AF_INET6, SOCK_RAW, IPPROTO_ICMPV6);
+        check(m_socket >= 0, "raw socket");
+        constexpr int room = 64 << 20;
+        check(setsockopt(m_socket, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room) == 0,
+              "receive buffer");
+    }
+
+    /// Waits for answers and hands each one's number on.  False: none came in that time.
+    template <typename Take>
+    bool read(milliseconds wait, Take take) {
+        pollfd readable{m_socket, POLLIN, 0};
+        if (poll(&readable, 1, static_cast<int>(wait.count())) <= 0) return false;
+        std::array<iovec, kBatch> pieces;
+        std::array<mmsghdr, kBatch> messages{};
+        for (size_t i = 0; i < kBatch; ++i) {
+            pieces[i] = {m_buffers[i].data(), m_buffers[i].size()};
+            messages[i].msg_hdr.msg_iov = &pieces[i];
+            messages[i].msg_hdr.msg_iovlen = 1;
+        }
+        const int count = recvmmsg(m_socket, messages.data(), kBatch, MSG_DONTWAIT, nullptr);
+        for (int i = 0; i < count; ++i) {
+            const auto index = static_cast<size_t>(i);
+            uint64_t number = 0;
+            if (numberOf(m_buffers[index].data(), messages[index].msg_len, number)) take(number);
+        }
+        return true;
+    }
+
+ private:
+    bool numberOf(const uint8_t* bytes, size_t size, uint64_t& number) const {
+        const size_t icmp = m_family == 4 ? size_t{20} : 0;
+        const size_t at = icmp + 8 + (m_family == 4 ? 20 : 40) + 8;
+        if (size < at + sizeof number) return false;
+        const bool isAnswer =
+            m_family == 4 ? bytes[icmp] == ICMP_DEST_UNREACH && bytes[icmp + 1] == ICMP_FRAG_NEEDED
+                          : bytes[icmp] == ICMP6_PACKET_TOO_BIG;
+        if (!isAnswer) return false;
+        memcpy(&number, bytes + at, sizeof number);
+        return true;
+    }
+
+    int m_family;
+    int m_socket = -1;
+    std::array<std::array<uint8_t, 1600>, kBatch> m_buffers;
+};
+
+void latency(Sender& sender, Answers& answers, uint64_t count) {
+    std::vector<int64_t> times;
+    times.reserve(count);
+    const Clock::time_point start = Clock::now();
+    for (uint64_t i = 0; i < count; ++i) {
+        bool answered = false;
+        const Clock::time_point sent = Clock::now();
+        sender.send(i, 1);
+        const auto take = [&](uint64_t number) { answered |= number == i; };
+        while (!answered && answers.read(milliseconds(500), take)) {
+        }
+        if (answered) times.push_back((Clock::now() - sent).count());
+    }
+    std::sort(times.begin(), times.end());
+    const auto at = [&](double share) {
+        return times.empty() ? -1 : times[static_cast<size_t>(share * double(times.size() - 1))];
+    };
+    printf("{\"sent\":%lu,\"answered\":%zu,\"seconds\":%.3f,\"median_ns\":%ld,\"p99_ns\":%ld}\n",
+           count, times.size(), duration<double>(Clock::now() - start).count(), at(0.5), at(0.99));
+}
+
+void flood(Sender& sender, Answers& answers, double seconds, double rate) {
+    uint64_t answered = 0;
+    std::atomic<bool> sending = true;
+    Clock::time_point last = Clock::now();
+    std::thread reader([&] {
+        const auto take = [&](uint64_t) { ++answered; };
+        while (true) {
+            if (answers.read(milliseconds(500), take)) {
+                last = Clock::now();
+            } else if (!sending) {
+                return;
+            }
+        }
+    });
+    const Clock::time_point start = Clock::now();
+    const Clock::time_point end =
+        start + std::chrono::duration_cast<Clock::duration>(duration<double>(seconds));
+    uint64_t sent = 0;
+    const size_t atOnce = rate > 0 ? 8 : kBatch;
+    while (Clock::now() < end) {
+        sender.send(sent, atOnce);
+        sent += atOnce;
+        if (rate > 0) {
+            std::this_thread::sleep_until(start + std::chrono::duration_cast<Clock::duration>(
+                                                      duration<double>(double(sent) / rate)));
+        }
+    }
+    sending = false;
+    reader.join();
+    printf("{\"sent\":%lu,\"answered\":%lu,\"seconds\":%.3f}\n", sent, answered,
+           duration<double>(last - start).count());
+}
+
+int run(const std::vector<std::string>& words) {
+    if (words.size() < 4) {
+        fputs(kUsage, stderr);
+        return 2;
+    }
+    const int family = std::stoi(words[0]);
+    ether_addr to{};
+    uint8_t* const octet = to.ether_addr_octet;
+    if (sscanf(words[1].c_str(), "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx", octet, octet + 1, octet + 2,
+               octet + 3, octet + 4, octet + 5) != 6)
+        throw std::runtime_error("no Ethernet address: " + words[1]);
+    Sender sender(family, to);
+    Answers answers(family);
+    if (words[2] == "latency") {
+        latency(sender, answers, std::stoull(words[3]));
+    } else {
+        flood(sender, answers, std::stod(words[3]), words.size() > 4 ? std::stod(words[4]) : 0);
+    }
+    return 0;
+}
+
+}  // namespace
+
+int main(int count, char** words) {
+    try {
+        return run({words + 1, words + count});
+    } catch (const std::exception& error) {
+        fprintf(stderr, "pmtud_flood: %s\n", error.what());
+        return 1;
+    }
+}

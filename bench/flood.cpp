@@ -1,5 +1,6 @@
 // Sends oversized packets from the lab's host A and times the answers.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <linux/if_packet.h>
 #include <net/ethernet.h>
 #include <net/if.h>
@@ -7,6 +8,7 @@
 #include <netinet/in.h>
 #include <netinet/ip_icmp.h>
 #include <poll.h>
+#include <spawn.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -36,11 +38,14 @@ constexpr size_t kBatch = 32;
 constexpr char kUsage[] =
     "usage: pmtud_flood 4|6 MAC latency COUNT\n"
     "       pmtud_flood 4|6 MAC flood SECONDS [PACKETS_PER_SECOND]\n"
+    "       pmtud_flood 4|6 MAC await MTU SECONDS COMMAND [ARGUMENT...]\n"
     "Run on host A of the lab; MAC is that of the switch's bcm0.10. Sends UDP packets of 1,500\n"
     "bytes that may not be fragmented to host B, and reads the ICMP errors that come back:\n"
     "  latency   one packet after the other, each when the one before is answered\n"
     "  flood     as many as go, or so many a second, and then waits until no answer comes\n"
-    "Prints one JSON object: sent, answered, seconds, and for latency median_ns and p99_ns.\n";
+    "  await     starts the command, and sends until an answer names the MTU\n"
+    "Prints one JSON object: sent, answered, seconds (null where await waited in vain), and for\n"
+    "latency median_ns and p99_ns.\n";
 
 void check(bool good, const char* what) {
     if (!good) throw std::system_error(errno, std::generic_category(), what);
@@ -183,7 +188,7 @@ class Answers {
               "receive buffer");
     }
 
-    /// Waits for answers and hands each one's number on.  False: none came in that time.
+    /// Waits for answers and hands each one's number and MTU on.  False: none came in that time.
     template <typename Take>
     bool read(milliseconds wait, Take take) {
         pollfd readable{m_socket, POLLIN, 0};
@@ -199,7 +204,8 @@ class Answers {
         for (int i = 0; i < count; ++i) {
             const auto index = static_cast<size_t>(i);
             uint64_t number = 0;
-            if (numberOf(m_buffers[index].data(), messages[index].msg_len, number)) take(number);
+            if (numberOf(m_buffers[index].data(), messages[index].msg_len, number))
+                take(number, mtuOf(m_buffers[index].data()));
         }
         return true;
     }
@@ -217,6 +223,12 @@ class Answers {
         return true;
     }
 
+    uint32_t mtuOf(const uint8_t* bytes) const {
+        const uint8_t* const field = bytes + (m_family == 4 ? 20 + 4 : 4);
+        return static_cast<uint32_t>(field[0]) << 24 | static_cast<uint32_t>(field[1] << 16) |
+               static_cast<uint32_t>(field[2] << 8) | field[3];
+    }
+
     int m_family;
     int m_socket = -1;
     std::array<std::array<uint8_t, 1600>, kBatch> m_buffers;
@@ -230,7 +242,7 @@ void latency(Sender& sender, Answers& answers, uint64_t count) {
         bool answered = false;
         const Clock::time_point sent = Clock::now();
         sender.send(i, 1);
-        const auto take = [&](uint64_t number) { answered |= number == i; };
+        const auto take = [&](uint64_t number, uint32_t) { answered |= number == i; };
         while (!answered && answers.read(milliseconds(500), take)) {
         }
         if (answered) times.push_back((Clock::now() - sent).count());
@@ -248,7 +260,7 @@ void flood(Sender& sender, Answers& answers, double seconds, double rate) {
     std::atomic<bool> sending = true;
     Clock::time_point last = Clock::now();
     std::thread reader([&] {
-        const auto take = [&](uint64_t) { ++answered; };
+        const auto take = [&](uint64_t, uint32_t) { ++answered; };
         while (true) {
             if (answers.read(milliseconds(500), take)) {
                 last = Clock::now();
@@ -276,6 +288,41 @@ void flood(Sender& sender, Answers& answers, double seconds, double rate) {
            duration<double>(last - start).count());
 }
 
+/// The command goes on when this ends.
+void start(const std::vector<std::string>& command) {
+    std::vector<char*> words;
+    for (const std::string& word : command) words.push_back(const_cast<char*>(word.c_str()));
+    words.push_back(nullptr);
+    // Whoever reads what this prints does not wait for the command's end.
+    posix_spawn_file_actions_t output;
+    posix_spawn_file_actions_init(&output);
+    posix_spawn_file_actions_addopen(&output, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_adddup2(&output, STDOUT_FILENO, STDERR_FILENO);
+    pid_t child = 0;
+    const int error = posix_spawnp(&child, words[0], &output, nullptr, words.data(), environ);
+    posix_spawn_file_actions_destroy(&output);
+    if (error != 0) throw std::system_error(error, std::generic_category(), command[0]);
+}
+
+void await(Sender& sender, Answers& answers, uint32_t mtu, double seconds,
+           const std::vector<std::string>& command) {
+    uint64_t sent = 0;
+    uint64_t answered = 0;
+    bool seen = false;
+    const Clock::time_point begin = Clock::now();
+    start(command);
+    while (!seen && duration<double>(Clock::now() - begin).count() < seconds) {
+        sender.send(sent++, 1);
+        answers.read(milliseconds(1), [&](uint64_t, uint32_t named) {
+            ++answered;
+            seen |= named == mtu;
+        });
+    }
+    const double took = duration<double>(Clock::now() - begin).count();
+    printf("{\"sent\":%lu,\"answered\":%lu,\"seconds\":%s}\n", sent, answered,
+           seen ? std::to_string(took).c_str() : "null");
+}
+
 int run(const std::vector<std::string>& words) {
     if (words.size() < 4) {
         fputs(kUsage, stderr);
@@ -291,6 +338,9 @@ int run(const std::vector<std::string>& words) {
     Answers answers(family);
     if (words[2] == "latency") {
         latency(sender, answers, std::stoull(words[3]));
+    } else if (words[2] == "await" && words.size() > 5) {
+        await(sender, answers, static_cast<uint32_t>(std::stoul(words[3])), std::stod(words[4]),
+              {words.begin() + 5, words.end()});
     } else {
         flood(sender, answers, std::stod(words[3]), words.size() > 4 ? std::stod(words[4]) : 0);
     }

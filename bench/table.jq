@@ -1,0 +1,10 @@
+# The report as a table for people.
+def pad(n): tostring | . + (" " * ([n - length, 0] | max));
+("figure" | pad(44)) + ("value" | pad(14)) + ("spread" | pad(10)) + "reach",
+(.figures[]
+ | if .missing then (.name | pad(44)) + "not measured: " + .missing
+   else (.name | pad(44)) + (.value | pad(14))
+        + ((if .spread then "±\(.spread * 1000 | round / 10) %" else "" end) | pad(10))
+        + (if .reach != null then "\(.reach)  \(if .reached then "reached" else "not reached" end)"
+           else "" end)
+   end)

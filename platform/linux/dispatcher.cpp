@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The dispatcher: keeps the rules true and hands what they pick to the receive callback.
 #include "dispatcher.h"
 
@@ -68,11 +69,14 @@ void Dispatcher::detach() {
 void Dispatcher::run(pktd_rx_cb_t callback) {
     for (;;) {
         pollfd ready[] = {{m_group.fd(), POLLIN, 0}, {m_links.fd(), POLLIN, 0}};
-        if (poll(ready, 2, retrying() ? retryInterval : -1) < 0 && errno != EINTR)
+        if (poll(ready, 2, retrying() || unsaid() ? retryInterval : -1) < 0 && errno != EINTR)
             throw std::system_error(errno, std::generic_category(), "poll");
         if (ready[1].revents != 0 || (retrying() && Burst::Clock::now() >= m_nextTry))
             followLinks();
-        if (ready[0].revents != 0) receive(callback);
+        if (ready[0].revents != 0)
+            receive(callback);
+        else
+            sayBursts(true);
     }
 }
 
@@ -158,10 +162,14 @@ void Dispatcher::sayBursts(bool over) {
     }
     if (!m_lost.pending() && !m_unusable.pending()) return;
     const Burst::Clock::time_point now = Burst::Clock::now();
-    if (const uint64_t lost = m_lost.due(over, now); lost != 0)
-        say("the receive queue overran, frames lost: " + std::to_string(lost));
-    if (const uint64_t unusable = m_unusable.due(over, now); unusable != 0)
-        say("log group messages that could not become a frame: " + std::to_string(unusable));
+    // What the log does not take is said later.
+    if (const uint64_t lost = m_lost.due(over, now);
+        lost != 0 && !say("the receive queue overran, frames lost: " + std::to_string(lost)))
+        m_lost.count(lost);
+    if (const uint64_t unusable = m_unusable.due(over, now);
+        unusable != 0 &&
+        !say("log group messages that could not become a frame: " + std::to_string(unusable)))
+        m_unusable.count(unusable);
 }
 
 }  // namespace pmtud_linux

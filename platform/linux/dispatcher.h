@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The dispatcher: keeps the rules true and hands what they pick to the receive callback.
 #ifndef PMTUD_LINUX_DISPATCHER_H
 #define PMTUD_LINUX_DISPATCHER_H
@@ -41,6 +42,7 @@ class Dispatcher {
     void countVerdict(int verdict);
     void sayBursts(bool over);
     bool retrying() const { return m_rulesRefused || m_links.stale(); }
+    bool unsaid() const { return m_lost.pending() || m_unusable.pending(); }
 
     LogGroup m_group;
     LinkMonitor m_links;

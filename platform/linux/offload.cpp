@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Receive offload: whether an interface merges packets before the kernel routes them.
 #include "offload.h"
 
@@ -38,10 +39,19 @@ int OffloadWatch::open() {
 }
 
 void OffloadWatch::look(const Vlans& vlans) {
+    forgetAllBut(vlans);
     for (const auto& [number, vlan] : vlans) {
         lookAt(vlan.ifindex);
         if (vlan.lower != 0) lookAt(vlan.lower);
     }
+}
+
+// The kernel gives every new interface a number of its own: without this, those that are
+// long gone would add up.
+void OffloadWatch::forgetAllBut(const Vlans& vlans) {
+    std::unordered_set<uint32_t> present;
+    for (const auto& [number, vlan] : vlans) present.insert({vlan.ifindex, vlan.lower});
+    std::erase_if(m_seen, [&](uint32_t ifindex) { return !present.contains(ifindex); });
 }
 
 void OffloadWatch::lookAt(uint32_t ifindex) {

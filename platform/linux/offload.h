@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Receive offload: whether an interface merges packets before the kernel routes them.
 #ifndef PMTUD_LINUX_OFFLOAD_H
 #define PMTUD_LINUX_OFFLOAD_H
@@ -21,10 +22,12 @@ class OffloadWatch {
     /// 0 or a negative errno value.
     int open();
 
-    /// Looks at the VLANs' interfaces that it has not seen yet, and at those below them.
+    /// Looks at the VLANs' interfaces that it has not seen yet, and at those below them;
+    /// forgets the others.
     void look(const Vlans& vlans);
 
  private:
+    void forgetAllBut(const Vlans& vlans);
     void lookAt(uint32_t ifindex);
 
     Descriptor m_socket;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The platform's own lines on the debug channel.
 #include "say.h"
 
@@ -11,9 +12,9 @@ namespace {
 constexpr uint32_t module = 89;
 }
 
-void say(const std::string& text) {
+bool say(const std::string& text) {
     const std::string line = " PMTUD-Linux: " + text;
-    debug_process(module, "%s", line.c_str());
+    return debug_process(module, "%s", line.c_str()) == 0;
 }
 
 uint64_t Burst::due(bool over, Clock::time_point now) {

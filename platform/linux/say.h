@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The platform's own lines on the debug channel.
 #ifndef PMTUD_LINUX_SAY_H
 #define PMTUD_LINUX_SAY_H
@@ -9,7 +10,8 @@
 namespace pmtud_linux {
 
 /// Hands " PMTUD-Linux: " and the text to the debug process under the daemon's module number.
-void say(const std::string& text);
+/// False where it did not take the line.
+bool say(const std::string& text);
 
 /// Counts events of one kind so that a burst of them is said in one line.
 class Burst {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The rules follow the interfaces.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -179,6 +180,21 @@ TEST_F(Rules, SayOnceThatReceiveOffloadIsOn) {
     sendFence();
     client.next();
     EXPECT_FALSE(log.poll());
+}
+
+// An interface that is a VLAN no more is forgotten: what is gone does not add up.
+TEST_F(Rules, SayAgainThatReceiveOffloadIsOnWhereAnInterfaceBecomesAVlanAgain) {
+    LogDaemon log;
+    run("ethtool -K bcm0.20 gro on");
+    const std::string said =
+        "89 PMTUD-Linux: bcm0.20: receive offload is on; the packets that it merges are left to "
+        "the kernel; turn it off: ethtool -K bcm0.20 gro off";
+    Client client;
+    EXPECT_EQ(lineOf(log.next()), said);
+    run("ip link set bcm0.20 down");
+    change("ip link set bcm0.20 name uplink");
+    change("ip link set uplink name bcm0.20");
+    EXPECT_EQ(lineOf(log.next()), said);
 }
 
 TEST_F(Rules, SayThatReceiveOffloadIsOnBelowAVlan) {

@@ -1,7 +1,11 @@
+// SPDX-License-Identifier: MIT
 // The receive queue: losses, foreign messages, verdicts.
 #include <gtest/gtest.h>
+#include <linux/netlink.h>
 
 #include <cstdio>
+#include <fstream>
+#include <sstream>
 #include <string>
 
 #include "client.h"
@@ -9,6 +13,28 @@
 #include "world.h"
 
 class Queue : public World {};
+
+namespace {
+
+// Whether the kernel holds no message any more that a netfilter socket has not read.
+bool queuesAreEmpty() {
+    std::ifstream sockets("/proc/self/net/netlink");
+    std::string line;
+    std::getline(sockets, line);
+    while (std::getline(sockets, line)) {
+        std::istringstream fields(line);
+        std::string kernelSocket;
+        int protocol = 0;
+        long long process = 0;
+        std::string groups;
+        long long held = 0;
+        fields >> kernelSocket >> protocol >> process >> groups >> held;
+        if (protocol == NETLINK_NETFILTER && held != 0) return false;
+    }
+    return true;
+}
+
+}  // namespace
 
 TEST_F(Queue, CountsWhatItLostWhenItOverran) {
     LogDaemon log;
@@ -39,6 +65,25 @@ TEST_F(Queue, CountsWhatItLostWhenItOverran) {
     sendFence();
     while (client.count() + lost <= logged) continue;
     EXPECT_FALSE(log.poll());
+}
+
+TEST_F(Queue, SaysALossOnceTheLogTakesIt) {
+    ClientOptions options;
+    options.gated = true;
+    options.countsOnly = true;
+    Client client(options);
+    const Bytes bytes = packet(Ipv4{});
+    for (int i = 0; i < 9000; ++i) send(bytes);
+    client.openGate();
+    while (!queuesAreEmpty()) continue;
+    sendFence();
+
+    LogDaemon log;
+    const std::string wanted = "89 PMTUD-Linux: the receive queue overran, frames lost: ";
+    std::string line;
+    while (!line.starts_with(wanted)) line = lineOf(log.next());
+    EXPECT_EQ(client.count() + std::stoull(line.substr(wanted.size())),
+              counted("to-bcm0.20", "drop") + counted("to-bcm0.30", "drop"));
 }
 
 TEST_F(Queue, SaysHowManyMessagesCouldNotBecomeAFrame) {

@@ -1,5 +1,8 @@
+// SPDX-License-Identifier: MIT
 // The packet-dispatch queue: the kernel picks and copies the packets, a thread hands them over.
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
 
 #include <cerrno>
 #include <memory>
@@ -7,10 +10,12 @@
 #include <system_error>
 #include <thread>
 
+#include "descriptor.h"
 #include "dispatcher.h"
 #include "seam.h"
 #include "txqueue.h"
 
+using pmtud_linux::Descriptor;
 using pmtud_linux::Dispatcher;
 using pmtud_linux::TxQueue;
 
@@ -32,9 +37,15 @@ struct Client {
 // static objects of the process are being destroyed.
 Client* attached = nullptr;
 
+// Packets that could not be answered are not to be taken from the kernel, which can.
+int checkRightToAnswer() {
+    const Descriptor raw(socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_ICMP));
+    return raw.valid() ? 0 : -errno;
+}
+
 int attach() {
+    if (const int result = checkRightToAnswer(); result != 0) return result;
     auto fresh = std::make_unique<Client>();
-    if (const int result = fresh->txQueue.open(); result != 0) return result;
     if (const int result = fresh->dispatcher.attach(); result != 0) return result;
     attached = fresh.release();
     return 0;

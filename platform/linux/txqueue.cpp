@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The transmit queue: frames posted through a packet socket.
 #include "txqueue.h"
 
@@ -63,10 +64,12 @@ int TxQueue::open() {
     return m_socket.valid() ? 0 : -errno;
 }
 
-int TxQueue::post(const st_pktd_shm_queue_entry_data_t& record, size_t length,
-                  uint32_t* out) const {
+int TxQueue::post(const st_pktd_shm_queue_entry_data_t& record, size_t length, uint32_t* out) {
     if (length < ETH_HLEN) return -EINVAL;
     if (length > sizeof record.opaque_0) return -EMSGSIZE;
+    if (!m_socket.valid()) {
+        if (const int result = open(); result != 0) return result;
+    }
     const st_pktd_shm_queue_entry_ctrl_t& control = record.ctrl;
     const Egress egress = control.dst_valid != 0
                               ? portEgress(m_socket.get(), control.dst_unit, control.dst_port)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The transmit queue: frames posted through a packet socket.
 #ifndef PMTUD_LINUX_TXQUEUE_H
 #define PMTUD_LINUX_TXQUEUE_H
@@ -17,18 +18,17 @@ int fillRecord(st_pktd_shm_queue_entry_data_t* record, int proto, int vid, const
 
 class TxQueue {
  public:
-    /// 0 or a negative errno value.
-    int open();
-
-    void close() { m_socket.reset(); }
-
     /// Sends the record's frame out of the unit and port that it names, where its
     /// dst_valid is set, else out of its VLAN's interface.  A bcm0.N takes untagged
     /// frames: a tag of VLAN N is left out.  *out: the bytes sent.  0 or a negative errno
     /// value, -ENODEV where there is no such unit, port or VLAN.
-    int post(const st_pktd_shm_queue_entry_data_t& record, size_t length, uint32_t* out) const;
+    int post(const st_pktd_shm_queue_entry_data_t& record, size_t length, uint32_t* out);
 
  private:
+    int open();
+
+    // Opened by the first post and then kept: a service that posts nothing may be forbidden
+    // packet sockets.
     Descriptor m_socket;
 };
 

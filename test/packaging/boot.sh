@@ -1,0 +1,101 @@
+# shellcheck shell=bash
+# shellcheck disable=SC2154  # copy is copy.sh's
+# Boots systemd on the lab's switch, in a copy of this machine's files, as far as the service.
+#
+# It is the process 1 of a process namespace of its own, in a control group of its own below that
+# of the test, and sees no settings of the kernel that it could change for the whole machine.
+
+# boot_install BUILD
+# Installs what is built there into the copy, and leaves systemd only the units that this takes.
+boot_install() {
+    local -r units=$copy/usr/lib/systemd/system
+    make_copy
+    DESTDIR=$copy cmake --install "$1" --prefix /usr >"$LAB_FILES/install"
+    mkdir "$LAB_FILES/units"
+    cp -p "$units"/{pmtud.service,{basic,sysinit,shutdown}.target} \
+        "$units"/systemd-journald{.service,.socket,-dev-log.socket} "$LAB_FILES/units"
+    mount --bind "$LAB_FILES/units" "$units"
+    mount -t tmpfs generators "$copy/usr/lib/systemd/system-generators"
+    mkdir "$units/sysinit.target.wants"
+    ln -s ../systemd-journald{.service,.socket,-dev-log.socket} "$units/sysinit.target.wants/"
+}
+
+# The control group of version 2 that this process is in, as a folder.
+boot_own_cgroup() {
+    local mounted
+    mounted=$(findmnt --noheadings --first-only --types cgroup2 --output TARGET)
+    echo "${mounted%/}$(sed -n 's/^0:://p' /proc/self/cgroup)"
+}
+
+# In its namespaces: the file systems that systemd finds on a machine, and then systemd.
+boot_process_1() {
+    # The devices that the service gets are taken from these.
+    mkdir "$copy/dev/pts" "$copy/dev/shm"
+    mount -t devpts -o newinstance,ptmxmode=0666 devpts "$copy/dev/pts"
+    mount -t tmpfs shm "$copy/dev/shm"
+    ln -s pts/ptmx "$copy/dev/ptmx"
+    mount -t proc proc "$copy/proc"
+    mount --bind "$copy/proc/sys" "$copy/proc/sys"
+    mount -o remount,bind,ro "$copy/proc/sys"
+    mount -t sysfs -o ro sysfs "$copy/sys"
+    mount -t cgroup2 cgroup2 "$copy/sys/fs/cgroup"
+    # So that it is nobody's but this namespace's.
+    mount --make-rprivate /
+    cd "$copy" || return
+    pivot_root . mnt
+    exec chroot . env -i container=lab PATH=/usr/sbin:/usr/bin sh -c \
+        'umount -l /mnt && exec /lib/systemd/systemd --unit=pmtud.service --log-target=console'
+}
+
+# boot_service
+# Boots and waits until the service's process is there, whose number is then in lab_daemon.
+boot_service() {
+    boot_cgroup=$(boot_own_cgroup)/pmtud-lab-$BASHPID
+    mkdir "$boot_cgroup"
+    trap boot_end EXIT
+    lab_daemon_output=$LAB_FILES/systemd
+    (
+        echo "$BASHPID" >"$boot_cgroup/cgroup.procs"
+        # What would reach the machine: modules, its clock, its devices, its log.
+        exec ip netns exec switch setpriv \
+            --bounding-set=-sys_module,-sys_boot,-sys_time,-sys_rawio,-mknod,-syslog \
+            unshare --mount --pid --ipc --uts --cgroup --fork --kill-child \
+            bash -euo pipefail -c "copy=$copy; $(declare -f boot_process_1); boot_process_1"
+    ) >"$lab_daemon_output" 2>&1 </dev/null &
+    boot_job=$!
+    disown
+    boot_await_process ""
+}
+
+# boot_await_process OLD
+boot_await_process() {
+    boot_old_process=$1
+    expect "the service's process comes" lab_within 20 boot_has_process
+    # shellcheck disable=SC2034  # the cases read it
+    lab_daemon=$(pgrep -x pmtud)
+}
+
+boot_has_process() {
+    local now
+    now=$(pgrep -x pmtud) && [[ $now != "$boot_old_process" ]]
+}
+
+boot_cgroup_is_empty() {
+    [[ $(<"$boot_cgroup/cgroup.events") == *"populated 0"* ]]
+}
+
+boot_end() {
+    lab_is_gone "$boot_job" || kill -KILL "$boot_job"
+    lab_await 10 "the end of systemd" boot_cgroup_is_empty
+    find "$boot_cgroup" -depth -type d -exec rmdir {} +
+}
+
+# What the journal has of the service, without the times.
+boot_journal() {
+    journalctl --directory "$copy/run/log/journal" --no-pager --output=cat --identifier=pmtud |
+        sed -E -e 's/^[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9] //' -e 's/\r$//'
+}
+
+boot_journal_has() {
+    [[ $(boot_journal) == *"$1"* ]]
+}

@@ -1,0 +1,29 @@
+# shellcheck shell=bash
+# A copy of this machine's files to install into: what is written there is in memory and goes
+# with the mount namespace.
+
+# Where the copy is.  It is a mount of this namespace's and never removed by name.
+readonly copy=/mnt/root
+
+# copy_isolate SCRIPT [ARGUMENT...]
+# Runs the script again where mounts are its own.
+copy_isolate() {
+    local -r here=$(readlink /proc/self/ns/mnt)
+    if [[ ${PMTUD_COPY_OUTSIDE:-} == mnt:* && $PMTUD_COPY_OUTSIDE != "$here" ]]; then return; fi
+    PMTUD_COPY_OUTSIDE=$here exec unshare --mount -- "$@"
+}
+
+# The copy has its own, empty, /run, /tmp and /etc/systemd, and few devices.
+make_copy() {
+    mount -t tmpfs copy /mnt
+    mkdir /mnt/changes /mnt/work "$copy"
+    mount -t overlay copy -o lowerdir=/,upperdir=/mnt/changes,workdir=/mnt/work "$copy"
+    local name
+    for name in run tmp etc/systemd dev; do mount -t tmpfs copy "$copy/$name"; done
+    mkdir "$copy/etc/systemd/system"
+    for name in null zero full random urandom; do
+        : >"$copy/dev/$name"
+        mount --bind "/dev/$name" "$copy/dev/$name"
+    done
+    mount -t proc proc "$copy/proc"
+}

@@ -1,0 +1,122 @@
+// Preloaded into the daemon: makes the running kernel answer as one does that lacks a part.
+//
+// What is asked of the part that PMTUD_LACKING names is asked of one that no kernel has, so the
+// answer is the kernel's own: "netfilter" (no netfilter netlink), "nf_tables", "nfnetlink_log",
+// or the name of an expression of the rules, such as "log" and "fib".
+#include <arpa/inet.h>
+#include <dlfcn.h>
+#include <linux/netfilter/nf_tables.h>
+#include <linux/netfilter/nfnetlink.h>
+#include <linux/netlink.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+constexpr int noProtocol = 31;   // of netlink: the last, which nobody has
+constexpr uint8_t noPart = 255;  // of nfnetlink: beyond all that there are
+constexpr uint16_t noBatch = 0;  // of a batch, where those beyond are another error
+
+std::string_view lacking() {
+    const char* const name = std::getenv("PMTUD_LACKING");
+    return name != nullptr ? name : "";
+}
+
+int lackingPart() {
+    if (lacking() == "nf_tables") return NFNL_SUBSYS_NFTABLES;
+    if (lacking() == "nfnetlink_log") return NFNL_SUBSYS_ULOG;
+    return -1;
+}
+
+void redirect(nlmsghdr& message, char* payload) {
+    if (NFNL_SUBSYS_ID(message.nlmsg_type) == lackingPart())
+        message.nlmsg_type = static_cast<uint16_t>(noPart << 8 | NFNL_MSG_TYPE(message.nlmsg_type));
+    if (message.nlmsg_type != NFNL_MSG_BATCH_BEGIN) return;
+    nfgenmsg batch;
+    std::memcpy(&batch, payload, sizeof batch);
+    if (ntohs(batch.res_id) == lackingPart()) batch.res_id = htons(noBatch);
+    std::memcpy(payload, &batch, sizeof batch);
+}
+
+// An expression's name is a string attribute; one with another first letter is nobody's.
+void rename(std::vector<char>& bytes) {
+    const std::string_view name = lacking();
+    if (lackingPart() >= 0 || name.empty()) return;
+    const nlattr header{static_cast<uint16_t>(sizeof(nlattr) + name.size() + 1), NFTA_EXPR_NAME};
+    std::vector<char> attribute(sizeof header + name.size() + 1, '\0');
+    std::memcpy(attribute.data(), &header, sizeof header);
+    std::memcpy(attribute.data() + sizeof header, name.data(), name.size());
+    for (size_t at = 0; at + attribute.size() <= bytes.size(); ++at)
+        if (std::memcmp(&bytes[at], attribute.data(), attribute.size()) == 0)
+            bytes[at + sizeof header] = '-';
+}
+
+void change(std::vector<char>& bytes) {
+    rename(bytes);
+    size_t at = 0;
+    while (at + sizeof(nlmsghdr) + sizeof(nfgenmsg) <= bytes.size()) {
+        nlmsghdr message;
+        std::memcpy(&message, &bytes[at], sizeof message);
+        if (message.nlmsg_len < sizeof message) return;
+        redirect(message, &bytes[at + sizeof message]);
+        std::memcpy(&bytes[at], &message, sizeof message);
+        at += NLMSG_ALIGN(message.nlmsg_len);
+    }
+}
+
+bool isNetfilter(int fd) {
+    int domain = 0;
+    int protocol = 0;
+    socklen_t size = sizeof domain;
+    if (getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) != 0) return false;
+    size = sizeof protocol;
+    if (getsockopt(fd, SOL_SOCKET, SO_PROTOCOL, &protocol, &size) != 0) return false;
+    return domain == AF_NETLINK && protocol == NETLINK_NETFILTER;
+}
+
+template <typename Function>
+Function next(const char* name) {
+    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+extern "C" int socket(int domain, int type, int protocol) noexcept {
+    static const auto real = next<int (*)(int, int, int)>("socket");
+    const bool lacks = lacking() == "netfilter" && domain == AF_NETLINK;
+    return real(domain, type, lacks && protocol == NETLINK_NETFILTER ? noProtocol : protocol);
+}
+
+extern "C" ssize_t sendmsg(int fd, const msghdr* message, int flags) {
+    static const auto real = next<ssize_t (*)(int, const msghdr*, int)>("sendmsg");
+    if (!isNetfilter(fd)) return real(fd, message, flags);
+    std::vector<char> bytes;
+    for (size_t piece = 0; piece < message->msg_iovlen; ++piece) {
+        const iovec& from = message->msg_iov[piece];
+        const char* const start = static_cast<const char*>(from.iov_base);
+        bytes.insert(bytes.end(), start, start + from.iov_len);
+    }
+    change(bytes);
+    iovec changed{bytes.data(), bytes.size()};
+    msghdr other = *message;
+    other.msg_iov = &changed;
+    other.msg_iovlen = 1;
+    return real(fd, &other, flags);
+}
+
+extern "C" ssize_t sendto(int fd, const void* buf, size_t n, int flags, const sockaddr* addr,
+                          socklen_t addr_len) {
+    static const auto real =
+        next<ssize_t (*)(int, const void*, size_t, int, const sockaddr*, socklen_t)>("sendto");
+    if (!isNetfilter(fd)) return real(fd, buf, n, flags, addr, addr_len);
+    const char* const start = static_cast<const char*>(buf);
+    std::vector<char> bytes(start, start + n);
+    change(bytes);
+    return real(fd, bytes.data(), bytes.size(), flags, addr, addr_len);
+}

@@ -1,0 +1,103 @@
+#!/usr/bin/env bash
+# The man page: well formed, and with a word on every line that the daemon can write.
+set -euo pipefail
+
+if [[ ${1:-} == --help || $# -ne 2 ]]; then
+    echo "usage: ${0##*/} CASE PROJECT"
+    echo "Ends with status 0 where all that CASE expects of the project's man page is so."
+    [[ ${1:-} == --help ]] && exit 0
+    exit 2
+fi
+
+# shellcheck source=test/packaging/expect.sh
+source "$(dirname "${BASH_SOURCE[0]}")/expect.sh"
+readonly project=$2
+readonly page=$project/packaging/pmtud.8
+
+readonly literal='"(?:[^"\\]|\\.)*"'
+
+# statements START FILE...
+# The statements that begin with START, each in one line: FILE, a tab, the statement.
+statements() {
+    local -r start=$1
+    shift
+    local file
+    for file in "$@"; do
+        # A file may have none.
+        { tr '\n' ' ' <"$file" | grep -oP "\\b$start(?:[^;\"]|$literal)*;" || (($? == 1)); } |
+            sed "s|^|${file##*/}\t|"
+    done
+}
+
+# pattern STATEMENT
+# What a line must match to show the texts of the statement, in their order, with any values
+# between them.  Only the line's start counts of a text that goes on in a second one.
+pattern() {
+    local text end result=
+    while IFS= read -r text; do
+        text=${text:1:-1}
+        end=${text#"${text%%\\n*}"}
+        text=${text%%\\n*}
+        result+=".*"$(sed -E -e 's/^ +//' -e 's/ +$//' -e 's/[][\.*^$+?(){}|/]/\\&/g' \
+            -e 's/%[a-z]+/.*/g' <<<"$text")
+        if [[ -n $end ]]; then break; fi
+    done < <(grep -oP -- "$literal" <<<"$1")
+    echo "$result"
+}
+
+# expect_explained PATTERN
+# One line of the page, as wide as it may be, matches.
+expect_explained() {
+    [[ -s $scratch/page ]] || mandoc -T ascii -O width=400 "$page" | col -bx >"$scratch/page"
+    grep -Eq -- "$1" "$scratch/page" || fail "the man page has no line that matches: $1"
+    echo >>"$scratch/explained"
+}
+
+expect_count() {
+    expect_equal "lines looked for" "$1" "$(wc -l <"$scratch/explained")"
+}
+
+MandocHasNothingToSay() {
+    expect_equal "mandoc's lint" "" "$(mandoc -T lint -W style "$page" 2>"$scratch/database")"
+}
+
+EachStatementWithALevelIsExplained() {
+    local file statement level number texts
+    while IFS=$'\t' read -r file statement; do
+        [[ $statement =~ ^QV_LOG(_IN)?\(([A-Z0-9]+),\ ([0-9]+)(,.*\")?\)(.*)$ ]] ||
+            fail "not understood: $statement"
+        level=${BASH_REMATCH[2]} number=${BASH_REMATCH[3]} texts=${BASH_REMATCH[5]}
+        expect_explained "$level: \[${file%.cpp}:$number( \| [^]]*)?\]$(pattern "$texts")"
+    done < <(statements 'QV_LOG(_IN)?\(' "$project"/src/{main,shm,pmtud,net}/*.cpp)
+    expect_count 40
+}
+
+EachLineOfTheEngineInTheSystemLogIsExplained() {
+    local file statement
+    while IFS=$'\t' read -r file statement; do
+        expect_explained "PMTUD-Prot:$(pattern "$statement")"
+    done < <(statements 'QVDebugProcLog\(\)\.get' "$project"/src/*/*.cpp)
+    expect_count 21
+}
+
+EachLineOfThePlatformInTheSystemLogIsExplained() {
+    local file statement
+    while IFS=$'\t' read -r file statement; do
+        # What names no text gets it from a function, whose text is below.
+        if [[ $statement != *\"* ]]; then continue; fi
+        expect_explained "PMTUD-Linux:$(pattern "$statement")"
+    done < <(
+        statements 'say\((?!const)' "$project"/platform/linux/*.cpp
+        statements 'return name \+' "$project/platform/linux/offload.cpp"
+    )
+    expect_explained 'PMTUD-Linux: .* lines lost$'
+    expect_count 8
+}
+
+EachResultOfAFailedStartHasItsRemedy() {
+    local result
+    for result in -1 -2 -16 -22 -93 -97; do expect_explained "^ +$result( |$)"; done
+    expect_count 6
+}
+
+run_case "$1"

@@ -1,0 +1,186 @@
+#!/usr/bin/env bash
+# The Debian packages: what is in them, and what they do to a system.
+set -euo pipefail
+
+if [[ ${1:-} == --help || $# -ne 3 ]]; then
+    echo "usage: ${0##*/} CASE PROJECT FOLDER"
+    echo "Builds the packages of the project in FOLDER (case Builds), or looks at those that are"
+    echo "there. Ends with status 0 where all that CASE expects of them is so."
+    [[ ${1:-} == --help ]] && exit 0
+    exit 2
+fi
+
+here=$(dirname "${BASH_SOURCE[0]}")
+# shellcheck source=test/packaging/expect.sh
+source "$here/expect.sh"
+# shellcheck source=test/packaging/copy.sh
+source "$here/copy.sh"
+readonly project=$2 folder=$3
+architecture=$(dpkg --print-architecture)
+libraries=usr/lib/$(dpkg-architecture -q DEB_HOST_MULTIARCH)/pmtud
+daemon_package=$(echo "$folder"/pmtud_*_"$architecture".deb)
+headers_package=$(echo "$folder"/pmtud-dev_*_all.deb)
+
+# Lintian is content, too, or the script fails.
+Builds() {
+    rm -rf "$folder"
+    "$project/script/package" "$folder" >"$scratch/log" 2>&1 || fail "$(tail -n 30 "$scratch/log")"
+}
+
+SameSourcesGiveTheSamePackagesInAnotherFolder() {
+    "$project/script/package" "$scratch/deeper/folder" >"$scratch/log" 2>&1 ||
+        fail "$(tail -n 30 "$scratch/log")"
+    local package
+    for package in "$daemon_package" "$headers_package"; do
+        cmp "$package" "$scratch/deeper/folder/${package##*/}" || fail "${package##*/} differs"
+    done
+}
+
+# content PACKAGE
+# Mode, owner and name of all that is no folder.
+content() {
+    dpkg-deb --contents "$1" | awk '$1 !~ /^d/ { print $1, $2, $6 }' | LC_ALL=C sort -k 3
+}
+
+DaemonPackageHasExactlyTheseFiles() {
+    expect_equal "the files" "-rw-r--r-- root/root ./lib/systemd/system/pmtud.service
+lrwxrwxrwx root/root ./$libraries/libpmtud-platform.so.1
+-rw-r--r-- root/root ./$libraries/libpmtud-platform.so.1.0.0
+-rwxr-xr-x root/root ./usr/sbin/pmtud
+-rw-r--r-- root/root ./usr/share/doc/pmtud/README.md
+-rw-r--r-- root/root ./usr/share/doc/pmtud/changelog.Debian.gz
+-rw-r--r-- root/root ./usr/share/doc/pmtud/copyright
+-rw-r--r-- root/root ./usr/share/lintian/overrides/pmtud
+-rw-r--r-- root/root ./usr/share/man/man8/pmtud.8.gz" "$(content "$daemon_package")"
+}
+
+HeadersPackageHasExactlyTheseFiles() {
+    expect_equal "the files" "-rw-r--r-- root/root ./usr/include/pmtud/arpd.h
+-rw-r--r-- root/root ./usr/include/pmtud/cfg.h
+-rw-r--r-- root/root ./usr/include/pmtud/debug_process.h
+-rw-r--r-- root/root ./usr/include/pmtud/pktd.h
+-rw-r--r-- root/root ./usr/include/pmtud/pktd_record.h
+-rw-r--r-- root/root ./usr/share/doc/pmtud-dev/changelog.Debian.gz
+-rw-r--r-- root/root ./usr/share/doc/pmtud-dev/copyright
+-rw-r--r-- root/root ./usr/share/doc/pmtud-dev/porting.md
+-rw-r--r-- root/root ./usr/share/lintian/overrides/pmtud-dev" "$(content "$headers_package")"
+}
+
+ItsVersionIsTheProjectsAndTheChangelogs() {
+    local changelog
+    changelog=$(dpkg-parsechangelog -l "$project/packaging/debian/changelog" -S Version)
+    expect_equal "the version" "$changelog" "$(dpkg-deb -f "$daemon_package" Version)"
+    expect_equal "the headers' version" "$changelog" "$(dpkg-deb -f "$headers_package" Version)"
+    local project_version
+    project_version=$(sed -nE 's/^project\(pmtud VERSION ([0-9.]+) .*/\1/p' "$project/CMakeLists.txt")
+    expect_equal "the project's version" "${changelog%-*}" "$project_version"
+}
+
+ItDependsOnTheLibrariesThatItCalls() {
+    expect_equal "what it depends on" \
+        "libc6 libgcc-s1 libmnl0 libnetfilter-log1 libnftables1 libstdc++6" \
+        "$(dpkg-deb -f "$daemon_package" Depends | sed -E -e 's/ \([^)]*\)//g' -e 's/,//g')"
+}
+
+# in_copy COMMAND [ARGUMENT...]
+in_copy() {
+    # Debian's packages find their programs in these.
+    chroot "$copy" env PATH=/usr/sbin:/usr/bin DEBIAN_FRONTEND=noninteractive "$@" \
+        >"$scratch/log" 2>&1 || fail "$*: $(<"$scratch/log")"
+}
+
+install_in_copy() {
+    cp "$daemon_package" "$copy/tmp/pmtud.deb"
+    in_copy dpkg -i /tmp/pmtud.deb
+}
+
+# Names that have to do with pmtud and were not on this machine before.
+traces() {
+    (cd "$copy" && find etc lib/systemd/system run "${libraries%/*}" usr/sbin usr/share/doc \
+        usr/share/man var/lib/dpkg/info var/lib/systemd -name '*pmtud*' | LC_ALL=C sort)
+}
+
+# From here on systemd seems to run in the copy, where all is enabled and active; what is asked of
+# it is written down.
+record_systemctl() {
+    mkdir -p "$copy/run/systemd/system"
+    # The policy of the machine that builds is not the test's.
+    rm -f "$copy/usr/bin/systemctl" "$copy/usr/sbin/policy-rc.d"
+    cat >"$copy/usr/bin/systemctl" <<'END'
+#!/bin/sh
+echo "$*" >>/tmp/asked
+case "$*" in *is-enabled*) echo enabled ;; esac
+END
+    chmod 755 "$copy/usr/bin/systemctl"
+}
+
+# What systemd was told to do since the last call.
+asked() {
+    grep -E '(daemon-reload|start|stop|restart)' "$copy/tmp/asked"
+    : >"$copy/tmp/asked"
+}
+
+InstallingEnablesTheServiceAndStartsNothingWithoutSystemd() {
+    make_copy
+    install_in_copy
+    expect_equal "where the link leads" /lib/systemd/system/pmtud.service \
+        "$(readlink "$copy/etc/systemd/system/multi-user.target.wants/pmtud.service")"
+    [[ ! -e $copy/run/pmtud.pid ]] || fail "it was started"
+}
+
+PurgingLeavesNothingBehind() {
+    make_copy
+    expect_equal "before" "" "$(traces)"
+    install_in_copy
+    in_copy dpkg -P pmtud
+    expect_equal "behind" "" "$(traces)"
+}
+
+RemovingKeepsWhetherItWasEnabledAndNothingElse() {
+    make_copy
+    install_in_copy
+    in_copy dpkg -r pmtud
+    expect_equal "behind" "etc/systemd/system/multi-user.target.wants/pmtud.service
+var/lib/dpkg/info/pmtud.list
+var/lib/dpkg/info/pmtud.postrm
+var/lib/systemd/deb-systemd-helper-enabled/multi-user.target.wants/pmtud.service
+var/lib/systemd/deb-systemd-helper-enabled/pmtud.service.dsh-also" "$(traces)"
+}
+
+UpgradingKeepsItDisabledWhereTheAdministratorDisabledIt() {
+    make_copy
+    install_in_copy
+    rm "$copy/etc/systemd/system/multi-user.target.wants/pmtud.service"
+    install_in_copy
+    [[ ! -L $copy/etc/systemd/system/multi-user.target.wants/pmtud.service ]] ||
+        fail "it is enabled again"
+}
+
+SystemdIsAskedToStartRestartAndStopIt() {
+    make_copy
+    record_systemctl
+    install_in_copy
+    expect_equal "at the installation" "--system daemon-reload
+--quiet --system start pmtud.service" "$(asked)"
+    install_in_copy
+    expect_equal "at an upgrade" "--system daemon-reload
+--quiet --system restart pmtud.service" "$(asked)"
+    in_copy dpkg -r pmtud
+    expect_equal "at the removal" "stop pmtud.service
+--system daemon-reload" "$(asked)"
+}
+
+PolicyThatForbidsItKeepsItFromBeingStarted() {
+    make_copy
+    record_systemctl
+    printf '#!/bin/sh\nexit 101\n' >"$copy/usr/sbin/policy-rc.d"
+    chmod 755 "$copy/usr/sbin/policy-rc.d"
+    install_in_copy
+    expect_equal "at the installation" "--system daemon-reload" "$(asked)"
+}
+
+# The cases that install need mounts of their own.
+if [[ $(type -t "$1") == function && $(declare -f "$1") == *make_copy* ]]; then
+    copy_isolate "$0" "$@"
+fi
+run_case "$1"

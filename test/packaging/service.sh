@@ -1,0 +1,96 @@
+# shellcheck shell=bash
+# shellcheck disable=SC2154  # family and daemon are the runner's
+# The service under systemd itself, on the lab's switch: shut off from all else, it does its work.
+
+here_of_service=$(dirname "${BASH_SOURCE[0]}")
+# shellcheck source=test/packaging/copy.sh
+source "$here_of_service/copy.sh"
+# shellcheck source=test/packaging/boot.sh
+source "$here_of_service/boot.sh"
+
+start_service() {
+    lab_build
+    boot_install "$(dirname "$daemon")/.."
+    boot_service
+    expect "the rules come" lab_within 5 lab_has_taken_over
+}
+
+status_of_daemon() {
+    sed -nE "s/^$1:\t+//p" "/proc/$lab_daemon/status"
+}
+
+ServiceAnswers() {
+    start_service
+    expect_answered_with 1400 1500
+}
+
+ServiceAnswersAgainAfterItWasKilled() {
+    start_service
+    kill -KILL "$lab_daemon"
+    boot_await_process "$lab_daemon"
+    expect "the rules come" lab_within 5 lab_has_taken_over
+    expect_answered_with 1400 1500
+}
+
+ServiceHasItsTwoCapabilitiesAndCanGainNoOthers() {
+    start_service
+    local set
+    for set in CapInh CapPrm CapEff CapBnd CapAmb; do
+        expect_equal "$set" 0000000000003000 "$(status_of_daemon "$set")"
+    done
+    expect_equal "no new privileges" 1 "$(status_of_daemon NoNewPrivs)"
+}
+
+ServiceIsNotRootAndItsSystemCallsAreFiltered() {
+    start_service
+    expect_match "its user" '^[1-9][0-9]*' "$(status_of_daemon Uid)"
+    expect_equal "its filter of system calls" 2 "$(status_of_daemon Seccomp)"
+}
+
+ServiceCanNeitherWriteNorExecuteWhatItFinds() {
+    start_service
+    local options
+    options=$(awk '$5 == "/" { print $6 }' "/proc/$lab_daemon/mountinfo" | tail -n 1)
+    expect_match "the file system" '^ro,.*\bnoexec\b' "$options"
+}
+
+ServiceHasItsFilesInRunPmtud() {
+    start_service
+    expect_equal "the files in /run" "/run/pmtud/pmtud.pid
+/run/pmtud/pmtud.registered" "$(cd "$copy" && find run -name 'pmtud.*' -type f -printf '/%p\n' | sort)"
+    expect_equal "who is registered" "$(status_of_daemon NSpid | awk '{ print $NF }')" \
+        "$(<"$copy/run/pmtud/pmtud.registered")"
+}
+
+JournalTellsOfTheAnswer() {
+    start_service
+    expect_answered_with 1400 1500
+    expect "the journal has it" lab_within 5 boot_journal_has "$(by_family \
+        '89 PMTUD-Prot: ICMP message sent to source 10.0.10.2' \
+        '89 PMTUD-Prot: ICMPv6 message sent to source 2001:db8:10::2')"
+}
+
+# The same black hole as without the daemon, if only single hosts elsewhere may be sent to.
+ServiceCanSendOnlyWhereItsAddressesAllow() {
+    lab_build
+    boot_install "$(dirname "$daemon")/.."
+    sed -i -e '/^IPAddressAllow=/d' -e 's|^IPAddressDeny=.*|&\nIPAddressAllow=192.0.2.0/24|' \
+        "$copy/usr/lib/systemd/system/pmtud.service"
+    boot_service
+    expect "the rules come" lab_within 5 lab_has_taken_over
+    expect_match "ping of 1500 bytes" ' 0 received, 100% packet loss' "$(ping_size 1500)"
+    expect "it got the packet" lab_within 5 boot_journal_has 'Received IPv'
+}
+
+ServiceWithoutItsCapabilitiesSaysSoAndStays() {
+    lab_build
+    boot_install "$(dirname "$daemon")/.."
+    sed -i '/^AmbientCapabilities=/d' "$copy/usr/lib/systemd/system/pmtud.service"
+    boot_service
+    expect "it says so" lab_within 5 boot_journal_has "Could not initialize SHM"
+    expect "the last line" lab_within 5 boot_journal_has "PMTUDApp:72"
+    expect_equal "the journal" \
+        "ERROR: [SHM_Wrapper:140 | virtual bool SHM_Wrapper_App::init()] Could not initialize SHM queue, ret=-1
+ERROR: [PMTUDApp:72 | bool PMTUDApp::run() const] Could not initialize SHM" "$(boot_journal)"
+    expect "it stays" test -d "/proc/$lab_daemon"
+}

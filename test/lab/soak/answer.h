@@ -1,0 +1,32 @@
+// A path-MTU answer as host A receives it: ICMP "fragmentation needed", ICMPv6 Packet Too Big.
+#ifndef PMTUD_SOAK_ANSWER_H
+#define PMTUD_SOAK_ANSWER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+
+namespace soak {
+
+struct Answer {
+    int family = 0;
+    uint32_t mtu = 0;
+    uint32_t serial = 0;              ///< its low 16 bits (IPv4) or 20 bits (IPv6)
+    size_t messageLength = 0;         ///< of the ICMP message
+    std::span<const uint8_t> source;  ///< of the answer
+    std::span<const uint8_t> destination;
+    std::span<const uint8_t> quote;  ///< of the packet that it answers, from its IP header on
+    /// The ICMP checksum is folded once, and the carry of that is not added back, as RFC 1071
+    /// section 4.1 would have it.  The daemon does so on purpose.
+    bool carryDropped = false;
+    std::string problem;  ///< what is wrong with the message itself; empty: nothing
+};
+
+/// Nothing for a frame that is no path-MTU answer.  The views are into the frame.
+std::optional<Answer> readAnswer(std::span<const uint8_t> frame);
+
+}  // namespace soak
+
+#endif

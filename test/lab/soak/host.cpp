@@ -1,0 +1,339 @@
+// Host A of the soak: sends packets by windows and judges every answer.
+#include "host.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <net/if.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <system_error>
+
+#include "bytes.h"
+
+namespace soak {
+
+namespace {
+
+// Less than the kernel queues per processor between two interfaces, 1,000.
+constexpr size_t window = 256;
+
+constexpr std::chrono::seconds patience(10);
+
+// Answers that are larger than their link would come in fragments.
+constexpr uint32_t smallestMtu = 1280;
+constexpr uint32_t largestMtu = 1460;
+
+constexpr uint64_t faultsSaid = 20;
+
+[[noreturn]] void fail(const char* what) {
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
+Mac macOf(const char* interface, const char* what) {
+    const int probe = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ifreq request{};
+    std::snprintf(request.ifr_name, sizeof request.ifr_name, "%s", interface);
+    const int result = ioctl(probe, SIOCGIFHWADDR, &request);
+    close(probe);
+    if (result != 0) fail(what);
+    Mac mac;
+    std::memcpy(mac.data(), request.ifr_hwaddr.sa_data, mac.size());
+    return mac;
+}
+
+// Calls the function in another network namespace, and comes back.
+template <typename Function>
+auto inNamespace(const char* path, Function function) {
+    const int own = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
+    const int other = open(path, O_RDONLY | O_CLOEXEC);
+    if (own < 0 || other < 0 || setns(other, CLONE_NEWNET) != 0) fail(path);
+    auto result = function();
+    if (setns(own, CLONE_NEWNET) != 0) fail("back to the own namespace");
+    close(own);
+    close(other);
+    return result;
+}
+
+Mac gatewayMac(const char* switchNamespace) {
+    return inNamespace(switchNamespace, [] { return macOf("bcm0.10", "bcm0.10"); });
+}
+
+ifreq egress() {
+    ifreq request{};
+    std::strcpy(request.ifr_name, "bcm0.20");
+    return request;
+}
+
+bool isBy(Answerer answerer, const Answer& answer) {
+    const size_t headers = answer.family == 4 ? 20 : 40;
+    const size_t kernels = (answer.family == 4 ? 576 : 1280) - headers;
+    const size_t daemons = answer.family == 4 ? 68 : answer.mtu;
+    switch (answerer) {
+        case Answerer::kernel:
+            return answer.messageLength == kernels;
+        case Answerer::daemon:
+            return answer.messageLength == daemons;
+        case Answerer::either:
+            break;
+    }
+    return answer.messageLength == kernels || answer.messageLength == daemons;
+}
+
+template <typename Bytes, typename Others>
+bool equal(const Bytes& bytes, const Others& others) {
+    return std::equal(bytes.begin(), bytes.end(), others.begin(), others.end());
+}
+
+}  // namespace
+
+Host::Host(uint64_t seed, const char* interface, const char* switchNamespace)
+    : m_mac(macOf(interface, interface)),
+      m_forge(seed, m_mac, gatewayMac(switchNamespace)),
+      m_ring(ringSize),
+      m_figures(kinds().size()) {
+    openSockets(interface, switchNamespace);
+    ifreq request = egress();
+    if (ioctl(m_control, SIOCGIFMTU, &request) != 0) fail("MTU of bcm0.20");
+    m_mtus.push_back(static_cast<uint32_t>(request.ifr_mtu));
+}
+
+Host::~Host() {
+    for (const int fd : {m_out, m_in, m_control}) close(fd);
+}
+
+void Host::openSockets(const char* interface, const char* switchNamespace) {
+    sockaddr_ll link{};
+    link.sll_family = AF_PACKET;
+    link.sll_ifindex = static_cast<int>(if_nametoindex(interface));
+    m_out = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
+    if (m_out < 0) fail("packet socket");
+    if (bind(m_out, reinterpret_cast<const sockaddr*>(&link), sizeof link) != 0) fail(interface);
+
+    m_in = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (m_in < 0) fail("packet socket");
+    constexpr int room = 64 << 20;
+    constexpr int yes = 1;
+    if (setsockopt(m_in, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room) != 0 ||
+        setsockopt(m_in, SOL_PACKET, PACKET_IGNORE_OUTGOING, &yes, sizeof yes) != 0)
+        fail("packet socket");
+    link.sll_protocol = htons(ETH_P_ALL);
+    if (bind(m_in, reinterpret_cast<const sockaddr*>(&link), sizeof link) != 0) fail(interface);
+
+    m_control =
+        inNamespace(switchNamespace, [] { return socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0); });
+    if (m_control < 0) fail("control socket");
+}
+
+Host::Sent& Host::prepare(size_t kind, Answerer answerer, bool awaited) {
+    Sent& sent = m_ring[m_serial % ringSize];
+    const Outcome outcome = kinds()[kind].outcome;
+    sent.serial = m_serial;
+    sent.kind = kind;
+    sent.mtuThen = m_mtus.size() - 1;
+    sent.answerer = answerer;
+    sent.mayBeAnswered = outcome == Outcome::answered;
+    sent.awaited = awaited && sent.mayBeAnswered;
+    sent.answered = false;
+    m_forge.make(kinds()[kind], m_serial, sent.frame);
+    if (sent.awaited) ++m_awaited;
+    ++m_figures[kind].sent;
+    ++m_serial;
+    return sent;
+}
+
+void Host::sendWindow(size_t first, size_t count) {
+    std::array<iovec, batch> pieces;
+    std::array<mmsghdr, batch> messages{};
+    size_t done = 0;
+    while (done < count) {
+        const size_t now = std::min(batch, count - done);
+        for (size_t i = 0; i < now; ++i) {
+            Frame& frame = m_ring[(first + done + i) % ringSize].frame;
+            pieces[i] = {frame.bytes.data(), frame.size};
+            messages[i].msg_hdr.msg_iov = &pieces[i];
+            messages[i].msg_hdr.msg_iovlen = 1;
+        }
+        const int sent = sendmmsg(m_out, messages.data(), static_cast<unsigned>(now), 0);
+        if (sent < 0 && errno != ENOBUFS && errno != EINTR) fail("send");
+        if (sent > 0) done += static_cast<size_t>(sent);
+        while (receive()) {
+        }
+    }
+}
+
+bool Host::receive() {
+    static std::array<std::array<uint8_t, 2048>, batch> frames;
+    std::array<iovec, batch> pieces;
+    std::array<mmsghdr, batch> messages{};
+    for (size_t i = 0; i < batch; ++i) {
+        pieces[i] = {frames[i].data(), frames[i].size()};
+        messages[i].msg_hdr.msg_iov = &pieces[i];
+        messages[i].msg_hdr.msg_iovlen = 1;
+    }
+    const int count = recvmmsg(m_in, messages.data(), batch, MSG_DONTWAIT, nullptr);
+    if (count < 0 && errno != EAGAIN && errno != EINTR) fail("receive");
+    for (size_t i = 0; count > 0 && i < static_cast<size_t>(count); ++i) {
+        if (const auto answer = readAnswer({frames[i].data(), messages[i].msg_len})) judge(*answer);
+    }
+    return count > 0;
+}
+
+void Host::awaitAnswers() {
+    auto deadline = std::chrono::steady_clock::now() + patience;
+    while (m_awaited > 0) {
+        pollfd readable{m_in, POLLIN, 0};
+        poll(&readable, 1, 100);
+        const uint64_t before = m_awaited;
+        while (receive()) {
+        }
+        const auto now = std::chrono::steady_clock::now();
+        if (m_awaited < before) deadline = now + patience;
+        if (now < deadline) continue;
+        for (Sent& sent : m_ring) {
+            if (!sent.awaited || sent.answered) continue;
+            fault("no answer to number " + std::to_string(sent.serial) + ", IPv" +
+                  std::to_string(kinds()[sent.kind].family) + " " + kinds()[sent.kind].name);
+            sent.awaited = false;
+        }
+        m_awaited = 0;
+    }
+}
+
+void Host::judge(const Answer& answer) {
+    const uint32_t mask = answer.family == 4 ? 0xffff : 0xfffff;
+    Sent& sent = m_ring[answer.serial % ringSize];
+    const Kind& kind = kinds()[sent.kind];
+    const auto wrong = [&](const std::string& what) {
+        fault("answer to number " + std::to_string(sent.serial) + ", IPv" +
+              std::to_string(kind.family) + " " + kind.name + ", with MTU " +
+              std::to_string(answer.mtu) + ": " + what);
+    };
+    if ((sent.serial & mask) != answer.serial || sent.frame.size == 0)
+        return wrong("the packet is unknown");
+    if (!sent.mayBeAnswered) return wrong("it must not be answered");
+    if (sent.answered) return wrong("it is answered already");
+    sent.answered = true;
+    ++m_figures[sent.kind].answered;
+    if (sent.awaited) --m_awaited;
+    if (!answer.problem.empty()) wrong(answer.problem);
+    if (answer.carryDropped) ++m_carriesDropped;
+
+    const auto now = m_mtus.begin() + static_cast<ptrdiff_t>(sent.mtuThen);
+    if (std::find(now, m_mtus.end(), answer.mtu) == m_mtus.end())
+        wrong("that MTU was not in force");
+    if (!isBy(sent.answerer, answer)) wrong("the answer is not its answerer's");
+    const auto packet =
+        std::span<const uint8_t>(sent.frame.bytes).subspan(14, sent.frame.size - 14);
+    const auto source = answer.family == 4 ? packet.subspan(12, 4) : packet.subspan(8, 16);
+    if (!equal(answer.destination, source)) wrong("it goes to another than the sender");
+    constexpr std::array<uint8_t, 4> gateway4{10, 0, 10, 1};
+    constexpr std::array<uint8_t, 16> gateway6{0x20, 0x01, 0x0d, 0xb8, 0, 0x10, 0, 0,
+                                               0,    0,    0,    0,    0, 0,    0, 1};
+    if (answer.family == 4 ? !equal(answer.source, gateway4) : !equal(answer.source, gateway6))
+        wrong("it does not come from the switch's address of VLAN 10");
+    const size_t quoted = std::min(answer.quote.size(), packet.size());
+    if (!equal(answer.quote.first(quoted), packet.first(quoted)))
+        wrong("the quote is not of the packet");
+}
+
+void Host::sendAndAwait(uint64_t count, bool allKinds, Answerer answerer) {
+    m_forge.setSmallest(m_mtus.back() + 1);
+    while (count > 0) {
+        const size_t first = m_serial;
+        size_t made = 0;
+        for (; made < window && count > 0; ++made) {
+            const size_t kind = allKinds ? m_forge.chooseKind() : m_serial % 2;
+            if (prepare(kind, answerer, true).awaited) --count;
+        }
+        sendWindow(first, made);
+        awaitAnswers();
+    }
+}
+
+void Host::sendWhileMtuChanges(uint64_t count) {
+    m_forge.setSmallest(largestMtu + 1);
+    while (count > 0) {
+        const size_t first = m_serial;
+        const auto made = static_cast<size_t>(std::min<uint64_t>(count, window));
+        for (size_t i = 0; i < made; ++i) prepare(m_serial % 2, Answerer::daemon, true);
+        const size_t before = m_forge.below(made + 1);
+        sendWindow(first, before);
+        changeMtuRandomly();
+        // Those that are still to be sent meet the new MTU.
+        for (size_t i = before; i < made; ++i)
+            m_ring[(first + i) % ringSize].mtuThen = m_mtus.size() - 1;
+        sendWindow(first + before, made - before);
+        awaitAnswers();
+        count -= made;
+    }
+}
+
+void Host::sendAndForget(uint64_t count, Answerer answerer) {
+    m_forge.setSmallest(m_mtus.back() + 1);
+    while (count > 0) {
+        const size_t first = m_serial;
+        const auto made = static_cast<size_t>(std::min<uint64_t>(count, batch));
+        for (size_t i = 0; i < made; ++i) prepare(m_serial % 2, answerer, false);
+        sendWindow(first, made);
+        count -= made;
+    }
+}
+
+void Host::settle(std::chrono::milliseconds quiet) {
+    pollfd readable{m_in, POLLIN, 0};
+    while (poll(&readable, 1, static_cast<int>(quiet.count())) > 0) {
+        while (receive()) {
+        }
+    }
+}
+
+void Host::changeMtuRandomly() {
+    setMtu(smallestMtu + static_cast<uint32_t>(m_forge.below(largestMtu - smallestMtu + 1)));
+}
+
+void Host::setMtu(uint32_t mtu) {
+    // Before it is done: an answer may name it at once.
+    m_mtus.push_back(mtu);
+    ifreq request = egress();
+    request.ifr_mtu = static_cast<int>(mtu);
+    if (ioctl(m_control, SIOCSIFMTU, &request) != 0) fail("MTU of bcm0.20");
+}
+
+void Host::fault(const std::string& what) {
+    if (++m_faults <= faultsSaid) std::fprintf(stderr, "FAULT: %s\n", what.c_str());
+}
+
+uint64_t Host::answered(Outcome outcome) const {
+    uint64_t sum = 0;
+    for (size_t i = 0; i < m_figures.size(); ++i)
+        if (kinds()[i].outcome == outcome) sum += m_figures[i].answered;
+    return sum;
+}
+
+uint64_t Host::sent(Outcome outcome) const {
+    uint64_t sum = 0;
+    for (size_t i = 0; i < m_figures.size(); ++i)
+        if (kinds()[i].outcome == outcome) sum += m_figures[i].sent;
+    return sum;
+}
+
+uint64_t Host::missedByReceiver() {
+    tpacket_stats statistics{};
+    socklen_t size = sizeof statistics;
+    if (getsockopt(m_in, SOL_PACKET, PACKET_STATISTICS, &statistics, &size) != 0)
+        fail("statistics");
+    m_missed += statistics.tp_drops;
+    return m_missed;
+}
+
+}  // namespace soak

@@ -1,0 +1,57 @@
+// The lab's system log: reads /dev/log and counts what the daemon says.
+#ifndef PMTUD_SOAK_SYSTEM_LOG_H
+#define PMTUD_SOAK_SYSTEM_LOG_H
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <set>
+#include <string>
+#include <string_view>
+#include <thread>
+
+namespace soak {
+
+class SystemLog {
+ public:
+    struct Counts {
+        std::atomic<uint64_t> lines{0};       ///< of the engine
+        std::atomic<uint64_t> linesLost{0};   ///< as the daemon says
+        std::atomic<uint64_t> received{0};    ///< "Received frame of size"
+        std::atomic<uint64_t> sent{0};        ///< "message sent to source"
+        std::atomic<uint64_t> framesLost{0};  ///< as the daemon says
+        std::atomic<uint64_t> unusable{0};    ///< as the daemon says
+        std::atomic<uint64_t> refused{0};     ///< "Invalid VLAN"
+        std::atomic<uint64_t> others{0};      ///< lines of the platform of any other kind
+    };
+
+    /// Makes /dev/log and starts to read it; throws std::system_error.  Lines of the
+    /// platform that are not counted are written to standard error, each text once.
+    SystemLog();
+    ~SystemLog();
+    SystemLog(const SystemLog&) = delete;
+    SystemLog& operator=(const SystemLog&) = delete;
+
+    const Counts& counts() const { return m_counts; }
+
+    /// Whether lines are read; while they are not, the daemon soon finds no room for more.
+    void setReading(bool reading);
+
+ private:
+    void read();
+    void wake() const;
+    void take(std::string_view line);
+    void takePlatformLine(std::string_view text);
+
+    int m_socket = -1;
+    int m_wake = -1;
+    std::atomic<bool> m_ending{false};
+    std::atomic<bool> m_reading{true};
+    Counts m_counts;
+    std::set<std::string> m_said;
+    std::thread m_thread;
+};
+
+}  // namespace soak
+
+#endif

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Counts the allocations of a reply, and shows which of our functions asked for each.
 #include "allocations.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Counts the allocations of a reply, and shows which of our functions asked for each.
 #ifndef PMTUD_BENCH_ALLOCATIONS_H
 #define PMTUD_BENCH_ALLOCATIONS_H

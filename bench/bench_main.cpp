@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Runs the benchmarks, or some replies for a tool to watch, in a network made for the run.
 #include <benchmark/benchmark.h>
 

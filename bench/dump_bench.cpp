@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the text of each header dump costs.
 #include <benchmark/benchmark.h>
 

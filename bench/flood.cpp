@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Sends oversized packets from the lab's host A and times the answers.
 #include <arpa/inet.h>
 #include <fcntl.h>

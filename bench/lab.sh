@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Measures the daemon in the lab, beside the kernel's own answers on the same topology.
 set -euo pipefail
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What a log statement costs that the threshold suppresses, beside an empty loop.
 #include <benchmark/benchmark.h>
 

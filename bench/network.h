@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The network that replies are sent into: bcm0.10 here, its peer in a namespace of its own.
 #ifndef PMTUD_BENCH_NETWORK_H
 #define PMTUD_BENCH_NETWORK_H

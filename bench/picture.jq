@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # A picture of one comparison: horizontal bars, in the unit of the first line.
 def pictures: {
   replies: {title: "One reply, nanoseconds (median)", bars: [

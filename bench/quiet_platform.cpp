@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The platform behind the benchmarks: constant answers, and a debug process that takes every
 // line at no cost.  ICMPv6 is sent by the Linux platform's own functions.
 #include "cfg.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Replies one after the other, for a tool that counts what they do.
 #ifndef PMTUD_BENCH_REPLY_H
 #define PMTUD_BENCH_REPLY_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What one reply costs, from the receive callback to its return, beside the bare system calls.
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # All figures of a run, with those derived from others and what each is to reach.
 def reach: {
   reply_v4_over_floor: 1.40, reply_v6_over_floor: 1.40, reply_v4_over_text_floor: 1.15,

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Boost::headers, also for a target that has no Boost of its own.
 if(NOT CMAKE_CROSSCOMPILING)
   find_package(Boost REQUIRED)

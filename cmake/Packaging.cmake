@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # What is installed where, and the Debian packages that are made of it.
 include(GNUInstallDirs)
 

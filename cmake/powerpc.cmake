@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # The target: 32-bit big-endian PowerPC Linux, with Debian's cross compiler; what is built runs
 # here under qemu's user emulation.
 set(CMAKE_SYSTEM_NAME Linux)

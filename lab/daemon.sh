@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # The daemon under observation: started on the switch, watched, and killed.
 

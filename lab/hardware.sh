@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # The switch hardware's part in the black hole: what is too large for its egress VLAN goes nowhere.
 #

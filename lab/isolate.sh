@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # Runs a script again in namespaces of its own, so that nothing of it reaches the machine or stays.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # The lab's machines as network namespaces, and the links between them.
 #

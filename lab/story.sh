@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # Tells a demonstration step by step: what is done, what is seen, and whether it is as it should be.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # The lab's system log: what is written to /dev/log goes to a file.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # A TCP transfer from host a to host b, with socat at both ends.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Installs the systemd unit, and sees to it that it names the daemon and its library where they
 # are below the prefix of this installation.
 #

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # Host A of the soak: the program that sends and judges, and what it is asked to do.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # lab_daemon is lab/daemon.sh's
 # Interfaces of the switch that come, go, change their names and their MTUs at random.

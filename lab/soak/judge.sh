@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # lab_daemon is lab/daemon.sh's, soak_figures is host.sh's
 # What the soak checks: each check is a stated sentence, "ok" or "NOT ok".

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The ICMPv6 send library: how ICMPv6 messages leave by a layer-3 VLAN interface. */
 #ifndef PMTUD_PLATFORM_ARPD_H
 #define PMTUD_PLATFORM_ARPD_H

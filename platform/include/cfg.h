@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The configuration service: what the daemon asks of the switch's configuration. */
 #ifndef PMTUD_PLATFORM_CFG_H
 #define PMTUD_PLATFORM_CFG_H

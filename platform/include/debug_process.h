@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The debug process: where ungated diagnostic lines go. */
 #ifndef PMTUD_PLATFORM_DEBUG_PROCESS_H
 #define PMTUD_PLATFORM_DEBUG_PROCESS_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The packet-dispatch queue: how frames reach the daemon and how it posts its own. */
 #ifndef PMTUD_PLATFORM_PKTD_H
 #define PMTUD_PLATFORM_PKTD_H

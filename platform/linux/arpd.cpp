@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The ICMPv6 send library: a raw socket bound to the interface.
 #include <net/if.h>
 #include <netinet/icmp6.h>

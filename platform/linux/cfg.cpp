@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The configuration service: the kernel's own configuration of the bcm0.N interfaces.
 #include <fcntl.h>
 #include <sys/ioctl.h>

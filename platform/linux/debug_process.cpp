@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The debug process: lines to the system log, as datagrams to /dev/log.
 //
 // A datagram has the form of RFC 3164 section 4.1 without the host name, as local

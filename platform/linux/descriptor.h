@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A file descriptor that is closed with its owner.
 #ifndef PMTUD_LINUX_DESCRIPTOR_H
 #define PMTUD_LINUX_DESCRIPTOR_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // From a message of the log group to what the receive callback is given: record and frame.
 #ifndef PMTUD_LINUX_FRAMES_H
 #define PMTUD_LINUX_FRAMES_H

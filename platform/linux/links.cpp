@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The kernel's link messages (rtnetlink): what interfaces there are, and what changes.
 #include "links.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The kernel's link messages (rtnetlink): what interfaces there are, and what changes.
 #ifndef PMTUD_LINUX_LINKS_H
 #define PMTUD_LINUX_LINKS_H

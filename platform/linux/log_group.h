@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The NFLOG group: a socket on which the kernel delivers the packets that rules copy to it.
 #ifndef PMTUD_LINUX_LOG_GROUP_H
 #define PMTUD_LINUX_LOG_GROUP_H

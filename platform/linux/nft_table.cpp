@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A connection to nftables through libnftables: what it installs is gone when it closes.
 #include "nft_table.h"
 

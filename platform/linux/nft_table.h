@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A connection to nftables through libnftables: what it installs is gone when it closes.
 #ifndef PMTUD_LINUX_NFT_TABLE_H
 #define PMTUD_LINUX_NFT_TABLE_H

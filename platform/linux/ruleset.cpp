@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The nftables rules that pick the packets to dispatch, as text for libnftables.
 //
 // The way of a packet through the table:

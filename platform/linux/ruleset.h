@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The nftables rules that pick the packets to dispatch, as text for libnftables.
 #ifndef PMTUD_LINUX_RULESET_H
 #define PMTUD_LINUX_RULESET_H

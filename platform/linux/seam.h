@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The platform seam's headers, with what they declare exported from the shared library.
 // Always included in place of the headers themselves.
 #ifndef PMTUD_LINUX_SEAM_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The names of layer-3 VLAN interfaces, and the kernel's numbers for them.
 #include "vlan_name.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The names of layer-3 VLAN interfaces: "bcm0." and the VLAN.
 #ifndef PMTUD_LINUX_VLAN_NAME_H
 #define PMTUD_LINUX_VLAN_NAME_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Which layer-3 VLAN interfaces there are, as told by link messages.
 #include "vlan_table.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Which layer-3 VLAN interfaces there are, as told by link messages.
 #ifndef PMTUD_LINUX_VLAN_TABLE_H
 #define PMTUD_LINUX_VLAN_TABLE_H

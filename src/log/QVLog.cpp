@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The qv logging framework: the line's time and level texts, and the two sinks.
 #include "QVLog.h"
 

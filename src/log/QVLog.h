@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The qv logging framework: levels, the gate of a statement, loggers and their sinks.
 #ifndef PMTUD_QV_LOG_H
 #define PMTUD_QV_LOG_H

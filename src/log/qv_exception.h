@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The framework's error class.
 #ifndef PMTUD_QV_EXCEPTION_H
 #define PMTUD_QV_EXCEPTION_H

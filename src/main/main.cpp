@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The process entry: one life of the daemon, from PID file to parked main thread.
 #include <fcntl.h>
 #include <sys/file.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Loads and stores of network-order numbers at any address.
 #ifndef PMTUD_BIG_ENDIAN_H
 #define PMTUD_BIG_ENDIAN_H

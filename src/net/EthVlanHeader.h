@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The view of an Ethernet II header with one IEEE 802.1Q tag.
 #ifndef PMTUD_ETH_VLAN_HEADER_H
 #define PMTUD_ETH_VLAN_HEADER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The view of the fixed part of an IPv4 header.
 #ifndef PMTUD_IPV4_HEADER_H
 #define PMTUD_IPV4_HEADER_H

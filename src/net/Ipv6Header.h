@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The view of the fixed IPv6 header.
 #ifndef PMTUD_IPV6_HEADER_H
 #define PMTUD_IPV6_HEADER_H

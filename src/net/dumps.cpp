@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The text forms of header fields, addresses and whole headers that log messages share.
 #include "dumps.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The text forms of header fields, addresses and whole headers that log messages share.
 #ifndef PMTUD_DUMPS_H
 #define PMTUD_DUMPS_H

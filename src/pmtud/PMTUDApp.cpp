@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The engine: answers each frame that is too large for its egress VLAN.
 #include "PMTUDApp.h"
 

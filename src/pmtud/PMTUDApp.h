@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The engine: answers each frame that is too large for its egress VLAN.
 #ifndef PMTUD_PMTUD_APP_H
 #define PMTUD_PMTUD_APP_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The engine's questions to the switch configuration.
 #include "VlanConfig.h"
 

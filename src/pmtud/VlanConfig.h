@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The engine's questions to the switch configuration.
 #ifndef PMTUD_VLAN_CONFIG_H
 #define PMTUD_VLAN_CONFIG_H

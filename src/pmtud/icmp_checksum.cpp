@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The checksum of the ICMP messages that the daemon builds.
 #include "icmp_checksum.h"
 

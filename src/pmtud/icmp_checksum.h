@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The checksum of the ICMP messages that the daemon builds.
 #ifndef PMTUD_ICMP_CHECKSUM_H
 #define PMTUD_ICMP_CHECKSUM_H

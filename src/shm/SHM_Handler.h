@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The interface through which received frames reach the application.
 #ifndef PMTUD_SHM_HANDLER_H
 #define PMTUD_SHM_HANDLER_H

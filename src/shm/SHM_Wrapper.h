@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The packet-queue adapter: from received frame to verdict, and frames out to the queue.
 #ifndef PMTUD_SHM_WRAPPER_H
 #define PMTUD_SHM_WRAPPER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the tests over every value share: a handler, and fakes that forget what they saw.
 #ifndef PMTUD_TEST_EXHAUSTIVE_H
 #define PMTUD_TEST_EXHAUSTIVE_H

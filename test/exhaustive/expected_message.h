@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The messages that must answer a frame, made of the frame's bytes by plain arithmetic.
 #ifndef PMTUD_TEST_EXPECTED_MESSAGE_H
 #define PMTUD_TEST_EXPECTED_MESSAGE_H

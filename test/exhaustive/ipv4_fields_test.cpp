@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Every first byte and every flag word of an IPv4 header.
 #include <array>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Every IPv6 payload length against the MTUs where the length of the reply turns.
 #include <algorithm>
 

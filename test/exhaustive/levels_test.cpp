@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Every level of a statement against every threshold.
 #include <array>
 #include <limits>

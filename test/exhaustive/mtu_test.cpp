@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Every MTU that the configuration service can answer, as far as the unsigned numbers go.
 #include <vector>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Every tag control word: its three fields, the interface of the IPv6 reply, and its log.
 #include "EthVlanHeader.h"
 #include "exhaustive.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Every TPID and every EtherType: one of the first and two of the second lead to an answer.
 #include "exhaustive.h"
 

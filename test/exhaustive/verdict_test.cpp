@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Every post action with every answer of a handler, and with none.
 #include <limits>
 

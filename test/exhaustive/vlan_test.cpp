@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Every egress VLAN that the configuration service can answer, and those far outside the range.
 #include <limits>
 #include <vector>

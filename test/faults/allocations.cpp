@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The test program's own operator new: fails once where it is told to, and counts what is held.
 #include "allocations.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The test program's own operator new: fails once where it is told to, and counts what is held.
 #ifndef PMTUD_TEST_FAULTS_ALLOCATIONS_H
 #define PMTUD_TEST_FAULTS_ALLOCATIONS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Every call on a frame's road fails, twice in a row: what leaves the daemon, and the frame behind.
 #include <gtest/gtest.h>
 

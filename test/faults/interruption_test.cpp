@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The time or an address cannot be had: the exception, the line as far as it was, what stays open.
 #include <gtest/gtest.h>
 

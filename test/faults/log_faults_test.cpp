@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The clock and the sinks fail under the log: the line that goes out all the same.
 #include <gtest/gtest.h>
 

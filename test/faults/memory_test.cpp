@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The n-th allocation fails, for every n: lines, verdicts, descriptors, what stays held, what next.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

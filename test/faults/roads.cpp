@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The two roads of a frame through the daemon, whole, and the daemon to send frames along them.
 #include "roads.h"
 

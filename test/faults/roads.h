@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The two roads of a frame through the daemon, whole, and the daemon to send frames along them.
 #ifndef PMTUD_TEST_FAULTS_ROADS_H
 #define PMTUD_TEST_FAULTS_ROADS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Every call of the start-up fails, twice in a row: the process entry, the attachment, the post.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // All that the daemon calls, made of functions that fail where they are told to, in one journal.
 #include "world.h"
 

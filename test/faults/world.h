@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // All that the daemon calls, made of functions that fail where they are told to, in one journal.
 #ifndef PMTUD_TEST_FAULTS_WORLD_H
 #define PMTUD_TEST_FAULTS_WORLD_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // One scripted run, with every log line and every message, against a checked-in text.
 #include <gtest/gtest.h>
 

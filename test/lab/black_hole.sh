@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # family and daemon are the runner's
 # What the daemon is for: how the switch behaves without it.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # family is the runner's
 # What the end-to-end cases expect, and the packets that they send.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # family and daemon are the runner's
 # The daemon as a process: what it says when it cannot serve, and how it ends.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ICMPv6 messages that the kernel sends.
 #include "arpd.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Attaching to the queue, failing to, and what a process leaves behind.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

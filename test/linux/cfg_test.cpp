@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The configuration service's answers, from the kernel's interfaces, and the registration.
 #include "cfg.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A process that attaches to the packet-dispatch queue as the daemon does.
 #ifndef PMTUD_TEST_LINUX_CLIENT_H
 #define PMTUD_TEST_LINUX_CLIENT_H

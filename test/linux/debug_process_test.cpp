@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Lines of the debug process in the system log.
 #include "debug_process.h"
 

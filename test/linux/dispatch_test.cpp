@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Which packets the kernel copies to the client, and what the client is given.
 #include <arpa/inet.h>
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // From a message of the log group to record and frame.
 #include "frames.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Runs the tests of the Linux platform on a real kernel, in namespaces of their own.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What is read from the kernel's link messages.
 #include "links.h"
 

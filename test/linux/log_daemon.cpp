@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The system log's socket, read by the test.
 #include "log_daemon.h"
 

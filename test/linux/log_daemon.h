@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The system log's socket, read by the test.
 #ifndef PMTUD_TEST_LINUX_LOG_DAEMON_H
 #define PMTUD_TEST_LINUX_LOG_DAEMON_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What error a message of libnftables stands for.
 #include "nft_table.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What is said about receive offload.
 #include "offload.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // IPv4 and IPv6 packets as a host would send them.
 #include "packets.h"
 

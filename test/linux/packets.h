@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // IPv4 and IPv6 packets as a host would send them.
 #ifndef PMTUD_TEST_LINUX_PACKETS_H
 #define PMTUD_TEST_LINUX_PACKETS_H

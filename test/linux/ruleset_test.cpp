@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The rules as text.
 #include "ruleset.h"
 

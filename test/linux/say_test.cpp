@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // When a burst of events is said.
 #include "say.h"
 

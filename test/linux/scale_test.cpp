@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // All VLANs that there can be.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Frames posted to the transmit queue.
 #include <gtest/gtest.h>
 #include <net/if.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Which interface names are layer-3 VLAN interfaces.
 #include "vlan_name.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the link messages make of the table of layer-3 VLAN interfaces.
 #include "vlan_table.h"
 

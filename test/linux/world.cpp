@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A switch and two hosts in network namespaces of the test's own.
 #include "world.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the log asks of the C library and of the debug process: which calls, in which order.
 #include <gtest/gtest.h>
 #include <sys/time.h>

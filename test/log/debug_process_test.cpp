@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The debug-process channel: the text as it stands, and never gated.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The framework's error class: caught by its own name only.
 #include "qv_exception.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A line of the file channel, whole.
 #include <gtest/gtest.h>
 #include <poll.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The first statements of a process: what they touch, and what is set from the start.
 #include <gtest/gtest.h>
 #include <unistd.h>

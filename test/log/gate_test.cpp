@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The gate of a statement: before everything else, and invisible where the statement stands.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The logger classes: what they derive from and how they are used.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The two sinks by themselves, given a text as a logger's destructor gives it.
 #include <gtest/gtest.h>
 

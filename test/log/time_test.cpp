@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The time stamp: the clock's time, cut to tenths of a second.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The daemon on the scripted platform, as a child process of the test.
 #ifndef PMTUD_TEST_DAEMON_PROCESS_H
 #define PMTUD_TEST_DAEMON_PROCESS_H

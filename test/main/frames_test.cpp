@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The whole daemon at work: frames in by the queue, and what the platform is asked to send.
 #include <gtest/gtest.h>
 #include <net/if.h>

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Checks that a built daemon takes from the platform exactly the seam's functions and objects.
 set -euo pipefail
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Namespaces of the test process's own, so that a daemon under test finds a machine to itself.
 #include "private_machine.h"
 

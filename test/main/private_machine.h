@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Namespaces of the test process's own, so that a daemon under test finds a machine to itself.
 #ifndef PMTUD_TEST_PRIVATE_MACHINE_H
 #define PMTUD_TEST_PRIVATE_MACHINE_H

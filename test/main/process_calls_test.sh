@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Checks that a built daemon does not call what would detach it, handle signals or read settings.
 set -euo pipefail
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The process entry: start-up, single instance, parking, the last-resort handlers, and the end.
 #include <gtest/gtest.h>
 #include <sys/file.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The scripted platform itself: bad scripts end the process with their line's number.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The multi-line header dumps, whole, as they stand in a log.
 #include "dumps.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The view of an Ethernet header with one tag: every field against literal bytes.
 #include "EthVlanHeader.h"
 

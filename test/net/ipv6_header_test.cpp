@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The view of an IPv6 header: every field against literal bytes.
 #include "Ipv6Header.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The small text forms that log messages share.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # copy is copy.sh's
 # Boots systemd on the lab's switch, in a copy of this machine's files, as far as the service.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # family and daemon are the runner's
 # What the daemon says, to the letter, where something is not as it should be: the lines for which

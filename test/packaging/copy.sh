@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # A copy of this machine's files to install into: what is written there is in memory and goes
 # with the mount namespace.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # What the cases of the packaging expect, and a folder of their own that goes with them.
 

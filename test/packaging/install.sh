@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # What "cmake --install" puts where, and that it works there.
 set -euo pipefail
 

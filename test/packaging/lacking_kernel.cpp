@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Preloaded into the daemon: makes the running kernel answer as one does that lacks a part.
 //
 // What is asked of the part that PMTUD_LACKING names is asked of one that no kernel has, so the

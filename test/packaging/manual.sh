@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # The man page: well formed, and with a word on every line that the daemon can write.
 set -euo pipefail
 

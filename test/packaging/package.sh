@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # The Debian packages: what is in them, and what they do to a system.
 set -euo pipefail
 

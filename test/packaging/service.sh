@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # family and daemon are the runner's
 # The service under systemd itself, on the lab's switch: shut off from all else, it does its work.

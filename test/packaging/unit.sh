@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # The systemd unit: how far it shuts the daemon off, and that systemd understands it.
 set -euo pipefail
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The scripted fake of the switch platform: the seam's functions.
 #include "fake_platform.h"
 

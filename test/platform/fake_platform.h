@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The scripted fake of the switch platform, linked into the unit tests in its place.
 #ifndef PMTUD_TEST_FAKE_PLATFORM_H
 #define PMTUD_TEST_FAKE_PLATFORM_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The scripted platform: the seam's functions and objects, for the daemon as a process.
 #include <arpa/inet.h>
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The run of a script: what is in store for the next call, and the log of the calls.
 #include "scripted_play.h"
 

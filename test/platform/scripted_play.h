@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The run of a script: what is in store for the next call, and the log of the calls.
 #ifndef PMTUD_TEST_SCRIPTED_PLAY_H
 #define PMTUD_TEST_SCRIPTED_PLAY_H

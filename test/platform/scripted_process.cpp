@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The scripted platform: the calls of the process entry to the C library and to operator new,
 // which the daemon under test is linked to have wrapped (ld --wrap).
 #include <fcntl.h>

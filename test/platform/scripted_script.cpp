@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The script of the scripted platform: reads its lines.
 #include "scripted_script.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The script of the scripted platform: what it answers, and the frames that it delivers.
 //
 // One statement a line; blank lines and lines that begin with # are skipped.

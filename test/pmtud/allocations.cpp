@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The test program's own operator new: counts what is alive, and fails when it is told to.
 #include "allocations.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the application object: what it is made of, how it begins, runs and ends.
 #include <array>
 #include <functional>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the tests of the engine share: frames, the order of all that leaves it, guarded memory.
 #ifndef PMTUD_TEST_ENGINE_TEST_H
 #define PMTUD_TEST_ENGINE_TEST_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of exceptions that pass through the engine: from the platform, from log statements, from
 // addresses that cannot be written as text.
 #include <arpa/inet.h>

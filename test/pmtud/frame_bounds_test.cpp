@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests that nothing is read behind what a platform must lay behind a frame.
 #include "engine_test.h"
 

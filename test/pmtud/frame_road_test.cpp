@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of whole roads, from the queue's callback to the sent message: every line and every call
 // in its order, at the threshold that writes all of them.
 #include "engine_test.h"

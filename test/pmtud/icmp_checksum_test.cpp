@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the checksum routine.  The sums in the comments were added up by hand.
 #include "icmp_checksum.h"
 

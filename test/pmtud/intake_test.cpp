@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of frame intake: what is said of every frame, its verdict, and who answers it.
 #include "engine_test.h"
 

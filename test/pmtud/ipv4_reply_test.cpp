@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the IPv4 reply as a whole: all it says at DEBUG, the ways it ends, what it leaves alone.
 #include <stdexcept>
 #include <tuple>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the IPv6 reply: its message, the calls that send it, its lines and its failures.
 #include <stdexcept>
 

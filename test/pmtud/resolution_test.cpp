@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the questions to the switch configuration and of what counts as an answer.
 #include <limits>
 #include <type_traits>

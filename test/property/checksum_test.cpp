@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The checksum routine against its definition, over random messages.
 #include <gtest/gtest.h>
 

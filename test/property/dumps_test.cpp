@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The dumps of random headers against what printf writes of their bytes.
 #include "dumps.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Random frames in random order through the receive callback, while what it asks answers at
 // random and fails at random: what must hold after each.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Random numbers and bytes, the same for the same seed with every compiler and library.
 #ifndef PMTUD_TEST_RANDOM_H
 #define PMTUD_TEST_RANDOM_H

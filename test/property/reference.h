@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The text forms of headers as printf writes them, to hold those of the daemon against.
 #ifndef PMTUD_TEST_REFERENCE_H
 #define PMTUD_TEST_REFERENCE_H

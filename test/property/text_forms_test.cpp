@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The small text forms against printf's, over random numbers and bytes.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the attachment to the queues, and of the adapter's life in the process.
 #include <limits>
 #include <type_traits>

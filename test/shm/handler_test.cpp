@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the binding of a frame handler to an object and its member function.
 #include <memory>
 #include <stdexcept>

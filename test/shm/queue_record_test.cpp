@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the queue record's layout: the dispatch service's shared-memory format, byte by byte.
 #include "shm_test.h"
 

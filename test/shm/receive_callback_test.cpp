@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the receive callback: what it reads from the record, logs, stores and answers.
 #include <sys/mman.h>
 #include <unistd.h>

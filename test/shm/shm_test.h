@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the tests of the packet-queue adapter share: frames, records, handlers and log lines.
 #ifndef PMTUD_TEST_SHM_TEST_H
 #define PMTUD_TEST_SHM_TEST_H

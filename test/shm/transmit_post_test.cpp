@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of posting a frame to the transmit queue.
 #include <limits>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of the values that the queue library and the application share: actions and codes.
 #include <cstdint>
 #include <limits>

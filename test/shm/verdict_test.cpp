@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tests of what becomes of a frame: the tag check, the handler's answer and the post action.
 #include <limits>
 #include <memory>

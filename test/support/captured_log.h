@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The file channel, caught in memory for the length of a test.
 #ifndef PMTUD_TEST_CAPTURED_LOG_H
 #define PMTUD_TEST_CAPTURED_LOG_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // System calls that a test must see or fail: the clock's.
 #include <sys/time.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // System calls that a test must see or fail, intercepted at link time (ld --wrap).
 #ifndef PMTUD_TEST_FAKE_SYSCALLS_H
 #define PMTUD_TEST_FAKE_SYSCALLS_H

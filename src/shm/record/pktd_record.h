@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The record that accompanies every frame in the packet-dispatch queue.
 #ifndef PMTUD_PKTD_RECORD_H
 #define PMTUD_PKTD_RECORD_H

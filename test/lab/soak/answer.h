@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A path-MTU answer as host A receives it: ICMP "fragmentation needed", ICMPv6 Packet Too Big.
 #ifndef PMTUD_SOAK_ANSWER_H
 #define PMTUD_SOAK_ANSWER_H

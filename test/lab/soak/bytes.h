@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Big-endian fields and the Internet checksum (RFC 1071), apart from the daemon's own.
 #ifndef PMTUD_SOAK_BYTES_H
 #define PMTUD_SOAK_BYTES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The packets that the soak sends: oversized ones of every kind, and malformed ones.
 #include "forge.h"
 

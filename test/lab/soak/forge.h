@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The packets that the soak sends: oversized ones of every kind, and malformed ones.
 #ifndef PMTUD_SOAK_FORGE_H
 #define PMTUD_SOAK_FORGE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Host A of the soak: sends packets by windows and judges every answer.
 #ifndef PMTUD_SOAK_HOST_H
 #define PMTUD_SOAK_HOST_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Host A of the soak as a program: reads commands, a line each, and answers each with a line.
 //
 //   plain COUNT ANSWERER    plain oversized packets of both families, every answer awaited

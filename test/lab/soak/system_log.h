@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The lab's system log: reads /dev/log and counts what the daemon says.
 #ifndef PMTUD_SOAK_SYSTEM_LOG_H
 #define PMTUD_SOAK_SYSTEM_LOG_H

@@ -14,6 +14,8 @@
 #include <string_view>
 #include <system_error>
 
+#include "netlink.h"
+
 namespace pmtud_linux {
 
 namespace {
@@ -119,7 +121,7 @@ LinkMonitor::Read LinkMonitor::read(const std::function<void(const nlmsghdr&)>& 
         return errno == ENOBUFS ? Read::lost : Read::failed;
     }
     if (static_cast<size_t>(received) > buffer.size()) return Read::lost;
-    int left = static_cast<int>(received);
+    int left = static_cast<int>(wholeMessages(buffer.data(), static_cast<size_t>(received)));
     const auto* message = reinterpret_cast<const nlmsghdr*>(buffer.data());
     for (; mnl_nlmsg_ok(message, left); message = mnl_nlmsg_next(message, &left)) take(*message);
     return Read::some;

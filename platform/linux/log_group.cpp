@@ -11,6 +11,8 @@
 #include <array>
 #include <cerrno>
 
+#include "netlink.h"
+
 namespace pmtud_linux {
 
 namespace {
@@ -28,8 +30,8 @@ int request(const MnlSocket& socket, nlmsghdr* message) {
         const ssize_t received = mnl_socket_recvfrom(socket.get(), buffer.data(), buffer.size());
         if (received < 0) return -errno;
         const unsigned int port = mnl_socket_get_portid(socket.get());
-        const int result =
-            mnl_cb_run(buffer.data(), static_cast<size_t>(received), 1, port, nullptr, nullptr);
+        const size_t whole = wholeMessages(buffer.data(), static_cast<size_t>(received));
+        const int result = mnl_cb_run(buffer.data(), whole, 1, port, nullptr, nullptr);
         if (result == MNL_CB_STOP) return 0;
         if (result == MNL_CB_ERROR) return -errno;
     }

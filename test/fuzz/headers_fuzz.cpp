@@ -1,0 +1,175 @@
+// SPDX-License-Identifier: MIT
+// Fuzzes the header views and their dumps over bytes of which no more can be read than they may.
+#include <algorithm>
+#include <cstring>
+#include <sstream>
+#include <string>
+
+#include "dumps.h"
+#include "expected_text.h"
+#include "guarded_memory.h"
+#include "input.h"
+#include "reference.h"
+
+using fuzz::GuardedMemory;
+using fuzz::Input;
+using fuzz::require;
+using fuzz::Span;
+
+namespace {
+
+constexpr std::size_t largestIpv6Packet = 40 + 65535;
+
+/// printf takes long over a large dump; there, only the bytes' part of it is compared.
+constexpr std::size_t largestForPrintf = 128;
+
+GuardedMemory& memory() {
+    static GuardedMemory guarded(largestIpv6Packet);
+    return guarded;
+}
+
+template <typename View>
+std::string inserted(const View& view) {
+    std::ostringstream os;
+    os << view;
+    return os.str();
+}
+
+bool isHexOf(const char* text, const uint8_t* bytes, std::size_t count) {
+    constexpr char digits[] = "0123456789abcdef";
+    for (std::size_t i = 0; i < count; ++i) {
+        const unsigned byte = bytes[i];
+        const char* const at = text + 3 * i;
+        if (at[0] != digits[byte / 16] || at[1] != digits[byte % 16]) return false;
+        if (i + 1 < count && at[2] != ' ') return false;
+    }
+    return true;
+}
+
+void viewEthernet(Span bytes) {
+    const uint8_t* const b = memory().place(bytes, 18);
+    const EthVlanHeader eth(b);
+    const unsigned tag = b[14] * 256U + b[15];
+    require(eth.data() == b && eth.payload() == b + 18, "the payload begins behind the tag");
+    require(memcmp(eth.dest(), b, 6) == 0 && memcmp(eth.source(), b + 6, 6) == 0, "addresses");
+    require(eth.vlan_tpid() == b[12] * 256U + b[13], "tag protocol identifier");
+    require(eth.vlan_tci() == tag, "tag control information");
+    require(eth.vlan_pcp() == tag / 8192, "priority");
+    require(eth.vlan_dei() == (tag / 4096 % 2 == 1), "drop eligible");
+    require(eth.vlan_id() == tag % 4096, "VLAN");
+    require(eth.proto() == b[16] * 256U + b[17], "EtherType");
+    const std::string dump = ethDump(eth);
+    require(dump == reference::ethDump(b), "dump of the Ethernet header");
+    require(inserted(eth) == dump, "insertion of the Ethernet header");
+}
+
+void viewIpv4(Span bytes) {
+    const uint8_t* const b = memory().place(bytes, 20);
+    const Ipv4Header ip(b);
+    require(ip.version() == b[0] / 16 && ip.ihlRaw() == b[0] % 16, "version and length");
+    require(ip.ihl() == b[0] % 16 * 4U, "length in bytes");
+    require(ip.tos() == b[1] && ip.ttl() == b[8] && ip.protocol() == b[9], "single bytes");
+    require(ip.totalLength() == b[2] * 256U + b[3], "total length");
+    require(ip.id() == b[4] * 256U + b[5], "identification");
+    require(ip.flags() == b[6] / 32, "flags");
+    require(ip.df() == (b[6] / 64 % 2 == 1) && ip.mf() == (b[6] / 32 % 2 == 1), "DF and MF");
+    require(ip.fragmentOffset() == b[6] % 32 * 256U + b[7], "fragment offset");
+    require(ip.checksum() == b[10] * 256U + b[11], "checksum");
+    require(memcmp(ip.src().to_bytes().data(), b + 12, 4) == 0, "IPv4 source");
+    require(memcmp(ip.dst().to_bytes().data(), b + 16, 4) == 0, "IPv4 destination");
+}
+
+void dumpIpv4(Span bytes) {
+    const uint8_t* const b = memory().place(bytes, 60);
+    const std::string dump = ipv4Dump(Ipv4Header(b));
+    require(dump == reference::ipv4Dump(b), "dump of the IPv4 header");
+    require(inserted(Ipv4Header(b)) == dump, "insertion of the IPv4 header");
+}
+
+void viewIpv6(Span bytes) {
+    const uint8_t* const b = memory().place(bytes, 40);
+    const Ipv6Header ip(b);
+    require(ip.version() == b[0] / 16 && ip.trafficClass() == 0, "version and class");
+    require(ip.flowLabel() == b[1] % 16 * 65536U + b[2] * 256U + b[3], "flow label");
+    require(ip.payloadLength() == b[4] * 256U + b[5], "payload length");
+    require(ip.totalLength() == b[4] * 256U + b[5] + 40, "total length");
+    require(ip.nextHeader() == b[6] && ip.hopLimit() == b[7], "next header and hop limit");
+    require(memcmp(ip.src().to_bytes().data(), b + 8, 16) == 0, "IPv6 source");
+    require(memcmp(ip.dst().to_bytes().data(), b + 24, 16) == 0, "IPv6 destination");
+}
+
+void dumpIpv6(Span bytes) {
+    const unsigned high = bytes.size() > 4 ? bytes[4] : 0;
+    const unsigned low = bytes.size() > 5 ? bytes[5] : 0;
+    const std::size_t size = 40 + high * 256 + low;
+    const uint8_t* const b = memory().place(bytes, size);
+    const std::string dump = ipv6Dump(Ipv6Header(b));
+    if (size <= largestForPrintf) {
+        require(inserted(Ipv6Header(b)) == dump, "insertion of the IPv6 header");
+        require(dump == reference::ipv6Dump(b), "dump of the IPv6 header");
+        return;
+    }
+    const std::string before = "\n===== [IPv6 DUMP] =====\ndata[" + std::to_string(size) + "]: [";
+    const std::size_t end = before.size() + 3 * size - 1;
+    require(dump.starts_with(before) && dump.size() > end, "dump of a large IPv6 packet");
+    require(isHexOf(dump.data() + before.size(), b, size), "the packet's bytes in its dump");
+    require(dump.substr(end, 11) == "]\nVersion: ", "what stands behind the bytes");
+}
+
+void dumpBytes(Span all) {
+    const Span bytes = all.first(std::min(all.size(), largestIpv6Packet));
+    const uint8_t* const b = memory().place(bytes, bytes.size());
+    if (bytes.size() <= largestForPrintf) {
+        require(hexDump(b, bytes.size()) == reference::hex(b, bytes.size()), "two digits a byte");
+        require(byteDump(b, bytes.size()) == reference::shortHex(b, bytes.size()), "short digits");
+    }
+    const std::string text = hexDump(b, bytes.size());
+    require(text.size() == (bytes.empty() ? 0 : 3 * bytes.size() - 1), "three characters a byte");
+    require(isHexOf(text.data(), b, bytes.size()), "digits of every byte");
+}
+
+void writeAddress(Span bytes) {
+    const uint8_t* const b = memory().place(bytes, 6);
+    const auto& address = *reinterpret_cast<const ether_addr*>(b);
+    require(macToString(address) == reference::mac(b), "two digits an octet");
+    require(inserted(address) == reference::shortMac(b), "as few digits an octet as will do");
+}
+
+void writeNumber(Input input) {
+    const auto value = input.number<int32_t>();
+    const std::string expected = expected::text("%d [%#x]", value, static_cast<unsigned>(value));
+    require(decHex(value) == expected, "a number in decimal and hexadecimal");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    Input input(data, size);
+    switch (input.byte() % 8) {
+        case 0:
+            viewEthernet(input.rest());
+            break;
+        case 1:
+            viewIpv4(input.rest());
+            break;
+        case 2:
+            dumpIpv4(input.rest());
+            break;
+        case 3:
+            viewIpv6(input.rest());
+            break;
+        case 4:
+            dumpIpv6(input.rest());
+            break;
+        case 5:
+            dumpBytes(input.rest());
+            break;
+        case 6:
+            writeAddress(input.rest());
+            break;
+        default:
+            writeNumber(input);
+            break;
+    }
+    return 0;
+}

@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: MIT
+// What a fuzz target draws its test from: bytes, and zeros when they are used up.
+#ifndef PMTUD_TEST_FUZZ_INPUT_H
+#define PMTUD_TEST_FUZZ_INPUT_H
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <span>
+#include <type_traits>
+
+namespace fuzz {
+
+using Span = std::span<const uint8_t>;
+
+/// Reads from the front; a number is the same on every machine, so that an input is, too.
+class Input {
+ public:
+    Input(const uint8_t* data, std::size_t size) : m_rest(data, size) {}
+
+    bool exhausted() const { return m_rest.empty(); }
+
+    uint8_t byte() {
+        if (m_rest.empty()) return 0;
+        const uint8_t value = m_rest.front();
+        m_rest = m_rest.subspan(1);
+        return value;
+    }
+
+    /// Network order.
+    template <typename T>
+    T number() {
+        std::make_unsigned_t<T> value = 0;
+        for (std::size_t i = 0; i < sizeof(T); ++i)
+            value = static_cast<std::make_unsigned_t<T>>(uint64_t{value} << 8 | byte());
+        return static_cast<T>(value);
+    }
+
+    /// One of these.
+    template <typename T, std::size_t Count>
+    T oneOf(const std::array<T, Count>& values) {
+        return values[byte() % Count];
+    }
+
+    /// At most `count` bytes; fewer where fewer are left.
+    Span bytes(std::size_t count) {
+        const Span taken = m_rest.first(std::min(count, m_rest.size()));
+        m_rest = m_rest.subspan(taken.size());
+        return taken;
+    }
+
+    Span rest() { return bytes(m_rest.size()); }
+
+ private:
+    Span m_rest;
+};
+
+/// Ends the process, as a crash that the fuzzer keeps the input of, where `holds` is false.
+inline void require(bool holds, const char* what) {
+    if (holds) return;
+    fprintf(stderr, "not so: %s\n", what);
+    abort();
+}
+
+}  // namespace fuzz
+
+#endif

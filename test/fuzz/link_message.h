@@ -14,7 +14,7 @@
 #include <cstring>
 
 #include "input.h"
-#include "netlink.h"
+#include "netlink_message.h"
 
 namespace fuzz {
 

@@ -26,7 +26,7 @@
 #include "input.h"
 #include "link_message.h"
 #include "log_message.h"
-#include "netlink.h"
+#include "netlink_message.h"
 #include "pktd.h"
 #include "rules_model.h"
 #include "ruleset.h"

@@ -21,7 +21,7 @@
 #include "input.h"
 #include "link_message.h"
 #include "links.h"
-#include "netlink.h"
+#include "netlink_message.h"
 #include "rules_model.h"
 #include "ruleset.h"
 #include "vlan_name.h"

@@ -9,7 +9,7 @@
 #include "guarded_memory.h"
 #include "input.h"
 #include "log_message.h"
-#include "netlink.h"
+#include "netlink_message.h"
 
 using fuzz::Built;
 using fuzz::Bytes;

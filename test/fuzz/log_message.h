@@ -15,7 +15,7 @@
 
 #include "frames.h"
 #include "input.h"
-#include "netlink.h"
+#include "netlink_message.h"
 
 namespace fuzz {
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Netlink messages for the fuzz targets: made from an input, and read by the rules of the format.
-#ifndef PMTUD_TEST_FUZZ_NETLINK_H
-#define PMTUD_TEST_FUZZ_NETLINK_H
+#ifndef PMTUD_TEST_FUZZ_NETLINK_MESSAGE_H
+#define PMTUD_TEST_FUZZ_NETLINK_MESSAGE_H
 
 #include <algorithm>
 #include <cstddef>

@@ -5,6 +5,7 @@
 #include <linux/if_packet.h>
 #include <net/ethernet.h>
 #include <net/if.h>
+#include <netinet/ether.h>
 #include <netinet/icmp6.h>
 #include <netinet/in.h>
 #include <netinet/ip_icmp.h>
@@ -21,6 +22,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -50,6 +52,13 @@ constexpr char kUsage[] =
 
 void check(bool good, const char* what) {
     if (!good) throw std::system_error(errno, std::generic_category(), what);
+}
+
+ether_addr addressOf(const std::string& text) {
+    ether_addr address{};
+    if (ether_aton_r(text.c_str(), &address) == nullptr)
+        throw std::runtime_error("no Ethernet address: " + text);
+    return address;
 }
 
 uint16_t foldedSum(const uint8_t* bytes, size_t size) {
@@ -162,15 +171,10 @@ class Sender {
 
  private:
     static ether_addr ownAddress() {
-        FILE* const file = fopen("/sys/class/net/eth0/address", "r");
-        check(file != nullptr, "eth0's address");
-        ether_addr address{};
-        uint8_t* const octet = address.ether_addr_octet;
-        const int read = fscanf(file, "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx", octet, octet + 1, octet + 2,
-                                octet + 3, octet + 4, octet + 5);
-        fclose(file);
-        if (read != 6) throw std::runtime_error("eth0 has no Ethernet address");
-        return address;
+        std::ifstream file("/sys/class/net/eth0/address");
+        std::string text;
+        file >> text;
+        return addressOf(text);
     }
 
     int m_socket = -1;
@@ -330,11 +334,7 @@ int run(const std::vector<std::string>& words) {
         return 2;
     }
     const int family = std::stoi(words[0]);
-    ether_addr to{};
-    uint8_t* const octet = to.ether_addr_octet;
-    if (sscanf(words[1].c_str(), "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx", octet, octet + 1, octet + 2,
-               octet + 3, octet + 4, octet + 5) != 6)
-        throw std::runtime_error("no Ethernet address: " + words[1]);
+    const ether_addr to = addressOf(words[1]);
     Sender sender(family, to);
     Answers answers(family);
     if (words[2] == "latency") {

@@ -2,6 +2,8 @@
 // A connection to nftables through libnftables: what it installs is gone when it closes.
 #include "nft_table.h"
 
+#include <malloc.h>
+
 #include <cerrno>
 #include <cstring>
 
@@ -28,7 +30,10 @@ int NftConnection::open() {
 }
 
 int NftConnection::run(const std::string& commands) {
-    if (nft_run_cmd_from_buffer(m_context.get(), commands.c_str()) == 0) return 0;
+    const int result = nft_run_cmd_from_buffer(m_context.get(), commands.c_str());
+    // With all VLANs the library takes some 100 MB for a while, which malloc would keep.
+    malloc_trim(0);
+    if (result == 0) return 0;
     const std::string_view message = nft_ctx_get_error_buffer(m_context.get());
     m_problem = message.substr(0, message.find('\n'));
     return -errorOfMessage(message);

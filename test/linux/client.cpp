@@ -19,7 +19,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <stdexcept>
+#include <string>
 #include <system_error>
 
 #include "world.h"
@@ -178,6 +180,14 @@ uint64_t Client::count() {
     if (recv(m_channel.get(), &head, sizeof head, 0) != sizeof head)
         throw std::runtime_error("the client died");
     return static_cast<uint64_t>(head.attached);
+}
+
+long Client::anonymousMemory() const {
+    std::ifstream status("/proc/" + std::to_string(m_process) + "/status");
+    const std::string name = "RssAnon:";
+    for (std::string line; std::getline(status, line);)
+        if (line.starts_with(name)) return std::stol(line.substr(name.size()));
+    throw std::runtime_error("no memory to be seen");
 }
 
 int Client::stop() {

@@ -51,6 +51,9 @@ class Client {
     /// How many frames the callback was called for, where the client only counts them.
     uint64_t count();
 
+    /// The process's resident anonymous memory, in KiB.
+    long anonymousMemory() const;
+
     /// Has the process end by itself, by its static objects' destruction and all; its status.
     int stop();
 

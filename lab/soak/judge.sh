@@ -45,8 +45,8 @@ soak_memory() {
     sed -nE 's/^RssAnon:\s+([0-9]+) kB$/\1/p' "/proc/$lab_daemon/status"
 }
 
-# How many packets bcm0.20's rule has copied since it was made.
+# How many packets for bcm0.20 the rules have copied since the daemon started.
 soak_copied() {
-    lab_on switch nft list chain inet pmtud to-bcm0.20 |
-        sed -nE 's/.*log group .* counter packets ([0-9]+) .*/\1/p'
+    lab_on switch nft list counter inet pmtud bcm0.20 |
+        sed -nE 's/^\s*packets ([0-9]+) .*/\1/p'
 }

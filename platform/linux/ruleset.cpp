@@ -28,10 +28,12 @@ bool isDispatched(const Vlan& vlan) { return vlan.mtu >= minimumMtu && vlan.mtu 
 // The names of one VLAN's chains and the key of its map elements.
 struct Names {
     explicit Names(int vlan)
-        : key("\"" + nameOfVlan(vlan) + "\""),
-          from("from-" + nameOfVlan(vlan)),
-          to("to-" + nameOfVlan(vlan)) {}
+        : interface(nameOfVlan(vlan)),
+          key("\"" + interface + "\""),
+          from("from-" + interface),
+          to("to-" + interface) {}
 
+    std::string interface;  // the name of the VLAN's counter as well
     std::string key;
     std::string from;
     std::string to;
@@ -54,7 +56,8 @@ std::string egressRules(const Names& names, const Vlan& vlan) {
            command("add rule", names.to + " jump oversized") +
            command("add rule", names.to + " meta mark set " + std::to_string(vlan.ifindex) +
                                    " log group " + std::to_string(logGroup) + " snaplen " +
-                                   std::to_string(snapLength) + " queue-threshold 1 counter drop");
+                                   std::to_string(snapLength) + " queue-threshold 1 counter name " +
+                                   names.key + " drop");
 }
 
 std::string addIngress(const Names& names, const Vlan& vlan) {
@@ -64,7 +67,8 @@ std::string addIngress(const Names& names, const Vlan& vlan) {
 }
 
 std::string addEgress(const Names& names, const Vlan& vlan) {
-    return command("add chain", names.to) + egressRules(names, vlan) +
+    return command("add counter", names.interface) + command("add chain", names.to) +
+           egressRules(names, vlan) +
            command("add element", "egress { " + names.key + " : goto " + names.to + " }");
 }
 
@@ -76,7 +80,7 @@ std::string removeIngress(const Names& names) {
 
 std::string removeEgress(const Names& names) {
     return command("delete element", "egress { " + names.key + " }") +
-           command("delete chain", names.to);
+           command("delete chain", names.to) + command("delete counter", names.interface);
 }
 
 std::string addVlan(const Names& names, const Vlan& vlan) {

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: MIT
-// The chains and maps of the rules, as the commands for nftables change them.
+// The chains, maps and counters of the rules, as the commands for nftables change them.
 #ifndef PMTUD_TEST_FUZZ_RULES_MODEL_H
 #define PMTUD_TEST_FUZZ_RULES_MODEL_H
 
 #include <cstddef>
 #include <map>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -41,7 +42,13 @@ class RulesModel {
         } else if (const auto rule = behind(line, "add rule inet pmtud ")) {
             const std::size_t blank = rule->find(' ');
             require(blank != rule->npos, "a rule has a chain");
+            requireCounterOf(*rule);
             chainNamed(rule->substr(0, blank)).push_back(rule->substr(blank + 1));
+        } else if (const auto counter = behind(line, "add counter inet pmtud ")) {
+            require(m_counters.insert(*counter).second, "a counter is added once");
+        } else if (const auto dropped = behind(line, "delete counter inet pmtud ")) {
+            require(!isCounted(*dropped), "a counter that is deleted is not in use");
+            require(m_counters.erase(*dropped) == 1, "a counter that is deleted is there");
         } else if (const auto added = behind(line, "add element inet pmtud ")) {
             require(m_elements.emplace(keyOf(*added), targetOf(*added)).second,
                     "an element is added once");
@@ -54,6 +61,7 @@ class RulesModel {
 
     using Rules = std::vector<std::string>;
 
+    static constexpr std::string_view counterName = "counter name \"";
     static constexpr std::string_view allowed = "abcdefghijklmnopqrstuvwxyz0123456789 \".-<>={}:";
 
     static std::optional<std::string> behind(std::string_view line, std::string_view begin) {
@@ -65,6 +73,21 @@ class RulesModel {
         const auto found = m_chains.find(name);
         require(found != m_chains.end(), "a chain that is changed is there");
         return found->second;
+    }
+
+    void requireCounterOf(const std::string& rule) const {
+        const std::size_t begin = rule.find(counterName);
+        if (begin == rule.npos) return;
+        const std::string named = rule.substr(begin + counterName.size());
+        require(m_counters.contains(named.substr(0, named.find('"'))), "a rule's counter is there");
+    }
+
+    bool isCounted(const std::string& counter) const {
+        const std::string wanted = std::string(counterName) + counter + "\"";
+        for (const auto& [chain, rules] : m_chains)
+            for (const std::string& rule : rules)
+                if (rule.find(wanted) != rule.npos) return true;
+        return false;
     }
 
     // Of `map { "key" : jump chain }`: map and key.
@@ -83,6 +106,7 @@ class RulesModel {
     }
 
     std::map<std::string, Rules> m_chains;
+    std::set<std::string> m_counters;
     std::map<std::string, std::string> m_elements;
 };
 

@@ -131,11 +131,22 @@ TEST_F(Rules, AreNotChangedByOtherInterfaces) {
 
 TEST_F(Rules, TouchOneVlanAtATime) {
     Client client;
-    sendFence();
-    client.next();
-    EXPECT_EQ(counted("to-bcm0.30", "drop"), 1U);
+    const std::string before = output("nft -a list chain inet pmtud to-bcm0.30");
+    EXPECT_THAT(before, HasSubstr(" drop # handle "));
     change("ip link set bcm0.20 mtu 1400");
-    EXPECT_EQ(counted("to-bcm0.30", "drop"), 1U);
+    EXPECT_EQ(output("nft -a list chain inet pmtud to-bcm0.30"), before);
+}
+
+TEST_F(Rules, CountOnWhenTheMtuChanges) {
+    Client client;
+    send(packet(Ipv4{}));
+    client.next();
+    EXPECT_EQ(copied("bcm0.20"), 1U);
+    change("ip link set bcm0.20 mtu 1300");
+    EXPECT_EQ(copied("bcm0.20"), 1U);
+    send(packet(Ipv4{}));
+    client.next();
+    EXPECT_EQ(copied("bcm0.20"), 2U);
 }
 
 TEST_F(Rules, LeaveAnEgressWithAnMtuThatTheDaemonRefusesToTheKernel) {

@@ -58,7 +58,7 @@ TEST_F(Queue, CountsWhatItLostWhenItOverran) {
               1)
         << line;
     EXPECT_GT(lost, 0U);
-    const uint64_t logged = counted("to-bcm0.20", "drop") + counted("to-bcm0.30", "drop");
+    const uint64_t logged = copied("bcm0.20") + copied("bcm0.30");
     EXPECT_EQ(client.count() + lost, logged);
 
     // It goes on as before, without another word.
@@ -83,7 +83,7 @@ TEST_F(Queue, SaysALossOnceTheLogTakesIt) {
     std::string line;
     while (!line.starts_with(wanted)) line = lineOf(log.next());
     EXPECT_EQ(client.count() + std::stoull(line.substr(wanted.size())),
-              counted("to-bcm0.20", "drop") + counted("to-bcm0.30", "drop"));
+              copied("bcm0.20") + copied("bcm0.30"));
 }
 
 TEST_F(Queue, SaysHowManyMessagesCouldNotBecomeAFrame) {

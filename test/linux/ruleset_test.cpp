@@ -32,10 +32,11 @@ TEST(RuleChange, AddsAVlanWithItsChainsAndElements) {
 add rule inet pmtud from-bcm0.20 meta length > 1280 counter accept
 add element inet pmtud vlans { "bcm0.20" }
 add element inet pmtud ingress { "bcm0.20" : jump from-bcm0.20 }
+add counter inet pmtud bcm0.20
 add chain inet pmtud to-bcm0.20
 add rule inet pmtud to-bcm0.20 meta length <= 1280 accept
 add rule inet pmtud to-bcm0.20 jump oversized
-add rule inet pmtud to-bcm0.20 meta mark set 7 log group 89 snaplen 9000 queue-threshold 1 counter drop
+add rule inet pmtud to-bcm0.20 meta mark set 7 log group 89 snaplen 9000 queue-threshold 1 counter name "bcm0.20" drop
 add element inet pmtud egress { "bcm0.20" : goto to-bcm0.20 }
 )");
 }
@@ -47,6 +48,7 @@ delete element inet pmtud ingress { "bcm0.20" }
 delete chain inet pmtud from-bcm0.20
 delete element inet pmtud egress { "bcm0.20" }
 delete chain inet pmtud to-bcm0.20
+delete counter inet pmtud bcm0.20
 )");
 }
 
@@ -58,7 +60,7 @@ add rule inet pmtud from-bcm0.20 meta length > 1400 counter accept
 flush chain inet pmtud to-bcm0.20
 add rule inet pmtud to-bcm0.20 meta length <= 1400 accept
 add rule inet pmtud to-bcm0.20 jump oversized
-add rule inet pmtud to-bcm0.20 meta mark set 7 log group 89 snaplen 9000 queue-threshold 1 counter drop
+add rule inet pmtud to-bcm0.20 meta mark set 7 log group 89 snaplen 9000 queue-threshold 1 counter name "bcm0.20" drop
 )");
 }
 
@@ -67,7 +69,7 @@ TEST(RuleChange, ToAnotherInterfaceOfTheSameNameRenewsTheMark) {
               R"(flush chain inet pmtud to-bcm0.20
 add rule inet pmtud to-bcm0.20 meta length <= 1280 accept
 add rule inet pmtud to-bcm0.20 jump oversized
-add rule inet pmtud to-bcm0.20 meta mark set 9 log group 89 snaplen 9000 queue-threshold 1 counter drop
+add rule inet pmtud to-bcm0.20 meta mark set 9 log group 89 snaplen 9000 queue-threshold 1 counter name "bcm0.20" drop
 )");
 }
 
@@ -106,6 +108,7 @@ TEST(RuleChange, ToAnMtuThatTheDaemonRefusesGivesTheEgressBackToTheKernel) {
 add rule inet pmtud from-bcm0.20 meta length > 575 counter accept
 delete element inet pmtud egress { "bcm0.20" }
 delete chain inet pmtud to-bcm0.20
+delete counter inet pmtud bcm0.20
 )");
 }
 
@@ -113,10 +116,11 @@ TEST(RuleChange, FromAnMtuThatTheDaemonRefusesTakesTheEgressOver) {
     EXPECT_EQ(changeText({{20, {7, 575, 0}}}, {{20, {7, 576, 0}}}),
               R"(flush chain inet pmtud from-bcm0.20
 add rule inet pmtud from-bcm0.20 meta length > 576 counter accept
+add counter inet pmtud bcm0.20
 add chain inet pmtud to-bcm0.20
 add rule inet pmtud to-bcm0.20 meta length <= 576 accept
 add rule inet pmtud to-bcm0.20 jump oversized
-add rule inet pmtud to-bcm0.20 meta mark set 7 log group 89 snaplen 9000 queue-threshold 1 counter drop
+add rule inet pmtud to-bcm0.20 meta mark set 7 log group 89 snaplen 9000 queue-threshold 1 counter name "bcm0.20" drop
 add element inet pmtud egress { "bcm0.20" : goto to-bcm0.20 }
 )");
 }

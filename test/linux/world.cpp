@@ -287,3 +287,11 @@ uint64_t counted(const std::string& chain, const std::string& comment) {
     if (counter == std::string::npos) throw std::runtime_error("no counter before " + comment);
     return std::stoull(text.substr(counter + before.size()));
 }
+
+uint64_t copied(const std::string& interface) {
+    const std::string text = output("nft list counter inet pmtud " + interface);
+    constexpr std::string_view before = "packets ";
+    const size_t at = text.find(before);
+    if (at == std::string::npos) throw std::runtime_error("no counter " + interface);
+    return std::stoull(text.substr(at + before.size()));
+}

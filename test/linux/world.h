@@ -88,4 +88,7 @@ class World : public testing::Test {
 /// How many packets the counter of the rule with the comment has seen.
 uint64_t counted(const std::string& chain, const std::string& comment);
 
+/// How many packets for the VLAN of the interface the rules have copied.
+uint64_t copied(const std::string& interface);
+
 #endif

@@ -337,6 +337,27 @@ TEST_F(TheProcessEntry, SaysSoAlsoWhereWhatIsThrownIsNoException) {
               "14:03:07.2 ERROR: [main:79 | int main()] unknown exception caught\r\n");
 }
 
+TEST_F(TheProcessEntry, SaysOnlyWhatTheFileChannelReports) {
+    for (const int32_t level : {qv::ERROR - 1, +qv::ERROR}) {
+        World world(level);
+        world.fail("flock", Failure{-1, EWOULDBLOCK});
+        start(world);
+        Lines lines = without(kStart, "14:03:07.2 WARNING: [main:84 | int main()] Exiting app\r\n");
+        if (level < qv::ERROR)
+            lines = without(lines, "14:03:07.2 ERROR: [main:75 | int main()] woken\r\n");
+        else
+            lines.insert(lines.begin() + 2, kClash);
+        EXPECT_EQ(world.journal, lines) << level;
+    }
+}
+
+TEST_F(TheProcessEntry, SaysNothingOfAnUnknownExceptionThatIsNotReported) {
+    World world(qv::ERROR - 1);
+    world.hooks["usleep"] = [] { throw 5; };
+    EXPECT_EQ(pmtud_main(), 1);
+    EXPECT_EQ(world.journal, upTo(kStart, "usleep(500)") + Lines{"cfg_clear_pid()"});
+}
+
 /// The handler's own line needs the time as well, and nothing is left to catch that.
 TEST_F(TheProcessEntry, IsLeftByAnExceptionWhereTheLastLinesCannotBeWritten) {
     World world(qv::WARNING);

@@ -126,6 +126,11 @@ TEST(EthVlanHeader, HoldsAPointerAndNothingElse) {
     EXPECT_TRUE(std::is_trivially_copyable_v<EthVlanHeader>);
 }
 
+TEST(EthVlanHeader, GivesItsBytesForReadingOnly) {
+    EXPECT_TRUE((std::is_same_v<decltype(EthVlanHeader(nullptr).data()), const uint8_t*>));
+    EXPECT_TRUE((std::is_same_v<decltype(EthVlanHeader(nullptr).payload()), const uint8_t*>));
+}
+
 TEST(EthVlanHeader, SeesWhatTheBufferHoldsWhenItIsRead) {
     Bytes bytes = kHeader;
     const EthVlanHeader header(bytes.data());

@@ -181,6 +181,10 @@ TEST(Ipv4Header, HoldsAPointerAndNothingElse) {
     EXPECT_TRUE(std::is_trivially_copyable_v<Ipv4Header>);
 }
 
+TEST(Ipv4Header, GivesItsBytesForReadingOnly) {
+    EXPECT_TRUE((std::is_same_v<decltype(Ipv4Header(nullptr).data()), const uint8_t*>));
+}
+
 /// A view reads a field and nothing else: the caller answers for the buffer's length.
 TEST(Ipv4Header, DoesNotNoticeABufferThatEndsBehindTheFieldRead) {
     const std::array<uint8_t, 1> bytes = {0x45};

@@ -119,6 +119,10 @@ TEST(Ipv6Header, HoldsAPointerAndNothingElse) {
     EXPECT_TRUE(std::is_trivially_copyable_v<Ipv6Header>);
 }
 
+TEST(Ipv6Header, GivesItsBytesForReadingOnly) {
+    EXPECT_TRUE((std::is_same_v<decltype(Ipv6Header(nullptr).data()), const uint8_t*>));
+}
+
 /// A view reads a field and nothing else: the caller answers for the buffer's length.
 TEST(Ipv6Header, DoesNotNoticeABufferThatEndsBehindTheFieldRead) {
     const std::array<uint8_t, 6> bytes = {0x60, 0, 0, 0, 0x05, 0xb4};

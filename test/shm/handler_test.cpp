@@ -50,6 +50,12 @@ TEST(SHM_HandlerTest, IsAnInterface) {
     EXPECT_TRUE(std::has_virtual_destructor_v<SHM_Handler>);
 }
 
+TEST(SHM_HandlerTest, HoldsNothing) { EXPECT_EQ(sizeof(SHM_Handler), sizeof(void*)); }
+
+TEST(SHM_HandlerImplTest, HoldsTheObjectAndTheFunctionAndNothingElse) {
+    EXPECT_EQ(sizeof(Binding), sizeof(SHM_Handler) + sizeof(void*) + sizeof(Binding::Handler));
+}
+
 TEST(SHM_HandlerTest, IsThePublicBaseOfABinding) {
     EXPECT_TRUE((std::is_convertible_v<Binding*, SHM_Handler*>));
 }

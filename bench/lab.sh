@@ -3,10 +3,11 @@
 # Measures the daemon in the lab, beside the kernel's own answers on the same topology.
 set -euo pipefail
 
-if [[ ${1:-} == --help || $# -ne 2 ]]; then
-    echo "usage: ${0##*/} BUILD_DIRECTORY SECONDS"
-    echo "Floods the lab for so long with each family, and prints a line for each figure: its name"
-    echo "and its value. Called by script/bench."
+if [[ ${1:-} == --help || $# -ne 3 ]]; then
+    echo "usage: ${0##*/} BUILD_DIRECTORY answers SECONDS"
+    echo "       ${0##*/} BUILD_DIRECTORY memory FRAMES"
+    echo "answers floods the lab for so long with each family, memory until so many frames are"
+    echo "answered. Prints a line for each figure: its name and its value. Called by script/bench."
     [[ ${1:-} == --help ]] && exit 0
     exit 2
 fi
@@ -15,7 +16,8 @@ here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 # shellcheck source=lab/lib.sh
 source "$here/../lab/lib.sh"
 bin=$(cd "$1" && pwd)/bin
-seconds=$2
+seconds=$3
+frames=$3
 lab_isolate "$0" "$@"
 
 # figure NAME VALUE
@@ -107,7 +109,22 @@ measure_many_vlans() {
     figure many_vlans_rss_anon_kib "$(anonymous_memory)"
 }
 
-main() {
+measure_memory() {
+    local family answered=0
+    lab_build
+    lab_start_syslog
+    start_daemon_timed memory_start_ms
+    figure rss_anon_before_frames_kib "$(anonymous_memory)"
+    while ((answered < frames)); do
+        for family in 4 6; do
+            ((answered += $(flood "$family" flood 5 | jq .answered)))
+        done
+    done
+    figure frames_answered "$answered"
+    figure rss_anon_after_frames_kib "$(anonymous_memory)"
+}
+
+measure_all() {
     lab_build
     lab_start_syslog
     lab_remove_hardware
@@ -118,10 +135,17 @@ main() {
     figure rss_anon_idle_kib "$(anonymous_memory)"
     measure_answers pmtud
     measure_half_rate
-    change_mtu mtu_change_ms
     figure rss_anon_after_floods_kib "$(anonymous_memory)"
+    change_mtu mtu_change_ms
     lab_kill_daemon
     measure_many_vlans
 }
 
-main
+case $2 in
+    answers) measure_all ;;
+    memory) measure_memory ;;
+    *)
+        echo "${0##*/}: $2 is neither answers nor memory" >&2
+        exit 2
+        ;;
+esac

@@ -7,7 +7,7 @@ def reach: {
   lab_v4_lost_at_half_rate: 0, lab_v6_lost_at_half_rate: 0,
   lab_v4_median_over_kernel: 3, lab_v6_median_over_kernel: 3,
   many_vlans_start_ms: 2000, many_vlans_mtu_change_ms: 50, many_vlans_median_over_two: 1.1,
-  rss_anon_idle_kib: 4096, rss_anon_after_floods_kib: 4096
+  rss_anon_idle_kib: 4096, rss_anon_after_floods_kib: 4096, rss_anon_after_frames_kib: 4096
 };
 # Where more is better.
 def floors: ["lab_v4_rate_over_kernel", "lab_v6_rate_over_kernel"];

@@ -51,8 +51,9 @@ std::string nearestCaller(const std::array<void*, kDepth>& stack) {
 }  // namespace
 
 void* operator new(std::size_t size) { return allocate(size); }
-void operator delete(void* memory) noexcept { free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { free(memory); }
+// Not inline: GCC 12 at -O1 would take free for the counterpart of an operator new of its own.
+[[gnu::noinline]] void operator delete(void* memory) noexcept { free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { operator delete(memory); }
 
 namespace bench {
 

@@ -61,6 +61,11 @@ KernelWithoutFibExpressionGives2AndItsReason() {
  Error: Could not process rule: No such file or directory"
 }
 
+KernelWithoutNamedCountersGives2AndItsReason() {
+    expect_said_of_kernel_without objref -2 "89 PMTUD-Linux: the rules could not be installed:\
+ Error: Could not process rule: No such file or directory"
+}
+
 RunThatCannotBeWrittenIsNoMatter() {
     lab_build
     lab_start_serving "$daemon" unshare --mount sh -c 'mount -o remount,bind,ro /run; exec "$@"' sh

@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -50,9 +51,8 @@ void rename(std::vector<char>& bytes) {
     const std::string_view name = lacking();
     if (lackingPart() >= 0 || name.empty()) return;
     const nlattr header{static_cast<uint16_t>(sizeof(nlattr) + name.size() + 1), NFTA_EXPR_NAME};
-    std::vector<char> attribute(sizeof header + name.size() + 1, '\0');
-    std::memcpy(attribute.data(), &header, sizeof header);
-    std::memcpy(attribute.data() + sizeof header, name.data(), name.size());
+    std::string attribute(reinterpret_cast<const char*>(&header), sizeof header);
+    attribute.append(name).push_back('\0');
     for (size_t at = 0; at + attribute.size() <= bytes.size(); ++at)
         if (std::memcmp(&bytes[at], attribute.data(), attribute.size()) == 0)
             bytes[at + sizeof header] = '-';

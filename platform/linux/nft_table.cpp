@@ -9,6 +9,17 @@
 
 namespace pmtud_linux {
 
+namespace {
+
+// With all VLANs the library takes some 100 MB for a while, which malloc would keep.  A little
+// is kept: the next change takes it again.
+void giveMemoryBack() {
+    constexpr size_t kept = size_t{16} << 20;
+    if (mallinfo2().fordblks > kept) malloc_trim(0);
+}
+
+}  // namespace
+
 // libnftables reports the kernel's answer in words only: errno is overwritten behind it.
 int errorOfMessage(std::string_view message) {
     constexpr int lastError = 133;
@@ -31,8 +42,7 @@ int NftConnection::open() {
 
 int NftConnection::run(const std::string& commands) {
     const int result = nft_run_cmd_from_buffer(m_context.get(), commands.c_str());
-    // With all VLANs the library takes some 100 MB for a while, which malloc would keep.
-    malloc_trim(0);
+    giveMemoryBack();
     if (result == 0) return 0;
     const std::string_view message = nft_ctx_get_error_buffer(m_context.get());
     m_problem = message.substr(0, message.find('\n'));

@@ -59,7 +59,9 @@ expect_count() {
 }
 
 MandocHasNothingToSay() {
-    expect_equal "mandoc's lint" "" "$(mandoc -T lint -W style "$page" 2>"$scratch/database")"
+    # Which other manuals this machine has is not the page's business.
+    expect_equal "mandoc's lint" "" "$(mandoc -T lint -W style "$page" 2>"$scratch/database" |
+        sed '/: STYLE: referenced manual not found: /d')"
 }
 
 EachStatementWithALevelIsExplained() {

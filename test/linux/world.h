@@ -24,8 +24,8 @@
 /// /dev without the machine's sockets.  Throws std::system_error where that is not allowed.
 void isolate();
 
-/// How long a test waits for an event before it fails.
-constexpr std::chrono::seconds patience{10};
+/// How long a test waits for an event before it fails: twice what all VLANs take under valgrind.
+constexpr std::chrono::seconds patience{45};
 
 /// Waits until the descriptor is readable; throws std::runtime_error naming `what` when
 /// patience runs out.

@@ -3,7 +3,7 @@
 # Measures the daemon in the lab, beside the kernel's own answers on the same topology.
 set -euo pipefail
 
-if [[ ${1:-} == --help || $# -ne 3 ]]; then
+if [[ ${1:-} == --help || $# -ne 3 || ! ${2:-} =~ ^(answers|memory)$ ]]; then
     echo "usage: ${0##*/} BUILD_DIRECTORY answers SECONDS"
     echo "       ${0##*/} BUILD_DIRECTORY memory FRAMES"
     echo "answers floods the lab for so long with each family, memory until so many frames are"
@@ -16,8 +16,6 @@ here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 # shellcheck source=lab/lib.sh
 source "$here/../lab/lib.sh"
 bin=$(cd "$1" && pwd)/bin
-seconds=$3
-frames=$3
 lab_isolate "$0" "$@"
 
 # figure NAME VALUE
@@ -68,10 +66,6 @@ measure_half_rate() {
     done
 }
 
-anonymous_memory() {
-    sed -nE 's/^RssAnon:[[:space:]]+([0-9]+) kB$/\1/p' "/proc/$lab_daemon/status"
-}
-
 start_daemon_timed() {
     local result
     result=$(flood 4 await 1400 10 ip netns exec switch "$bin/pmtud")
@@ -106,46 +100,43 @@ measure_many_vlans() {
     figure many_vlans_v4_median_ns "$(jq .median_ns <<<"$result")"
     result=$(flood 4 flood "$seconds")
     figure many_vlans_v4_answers_per_second "$(answer_rate "$result")"
-    figure many_vlans_rss_anon_kib "$(anonymous_memory)"
+    figure many_vlans_rss_anon_kib "$(lab_daemon_memory)"
 }
 
+# measure_memory FRAMES
 measure_memory() {
     local family answered=0
-    lab_build
-    lab_start_syslog
     start_daemon_timed memory_start_ms
-    figure rss_anon_before_frames_kib "$(anonymous_memory)"
-    while ((answered < frames)); do
+    figure rss_anon_before_frames_kib "$(lab_daemon_memory)"
+    while ((answered < $1)); do
         for family in 4 6; do
             ((answered += $(flood "$family" flood 5 | jq .answered)))
         done
     done
     figure frames_answered "$answered"
-    figure rss_anon_after_frames_kib "$(anonymous_memory)"
+    figure rss_anon_after_frames_kib "$(lab_daemon_memory)"
 }
 
+# measure_all SECONDS: of each flood
 measure_all() {
-    lab_build
-    lab_start_syslog
+    local -r seconds=$1
     lab_remove_hardware
     measure_answers kernel
     # From here on only the daemon answers.
     lab_program_hardware
     start_daemon_timed start_ms
-    figure rss_anon_idle_kib "$(anonymous_memory)"
+    figure rss_anon_idle_kib "$(lab_daemon_memory)"
     measure_answers pmtud
     measure_half_rate
-    figure rss_anon_after_floods_kib "$(anonymous_memory)"
+    figure rss_anon_after_floods_kib "$(lab_daemon_memory)"
     change_mtu mtu_change_ms
     lab_kill_daemon
     measure_many_vlans
 }
 
+lab_build
+lab_start_syslog
 case $2 in
-    answers) measure_all ;;
-    memory) measure_memory ;;
-    *)
-        echo "${0##*/}: $2 is neither answers nor memory" >&2
-        exit 2
-        ;;
+    answers) measure_all "$3" ;;
+    memory) measure_memory "$3" ;;
 esac

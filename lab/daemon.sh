@@ -40,6 +40,11 @@ lab_has_let_go() {
     ! lab_has_taken_over
 }
 
+# The daemon's resident anonymous memory, in KiB.
+lab_daemon_memory() {
+    sed -nE 's/^RssAnon:\s+([0-9]+) kB$/\1/p' "/proc/$lab_daemon/status"
+}
+
 lab_kill_daemon() {
     kill -KILL "$lab_daemon"
     lab_await 5 "the end of the daemon" lab_is_gone "$lab_daemon"

@@ -40,11 +40,6 @@ soak_descriptors() {
     find "/proc/$lab_daemon/fd" -mindepth 1 | wc -l
 }
 
-# In KiB.
-soak_memory() {
-    sed -nE 's/^RssAnon:\s+([0-9]+) kB$/\1/p' "/proc/$lab_daemon/status"
-}
-
 # How many packets for bcm0.20 the rules have copied since the daemon started.
 soak_copied() {
     lab_on switch nft list counter inet pmtud bcm0.20 |

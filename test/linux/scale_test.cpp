@@ -83,8 +83,8 @@ TEST_F(AllVlans, LeaveLittleOfTheMemoryThatTheirRulesTook) {
     RuleChanges changes;
     run("ip link set bcm0.20 mtu 1300");
     changes.await();
-    constexpr long enough =
-        48L * 1024;  // KiB; with what the C library would keep it is over 90,000
+    // In KiB; with what the C library would keep it is over 90,000.
+    constexpr long enough = 48L * 1024;
     const steady_clock::time_point deadline = steady_clock::now() + std::chrono::seconds(10);
     while (client.anonymousMemory() > enough && steady_clock::now() < deadline) continue;
     EXPECT_LE(client.anonymousMemory(), enough);

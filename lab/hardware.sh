@@ -1,36 +1,24 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
-# The switch hardware's part in the black hole: what is too large for its egress VLAN goes nowhere.
+# The switch hardware's part in the black hole: it does not forward a packet that is too large for
+# its egress VLAN, and it is mute, so nobody tells the sender.
 #
-# The kernel that forwards in the switch's place would answer an oversized packet itself, and
-# does so before its forward hook.  These rules drop such a packet earlier, in silence, yet
-# behind the daemon's, which see it at priority raw.
-#
-# As on a switch, what needs more than forwarding goes to the processor, which is the kernel here:
-# a packet whose hop limit ends, and an IPv4 packet without DF, which is fragmented.
+# The kernel forwards in the hardware's place, and it does answer.  These rules drop its own "too
+# big" messages after the daemon's hook has seen them; messages that a process sends pass.
 
 lab_hardware_rules() {
     cat <<'END'
 table inet hardware
 delete table inet hardware
 table inet hardware {
-    chain forwarding {
-        type filter hook prerouting priority filter; policy accept;
-        ip ttl <= 1 accept comment "to the processor: time exceeded"
-        ip6 hoplimit <= 1 accept comment "to the processor: time exceeded"
-        ip frag-off & 0x4000 == 0 accept comment "to the processor: fragmentation"
-END
-    lab_hardware_limits
-    printf '    }\n}\n'
+    chain mute {
+        type filter hook postrouting priority 400; policy accept;
+        meta skuid 0-4294967295 accept comment "sent by a process"
+        icmp type destination-unreachable icmp code frag-needed counter drop
+        icmpv6 type packet-too-big counter drop
+    }
 }
-
-# One rule for each VLAN, with the MTU that its interface has now.
-lab_hardware_limits() {
-    local interface mtu
-    while read -r interface mtu; do
-        echo "        fib daddr oifname \"$interface\" meta length > $mtu counter drop"
-    done < <(ip -n switch -o link show |
-        sed -nE 's/^[0-9]+: (bcm0\.[0-9]+)[@:].* mtu ([0-9]+) .*/\1 \2/p')
+END
 }
 
 lab_program_hardware() {

@@ -1,28 +1,37 @@
 // SPDX-License-Identifier: MIT
-// The dispatcher: keeps the rules true and hands what they pick to the receive callback.
+// The dispatcher: keeps the rules true and hands refused packets to the receive callback.
 #include "dispatcher.h"
 
 #include <poll.h>
-#include <sys/socket.h>
-
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <string>
 #include <system_error>
 
+#include "frame_lines.h"
+#include "ip_packet.h"
+#include "kernel_features.h"
 #include "ruleset.h"
+#include "start_problem.h"
+#include "vlan_name.h"
 
 namespace pmtud_linux {
 
 namespace {
 
-// Between two looks at the link changes; they should not wait for the end of a flood.
-constexpr int messagesAtOnce = 64;
+// Receive calls between two looks at the link changes, which would otherwise be delayed until
+// a flood ends.
+constexpr int kReceiveCalls = 4;
 
-// A message is the copied part of a packet and some 200 bytes about it.
-constexpr size_t messageSize = 16384;
+constexpr int kRetryInterval = 1000;  // milliseconds
 
-constexpr int retryInterval = 1000;  // milliseconds
+// What the log does not accept is said later.
+void sayBurst(Burst& burst, Priority priority, const char* what, bool over,
+              Burst::Clock::time_point now) {
+    const uint64_t count = burst.due(over, now);
+    if (count != 0 && !say(priority, what + std::to_string(count))) burst.count(count);
+}
 
 const char* verdictName(int verdict) {
     switch (verdict) {
@@ -38,27 +47,36 @@ const char* verdictName(int verdict) {
 }  // namespace
 
 int Dispatcher::attach() {
-    const int result = openAll();
+    int result = openAll();
+    if (result != 0)
+        say(Priority::error, startProblem(result));
+    else
+        result = installRules();
     if (result != 0) detach();
     return result;
 }
 
+// The group first: a message withdrawn without it would be lost.  The links are watched before
+// they are listed: a change in between is followed later.
 int Dispatcher::openAll() {
-    // The group first: a packet picked without it would be dropped unseen.  The links
-    // are watched before they are listed: a change in between is followed later.
-    if (const int result = m_group.open(logGroup, snapLength); result != 0) return result;
-    if (const int result = m_offload.open(); result != 0) return result;
+    if (const int result = m_group.open(kLogGroup, kCopySize); result != 0) return result;
+    if (const int result = m_answers.open(); result != 0) return result;
     if (const int result = m_links.open(); result != 0) return result;
     if (const int result = m_links.list(m_table); result != 0) return result;
-    if (const int result = m_rules.open(); result != 0) return result;
-    const std::string commands = tableText() + changeText({}, m_table.vlans());
-    if (const int result = m_rules.run(commands); result != 0) {
-        say("the rules could not be installed: " + m_rules.problem());
-        return result;
+    return m_rules.open();
+}
+
+int Dispatcher::installRules() {
+    const int result = m_rules.run(tableText() + changeText({}, m_table.vlans()));
+    if (result == 0) {
+        m_installed = m_table.vlans();
+        return 0;
     }
-    m_installed = m_table.vlans();
-    m_offload.look(m_installed);
-    return 0;
+    const std::string missing = featureMissing();
+    say(Priority::error,
+        "the rules could not be installed: " +
+            (missing.empty() ? m_rules.problem() : "this kernel lacks " + missing));
+    return result;
 }
 
 void Dispatcher::detach() {
@@ -67,10 +85,12 @@ void Dispatcher::detach() {
 }
 
 void Dispatcher::run(pktd_rx_cb_t callback) {
+    m_service.ready(m_installed);
     for (;;) {
         pollfd ready[] = {{m_group.fd(), POLLIN, 0}, {m_links.fd(), POLLIN, 0}};
-        if (poll(ready, 2, retrying() || unsaid() ? retryInterval : -1) < 0 && errno != EINTR)
+        if (poll(ready, 2, timeout()) < 0 && errno != EINTR)
             throw std::system_error(errno, std::generic_category(), "poll");
+        m_service.keepAlive(Burst::Clock::now());
         if (ready[1].revents != 0 || (retrying() && Burst::Clock::now() >= m_nextTry))
             followLinks();
         if (ready[0].revents != 0)
@@ -80,60 +100,126 @@ void Dispatcher::run(pktd_rx_cb_t callback) {
     }
 }
 
-void Dispatcher::followLinks() {
-    if (m_links.follow(m_table) || m_rulesRefused) applyRules();
-    if (retrying()) m_nextTry = Burst::Clock::now() + std::chrono::milliseconds(retryInterval);
+// In milliseconds; -1: nothing is to be done until something arrives.
+int Dispatcher::timeout() const {
+    const int alive = m_service.interval();
+    if (!retrying() && !unsaid()) return alive;
+    return alive < 0 ? kRetryInterval : std::min(alive, kRetryInterval);
 }
 
-// Where the kernel refuses, the rules stay as they were, and the next try covers this
+void Dispatcher::followLinks() {
+    if (m_links.follow(m_table) || m_rulesRefused) applyRules();
+    if (retrying()) m_nextTry = Burst::Clock::now() + std::chrono::milliseconds(kRetryInterval);
+}
+
+// If the kernel refuses, the rules stay as they were, and the next try covers this
 // change and those that came since.
 void Dispatcher::applyRules() {
     const std::string commands = changeText(m_installed, m_table.vlans());
     if (!commands.empty() && m_rules.run(commands) != 0) {
         if (!m_rulesRefused)
-            say("the rules could not be changed, trying again: " + m_rules.problem());
+            say(Priority::error,
+                "the rules could not be changed, trying again: " + m_rules.problem());
         m_rulesRefused = true;
         return;
     }
     m_installed = m_table.vlans();
     m_rulesRefused = false;
-    m_offload.look(m_installed);
+    m_service.serves(m_installed);
 }
 
 void Dispatcher::receive(pktd_rx_cb_t callback) {
-    alignas(nlmsghdr) std::array<char, messageSize> buffer;
+    std::array<LogGroup::Datagram, LogGroup::kAtOnce> datagrams;
     bool over = false;
-    for (int count = 0; count < messagesAtOnce && !over; ++count) {
-        const ssize_t length =
-            recv(m_group.fd(), buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
-        if (length >= 0) {
-            take(buffer.data(), static_cast<size_t>(length), callback);
-        } else if (errno == EAGAIN) {
-            over = true;
-        } else if (errno == ENOBUFS) {
+    for (int call = 0; call < kReceiveCalls && !over; ++call) {
+        const int count = m_group.receive(datagrams);
+        if (count == -ENOBUFS) {
             m_overrun = true;
-        } else if (errno != EINTR) {
-            throw std::system_error(errno, std::generic_category(), "log group");
+        } else if (count < 0 && count != -EAGAIN && count != -EINTR) {
+            throw std::system_error(-count, std::generic_category(), "log group");
         }
+        for (int i = 0; i < count; ++i) takeAll(datagrams[static_cast<size_t>(i)], callback);
+        // Fewer than there was room for: the queue is empty.
+        over = count == -EAGAIN || (count >= 0 && count < static_cast<int>(LogGroup::kAtOnce));
     }
     sayBursts(over);
 }
 
-// Length is that of the datagram, which may be more than the buffer took.
-void Dispatcher::take(const char* bytes, size_t length, pktd_rx_cb_t callback) {
-    if (length > messageSize) {
-        m_unusable.count(1);
+void Dispatcher::takeAll(const LogGroup::Datagram& datagram, pktd_rx_cb_t callback) {
+    if (!datagram.usable) {
+        m_foreign.count(1);
         return;
     }
-    if (!isPacket(bytes, length)) return;
-    const auto packet = decodePacket(bytes, length);
-    if (packet && packet->sequence) followSequence(*packet->sequence);
-    const int vlan = packet ? m_table.vlanOf(packet->ingress) : 0;
-    if (vlan == 0 || !m_frame.build(*packet, vlan)) {
-        m_unusable.count(1);
+    int left = static_cast<int>(datagram.bytes.size());
+    const auto* bytes = reinterpret_cast<const nlmsghdr*>(datagram.bytes.data());
+    for (; mnl_nlmsg_ok(bytes, left); bytes = mnl_nlmsg_next(bytes, &left)) {
+        if (!isLogged(*bytes)) continue;
+        if (const auto message = decodeLogMessage(*bytes))
+            take(*message, callback);
+        else
+            m_foreign.count(1);
+    }
+}
+
+void Dispatcher::take(const LogMessage& message, pktd_rx_cb_t callback) {
+    if (message.sequence) followSequence(*message.sequence);
+    if (message.prefix == kRefusedPrefix) {
+        takeRefused(message, callback);
+    } else if (const int vlan = copiedFor(message.prefix);
+               vlan == 0 || !m_copies.keep(message, vlan)) {
+        m_foreign.count(1);
+    }
+}
+
+void Dispatcher::takeRefused(const LogMessage& message, pktd_rx_cb_t callback) {
+    const Copy* const copy = m_copies.take(quoteOf(message.payload));
+    if (copy != nullptr && m_table.vlanOf(copy->ingress) != 0 &&
+        m_table.vlans().contains(copy->egressVlan))
+        handOver(message, *copy, callback);
+    else
+        m_unanswered.count(1);
+}
+
+void Dispatcher::handOver(const LogMessage& message, const Copy& copy, pktd_rx_cb_t callback) {
+    const uint32_t egress = m_table.vlans().at(copy.egressVlan).ifindex;
+    m_frame.build(copy, m_table.vlanOf(copy.ingress), egress, quoteOf(message.payload));
+    const auto now = AnswerWatch::Clock::now();
+    const bool logged = m_budget.take(now);
+    if (!logged) m_unlogged.count(1);
+    {
+        const FrameLines lines(logged);
+        countVerdict(callback(&m_frame.record(), m_frame.data(), static_cast<int>(m_frame.size())));
+    }
+    follow(m_answers.after(message.egress, now), message, copy);
+}
+
+// Someone must answer: the kernel's message goes out after all, and those that follow it are no
+// longer withdrawn.
+void Dispatcher::follow(const AnswerWatch::Finding& finding, const LogMessage& message,
+                        const Copy& copy) {
+    if (!finding.lost) {
+        if (finding.isNews)
+            say(Priority::warning,
+                nameOf(message.egress) + ": the answers leave this router again");
         return;
     }
-    countVerdict(callback(&m_frame.record(), m_frame.data(), static_cast<int>(m_frame.size())));
+    if (m_kernelAnswer.send(message, copy) != 0) m_unanswered.count(1);
+    if (finding.isNews)
+        say(Priority::warning,
+            nameOf(message.egress) +
+                ": the answers do not leave this router, so the kernel answers; allow them in the "
+                "output"
+                " hook: icmp type destination-unreachable accept; icmpv6 type packet-too-big "
+                "accept");
+    if (!finding.resign) return;
+    const int seconds = static_cast<int>(AnswerWatch::kRetryAfter.count());
+    if (m_rules.run(leaveToKernelText(message.egress, seconds)) != 0)
+        say(Priority::error, "the kernel could not be left to answer: " + m_rules.problem());
+}
+
+std::string Dispatcher::nameOf(uint32_t ifindex) const {
+    const int vlan = m_table.vlanOf(ifindex);
+    return vlan != 0 ? nameOfVlan(vlan) : "interface " + std::to_string(ifindex);
 }
 
 // The kernel numbers the messages before it finds that the socket has no room for one.
@@ -145,31 +231,31 @@ void Dispatcher::followSequence(uint32_t sequence) {
     m_overrun = false;
 }
 
-// The kernel has dropped the packet already, so only discarding it has a meaning.
+// The packet is gone already, so only discarding it has a meaning.
 void Dispatcher::countVerdict(int verdict) {
     const bool known = verdict == PKTD_VERDICT_DISCARD || verdict == PKTD_VERDICT_ACCEPT ||
                        verdict == PKTD_VERDICT_REPOST;
     uint64_t& count = m_verdicts[static_cast<size_t>(known ? verdict : PKTD_VERDICT_INVALID)];
     if (count++ != 0 || verdict == PKTD_VERDICT_DISCARD) return;
-    say("the verdict " + std::string(verdictName(verdict)) + " (" + std::to_string(verdict) +
-        ") has no effect: the frame is a copy, and the packet is dropped");
+    say(Priority::warning,
+        "the verdict " + std::string(verdictName(verdict)) + " (" + std::to_string(verdict) +
+            ") has no effect: the frame is a copy, and the kernel has refused the packet");
 }
 
 void Dispatcher::sayBursts(bool over) {
     if (over && m_overrun && !m_lost.pending()) {
-        say("the receive queue overran; how many frames were lost shows with the next frame");
+        say(Priority::warning,
+            "the receive queue overran; how many messages were lost shows with the next one");
         m_overrun = false;
     }
-    if (!m_lost.pending() && !m_unusable.pending()) return;
+    if (!unsaid()) return;
     const Burst::Clock::time_point now = Burst::Clock::now();
-    // What the log does not take is said later.
-    if (const uint64_t lost = m_lost.due(over, now);
-        lost != 0 && !say("the receive queue overran, frames lost: " + std::to_string(lost)))
-        m_lost.count(lost);
-    if (const uint64_t unusable = m_unusable.due(over, now);
-        unusable != 0 &&
-        !say("log group messages that could not become a frame: " + std::to_string(unusable)))
-        m_unusable.count(unusable);
+    sayBurst(m_lost, Priority::warning, "the receive queue overran, messages lost: ", over, now);
+    sayBurst(m_unanswered, Priority::warning, "refused packets that nobody answered: ", over, now);
+    // Once a second at most, even if each frame is a burst by itself: the line is to spare lines.
+    sayBurst(m_unlogged, Priority::info, "answered without log lines, frames: ", false, now);
+    sayBurst(m_foreign, Priority::warning,
+             "log group 89: messages not from this table, ignored: ", over, now);
 }
 
 }  // namespace pmtud_linux

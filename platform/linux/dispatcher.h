@@ -1,53 +1,73 @@
 // SPDX-License-Identifier: MIT
-// The dispatcher: keeps the rules true and hands what they pick to the receive callback.
+// The dispatcher: keeps the rules true and hands refused packets to the receive callback.
 #ifndef PMTUD_LINUX_DISPATCHER_H
 #define PMTUD_LINUX_DISPATCHER_H
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
+#include "answer_watch.h"
+#include "copies.h"
+#include "frame_lines.h"
 #include "frames.h"
+#include "kernel_answer.h"
 #include "links.h"
 #include "log_group.h"
+#include "log_message.h"
 #include "nft_table.h"
-#include "offload.h"
 #include "say.h"
 #include "seam.h"
+#include "service.h"
 #include "vlan_table.h"
 
 namespace pmtud_linux {
 
 class Dispatcher {
  public:
-    /// Takes the log group and installs the rules: from here on packets are picked.  0, or
-    /// a negative errno value with nothing left behind.
+    /// Takes the log group and installs the rules: from here on the kernel's answers to
+    /// copied packets are withdrawn.  0, or a negative errno value with nothing left
+    /// installed.
     int attach();
 
     /// Withdraws the rules, then gives the log group up.
     void detach();
 
-    /// Calls `callback` for every packet picked, on the calling thread, and follows link
-    /// changes; never returns.  What the callback throws passes through, as does
-    /// std::system_error where a socket fails.
+    /// Calls `callback` for every packet that the kernel refused, on the calling thread, and
+    /// follows link changes; never returns.  What the callback throws passes through, as
+    /// does std::system_error if a socket fails.
     [[noreturn]] void run(pktd_rx_cb_t callback);
 
  private:
     int openAll();
+    int installRules();
+    int timeout() const;
     void followLinks();
     void applyRules();
     void receive(pktd_rx_cb_t callback);
-    void take(const char* bytes, size_t length, pktd_rx_cb_t callback);
+    void takeAll(const LogGroup::Datagram& datagram, pktd_rx_cb_t callback);
+    void take(const LogMessage& message, pktd_rx_cb_t callback);
+    void takeRefused(const LogMessage& message, pktd_rx_cb_t callback);
+    void handOver(const LogMessage& message, const Copy& copy, pktd_rx_cb_t callback);
+    void follow(const AnswerWatch::Finding& finding, const LogMessage& message, const Copy& copy);
     void followSequence(uint32_t sequence);
     void countVerdict(int verdict);
     void sayBursts(bool over);
+    std::string nameOf(uint32_t ifindex) const;
     bool retrying() const { return m_rulesRefused || m_links.stale(); }
-    bool unsaid() const { return m_lost.pending() || m_unusable.pending(); }
+    bool unsaid() const {
+        return m_lost.pending() || m_foreign.pending() || m_unanswered.pending() ||
+               m_unlogged.pending();
+    }
 
     LogGroup m_group;
     LinkMonitor m_links;
     NftConnection m_rules;
-    OffloadWatch m_offload;
+    AnswerWatch m_answers;
+    KernelAnswer m_kernelAnswer;
+
+    Service m_service;
 
     VlanTable m_table;
     Vlans m_installed;
@@ -55,11 +75,15 @@ class Dispatcher {
     bool m_rulesRefused = false;
     Burst::Clock::time_point m_nextTry{};
 
+    Copies m_copies;
     Frame m_frame;
     uint32_t m_nextSequence = 0;
     bool m_overrun = false;  // messages were lost; how many shows with the next one
     Burst m_lost;
-    Burst m_unusable;
+    Burst m_foreign;
+    Burst m_unanswered;
+    Burst m_unlogged;
+    LineBudget m_budget;
     std::array<uint64_t, PKTD_VERDICT_REPOST + 1> m_verdicts{};
 };
 

@@ -29,12 +29,6 @@ constexpr int receiveBuffer = 1 << 20;
 // The kernel answers at once; this is for the case that the end of its list was lost.
 constexpr int answerTimeout = 1000;
 
-struct Attributes {
-    Link link;
-    std::string_view kind;
-    bool otherNamespace = false;
-};
-
 bool readNumber(const nlattr* attribute, uint32_t& number) {
     if (mnl_attr_validate(attribute, MNL_TYPE_U32) < 0) return false;
     number = mnl_attr_get_u32(attribute);
@@ -46,27 +40,23 @@ std::string_view text(const nlattr* attribute) {
     return {start, strnlen(start, mnl_attr_get_payload_len(attribute))};
 }
 
-int readKind(const nlattr* attribute, void* data) {
-    if (mnl_attr_get_type(attribute) == IFLA_INFO_KIND)
-        *static_cast<std::string_view*>(data) = text(attribute);
+// The kind of the interface that this one is enslaved to.
+int readMasterKind(const nlattr* attribute, void* data) {
+    if (mnl_attr_get_type(attribute) == IFLA_INFO_SLAVE_KIND)
+        static_cast<Link*>(data)->inVrf = text(attribute) == "vrf";
     return MNL_CB_OK;
 }
 
 int readAttribute(const nlattr* attribute, void* data) {
-    Attributes& attributes = *static_cast<Attributes*>(data);
+    Link& link = *static_cast<Link*>(data);
     switch (mnl_attr_get_type(attribute)) {
         case IFLA_IFNAME:
-            attributes.link.name = text(attribute);
+            link.name = text(attribute);
             return MNL_CB_OK;
         case IFLA_MTU:
-            return readNumber(attribute, attributes.link.mtu) ? MNL_CB_OK : MNL_CB_ERROR;
-        case IFLA_LINK:
-            return readNumber(attribute, attributes.link.lower) ? MNL_CB_OK : MNL_CB_ERROR;
-        case IFLA_LINK_NETNSID:
-            attributes.otherNamespace = true;
-            return MNL_CB_OK;
+            return readNumber(attribute, link.mtu) ? MNL_CB_OK : MNL_CB_ERROR;
         case IFLA_LINKINFO:
-            return mnl_attr_parse_nested(attribute, readKind, &attributes.kind);
+            return mnl_attr_parse_nested(attribute, readMasterKind, &link);
         default:
             return MNL_CB_OK;
     }
@@ -90,15 +80,11 @@ std::optional<Link> decodeLink(const nlmsghdr& message) {
     // means that the interface left the bridge.
     if (header.ifi_family != AF_UNSPEC) return std::nullopt;
 
-    Attributes attributes;
-    if (mnl_attr_parse(&message, sizeof header, readAttribute, &attributes) < 0)
-        return std::nullopt;
-    Link& link = attributes.link;
+    Link link;
+    if (mnl_attr_parse(&message, sizeof header, readAttribute, &link) < 0) return std::nullopt;
     link.ifindex = static_cast<uint32_t>(header.ifi_index);
     link.gone = message.nlmsg_type == RTM_DELLINK;
     link.ethernet = header.ifi_type == ARPHRD_ETHER;
-    // A veth names its peer here, which is no interface that its packets come through.
-    if (attributes.otherNamespace || attributes.kind == "veth") link.lower = 0;
     return link;
 }
 
@@ -115,11 +101,15 @@ int LinkMonitor::open() {
 
 LinkMonitor::Read LinkMonitor::read(const std::function<void(const nlmsghdr&)>& take) const {
     alignas(nlmsghdr) std::array<char, bufferSize> buffer;
-    const ssize_t received = recv(fd(), buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
+    sockaddr_nl sender{};
+    socklen_t senderSize = sizeof sender;
+    const ssize_t received = recvfrom(fd(), buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC,
+                                      reinterpret_cast<sockaddr*>(&sender), &senderSize);
     if (received < 0) {
         if (errno == EAGAIN || errno == EINTR) return Read::none;
         return errno == ENOBUFS ? Read::lost : Read::failed;
     }
+    if (!isFromKernel(sender, senderSize)) return Read::some;
     if (static_cast<size_t>(received) > buffer.size()) return Read::lost;
     int left = static_cast<int>(wholeMessages(buffer.data(), static_cast<size_t>(received)));
     const auto* message = reinterpret_cast<const nlmsghdr*>(buffer.data());
@@ -130,22 +120,26 @@ LinkMonitor::Read LinkMonitor::read(const std::function<void(const nlmsghdr&)>& 
 int LinkMonitor::list(VlanTable& table) {
     // What changed while the kernel was listing makes the list doubtful; it is asked for again.
     constexpr int attempts = 10;
-    for (int attempt = 0; attempt < attempts; ++attempt) {
+    int error = -EAGAIN;
+    for (int attempt = 0; attempt < attempts && error == -EAGAIN; ++attempt) {
         VlanTable fresh;
-        bool doubtful = false;
-        int error = dropStale();
-        if (error == 0) error = requestList();
-        if (error == 0) error = receiveList(fresh, doubtful);
-        if (error != 0) return error;
-        if (doubtful) continue;
-        table = std::move(fresh);
-        return 0;
+        error = listOnce(fresh);
+        if (error == 0 || error == -EAGAIN) table = std::move(fresh);
     }
-    return -EAGAIN;
+    m_stale = error == -EAGAIN || error == -ETIMEDOUT;
+    return m_stale ? 0 : error;
 }
 
-// A socket that overran goes on losing changes, without another word, until it is empty.  What
-// is thrown away here is older than the list that follows.
+int LinkMonitor::listOnce(VlanTable& table) {
+    if (const int error = dropStale(); error != 0) return error;
+    if (const int error = requestList(); error != 0) return error;
+    bool doubtful = false;
+    const int error = receiveList(table, doubtful);
+    return error == 0 && doubtful ? -EAGAIN : error;
+}
+
+// A socket that overran goes on losing changes silently until it is empty.  What is thrown
+// away here is older than the list that follows.
 int LinkMonitor::dropStale() const {
     Read stale = Read::some;
     while (stale == Read::some || stale == Read::lost) stale = read([](const nlmsghdr&) {});
@@ -198,10 +192,8 @@ bool LinkMonitor::follow(VlanTable& table) {
     }
     if (!m_stale) return changed;
 
-    const int result = list(table);
-    if (result != 0 && result != -EAGAIN && result != -ETIMEDOUT)
-        throw std::system_error(-result, std::generic_category(), "list of links");
-    m_stale = result != 0;
+    if (const int error = list(table); error != 0)
+        throw std::system_error(-error, std::generic_category(), "list of links");
     return true;
 }
 

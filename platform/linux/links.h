@@ -30,22 +30,25 @@ class LinkMonitor {
     /// Readable when there are changes to follow.
     int fd() const { return mnl_socket_get_fd(m_socket.get()); }
 
-    /// Asks for all interfaces and fills the table anew.  0 or a negative errno value.
+    /// Asks for all interfaces and fills the table anew.  If they change too fast for a
+    /// consistent list, fills it with what is known and becomes stale.  0 or a negative
+    /// errno value.
     int list(VlanTable& table);
 
-    /// Applies all changes that have arrived to the table, without waiting for more;
-    /// where some were lost, fills the table anew.  True where the table may have
-    /// changed.  Throws std::system_error where the socket fails.
+    /// Applies all changes that have arrived to the table, without waiting for more; if some
+    /// were lost, fills the table anew.  True if the table may have changed.  Throws
+    /// std::system_error if the socket fails.
     bool follow(VlanTable& table);
 
-    /// Changes were lost and the table could not be filled anew: follow is to be called
-    /// again soon, whether or not there are changes.
+    /// The table may not be complete: follow is to be called again soon, whether or not
+    /// there are changes.
     bool stale() const { return m_stale; }
 
  private:
     enum class Read { some, none, lost, failed };
     Read read(const std::function<void(const nlmsghdr&)>& take) const;
     int dropStale() const;
+    int listOnce(VlanTable& table);
     int requestList();
     int receiveList(VlanTable& table, bool& doubtful);
 

@@ -1,9 +1,14 @@
 // SPDX-License-Identifier: MIT
-// The NFLOG group: a socket on which the kernel delivers the packets that rules copy to it.
+// The NFLOG group: a socket on which the kernel delivers what the rules log.
 #ifndef PMTUD_LINUX_LOG_GROUP_H
 #define PMTUD_LINUX_LOG_GROUP_H
 
+#include <sys/socket.h>
+
+#include <array>
+#include <cstddef>
 #include <cstdint>
+#include <span>
 
 #include "links.h"
 
@@ -11,18 +16,39 @@ namespace pmtud_linux {
 
 class LogGroup {
  public:
-    /// Takes the group for this process: every packet copied up to `snapLength` bytes, in a
-    /// message of its own, with a sequence number, at once.  0 or a negative errno value:
-    /// -EPERM without CAP_NET_ADMIN, -EBUSY where another process has the group.
+    /// Takes the group for this process: up to `snapLength` bytes of every packet, with a
+    /// sequence number.  The kernel collects messages in one datagram until it is full or
+    /// a rule's own threshold is met.  0 or a negative errno value: -EPERM without
+    /// CAP_NET_ADMIN, -EBUSY if another process has the group.
     int open(uint16_t group, uint32_t snapLength);
 
     void close() { m_socket.reset(); }
 
-    /// Non-blocking.  Each datagram holds one message.
+    /// Readable when there are messages.
     int fd() const { return mnl_socket_get_fd(m_socket.get()); }
 
+    /// One datagram: whole netlink messages, unless it was not sent by the kernel or was
+    /// longer than the kernel makes them.
+    struct Datagram {
+        std::span<const char> bytes;
+        bool usable = false;
+    };
+
+    /// Receives what has arrived, up to `datagrams.size()` datagrams, without waiting.  How many,
+    /// or a negative errno value: -EAGAIN if there are none, -ENOBUFS if messages were
+    /// lost.  The bytes are valid until the next call.
+    static constexpr size_t kAtOnce = 16;
+    int receive(std::array<Datagram, kAtOnce>& datagrams);
+
  private:
+    // Larger than the kernel's own buffer with all that an allocation rounds up to.
+    static constexpr size_t kDatagramSize = 8192;
+    struct alignas(nlmsghdr) Buffer {
+        std::array<char, kDatagramSize> bytes;
+    };
+
     MnlSocket m_socket;
+    std::array<Buffer, kAtOnce> m_buffers;
 };
 
 }  // namespace pmtud_linux

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Netlink datagrams: how far they can be believed.
+// Netlink datagrams: validating their sender and their lengths.
 #include "netlink.h"
 
 #include <linux/netlink.h>

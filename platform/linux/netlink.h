@@ -1,14 +1,22 @@
 // SPDX-License-Identifier: MIT
-// Netlink datagrams: how far they can be believed.
+// Netlink datagrams: validating their sender and their lengths.
 #ifndef PMTUD_LINUX_NETLINK_H
 #define PMTUD_LINUX_NETLINK_H
+
+#include <linux/netlink.h>
+#include <sys/socket.h>
 
 #include <cstddef>
 
 namespace pmtud_linux {
 
-/// How many of the datagram's bytes are whole messages, one behind the other; the rest is not
-/// to be shown to libmnl, whose own check takes a length of 2 GiB and more for a negative
+/// Any process may send to a netlink socket; the kernel's port is 0 (netlink(7)).
+inline bool isFromKernel(const sockaddr_nl& sender, socklen_t size) {
+    return size == sizeof sender && sender.nl_pid == 0;
+}
+
+/// How many of the datagram's bytes are whole messages, one after the other; the rest must
+/// not be shown to libmnl, whose own check takes a length of 2 GiB and more for a negative
 /// number, which fits anywhere.  `bytes` is aligned as a message is.
 size_t wholeMessages(const char* bytes, size_t length);
 

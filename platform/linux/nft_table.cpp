@@ -49,4 +49,11 @@ int NftConnection::run(const std::string& commands) {
     return -errorOfMessage(message);
 }
 
+int NftConnection::check(const std::string& commands) {
+    nft_ctx_set_dry_run(m_context.get(), true);
+    const int result = run(commands);
+    nft_ctx_set_dry_run(m_context.get(), false);
+    return result;
+}
+
 }  // namespace pmtud_linux

@@ -27,6 +27,9 @@ class NftConnection {
     /// Runs the commands as one transaction, all or nothing.  0 or a negative errno value.
     int run(const std::string& commands);
 
+    /// The same, except that the kernel only checks whether it would carry them out.
+    int check(const std::string& commands);
+
     /// What libnftables said about the last failure, in one line.
     const std::string& problem() const { return m_problem; }
 

@@ -2,6 +2,7 @@
 // The packet-dispatch queue: the kernel picks and copies the packets, a thread hands them over.
 #include <netinet/in.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -12,11 +13,17 @@
 
 #include "descriptor.h"
 #include "dispatcher.h"
+#include "say.h"
 #include "seam.h"
+#include "start_problem.h"
 #include "txqueue.h"
 
 using pmtud_linux::Descriptor;
 using pmtud_linux::Dispatcher;
+using pmtud_linux::Priority;
+using pmtud_linux::say;
+using pmtud_linux::startProblem;
+using pmtud_linux::threadProblem;
 using pmtud_linux::TxQueue;
 
 uint8_t pktd_tx_queue_pool[25980];
@@ -37,10 +44,13 @@ struct Client {
 // static objects of the process are being destroyed.
 Client* attached = nullptr;
 
-// Packets that could not be answered are not to be taken from the kernel, which can.
+// The kernel's answers must not be withdrawn by a process that cannot answer.
 int checkRightToAnswer() {
     const Descriptor raw(socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_ICMP));
-    return raw.valid() ? 0 : -errno;
+    if (raw.valid()) return 0;
+    const int result = -errno;
+    say(Priority::error, startProblem(result));
+    return result;
 }
 
 int attach() {
@@ -69,8 +79,17 @@ int startThread(Dispatcher& dispatcher, pktd_rx_cb_t callback) {
     return result;
 }
 
-// Without a thread the rules would drop packets that nobody answers.
+// The daemon's main thread only sleeps from now on, in steps of half a millisecond: 2,000 wake-ups
+// per second.  With this slack the kernel lets it sleep on until the processor is awake anyway, or
+// for a tenth of a second.  The receive thread was started before and keeps its precision.
+void sleepLongSteps() {
+    constexpr unsigned long kSlack = 100'000'000;  // nanoseconds
+    prctl(PR_SET_TIMERSLACK, kSlack, 0, 0, 0);
+}
+
+// Without a thread the rules would withdraw answers for nothing.
 int detach(int result) {
+    say(Priority::error, threadProblem(result));
     delete attached;
     attached = nullptr;
     return result;
@@ -96,6 +115,7 @@ int pktd_shm_rx_thread_init(const char* client, void*, void*, int, int, pktd_rx_
     if (const int result = startThread(attached->dispatcher, callback); result != 0)
         return detach(result);
     attached->running = true;
+    sleepLongSteps();
     return 0;
 }
 

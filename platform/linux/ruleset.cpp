@@ -1,21 +1,30 @@
 // SPDX-License-Identifier: MIT
-// The nftables rules that pick the packets to dispatch, as text for libnftables.
+// The nftables rules that copy candidates and withdraw the kernel's answers, as text.
 //
-// The way of a packet through the table:
+// A packet's path through the first hook, after everyone else's rules:
 //
-//   prerouting ─► from-bcm0.I ─► to-bcm0.E ─► oversized ─► oversized-ipv4 / -ipv6
-//      │ short, or    │ merged      │ fits        │ the kernel's, or never answered
-//      │ not from     ▼             ▼             ▼
-//      ▼ a VLAN     accept        accept        accept / drop      else: mark, log, drop
-//    accept
+//   prerouting ─► to-bcm0.E ─► candidate ─► copied, and its header remembered in copiedK-MTU
+//      │ short,      │ fits       │ could not be    │ too many
+//      ▼ not ours    ▼            ▼ answered        ▼
+//    accept        accept       accept          spared-MTU
 //
-// "accept" leaves the packet to the kernel, and to the other tables, as if this table
-// were not there.  The VLANs are found by three hash lookups, however many there are.
+// "accept" only ends this table's part: nothing is ever taken out of the forwarding path.
 //
-// The ingress chains return to the prerouting chain, which looks up the egress, instead of
-// going on to it themselves: the kernel walks the chains when it checks a change, along every
-// way that a packet can take, and those would be all ingress times all egress VLANs.
+// The path of a "too big" message through the second hook, after everyone else's rules and
+// after source NAT:
+//
+//   postrouting ─► too-big-ipvN ─► refusedK-MTU ─► handed-over: count, log, drop
+//                     │ a process's    │ quotes no copied packet, or too many
+//                     ▼                ▼
+//                   count, accept    accept: the kernel has answered
+//
+// The VLANs are found by hash lookups, however many there are.  The rules go by interface
+// index, the chains and counters by VLAN.
 #include "ruleset.h"
+
+#include <algorithm>
+#include <set>
+#include <string_view>
 
 #include "vlan_name.h"
 
@@ -23,163 +32,349 @@ namespace pmtud_linux {
 
 namespace {
 
-bool isDispatched(const Vlan& vlan) { return vlan.mtu >= minimumMtu && vlan.mtu <= maximumMtu; }
-
-// The names of one VLAN's chains and the key of its map elements.
-struct Names {
-    explicit Names(int vlan)
-        : interface(nameOfVlan(vlan)),
-          key("\"" + interface + "\""),
-          from("from-" + interface),
-          to("to-" + interface) {}
-
-    std::string interface;  // the name of the VLAN's counter as well
-    std::string key;
-    std::string from;
-    std::string to;
+// What tells one packet from another, as the packet has it and as a message that quotes it
+// does: 16 bytes, because nft 1.0.6 cannot map a longer key to a value.  The map has the key if
+// the last candidate with it was copied: one that is spared by a limit removes it.  A message
+// does not, because the kernel keeps removed keys for up to a second and takes only some 16 equal
+// ones meanwhile.
+struct Kind {
+    const char* name;
+    const char* packets;
+    const char* header;
+    const char* quoted;
 };
+
+constexpr Kind kKinds[] = {
+    // Source, identification and fragment offset, start of the transport header.
+    {"4", "ip hdrlength 5", "@nh,96,32 . @nh,32,32 . @nh,160,64",
+     "@th,160,32 . @th,96,32 . @th,224,64"},
+    // Source, destination, total length to protocol.  Not the options: the kernel may write into
+    // them before it refuses the packet.  With a longer header the 60 bytes that an answer quotes
+    // would lack the 8 bytes of payload that a host needs (RFC 792); there the kernel answers.
+    {"4o", "ip hdrlength 6-13", "@nh,96,32 . @nh,128,32 . @nh,16,64",
+     "@th,160,32 . @th,192,32 . @th,80,64"},
+    // The ends of source and destination, start of what follows the header.
+    {"6", "meta nfproto ipv6", "@nh,160,32 . @nh,288,32 . @nh,320,64",
+     "@th,224,32 . @th,352,32 . @th,384,64"},
+};
+
+// Padded beyond the length of any name: libnftables takes a number for a name if an interface
+// has that name.  In quotes: without them it reads a number with leading zeros as octal.
+std::string indexKey(uint32_t ifindex) {
+    const std::string digits = std::to_string(ifindex);
+    return "\"" + std::string(16 - digits.size(), '0') + digits + "\"";
+}
 
 std::string command(const char* what, const std::string& about) {
     return std::string(what) + " inet pmtud " + about + "\n";
 }
 
-// A packet longer than the MTU of its ingress was merged by receive offload: the kernel
-// knows the packets that it was made of.
-std::string ingressRules(const Names& names, const Vlan& vlan) {
-    return command("add rule",
-                   names.from + " meta length > " + std::to_string(vlan.mtu) + " counter accept");
+std::string copiedMap(const Kind& kind, uint32_t mtu) {
+    return std::string("copied") + kind.name + "-" + std::to_string(mtu);
 }
 
-std::string egressRules(const Names& names, const Vlan& vlan) {
-    return command("add rule",
-                   names.to + " meta length <= " + std::to_string(vlan.mtu) + " accept") +
-           command("add rule", names.to + " jump oversized") +
-           command("add rule", names.to + " meta mark set " + std::to_string(vlan.ifindex) +
-                                   " log group " + std::to_string(logGroup) + " snaplen " +
-                                   std::to_string(snapLength) + " queue-threshold 1 counter name " +
-                                   names.key + " drop");
+std::string refusedMap(const Kind& kind) { return std::string("refused") + kind.name; }
+
+std::string refusedChain(const Kind& kind, uint32_t mtu) {
+    return refusedMap(kind) + "-" + std::to_string(mtu);
 }
 
-std::string addIngress(const Names& names, const Vlan& vlan) {
-    return command("add chain", names.from) + ingressRules(names, vlan) +
-           command("add element", "vlans { " + names.key + " }") +
-           command("add element", "ingress { " + names.key + " : jump " + names.from + " }");
+// How many headers a map holds.  The kernel clears removed ones away once a second, so there is
+// room for all that may be copied in a second; and less if there are many MTUs, since it
+// allocates the room at once.
+size_t mapSize(size_t mtus) { return size_t{65536} / std::max<size_t>(mtus, 8); }
+
+std::string sparedChain(uint32_t mtu) { return "spared-" + std::to_string(mtu); }
+
+std::string addMap(const Kind& kind, uint32_t mtu, size_t size) {
+    return command("add map", copiedMap(kind, mtu) + " { typeof " + kind.header +
+                                  " : meta mark; size " + std::to_string(size) +
+                                  "; flags dynamic,timeout; timeout 100ms; }");
 }
 
-std::string addEgress(const Names& names, const Vlan& vlan) {
-    return command("add counter", names.interface) + command("add chain", names.to) +
-           egressRules(names, vlan) +
-           command("add element", "egress { " + names.key + " : goto " + names.to + " }");
+// The lookup in the map comes first: it spares what passes in a flood the rest.  The limits come
+// before the mark is set: a message that passes leaves as the kernel made it.
+std::string addRefusedChain(const Kind& kind, uint32_t mtu) {
+    const std::string map = "@" + copiedMap(kind, mtu);
+    const std::string chain = refusedChain(kind, mtu);
+    const std::string quoted = kind.quoted;
+    return command("add chain", chain) +
+           command("add rule", chain + " " + quoted + " != " + map + " accept") +
+           command("add rule", chain + " jump withdrawable") +
+           command("add rule", chain + " meta mark set " + quoted + " map " + map) +
+           command("add rule", chain + " goto handed-over") +
+           command("add element",
+                   refusedMap(kind) + " { " + std::to_string(mtu) + " : goto " + chain + " }");
 }
 
-std::string removeIngress(const Names& names) {
-    return command("delete element", "vlans { " + names.key + " }") +
-           command("delete element", "ingress { " + names.key + " }") +
-           command("delete chain", names.from);
+std::string addMtu(uint32_t mtu, size_t size) {
+    const std::string spared = sparedChain(mtu);
+    std::string commands = command("add chain", spared);
+    for (const Kind& kind : kKinds)
+        commands += addMap(kind, mtu, size) + addRefusedChain(kind, mtu) +
+                    command("add rule", spared + " " + kind.packets + " delete @" +
+                                            copiedMap(kind, mtu) + " { " + kind.header + " : 0 }");
+    return commands;
 }
 
-std::string removeEgress(const Names& names) {
-    return command("delete element", "egress { " + names.key + " }") +
-           command("delete chain", names.to) + command("delete counter", names.interface);
+std::string removeMtu(uint32_t mtu) {
+    std::string commands = command("delete chain", sparedChain(mtu));
+    for (const Kind& kind : kKinds)
+        commands +=
+            command("delete element", refusedMap(kind) + " { " + std::to_string(mtu) + " }") +
+            command("delete chain", refusedChain(kind, mtu)) +
+            command("delete map", copiedMap(kind, mtu));
+    return commands;
 }
 
-std::string addVlan(const Names& names, const Vlan& vlan) {
-    return addIngress(names, vlan) + (isDispatched(vlan) ? addEgress(names, vlan) : "");
+std::string copyRule(const Kind& kind, const std::string& chain, const std::string& vlan,
+                     uint32_t mtu) {
+    return command("add rule", chain + " " + kind.packets + " update @" + copiedMap(kind, mtu) +
+                                   " { " + kind.header + " : " + vlan + " } log prefix \"" +
+                                   kCopyPrefix + vlan + "\" group " + std::to_string(kLogGroup) +
+                                   " snaplen " + std::to_string(kCopySize));
 }
 
-std::string removeVlan(const Names& names, const Vlan& vlan) {
-    return removeIngress(names) + (isDispatched(vlan) ? removeEgress(names) : "");
+std::string chainName(int vlan) { return "to-" + nameOfVlan(vlan); }
+
+std::string egressRules(int vlan, uint32_t mtu) {
+    const std::string chain = chainName(vlan);
+    std::string rules =
+        command("add rule", chain + " meta length <= " + std::to_string(mtu) + " accept") +
+        command("add rule", chain +
+                                " update @copying { iif limit rate over 250/second burst 250 "
+                                "packets } goto " +
+                                sparedChain(mtu)) +
+        command("add rule", chain + " limit name all-copies goto " + sparedChain(mtu)) +
+        command("add rule", chain + " jump candidate");
+    for (const Kind& kind : kKinds) rules += copyRule(kind, chain, std::to_string(vlan), mtu);
+    return rules;
 }
 
-std::string changeEgress(const Names& names, const Vlan& before, const Vlan& after) {
-    if (!isDispatched(before)) return isDispatched(after) ? addEgress(names, after) : "";
-    if (!isDispatched(after)) return removeEgress(names);
-    return command("flush chain", names.to) + egressRules(names, after);
+std::string addIngress(const Vlan& vlan) {
+    const std::string key = indexKey(vlan.ifindex);
+    return command("add element", "vlans { " + key + " }") +
+           (vlan.inVrf ? command("add element", "vrf-ports { " + key + " }") : "");
 }
 
-std::string changeVlan(const Names& names, const Vlan& before, const Vlan& after) {
-    if (before.mtu == after.mtu && before.ifindex == after.ifindex) return {};
+std::string removeIngress(const Vlan& vlan) {
+    const std::string key = indexKey(vlan.ifindex);
+    return command("delete element", "vlans { " + key + " }") +
+           (vlan.inVrf ? command("delete element", "vrf-ports { " + key + " }") : "");
+}
+
+std::string addEgressElement(int number, const Vlan& vlan) {
+    return command("add element",
+                   "egress { " + indexKey(vlan.ifindex) + " : goto " + chainName(number) + " }");
+}
+
+std::string removeEgressElement(const Vlan& vlan) {
+    return command("delete element", "egress { " + indexKey(vlan.ifindex) + " }");
+}
+
+std::string addEgress(int number, const Vlan& vlan) {
+    const std::string name = nameOfVlan(number);
+    return command("add counter", name) +
+           command("add element",
+                   "counters { " + std::to_string(number) + " : \"" + name + "\" }") +
+           command("add chain", chainName(number)) + egressRules(number, vlan.mtu) +
+           addEgressElement(number, vlan);
+}
+
+std::string removeEgress(int number, const Vlan& vlan) {
+    return removeEgressElement(vlan) + command("delete chain", chainName(number)) +
+           command("delete element", "counters { " + std::to_string(number) + " }") +
+           command("delete counter", nameOfVlan(number));
+}
+
+bool sameIngress(const Vlan* one, const Vlan& other) {
+    return one != nullptr && one->ifindex == other.ifindex && one->inVrf == other.inVrf;
+}
+
+bool isServed(const Vlan* vlan) { return vlan != nullptr && pmtud_linux::isServed(*vlan); }
+
+// What `before` has and `after`, which may be null, has not.
+std::string dismantle(int number, const Vlan& before, const Vlan* after) {
     std::string commands;
-    if (before.mtu != after.mtu)
-        commands += command("flush chain", names.from) + ingressRules(names, after);
-    return commands + changeEgress(names, before, after);
+    if (!sameIngress(after, before)) commands += removeIngress(before);
+    if (!isServed(before)) return commands;
+    if (!isServed(after)) return commands + removeEgress(number, before);
+    if (after->ifindex != before.ifindex) commands += removeEgressElement(before);
+    return commands;
+}
+
+// What `after` has and `before`, which may be null, has not.  The counter of a VLAN that was
+// served already stays, so that it counts on.
+std::string build(int number, const Vlan* before, const Vlan& after) {
+    std::string commands;
+    if (!sameIngress(before, after)) commands += addIngress(after);
+    if (!isServed(after)) return commands;
+    if (!isServed(before)) return commands + addEgress(number, after);
+    if (before->mtu != after.mtu)
+        commands += command("flush chain", chainName(number)) + egressRules(number, after.mtu);
+    if (before->ifindex != after.ifindex) commands += addEgressElement(number, after);
+    return commands;
+}
+
+const Vlan* find(const Vlans& vlans, int number) {
+    const auto found = vlans.find(number);
+    return found != vlans.end() ? &found->second : nullptr;
+}
+
+std::set<uint32_t> mtusOf(const Vlans& vlans) {
+    std::set<uint32_t> mtus;
+    for (const auto& [number, vlan] : vlans)
+        if (isServed(vlan)) mtus.insert(vlan.mtu);
+    return mtus;
+}
+
+// What is no longer than the smallest MTU costs nothing more.
+std::string changeSmallest(const std::set<uint32_t>& before, const std::set<uint32_t>& after) {
+    const std::string chain = "fits-every-vlan";
+    const uint32_t smallest = after.empty() ? 0 : *after.begin();
+    if (smallest == (before.empty() ? 0 : *before.begin())) return {};
+    const std::string flush = command("flush chain", chain);
+    if (smallest == 0) return flush;
+    return flush +
+           command("add rule", chain + " meta length <= " + std::to_string(smallest) + " accept");
 }
 
 }  // namespace
 
 std::string tableText() {
-    // "typeof": the keys of "type ifname" are not what "fib ... oifname" yields.
-    return R"(table inet pmtud {
+    return std::string(R"(table inet pmtud {
     flags owner
 
     set vlans {
-        type ifname
+        type iface_index
     }
 
-    map ingress {
-        type ifname : verdict
+    set vrf-ports {
+        type iface_index
     }
 
     map egress {
-        typeof fib daddr oifname : verdict
+        typeof fib daddr . mark oif : verdict
+    }
+
+    set copying {
+        typeof iif
+        size 8192
+        flags dynamic,timeout
+        timeout 10s
+    }
+
+    set answering {
+        typeof oif
+        size 8192
+        flags dynamic,timeout
+        timeout 10s
+    }
+
+    set left-to-kernel {
+        type iface_index
+        flags timeout
+    }
+
+    counter answers {
+    }
+
+    map counters {
+        type mark : counter
+    }
+
+    limit all-copies {
+        rate over 3000/second burst 2750 packets
+    }
+
+    limit all-answers {
+        rate over 1500/second burst 2750 packets
+    }
+
+    map refused4 {
+        typeof icmp mtu : verdict
+    }
+
+    map refused4o {
+        typeof icmp mtu : verdict
+    }
+
+    map refused6 {
+        typeof icmpv6 mtu : verdict
     }
 
     chain prerouting {
-        type filter hook prerouting priority raw; policy accept;
-        meta length <= 576 accept comment "fits every VLAN"
-        iifname != @vlans accept
-        iifname vmap @ingress
-        fib daddr oifname vmap @egress
+        type filter hook prerouting priority 350; policy accept;
+        jump fits-every-vlan
+        iif != @vlans accept
+        fib daddr . mark oif vmap @egress
     }
 
-    chain oversized {
-        meta nfproto vmap { ipv4 : goto oversized-ipv4, ipv6 : goto oversized-ipv6 }
+    chain fits-every-vlan {
     }
 
-    chain oversized-ipv4 {
-        ip frag-off & 0x4000 == 0 accept comment "no DF: the kernel fragments"
-        ip ttl <= 1 accept comment "the kernel answers Time Exceeded"
-        ip daddr 224.0.0.0/4 counter accept comment "multicast: the kernel delivers or routes it and answers nothing"
-        fib daddr type broadcast counter accept comment "broadcast: the kernel delivers it and answers nothing"
-        meta pkttype != host counter drop comment "RFC 1122 3.2.2: link-layer broadcast"
-        ip frag-off & 0x1fff != 0 counter drop comment "RFC 1122 3.2.2: not the first fragment"
-        ip saddr { 0.0.0.0/8, 127.0.0.0/8, 224.0.0.0/4, 240.0.0.0/4 } counter drop comment "RFC 1122 3.2.2: source is no single host"
-        fib saddr type broadcast counter drop comment "RFC 1122 3.2.2: source is a broadcast address"
-        icmp type { 3, 4, 5, 11, 12 } counter drop comment "RFC 1122 3.2.2: ICMP error"
+    chain candidate {
+        meta nfproto ipv4 iif @vrf-ports accept comment "no way back from outside the VRF"
+        meta nfproto ipv6 fib saddr . iif oif missing accept comment "no way back via the ingress"
     }
 
-    chain oversized-ipv6 {
-        ip6 hoplimit <= 1 accept comment "the kernel answers Time Exceeded"
-        ip6 saddr fe80::/10 accept comment "RFC 4443 3.1: the kernel answers beyond scope"
-        ip6 daddr ff00::/8 counter accept comment "multicast: the kernel delivers or routes it"
-        meta pkttype != host counter drop comment "link-layer multicast of a unicast packet"
-        ip6 saddr { ::, ::1, ff00::/8 } counter drop comment "RFC 4443 2.4(e.6): source is no single node"
-        fib saddr type anycast counter drop comment "RFC 4443 2.4(e.6): source is an anycast address"
-        icmpv6 type < 128 counter drop comment "RFC 4443 2.4(e.1): ICMPv6 error"
-        icmpv6 type 137 counter drop comment "RFC 4443 2.4(e.2): redirect"
+    chain postrouting {
+        type filter hook postrouting priority 350; policy accept;
+        icmp type destination-unreachable icmp code frag-needed goto too-big-ipv4
+        icmpv6 type packet-too-big goto too-big-ipv6
+    }
+
+    chain too-big-ipv4 {
+        meta skuid 0-4294967295 counter name answers accept comment "a process's"
+        @th,68,4 5 icmp mtu vmap @refused4
+        icmp mtu vmap @refused4o
+    }
+
+    chain too-big-ipv6 {
+        meta skuid 0-4294967295 counter name answers accept comment "a process's"
+        icmpv6 mtu vmap @refused6
+    }
+
+    chain withdrawable {
+        fib saddr type != local accept comment "not this router's own"
+        fib daddr type broadcast accept comment "no process may answer it"
+        oif @left-to-kernel accept
+        update @answering { oif limit rate over 125/second burst 250 packets } accept
+        limit name all-answers accept
+    }
+
+    chain handed-over {
+        counter name meta mark map @counters log prefix ")") +
+           kRefusedPrefix + "\" group " + std::to_string(kLogGroup) +
+           R"( snaplen 1280 queue-threshold 1 drop
     }
 }
 )";
 }
 
 std::string changeText(const Vlans& before, const Vlans& after) {
+    const std::set<uint32_t> oldMtus = mtusOf(before);
+    const std::set<uint32_t> newMtus = mtusOf(after);
+    const size_t size = mapSize(newMtus.size());
     std::string commands;
-    auto old = before.begin();
-    auto now = after.begin();
-    while (old != before.end() || now != after.end()) {
-        if (now == after.end() || (old != before.end() && old->first < now->first)) {
-            commands += removeVlan(Names(old->first), old->second);
-            ++old;
-        } else if (old == before.end() || now->first < old->first) {
-            commands += addVlan(Names(now->first), now->second);
-            ++now;
-        } else {
-            commands += changeVlan(Names(now->first), old->second, now->second);
-            ++old;
-            ++now;
-        }
-    }
+    for (const uint32_t mtu : newMtus)
+        if (!oldMtus.contains(mtu)) commands += addMtu(mtu, size);
+
+    commands += changeSmallest(oldMtus, newMtus);
+
+    // An interface may have moved from one VLAN to another: its old elements go first.
+    for (const auto& [number, vlan] : before)
+        commands += dismantle(number, vlan, find(after, number));
+    for (const auto& [number, vlan] : after) commands += build(number, find(before, number), vlan);
+
+    for (const uint32_t mtu : oldMtus)
+        if (!newMtus.contains(mtu)) commands += removeMtu(mtu);
     return commands;
+}
+
+std::string leaveToKernelText(uint32_t ifindex, int seconds) {
+    return command("add element", "left-to-kernel { " + indexKey(ifindex) + " timeout " +
+                                      std::to_string(seconds) + "s }");
 }
 
 }  // namespace pmtud_linux

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The nftables rules that pick the packets to dispatch, as text for libnftables.
+// The nftables rules that copy candidates and withdraw the kernel's answers, as text.
 #ifndef PMTUD_LINUX_RULESET_H
 #define PMTUD_LINUX_RULESET_H
 
@@ -10,22 +10,39 @@
 
 namespace pmtud_linux {
 
-/// The log group that the rules copy packets to.
-constexpr uint16_t logGroup = 89;
+/// The log group that the rules log to.
+constexpr uint16_t kLogGroup = 89;
 
-/// How much of a packet is copied, in bytes.
-constexpr uint32_t snapLength = 9000;
+/// How much of a candidate is copied, in bytes: an IPv6 answer quotes up to 1,492.
+constexpr uint32_t kCopySize = 1500;
 
-/// What the daemon takes for the MTU of a VLAN.  An egress with any other stays the kernel's.
-constexpr uint32_t minimumMtu = 576;
-constexpr uint32_t maximumMtu = 16383;
+/// What the daemon accepts as the MTU of a VLAN.  An egress with any other stays the kernel's.
+constexpr uint32_t kMinimumMtu = 576;
+constexpr uint32_t kMaximumMtu = 16383;
 
-/// The table with all that does not depend on the VLANs.
+inline bool isServed(const Vlan& vlan) {
+    return vlan.mtu >= kMinimumMtu && vlan.mtu <= kMaximumMtu;
+}
+
+/// The log prefix of a copy is this and the egress VLAN in decimal.
+constexpr char kCopyPrefix[] = "pmtud:";
+
+/// The log prefix of a message of the kernel's that was withdrawn.
+constexpr char kRefusedPrefix[] = "pmtud:refused";
+
+/// The counter of the "too big" messages of processes, the daemon's answers, that left the router.
+constexpr char kAnswersCounter[] = "answers";
+
+/// The table with everything that does not depend on the VLANs.
 std::string tableText();
 
 /// The commands that turn the rules for one set of VLANs into those for another, to be
-/// run in one transaction behind a table; empty where there is nothing to do.
+/// run in one transaction on an existing table; empty if there is nothing to do.
 std::string changeText(const Vlans& before, const Vlans& after);
+
+/// The command that leaves the packets whose answer would go out of the interface to the
+/// kernel for that long.
+std::string leaveToKernelText(uint32_t ifindex, int seconds);
 
 }  // namespace pmtud_linux
 

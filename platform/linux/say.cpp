@@ -1,20 +1,14 @@
 // SPDX-License-Identifier: MIT
-// The platform's own lines on the debug channel.
+// The platform's own lines.
 #include "say.h"
 
 #include <utility>
 
-#include "seam.h"
-
 namespace pmtud_linux {
 
-namespace {
-constexpr uint32_t module = 89;
-}
-
-bool say(const std::string& text) {
+bool say(Priority priority, const std::string& text) {
     const std::string line = " PMTUD-Linux: " + text;
-    return debug_process(module, "%s", line.c_str()) == 0;
+    return SystemLog::instance().write(priority, kOwnModule, line.c_str()) == 0;
 }
 
 uint64_t Burst::due(bool over, Clock::time_point now) {

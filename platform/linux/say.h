@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The platform's own lines on the debug channel.
+// The platform's own lines.
 #ifndef PMTUD_LINUX_SAY_H
 #define PMTUD_LINUX_SAY_H
 
@@ -7,20 +7,22 @@
 #include <cstdint>
 #include <string>
 
+#include "system_log.h"
+
 namespace pmtud_linux {
 
-/// Hands " PMTUD-Linux: " and the text to the debug process under the daemon's module number.
-/// False where it did not take the line.
-bool say(const std::string& text);
+/// Writes " PMTUD-Linux: " and the text to the system log under the daemon's module number.
+/// False if the log did not accept the line.
+bool say(Priority priority, const std::string& text);
 
-/// Counts events of one kind so that a burst of them is said in one line.
+/// Counts events of one kind so that a burst of them is logged in one line.
 class Burst {
  public:
     using Clock = std::chrono::steady_clock;
 
     void count(uint64_t events) { m_unsaid += events; }
 
-    /// How many events to say now, 0 for none: all that were counted since the last
+    /// How many events to log now, 0 for none: all that were counted since the last
     /// line, once the burst is over or, while it lasts, once a second.
     uint64_t due(bool over, Clock::time_point now);
 

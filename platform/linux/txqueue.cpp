@@ -38,9 +38,10 @@ Egress vlanEgress(int socket, int vlan) {
     return {request.ifr_ifindex, vlan};
 }
 
+// A tag of VLAN 0 only has a priority (IEEE 802.1Q), and belongs to no VLAN.
 bool isTagged(const uint8_t* frame, size_t length, int vlan) {
     constexpr size_t taggedHeaderSize = ETH_HLEN + 4;
-    if (length < taggedHeaderSize) return false;
+    if (vlan == 0 || length < taggedHeaderSize) return false;
     if (frame[12] != ETH_P_8021Q >> 8 || frame[13] != (ETH_P_8021Q & 0xff)) return false;
     return ((frame[14] & 0x0f) << 8 | frame[15]) == vlan;
 }

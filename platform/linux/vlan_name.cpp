@@ -13,15 +13,17 @@ namespace {
 constexpr std::string_view prefix = "bcm0.";
 }
 
-int vlanOfName(std::string_view name) {
-    if (!name.starts_with(prefix)) return 0;
-    const std::string_view digits = name.substr(prefix.size());
+int vlanOfNumber(std::string_view digits) {
     if (digits.empty() || digits.front() == '0') return 0;
     int vlan = 0;
     const char* const end = digits.data() + digits.size();
     const auto [stop, error] = std::from_chars(digits.data(), end, vlan);
     if (error != std::errc{} || stop != end) return 0;
     return vlan >= firstVlan && vlan <= lastVlan ? vlan : 0;
+}
+
+int vlanOfName(std::string_view name) {
+    return name.starts_with(prefix) ? vlanOfNumber(name.substr(prefix.size())) : 0;
 }
 
 std::string nameOfVlan(int vlan) { return std::string(prefix) + std::to_string(vlan); }

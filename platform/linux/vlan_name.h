@@ -13,7 +13,10 @@ namespace pmtud_linux {
 constexpr int firstVlan = 1;
 constexpr int lastVlan = 4094;
 
-/// The VLAN (1 to 4094) of the interface so named, or 0 where the name is not exactly
+/// The VLAN (1 to 4094) that the text is in decimal without leading zeros, or 0.
+int vlanOfNumber(std::string_view digits);
+
+/// The VLAN (1 to 4094) of the interface so named, or 0 if the name is not exactly
 /// "bcm0." and that number in decimal without leading zeros.
 int vlanOfName(std::string_view name);
 

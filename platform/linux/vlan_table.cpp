@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Which layer-3 VLAN interfaces there are, as told by link messages.
+// Which layer-3 VLAN interfaces there are, according to link messages.
 #include "vlan_table.h"
 
 #include "vlan_name.h"
@@ -10,7 +10,7 @@ bool VlanTable::apply(const Link& link) {
     const int vlan = link.gone || !link.ethernet ? 0 : vlanOfName(link.name);
     if (vlan == 0) return remove(link.ifindex);
 
-    const Vlan now{link.ifindex, link.mtu, link.lower};
+    const Vlan now{link.ifindex, link.mtu, link.inVrf};
     const auto known = m_vlans.find(vlan);
     if (known != m_vlans.end() && known->second == now) return false;
     // The name may have been another interface's, and the interface may have had another name.

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Which layer-3 VLAN interfaces there are, as told by link messages.
+// Which layer-3 VLAN interfaces there are, according to link messages.
 #ifndef PMTUD_LINUX_VLAN_TABLE_H
 #define PMTUD_LINUX_VLAN_TABLE_H
 
@@ -17,14 +17,14 @@ struct Link {
     bool ethernet = false;  ///< ARPHRD_ETHER
     std::string name;
     uint32_t mtu = 0;
-    uint32_t lower = 0;  ///< the interface that it sits on (802.1Q over a port); 0: none
+    bool inVrf = false;  ///< enslaved to a VRF, which has its own routing table
 };
 
 /// One layer-3 VLAN interface.
 struct Vlan {
     uint32_t ifindex = 0;
     uint32_t mtu = 0;
-    uint32_t lower = 0;
+    bool inVrf = false;
 
     friend bool operator==(const Vlan&, const Vlan&) = default;
 };
@@ -34,8 +34,8 @@ using Vlans = std::map<int, Vlan>;
 
 class VlanTable {
  public:
-    /// True where the message changed what there is.  Interfaces that are not Ethernet
-    /// or whose name is not exactly "bcm0.N" are none.
+    /// True if the message changed the table.  Interfaces that are not Ethernet, or whose
+    /// name is not exactly "bcm0.N", are left out.
     bool apply(const Link& link);
 
     const Vlans& vlans() const { return m_vlans; }

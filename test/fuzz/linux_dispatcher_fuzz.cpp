@@ -1,68 +1,192 @@
 // SPDX-License-Identifier: MIT
-// Fuzzes the dispatcher of the platform for stock Linux: all that the kernel and libnftables tell
-// it comes from the input, and its rules and what it hands to the receive callback are checked.
+// Fuzzes the dispatcher of the platform for stock Linux: everything that the kernel and libnftables
+// tell it comes from the input.  Its rules, what it hands to the receive callback, and when it
+// gives an answer back to the kernel are compared with models.
+#include <arpa/inet.h>
 #include <libmnl/libmnl.h>
+#include <linux/if_packet.h>
+#include <linux/netfilter.h>
+#include <linux/netfilter/nf_tables.h>
 #include <linux/rtnetlink.h>
-#include <net/if.h>
 #include <nftables/libnftables.h>
 #include <poll.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
+#include "answers_model.h"
+#include "copies_model.h"
 #include "dispatcher.h"
+#include "frame_lines.h"
 #include "input.h"
+#include "link_list_model.h"
 #include "link_message.h"
 #include "log_message.h"
 #include "netlink_message.h"
 #include "pktd.h"
 #include "rules_model.h"
-#include "ruleset.h"
+#include "say.h"
 
+using fuzz::AnswersModel;
 using fuzz::Built;
 using fuzz::Bytes;
+using fuzz::CopiesModel;
 using fuzz::Input;
-using fuzz::Packet;
+using fuzz::Kept;
+using fuzz::LinkListModel;
+using fuzz::Message;
 using fuzz::require;
 using fuzz::RulesModel;
 using fuzz::Span;
+using pmtud_linux::LineFate;
+using pmtud_linux::Priority;
+using pmtud_linux::Vlans;
 
 namespace {
 
-constexpr int offloadSocket = 900;
-constexpr int groupSocket = 901;
-constexpr int linkSocket = 902;
+constexpr int packetSocket = 900;
+constexpr uint32_t portId = 77;
 
 /// What the callback throws.
 struct Stop {};
 
-// The kernel and libnftables, as far as the dispatcher sees them.
+/// A netlink socket.
+struct Socket {
+    int fd;
+    bool isOpen = false;
+};
+
+/// A connection to nftables.
+struct Context {
+    bool isOpen = false;
+    bool isDry = false;
+    std::string refusal;
+};
+
+/// Who a datagram comes from.
+enum class Sender { kernel, process, nobody };
+
+/// A refused packet that is to be handed over.
+struct Refused {
+    Built frame;
+    uint32_t ingress = 0;
+    Bytes station;  // that the packet came from
+    uint32_t egress = 0;
+    Bytes answer;  // the kernel's
+    std::chrono::nanoseconds handedOver{};
+};
+
+/// Which frames are logged: a hundred, and one more every 50 ms.
+class LinesModel {
+ public:
+    bool take(std::chrono::nanoseconds now) {
+        m_saved = std::min(m_saved + (now - m_last), most);
+        m_last = now;
+        if (m_saved < price) return false;
+        m_saved -= price;
+        return true;
+    }
+
+ private:
+    static constexpr std::chrono::nanoseconds price = std::chrono::milliseconds(50);
+    static constexpr std::chrono::nanoseconds most = 100 * price;
+    std::chrono::nanoseconds m_saved = most;
+    std::chrono::nanoseconds m_last{};
+};
+
+/// What the dispatcher did after it handed a packet over.
+struct Deeds {
+    bool answerLeft = false;
+    int sends = 0;
+    int sent = 0;
+    int leftToKernel = 0;
+    int linesOfLoss = 0;
+    int linesOfReturn = 0;
+};
+
+/// Events that are counted and logged in bursts.
+struct Counts {
+    uint64_t lost = 0;
+    uint64_t unanswered = 0;
+    uint64_t foreign = 0;
+    uint64_t unlogged = 0;
+
+    bool operator==(const Counts&) const = default;
+};
+
+// The kernel and libnftables, as far as the dispatcher sees them, and what is expected of it.
 struct World {
     explicit World(Input given) : input(given) {}
 
     Input input;
-    bool groupIsOpen = false;
-    bool linksAreOpen = false;
-    bool offloadIsOpen = false;
-    bool contextIsOpen = false;
-    uint32_t linkSequence = 0;
-    std::optional<RulesModel> rules;  // nothing: there is no table
-    std::string refusal;
+    fuzz::Traffic traffic;
+    std::chrono::nanoseconds now = std::chrono::hours(1);
+    int callsUntilFailure = 0;  // 0: none fails
+    bool logIsDown = false;
+    bool isEnding = false;
 
-    Bytes logMessage;
-    std::optional<Packet> packet;  // the last of the log group, until it is handed over
+    Socket group{901};
+    Socket links{902};
+    Socket answers{903};
+    uint32_t groupSequence = 0;  // of the last request about the group
+    bool packetSocketIsOpen = false;
+    Context rulesContext;
+    Context checkContext;  // for one question about the kernel
+    bool isLacking = false;
+
+    LinkListModel list;
+    std::optional<RulesModel> rules;  // nothing: there is no table
+    Vlans installed;
+    bool rulesRefused = false;
+    bool isServing = false;
+    bool isRunning = false;
+
+    CopiesModel copies;
+    std::deque<Refused> expected;
+    std::optional<Refused> handedOver;  // last
+    Deeds deeds;
+
+    uint64_t answersThatLeft = 0;
+    uint8_t counterStyle = 0;
+    struct Answer {
+        std::optional<Bytes> datagram;  // nothing: the socket has lost something
+        Sender sender = Sender::kernel;
+    };
+    std::deque<Answer> counterAnswers;
+    AnswersModel watch;
+    AnswersModel::Readings readings;
+    LinesModel lines;
+    std::optional<std::chrono::nanoseconds> lineOfUnlogged;  // last
+
+    uint32_t nextSequence = 0;
+    Counts counted;
+    Counts logged;
+    int overruns = 0;
+    int linesOfOverrun = 0;
+    int timesOfNothing = 0;  // to serve
+    int linesOfNothing = 0;
+    int problem = 0;  // that the line about a failed start names
+    int linesOfProblem = 0;
+    int linesOfRefusal = 0;  // of the last rules that were refused
+    std::set<int> verdicts;
+    std::set<std::string> linesOfVerdict;
 };
 
 World* world = nullptr;
@@ -72,263 +196,772 @@ int fail(int error) {
     return -1;
 }
 
-// One call in sixteen, while there is input, and then none.
-bool drawFailure() { return world->input.byte() % 16 == 15; }
+bool failsNow() { return world->callsUntilFailure != 0 && --world->callsUntilFailure == 0; }
 
-int answerOrFail() {
-    return drawFailure() ? fail(world->input.byte() % 8 == 0 ? EINTR : EPERM) : 0;
-}
+int answerOrFail() { return failsNow() ? fail(EPERM) : 0; }
 
-Bytes endOfList() {
-    Bytes message(fuzz::messageHeader + 4);
-    fuzz::store(message, 0, static_cast<uint32_t>(message.size()));
-    fuzz::store(message, 4, uint16_t{NLMSG_DONE});
-    fuzz::store(message, 6,
-                static_cast<uint16_t>(world->input.byte() % 4 == 3 ? NLM_F_DUMP_INTR : 0));
-    fuzz::store(message, 8, world->linkSequence);
-    return message;
-}
+// Netlink messages.
 
-Bytes answerOf(uint32_t sequence) {
+Bytes answerOf(uint32_t sequence, int error) {
     Bytes message(fuzz::messageHeader + sizeof(nlmsgerr));
     fuzz::store(message, 0, static_cast<uint32_t>(message.size()));
     fuzz::store(message, 4, uint16_t{NLMSG_ERROR});
     fuzz::store(message, 8, sequence);
-    constexpr std::array<int, 4> errors = {0, -EPERM, -EBUSY, -ENOMEM};
-    fuzz::store(message, fuzz::messageHeader, errors[world->input.byte() % 4]);
+    fuzz::store(message, 12, portId);
+    fuzz::store(message, fuzz::messageHeader, error);
     return message;
 }
 
-ssize_t deliver(const Bytes& datagram, void* buffer, std::size_t size) {
+Bytes endOfList(bool isInterrupted) {
+    Bytes message(fuzz::messageHeader + 4);
+    fuzz::store(message, 0, static_cast<uint32_t>(message.size()));
+    fuzz::store(message, 4, uint16_t{NLMSG_DONE});
+    fuzz::store(message, 6, static_cast<uint16_t>(isInterrupted ? NLM_F_DUMP_INTR : 0));
+    fuzz::store(message, 8, world->list.sequence());
+    return message;
+}
+
+// With zeros up to the next boundary, if there is room.
+std::size_t copyInto(void* buffer, std::size_t size, const Bytes& datagram) {
     const std::size_t taken = std::min(datagram.size(), size);
     if (taken != 0) memcpy(buffer, datagram.data(), taken);
+    memset(static_cast<char*>(buffer) + taken, 0, std::min(size, fuzz::aligned(taken)) - taken);
+    return taken;
+}
+
+ssize_t deliver(const Bytes& datagram, void* buffer, std::size_t size) {
+    return static_cast<ssize_t>(copyInto(buffer, size, datagram));
+}
+
+/// Where a socket call says who has sent.
+struct From {
+    sockaddr* address;
+    socklen_t* size;
+
+    void set(Sender sender) const {
+        require(address != nullptr && *size >= sizeof(sockaddr_nl), "the sender is asked for");
+        sockaddr_nl name{};
+        name.nl_family = AF_NETLINK;
+        name.nl_pid = sender == Sender::process ? portId + 1 : 0;
+        memcpy(address, &name, sizeof name);
+        *size = sender == Sender::nobody ? 0 : sizeof name;
+    }
+};
+
+// Links.
+
+ssize_t deliverLinks(const Bytes& datagram, Sender sender, void* buffer, std::size_t size) {
+    const std::size_t taken = copyInto(buffer, size, datagram);
+    if (sender != Sender::kernel) return static_cast<ssize_t>(datagram.size());
+    if (taken < datagram.size()) {
+        world->list.takeLoss();
+    } else {
+        const auto* const start = static_cast<const uint8_t*>(buffer);
+        world->list.take(fuzz::messagesOf({start, fuzz::aligned(taken)}, taken));
+    }
     return static_cast<ssize_t>(datagram.size());
 }
 
-// Both sockets fail in the ways of a netlink socket.
-std::optional<int> drawSocketError(uint8_t choice) {
-    switch (choice) {
-        case 0:
-            return EAGAIN;
-        case 1:
-            return EINTR;
-        case 2:
-            return ENOBUFS;
-        case 3:
-            return EBADF;
-        default:
-            return std::nullopt;
-    }
+int failLinks(int error) {
+    if (error == ENOBUFS) world->list.takeLoss();
+    if (error == EAGAIN || error == EINTR) world->list.takeNothing();
+    return fail(error);
 }
 
-ssize_t receiveLog(void* buffer, std::size_t size) {
-    if (const auto error = drawSocketError(world->input.byte() % 16)) return fail(*error);
-    world->logMessage = fuzz::drawLogMessage(world->input);
-    const bool fits = world->logMessage.size() <= size;
-    world->packet = fits ? fuzz::expectedPacket(world->logMessage) : std::nullopt;
-    return deliver(world->logMessage, buffer, size);
-}
-
-ssize_t receiveLinks(void* buffer, std::size_t size) {
-    const uint8_t choice = world->input.byte() % 16;
-    if (const auto error = drawSocketError(choice)) return fail(*error);
-    if (choice == 4) return deliver(answerOf(world->linkSequence), buffer, size);
-    if (choice == 5) return deliver(endOfList(), buffer, size);
+Bytes drawLinks(unsigned count) {
     Bytes datagram;
-    for (int left = choice / 6; left >= 0; --left) {
+    for (; count > 0; --count) {
         const Bytes message = fuzz::drawLinkMessage(world->input);
         datagram.insert(datagram.end(), message.begin(), message.end());
-        datagram.resize(fuzz::aligned(datagram.size()));
+        if (count > 1) datagram.resize(fuzz::aligned(datagram.size()));
     }
-    if (choice == 15) {
-        const Bytes end = endOfList();
-        datagram.insert(datagram.end(), end.begin(), end.end());
-    }
-    return deliver(datagram, buffer, size);
+    return datagram;
 }
 
-void checkLine(std::string_view text) {
-    require(text.find('\n') == text.npos, "what is said is one line");
-    require(text.starts_with(" PMTUD-Linux: "), "what is said begins with the platform's name");
+ssize_t receiveLinks(void* buffer, std::size_t size, const From& from) {
+    const uint8_t drawn = world->input.byte();
+    const uint8_t choice = drawn % 16;
+    Sender sender = Sender::kernel;
+    if (drawn / 16 == 15) sender = Sender::process;
+    if (drawn / 16 == 14) sender = Sender::nobody;
+    from.set(sender);
+    const auto give = [&](const Bytes& datagram) {
+        return deliverLinks(datagram, sender, buffer, size);
+    };
+    const bool isListing = world->list.phase() == LinkListModel::Phase::listing;
+    // Without input every list ends, and nothing else comes.
+    if (choice == 0 && isListing) return give(endOfList(false));
+    if (choice == 0) return failLinks(EAGAIN);
+    if (choice == 1) return failLinks(isListing ? EAGAIN : EINTR);
+    if (choice == 2) return failLinks(ENOBUFS);
+    if (choice == 3) return failLinks(EBADF);
+    if (choice == 4 && isListing) return give(answerOf(world->list.sequence(), -EPERM));
+    if (choice == 5 && isListing) return give(endOfList(true));
+    Bytes datagram = drawLinks(1 + choice % 4);
+    if (choice >= 12 && isListing) {
+        datagram.resize(fuzz::aligned(datagram.size()));
+        const Bytes end = endOfList(false);
+        datagram.insert(datagram.end(), end.begin(), end.end());
+    }
+    return give(datagram);
+}
+
+// The log group.
+
+void expectRefused(const Message& message) {
+    const Span quote = fuzz::quotedBy(message.payload);
+    const Kept* const kept = world->copies.take(quote);
+    const Vlans& vlans = world->list.vlans();
+    const int ingressVlan = kept == nullptr ? 0 : fuzz::vlanOf(vlans, kept->ingress);
+    if (ingressVlan == 0 || !vlans.contains(kept->egressVlan)) {
+        ++world->counted.unanswered;
+        return;
+    }
+    Refused refused;
+    refused.frame =
+        fuzz::expectedFrame(*kept, ingressVlan, vlans.at(kept->egressVlan).ifindex, quote);
+    refused.ingress = kept->ingress;
+    refused.station.assign(kept->addresses.begin() + 6, kept->addresses.end());
+    refused.egress = message.egress;
+    refused.answer.assign(message.payload.begin(), message.payload.end());
+    world->expected.push_back(std::move(refused));
+}
+
+void expect(const Message& message) {
+    if (message.sequence) {
+        world->counted.lost += *message.sequence - world->nextSequence;
+        world->nextSequence = *message.sequence + 1;
+    }
+    if (message.prefix == "pmtud:refused") return expectRefused(message);
+    const int vlan = fuzz::vlanOfPrefix(message.prefix);
+    if (vlan == 0 || !world->copies.keep(message, vlan)) ++world->counted.foreign;
+}
+
+void expectAll(const uint8_t* datagram, std::size_t size) {
+    for (const Span bytes : fuzz::messagesOf({datagram, fuzz::aligned(size)}, size)) {
+        if (fuzz::load<uint16_t>(bytes, 4) != fuzz::logPacketType) continue;
+        if (const auto message = fuzz::expectedMessage(bytes))
+            expect(*message);
+        else
+            ++world->counted.foreign;
+    }
+}
+
+void drawDatagram(mmsghdr& header) {
+    const uint8_t choice = world->input.byte();
+    Bytes datagram;
+    if (choice >= 0xC0) world->traffic.addRefused(1 + choice % 32, datagram);
+    for (int left = choice / 16 % 4; left >= 0; --left) {
+        world->traffic.add(world->input, datagram);
+        if (left > 0) datagram.resize(fuzz::aligned(datagram.size()));
+    }
+    msghdr& how = header.msg_hdr;
+    auto* const buffer = static_cast<uint8_t*>(how.msg_iov[0].iov_base);
+    const std::size_t taken = copyInto(buffer, how.msg_iov[0].iov_len, datagram);
+    header.msg_len = static_cast<unsigned>(taken);
+    const bool isCut = choice % 16 == 14 || taken < datagram.size();
+    how.msg_flags = isCut ? MSG_TRUNC : 0;
+    sockaddr_nl sender{};
+    sender.nl_family = AF_NETLINK;
+    sender.nl_pid = choice % 16 == 15 ? 1 + choice : 0;
+    memcpy(how.msg_name, &sender, sizeof sender);
+    const bool isNameless = choice % 16 == 13;
+    how.msg_namelen = isNameless ? 0 : sizeof sender;
+    if (isCut || isNameless || sender.nl_pid != 0)
+        ++world->counted.foreign;
+    else
+        expectAll(buffer, taken);
+}
+
+int drawDatagrams(mmsghdr* headers, unsigned room) {
+    const uint8_t choice = world->input.byte();
+    constexpr std::array<int, 8> errors = {EAGAIN, EINTR,  ENOBUFS, EBADF,
+                                           EAGAIN, EAGAIN, EAGAIN,  EAGAIN};
+    if (choice < 8) {
+        if (errors[choice] == ENOBUFS) ++world->overruns;
+        return fail(errors[choice]);
+    }
+    const unsigned wanted = choice >= 0xF0 ? room : std::min(room, choice % 4U + 1);
+    unsigned count = 0;
+    for (; count < wanted && !world->input.exhausted(); ++count) drawDatagram(headers[count]);
+    return count == 0 ? fail(EAGAIN) : static_cast<int>(count);
+}
+
+// The counter of the answers.
+
+Bytes counterMessage(uint32_t sequence, uint64_t packets, uint8_t style) {
+    Bytes message(fuzz::messageHeader + sizeof(nfgenmsg));
+    fuzz::store(message, 4, static_cast<uint16_t>(NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_NEWOBJ));
+    fuzz::store(message, 8, sequence);
+    fuzz::store(message, 12, portId);
+    fuzz::addText(message, NFTA_OBJ_TABLE, "pmtud");
+    fuzz::addText(message, NFTA_OBJ_NAME, "answers");
+    fuzz::addNumber(message, NFTA_OBJ_TYPE, NFT_OBJECT_COUNTER);
+    Bytes number;
+    for (int shift = 56; shift >= 0; shift -= 8)
+        number.push_back(static_cast<uint8_t>(packets >> shift));
+    Bytes data;
+    fuzz::addAttribute(data, NFTA_COUNTER_BYTES, Bytes(8, 0x99));
+    if (style == 3) number.resize(4);
+    fuzz::addAttribute(data, NFTA_COUNTER_PACKETS, number);
+    if (style != 4) fuzz::addAttribute(message, NLA_F_NESTED | NFTA_OBJ_DATA, data);
+    fuzz::store(message, 0, style == 6 ? 0x80000010U : static_cast<uint32_t>(message.size()));
+    return message;
+}
+
+void requireRequestOfCounter(Span request) {
+    require(fuzz::load<uint32_t>(request) == request.size(), "length of the request");
+    require(fuzz::load<uint16_t>(request, 4) == (NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_GETOBJ),
+            "the counter is asked for");
+    require(fuzz::load<uint16_t>(request, 6) == NLM_F_REQUEST, "and nothing but its value");
+    require(request[fuzz::messageHeader] == NFPROTO_INET, "family of the table");
+    std::string table;
+    std::string name;
+    uint32_t type = 0;
+    fuzz::forEachAttribute(request.subspan(fuzz::logHeaders), [&](uint16_t kind, Span payload) {
+        if (kind == NFTA_OBJ_TABLE) table = fuzz::textOf(payload);
+        if (kind == NFTA_OBJ_NAME) name = fuzz::textOf(payload);
+        if (kind == NFTA_OBJ_TYPE) type = fuzz::bigEndian(payload);
+        return true;
+    });
+    require(table == "pmtud" && name == "answers" && type == NFT_OBJECT_COUNTER, "which counter");
+}
+
+// As the kernel answers, or in one of the ways that it could fail.
+ssize_t askForCounter(Span request) {
+    requireRequestOfCounter(request);
+    const uint8_t style = std::exchange(world->counterStyle, uint8_t{0});
+    if (style == 7 || failsNow()) {
+        world->readings.emplace_back(std::nullopt);
+        return fail(ENOBUFS);
+    }
+    const auto sequence = fuzz::load<uint32_t>(request, 8);
+    auto& answers = world->counterAnswers;
+    if (style == 1) {
+        answers.push_back(
+            {counterMessage(sequence, world->answersThatLeft + 1, 0), Sender::process});
+        answers.push_back({answerOf(sequence, -EPERM), Sender::nobody});
+    }
+    if (style == 5) answers.emplace_back();
+    if (style == 2)
+        answers.push_back({answerOf(sequence, -ENOENT)});
+    else
+        answers.push_back({counterMessage(sequence, world->answersThatLeft, style)});
+    const bool isRead = style < 2;
+    world->readings.push_back(isRead ? std::optional(world->answersThatLeft) : std::nullopt);
+    return static_cast<ssize_t>(request.size());
+}
+
+ssize_t receiveCounter(void* buffer, std::size_t size, const From& from) {
+    if (world->counterAnswers.empty()) return fail(EAGAIN);
+    const auto next = std::move(world->counterAnswers.front());
+    world->counterAnswers.pop_front();
+    from.set(next.sender);
+    return next.datagram ? deliver(*next.datagram, buffer, size) : fail(ENOBUFS);
+}
+
+ssize_t receiveAnswerOfGroup(void* buffer, std::size_t size, const From& from) {
+    constexpr std::array<int, 8> errors = {0, 0, 0, 0, -EPERM, -EBUSY};
+    const uint8_t drawn = world->input.byte();
+    const uint8_t choice = drawn % 8;
+    from.set(drawn >= 0xF0 ? Sender::process : Sender::kernel);
+    if (choice == 7) return fail(ENOBUFS);
+    if (choice < 6) return deliver(answerOf(world->groupSequence, errors[choice]), buffer, size);
+    const uint8_t kind = world->input.byte();
+    return deliver(fuzz::Traffic::drawArbitrary(world->input, kind), buffer, size);
+}
+
+// What follows a frame.
+
+std::string nameOf(uint32_t ifindex) {
+    const int vlan = fuzz::vlanOf(world->list.vlans(), ifindex);
+    return vlan != 0 ? "bcm0." + std::to_string(vlan) : "interface " + std::to_string(ifindex);
+}
+
+void settle() {
+    if (!world->handedOver) return;
+    const Refused refused = std::move(*world->handedOver);
+    world->handedOver.reset();
+    const Deeds done = std::exchange(world->deeds, Deeds());
+    const auto outcome = world->watch.after(refused.egress, refused.handedOver, world->readings);
+    const bool isSendable = outcome.giveBack && refused.egress == refused.ingress;
+    require(!outcome.giveBack || !done.answerLeft, "no sender is answered twice");
+    require(done.sends == (isSendable ? 1 : 0), "which answers are given back to the kernel");
+    if (outcome.giveBack && done.sent == 0) ++world->counted.unanswered;
+    require(done.leftToKernel == (outcome.leaveToKernel ? 1 : 0),
+            "when the kernel is left to answer");
+    require(done.linesOfLoss == (outcome.isFirstLost ? 1 : 0), "the first loss is logged");
+    require(done.linesOfReturn == (outcome.leavesAgain ? 1 : 0), "that answers leave is logged");
+}
+
+void settleAll() {
+    settle();
+    require(pmtud_linux::lineFate() == LineFate::written, "lines are kept only during a frame");
+    require(world->readings.empty(), "the counter is read only when that is due");
+    require(world->expected.empty(), "every refused packet is handed over");
 }
 
 int callback(const st_pktd_shm_queue_entry_data_t* record, uint8_t* frame, int size) {
-    require(world->packet.has_value(), "a frame comes of a message, and a message becomes one");
-    require(record->ctrl.vid >= 1 && record->ctrl.vid <= 4094, "the VLAN of a frame");
-    Built built;
-    require(fuzz::buildExpected(*world->packet, record->ctrl.vid, built), "what becomes a frame");
-    fuzz::checkFrame(*record, frame, static_cast<std::size_t>(size), built);
-    world->packet.reset();
-    if (world->input.byte() == 0xFF) throw Stop();
-    return world->input.byte() % 12;
+    settle();
+    require(!world->expected.empty(), "only refused packets are handed over, and once");
+    Refused refused = std::move(world->expected.front());
+    world->expected.pop_front();
+    require(world->readings.empty(), "the counter is read only when that is due");
+    refused.handedOver = world->now;
+    const bool isLogged = world->lines.take(world->now);
+    if (!isLogged) ++world->counted.unlogged;
+    require(pmtud_linux::lineFate() == (isLogged ? LineFate::kept : LineFate::ignored),
+            "which frames are logged");
+    fuzz::checkFrame(*record, frame, static_cast<std::size_t>(size), refused.frame);
+    const uint8_t choice = world->input.byte();
+    if (choice == 0xFF) throw Stop();
+    if (choice >= 0xC0) world->now += std::chrono::milliseconds(choice >= 0xE0 ? 49 : 1000);
+    world->deeds.answerLeft = choice % 4 != 1;
+    if (world->deeds.answerLeft) ++world->answersThatLeft;
+    world->handedOver = std::move(refused);
+    constexpr std::array<int, 8> verdicts = {7, 7, 7, 8, 9, 1, 0, -1};
+    const int verdict = verdicts[choice / 4 % 8];
+    if (verdict != 7) world->verdicts.insert(verdict > 7 ? verdict : 1);
+    return verdict;
+}
+
+// Lines.
+
+bool takeNumber(std::string_view line, std::string_view begin, uint64_t& sum) {
+    if (!line.starts_with(begin)) return false;
+    const std::string digits(line.substr(begin.size()));
+    require(!digits.empty() && digits.find_first_not_of("0123456789") == digits.npos, "a count");
+    const uint64_t count = std::strtoull(digits.c_str(), nullptr, 10);
+    require(count != 0, "what did not happen is not logged");
+    if (!world->logIsDown) sum += count;
+    return true;
+}
+
+bool takeLineOfAnswers(std::string_view line) {
+    if (!world->handedOver) return false;
+    const std::string name = nameOf(world->handedOver->egress);
+    if (line == name + ": the answers leave this router again") {
+        ++world->deeds.linesOfReturn;
+        return true;
+    }
+    const std::string loss = name + ": the answers do not leave this router, so the kernel answers";
+    if (!line.starts_with(loss)) return false;
+    ++world->deeds.linesOfLoss;
+    return true;
+}
+
+bool takeLineOfCounts(std::string_view line) {
+    Counts& sums = world->logged;
+    return takeNumber(line, "the receive queue overran, messages lost: ", sums.lost) ||
+           takeNumber(line, "refused packets that nobody answered: ", sums.unanswered) ||
+           takeNumber(line, "log group 89: messages not from this table, ignored: ", sums.foreign);
+}
+
+bool takeWarning(std::string_view line) {
+    if (takeLineOfCounts(line)) return true;
+    if (line.starts_with("the verdict ")) {
+        require(world->linesOfVerdict.emplace(line).second, "a verdict is logged once");
+        return true;
+    }
+    if (line.starts_with("the receive queue overran; ")) {
+        require(++world->linesOfOverrun <= world->overruns, "only an overrun is logged as one");
+        return true;
+    }
+    if (line.starts_with("nothing to serve: ")) {
+        require(++world->linesOfNothing <= world->timesOfNothing, "what is served is not denied");
+        return true;
+    }
+    return takeLineOfAnswers(line);
+}
+
+bool takeInfo(std::string_view line) {
+    using namespace std::chrono_literals;
+    if (!takeNumber(line, "answered without log lines, frames: ", world->logged.unlogged))
+        return false;
+    require(!world->lineOfUnlogged || world->now - *world->lineOfUnlogged >= 1s,
+            "a line that is to spare lines comes once a second at most");
+    world->lineOfUnlogged = world->now;
+    return true;
+}
+
+std::string firstLine(const std::string& text) { return text.substr(0, text.find('\n')); }
+
+bool takeError(std::string_view line) {
+    constexpr std::string_view unserved = "nothing is served (";
+    if (line.starts_with(unserved)) {
+        world->problem = std::atoi(std::string(line.substr(unserved.size())).c_str());
+        ++world->linesOfProblem;
+        return !world->isRunning;
+    }
+    const std::string& refusal = world->rulesContext.refusal;
+    const std::string begin = "the rules could not be installed: ";
+    if (line.starts_with(begin)) {
+        ++world->linesOfProblem;
+        const std::string_view why = line.substr(begin.size());
+        constexpr std::string_view lack = "this kernel lacks ";
+        require(world->isLacking ? why.starts_with(lack) && why.size() > lack.size()
+                                 : why == firstLine(refusal),
+                "why the rules were refused");
+        return !world->isRunning;
+    }
+    if (line == "the rules could not be changed, trying again: " + firstLine(refusal)) {
+        require(++world->linesOfRefusal == 1, "of several refusals the first is logged");
+        return world->rulesRefused;
+    }
+    return line == "the kernel could not be left to answer: " + firstLine(refusal);
+}
+
+bool takeLine(Priority priority, std::string_view line) {
+    switch (priority) {
+        case Priority::error:
+            return takeError(line);
+        case Priority::warning:
+            return takeWarning(line);
+        case Priority::info:
+            return takeInfo(line);
+        default:
+            return false;
+    }
+}
+
+// The wait.
+
+// What the rules depend on.
+Vlans asRulesSeeIt(const Vlans& vlans) {
+    Vlans seen = vlans;
+    for (auto& [number, vlan] : seen)
+        if (vlan.mtu < 576 || vlan.mtu > 16383) vlan.mtu = 0;
+    return seen;
+}
+
+void checkWait(int timeout) {
+    const bool fits = asRulesSeeIt(world->list.vlans()) == asRulesSeeIt(world->installed);
+    require(fits || world->rulesRefused, "the rules follow the links");
+    if (fits) world->linesOfRefusal = 0;
+    require(world->linesOfNothing == world->timesOfNothing, "that nothing is served is logged");
+    const bool isIdle = fits && !world->list.isStale() && world->logged == world->counted;
+    require(timeout == (isIdle ? -1 : 1000), "the wait ends if there is something to do");
+}
+
+void end() {
+    require(world->logged == world->counted, "everything that was counted is logged");
+    require(world->linesOfVerdict.size() == world->verdicts.size(), "each odd verdict is logged");
+    require(world->overruns == 0 || world->linesOfOverrun != 0 || world->counted.lost != 0,
+            "an overrun is logged");
+}
+
+int happen(uint8_t choice, pollfd* ready) {
+    using namespace std::chrono_literals;
+    switch (choice % 8) {
+        case 4:
+            world->now += 1s;
+            return 0;
+        case 5:
+            world->callsUntilFailure = 1 + choice / 8 % 4;
+            return 0;
+        case 6:
+            world->counterStyle = choice / 8 % 8;
+            return 0;
+        case 7:
+            if (choice < 0x40) return fail(EINTR);
+            if (choice < 0x80) world->logIsDown = !world->logIsDown;
+            if (choice >= 0x80) world->now += choice < 0xC0 ? 29s : 999ms;
+            return 0;
+        default:
+            ready[0].revents = choice % 8 != 2 ? POLLIN : 0;
+            ready[1].revents = choice % 8 >= 2 ? POLLIN : 0;
+            return 1;
+    }
+}
+
+// The rules.
+
+// Whether anything is served; that nothing is any more is logged.
+void followService(const Vlans& vlans) {
+    const bool wasServing = std::exchange(
+        world->isServing, std::any_of(vlans.begin(), vlans.end(), [](const auto& one) {
+            return one.second.mtu >= 576 && one.second.mtu <= 16383;
+        }));
+    if (world->isRunning && wasServing && !world->isServing) ++world->timesOfNothing;
+}
+
+void change(std::string_view commands) {
+    RulesModel changed = world->rules.value_or(RulesModel());
+    if (!world->rules) {
+        constexpr std::string_view last = "\n}\n";
+        const std::size_t end = commands.find(last);
+        require(end != commands.npos, "the table comes first");
+        const std::string_view table = commands.substr(0, end + last.size());
+        require(table.find("meta skuid 0-4294967295 counter name answers accept ") != table.npos,
+                "the answers of processes are counted");
+        changed.install(table);
+        commands.remove_prefix(table.size());
+    }
+    changed.run(commands);
+    changed.requireFitsTo(world->list.vlans());
+    if (world->rules) changed.requireKept(*world->rules);
+    world->rules = std::move(changed);
+    world->installed = world->list.vlans();
+    followService(world->installed);
+}
+
+int refuse(Context& context) {
+    constexpr std::array<const char*, 4> refusals = {
+        "Error: Could not process rule: Operation not permitted\nadd rule\n^^^^\n",
+        "Error: Could not process rule: No such file or directory", "", "Error: syntax error\n"};
+    context.refusal = world->input.oneOf(refusals);
+    return -1;
+}
+
+// One of the questions that follow refused rules.
+int check(Context& context, std::string_view commands) {
+    require(context.isDry && world->rulesRefused && !world->isRunning, "what is only checked");
+    require(commands.starts_with("table inet pmtud-check {\n") && commands.ends_with("\n}\n"),
+            "a table that is never there");
+    require(!world->isLacking, "what is missing is found once");
+    world->isLacking = world->input.byte() % 8 == 7;
+    return world->isLacking ? refuse(context) : 0;
+}
+
+// With the first interfaces.
+void start() {
+    world->isRunning = true;
+    if (!world->isServing) ++world->timesOfNothing;
 }
 
 }  // namespace
 
+// In place of std::chrono::steady_clock::now().
+std::chrono::steady_clock::time_point scriptedNow() asm(
+    "__wrap__ZNSt6chrono3_V212steady_clock3nowEv");
+
+std::chrono::steady_clock::time_point scriptedNow() {
+    return std::chrono::steady_clock::time_point(world->now);
+}
+
 extern "C" {
 
 mnl_socket* __wrap_mnl_socket_open2(int bus, int) {
-    if (drawFailure()) {
+    if (failsNow()) {
         errno = EMFILE;
         return nullptr;
     }
-    bool& isOpen = bus == NETLINK_ROUTE ? world->linksAreOpen : world->groupIsOpen;
-    require(!isOpen, "a socket is opened once");
-    isOpen = true;
-    return reinterpret_cast<mnl_socket*>(&isOpen);
+    Socket& other = world->group.isOpen ? world->answers : world->group;
+    Socket& opened = bus == NETLINK_ROUTE ? world->links : other;
+    require(!opened.isOpen, "a socket is opened once");
+    opened.isOpen = true;
+    return reinterpret_cast<mnl_socket*>(&opened);
 }
 
 int __wrap_mnl_socket_get_fd(const mnl_socket* socket) {
-    return reinterpret_cast<const bool*>(socket) == &world->linksAreOpen ? linkSocket : groupSocket;
+    return reinterpret_cast<const Socket*>(socket)->fd;
 }
 
-unsigned int __wrap_mnl_socket_get_portid(const mnl_socket*) { return 0; }
+unsigned int __wrap_mnl_socket_get_portid(const mnl_socket*) { return portId; }
 
 int __wrap_mnl_socket_bind(mnl_socket*, unsigned int, pid_t) { return answerOrFail(); }
 
 int __wrap_mnl_socket_close(mnl_socket* socket) {
-    bool& isOpen = *reinterpret_cast<bool*>(socket);
+    bool& isOpen = reinterpret_cast<Socket*>(socket)->isOpen;
     require(isOpen, "a socket is closed once");
     isOpen = false;
     return 0;
 }
 
 ssize_t __wrap_mnl_socket_sendto(const mnl_socket* socket, const void* message, size_t size) {
+    const int fd = __wrap_mnl_socket_get_fd(socket);
+    if (fd == world->answers.fd) return askForCounter({static_cast<const uint8_t*>(message), size});
     if (answerOrFail() < 0) return -1;
-    if (__wrap_mnl_socket_get_fd(socket) == linkSocket)
-        world->linkSequence = static_cast<const nlmsghdr*>(message)->nlmsg_seq;
+    const uint32_t sequence = static_cast<const nlmsghdr*>(message)->nlmsg_seq;
+    if (fd == world->links.fd)
+        world->list.request(sequence);
+    else
+        world->groupSequence = sequence;
     return static_cast<ssize_t>(size);
 }
 
-ssize_t __wrap_mnl_socket_recvfrom(const mnl_socket*, void* buffer, size_t size) {
-    const uint8_t choice = world->input.byte();
-    if (choice == 0xFF) return fail(ENOBUFS);
-    if (choice == 0xFE) return deliver(fuzz::drawLogMessage(world->input), buffer, size);
-    return deliver(answerOf(1), buffer, size);
+ssize_t __wrap_recvfrom(int fd, void* buffer, size_t size, int flags, sockaddr* address,
+                        socklen_t* addressSize) {
+    const From from{address, addressSize};
+    if (fd == world->links.fd) {
+        require(flags == (MSG_DONTWAIT | MSG_TRUNC), "link messages");
+        return receiveLinks(buffer, size, from);
+    }
+    require(flags == 0, "the socket does not wait");
+    if (fd == world->answers.fd) return receiveCounter(buffer, size, from);
+    require(fd == world->group.fd, "which socket is read");
+    return receiveAnswerOfGroup(buffer, size, from);
 }
 
-ssize_t __wrap_recv(int fd, void* buffer, size_t size, int) {
-    require(fd == groupSocket || fd == linkSocket, "messages come from the sockets that are open");
-    return fd == groupSocket ? receiveLog(buffer, size) : receiveLinks(buffer, size);
+// What a hardened build calls.
+ssize_t __wrap___recvfrom_chk(int fd, void* buffer, size_t size, size_t room, int flags,
+                              sockaddr* address, socklen_t* addressSize) {
+    require(size <= room, "the buffer has room");
+    return __wrap_recvfrom(fd, buffer, size, flags, address, addressSize);
 }
 
-// Without input the kernel's list never comes, and the dispatcher's wait fails for good.
-int __wrap_poll(pollfd* ready, nfds_t count, int) {
+int __wrap_recvmmsg(int fd, mmsghdr* headers, unsigned room, int flags, timespec*) {
+    require(fd == world->group.fd && (flags & MSG_DONTWAIT) != 0, "messages of the group");
+    settleAll();
+    return drawDatagrams(headers, room);
+}
+
+// Without input everything is logged in one last round, and then the wait fails for good.
+int __wrap_poll(pollfd* ready, nfds_t count, int timeout) {
     const bool over = world->input.exhausted();
-    if (count == 1) return over || world->input.byte() % 4 == 3 ? 0 : 1;
-    const uint8_t choice = world->input.byte();
-    if (over) return fail(EBADF);
-    if (choice == 0xFF) return fail(EINTR);
-    ready[0].revents = (choice & 1) != 0 ? POLLIN : 0;
-    ready[1].revents = (choice & 2) != 0 ? POLLIN : 0;
-    return 1;
+    if (count == 1) {
+        if (!over && world->input.byte() % 4 != 3) return 1;
+        world->list.timeOut();
+        return 0;
+    }
+    settleAll();
+    checkWait(timeout);
+    require(ready[0].fd == world->group.fd && ready[1].fd == world->links.fd, "what is awaited");
+    if (!over) return happen(world->input.byte(), ready);
+    world->logIsDown = false;
+    world->now += std::chrono::seconds(1);
+    if (!std::exchange(world->isEnding, true)) return 0;
+    end();
+    return fail(EBADF);
+}
+
+int __wrap___poll_chk(pollfd* ready, nfds_t count, int timeout, size_t room) {
+    require(count * sizeof(pollfd) <= room, "the array has room");
+    return __wrap_poll(ready, count, timeout);
 }
 
 int __wrap_setsockopt(int, int, int, const void*, socklen_t) { return answerOrFail(); }
 
-int __wrap_socket(int, int, int) {
-    if (answerOrFail() < 0) return -1;
-    require(!world->offloadIsOpen, "the socket of the ioctls is opened once");
-    world->offloadIsOpen = true;
-    return offloadSocket;
+int __wrap_socket(int family, int, int protocol) {
+    require(family == AF_PACKET && protocol == 0, "the socket only sends");
+    require(world->handedOver && !world->packetSocketIsOpen, "it is opened when it is needed");
+    if (failsNow()) {
+        ++world->deeds.sends;
+        return fail(EPERM);
+    }
+    world->packetSocketIsOpen = true;
+    return packetSocket;
+}
+
+ssize_t __wrap_sendto(int fd, const void* bytes, size_t size, int flags, const sockaddr* address,
+                      socklen_t) {
+    require(fd == packetSocket && world->handedOver.has_value(), "answers follow a frame");
+    ++world->deeds.sends;
+    const Refused& refused = *world->handedOver;
+    require(fuzz::same({static_cast<const uint8_t*>(bytes), size}, refused.answer),
+            "the kernel's own answer is sent");
+    require((flags & MSG_DONTWAIT) != 0, "nothing waits");
+    sockaddr_ll to;
+    memcpy(&to, address, sizeof to);
+    require(to.sll_family == AF_PACKET && to.sll_halen == 6, "a station is addressed");
+    require(static_cast<uint32_t>(to.sll_ifindex) == refused.ingress, "the packet's own interface");
+    require(fuzz::same({to.sll_addr, 6}, refused.station), "the station the packet came from");
+    require(ntohs(to.sll_protocol) == (refused.answer[0] / 16 == 4 ? 0x0800 : 0x86DD), "EtherType");
+    if (failsNow()) return fail(ENOBUFS);
+    ++world->deeds.sent;
+    return static_cast<ssize_t>(size);
 }
 
 int __wrap_close(int fd) {
-    require(fd == offloadSocket && world->offloadIsOpen, "what is closed was open");
-    world->offloadIsOpen = false;
-    return 0;
-}
-
-// Variadic by its declaration; the platform always gives a request of an interface.
-int __wrap_ioctl(int fd, unsigned long request, ifreq* asked) {
-    require(fd == offloadSocket && world->offloadIsOpen, "ioctls go to an open socket");
-    if (answerOrFail() < 0) return -1;
-    if (request == SIOCGIFNAME) {
-        // Every byte of it, for a name that nothing ends.
-        memset(asked->ifr_name, 'x', sizeof asked->ifr_name);
-        const Span name = world->input.bytes(world->input.byte() % (sizeof asked->ifr_name + 1));
-        const bool ends = name.size() < sizeof asked->ifr_name;
-        for (std::size_t i = 0; i < name.size(); ++i)
-            asked->ifr_name[i] = static_cast<char>('a' + name[i] % 26);
-        if (ends) asked->ifr_name[name.size()] = '\0';
-        return 0;
-    }
-    const uint32_t flags = world->input.number<uint16_t>();
-    memcpy(asked->ifr_data + 4, &flags, sizeof flags);
+    require(world != nullptr && fd == packetSocket && world->packetSocketIsOpen,
+            "what is closed was open");
+    world->packetSocketIsOpen = false;
     return 0;
 }
 
 nft_ctx* __wrap_nft_ctx_new(uint32_t) {
-    if (drawFailure()) return nullptr;
-    require(!world->contextIsOpen, "there is one connection to nftables");
-    world->contextIsOpen = true;
-    return reinterpret_cast<nft_ctx*>(world);
+    if (failsNow()) return nullptr;
+    Context& opened = world->rulesContext.isOpen ? world->checkContext : world->rulesContext;
+    require(!opened.isOpen, "there is one connection to nftables, and one to check");
+    opened = {};
+    opened.isOpen = true;
+    return reinterpret_cast<nft_ctx*>(&opened);
 }
 
 // The table goes with the connection that owns it.
-void __wrap_nft_ctx_free(nft_ctx*) {
-    require(world->contextIsOpen, "a connection to nftables is closed once");
-    world->contextIsOpen = false;
-    world->rules.reset();
+void __wrap_nft_ctx_free(nft_ctx* context) {
+    auto& closed = *reinterpret_cast<Context*>(context);
+    require(closed.isOpen, "a connection to nftables is closed once");
+    closed.isOpen = false;
+    if (&closed == &world->rulesContext) world->rules.reset();
+}
+
+void __wrap_nft_ctx_set_dry_run(nft_ctx* context, bool isDry) {
+    reinterpret_cast<Context*>(context)->isDry = isDry;
 }
 
 int __wrap_nft_ctx_buffer_output(nft_ctx*) { return answerOrFail(); }
 
 int __wrap_nft_ctx_buffer_error(nft_ctx*) { return answerOrFail(); }
 
-int __wrap_nft_run_cmd_from_buffer(nft_ctx*, const char* commands) {
-    require(world->contextIsOpen, "rules go to an open connection");
-    if (drawFailure()) {
-        constexpr std::array<const char*, 4> refusals = {
-            "Error: Could not process rule: Operation not permitted\nadd rule\n^^^^\n",
-            "Error: Could not process rule: No such file or directory", "",
-            "Error: syntax error\n"};
-        world->refusal = world->input.oneOf(refusals);
-        return -1;
+int __wrap_nft_run_cmd_from_buffer(nft_ctx* to, const char* commands) {
+    auto& context = *reinterpret_cast<Context*>(to);
+    require(context.isOpen, "rules go to an open connection");
+    require(commands[0] != '\0', "no change without commands");
+    require(world->group.isOpen, "no rules without a group");
+    if (&context == &world->checkContext) return check(context, commands);
+    require(!context.isDry, "rules are not only checked");
+    const std::string_view leave = "add element inet pmtud left-to-kernel { ";
+    if (std::string_view(commands).starts_with(leave)) {
+        require(world->handedOver.has_value(), "the kernel is left to answer after a frame");
+        std::array<char, 96> expected{};
+        snprintf(expected.data(), expected.size(),
+                 "add element inet pmtud left-to-kernel { \"%016u\" timeout 30s }\n",
+                 world->handedOver->egress);
+        require(std::string_view(commands) == expected.data(), "which interface, and how long");
+        ++world->deeds.leftToKernel;
+        return failsNow() ? refuse(context) : 0;
     }
-    std::string_view left = commands;
-    require(!left.empty(), "no change without commands");
-    const std::string table = pmtud_linux::tableText();
-    if (!world->rules) {
-        require(left.starts_with(table), "the table comes first");
-        left.remove_prefix(table.size());
-        world->rules.emplace();
-    }
-    world->rules->run(std::string(left));
+    world->rulesRefused = failsNow();
+    if (world->rulesRefused) return refuse(context);
+    change(commands);
+    world->linesOfRefusal = 0;
     return 0;
 }
 
-const char* __wrap_nft_ctx_get_error_buffer(nft_ctx*) { return world->refusal.c_str(); }
-
-// Likewise, with one text behind the format.
-int __wrap_debug_process(uint32_t channel, const char* format, const char* text) {
-    require(channel == 89 && strcmp(format, "%s") == 0, "module and format of what is said");
-    checkLine(text);
-    return 0;
+const char* __wrap_nft_ctx_get_error_buffer(nft_ctx* context) {
+    return reinterpret_cast<const Context*>(context)->refusal.c_str();
 }
 
 }  // extern "C"
 
+// In place of pmtud_linux::say().
+bool scriptedSay(Priority priority, const std::string& line) asm(
+    "__wrap__ZN11pmtud_linux3sayENS_8PriorityERKNSt7__cxx1112basic_stringIcSt11char_"
+    "traitsIcESaIcEEE");
+
+bool scriptedSay(Priority priority, const std::string& line) {
+    require(line.find('\n') == line.npos, "a line is one line");
+    require(takeLine(priority, line), "every line is known, with its priority, and in its place");
+    return !world->logIsDown;
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     World made{Input(data, size)};
     world = &made;
+    made.callsUntilFailure = made.input.byte() % 64;
     {
         const auto dispatcher = std::make_unique<pmtud_linux::Dispatcher>();
         const int attached = dispatcher->attach();
         require(attached <= 0, "attaching answers 0 or a negative error");
+        require(made.linesOfProblem == (attached == 0 ? 0 : 1), "a start that failed is explained");
+        require(made.problem == 0 || made.problem == attached, "the error is named");
         if (attached == 0) {
+            start();
             try {
                 dispatcher->run(callback);
             } catch (const std::system_error&) {
             } catch (const Stop&) {
             }
-            require(made.groupIsOpen && made.rules, "group and rules stand while it runs");
+            require(made.group.isOpen && made.rules, "group and rules are there while it runs");
             dispatcher->detach();
         }
-        require(!made.groupIsOpen && !made.contextIsOpen && !made.rules,
+        require(!made.group.isOpen && !made.rulesContext.isOpen && !made.rules,
                 "group and rules are given up");
+        require(!made.checkContext.isOpen, "nothing is left of a check");
     }
-    require(!made.linksAreOpen && !made.offloadIsOpen, "every socket is closed");
+    require(!made.links.isOpen && !made.answers.isOpen && !made.packetSocketIsOpen,
+            "every socket is closed");
     world = nullptr;
     return 0;
 }

@@ -4,9 +4,11 @@
 #define PMTUD_TEST_FUZZ_NETLINK_MESSAGE_H
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "input.h"
@@ -36,6 +38,29 @@ void store(Bytes& bytes, std::size_t offset, T value) {
     memcpy(bytes.data() + offset, &value, sizeof value);
 }
 
+inline void addAttribute(Bytes& bytes, uint16_t type, Span payload) {
+    const std::size_t start = bytes.size();
+    bytes.resize(start + attributeHeader);
+    store(bytes, start, static_cast<uint16_t>(attributeHeader + payload.size()));
+    store(bytes, start + 2, type);
+    bytes.insert(bytes.end(), payload.begin(), payload.end());
+    bytes.resize(aligned(bytes.size()));
+}
+
+/// In network order, as netfilter has its numbers.
+inline void addNumber(Bytes& bytes, uint16_t type, uint32_t number) {
+    const std::array<uint8_t, 4> payload = {
+        static_cast<uint8_t>(number >> 24), static_cast<uint8_t>(number >> 16),
+        static_cast<uint8_t>(number >> 8), static_cast<uint8_t>(number)};
+    addAttribute(bytes, type, payload);
+}
+
+/// With the terminating zero.
+inline void addText(Bytes& bytes, uint16_t type, const std::string& text) {
+    const auto* const start = reinterpret_cast<const uint8_t*>(text.c_str());
+    addAttribute(bytes, type, {start, text.size() + 1});
+}
+
 inline uint16_t attributeType(uint16_t type, const std::vector<uint16_t>& known, Input& input) {
     return type < known.size() ? known[type] : input.number<uint16_t>();
 }
@@ -52,7 +77,7 @@ inline void addAttributes(Input& input, const std::vector<uint16_t>& known, Byte
         const Span given = input.bytes(size);
         const std::size_t start = bytes.size();
         bytes.resize(start + attributeHeader);
-        // Zeros where a large attribute is wanted and the input does not give it.
+        // Zeros if a large attribute is wanted and the input does not give it.
         bytes.insert(bytes.end(), given.begin(), given.end());
         if ((choice & 0x40) != 0 && size > given.size())
             bytes.resize(bytes.size() + size - given.size());
@@ -72,8 +97,25 @@ inline void closeMessage(Input& input, Bytes& message) {
     if (choice == 2 || choice == 4) claimed -= input.byte() % 4;
     store(message, 0, claimed);
     if (choice == 3) message.resize(message.size() - input.number<uint16_t>() % message.size());
-    // Without the padding behind the last attribute.
+    // Without the padding after the last attribute.
     if (choice == 4) message.resize(claimed);
+}
+
+/// The whole messages of a datagram that starts at a message, each as far as its padding, if the
+/// datagram has it.  `padded` is the datagram and what fills it up to the next boundary.
+inline std::vector<Span> messagesOf(Span padded, std::size_t size) {
+    std::vector<Span> messages;
+    for (std::size_t start = 0; start < size && size - start >= messageHeader;) {
+        const std::size_t claimed = load<uint32_t>(padded, start);
+        if (claimed < messageHeader || claimed > size - start) break;
+        messages.push_back(padded.subspan(start, aligned(claimed)));
+        start += aligned(claimed);
+    }
+    return messages;
+}
+
+inline std::string textOf(Span bytes) {
+    return {bytes.begin(), std::find(bytes.begin(), bytes.end(), uint8_t{0})};
 }
 
 /// Hands the attributes' types and payloads to `take`, until one contradicts the space that it is

@@ -12,7 +12,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <stdexcept>
 #include <string>
+#include <thread>
 
 #include "world.h"
 
@@ -71,6 +74,17 @@ Bytes receivePacketTooBig(const Descriptor& receiver) {
     }
 }
 
+// The kernel accepts packets to a new address once it has added the route for it, which it does
+// after the command that adds the address has ended, also without duplicate address detection.
+void awaitAddress(const std::string& address) {
+    const auto limit = std::chrono::steady_clock::now() + patience;
+    while (output("ip -6 route show table local " + address).empty()) {
+        if (std::chrono::steady_clock::now() > limit)
+            throw std::runtime_error("timed out waiting for " + address);
+        std::this_thread::yield();
+    }
+}
+
 }  // namespace
 
 class Icmp6Send : public World {
@@ -126,8 +140,12 @@ TEST_F(Icmp6Send, SendsAMessageLargerThanTheLinkInFragments) {
 }
 
 TEST_F(Icmp6Send, ReachesALinkLocalAddressWithoutScopeId) {
-    onHost("a", [] { run("ip addr add fe80::2/64 dev eth0 nodad"); });
+    onHost("a", [] {
+        run("ip addr add fe80::2/64 dev eth0 nodad");
+        awaitAddress("fe80::2");
+    });
     run("ip addr add fe80::1/64 dev bcm0.10 nodad");
+    awaitAddress("fe80::1");
     run("ip neigh replace fe80::2 lladdr 02:00:00:00:10:02 dev bcm0.10");
     const Descriptor receiver = receiverOnA();
     const Descriptor fd = open("bcm0.10");

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <linux/capability.h>
+#include <netinet/in.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -20,6 +21,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <semaphore>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -45,7 +47,10 @@ struct Report {
 // The process's own side; the callback has no argument to find it by.
 ClientOptions options;
 int channel = -1;
+int icmp4 = -1;
+int icmp6 = -1;
 std::atomic<bool> gateOpen{true};
+std::counting_semaphore<> passes{0};
 std::atomic<int> frames{0};
 
 void report(const Report& head, const uint8_t* frame, size_t size) {
@@ -57,9 +62,39 @@ void report(const Report& head, const uint8_t* frame, size_t size) {
     if (sendmsg(channel, &message, MSG_NOSIGNAL) < 0) _exit(1);
 }
 
+// "Too big" with the client's own MTU and the frame's IP header, to the frame's source.  What the
+// kernel does with it is the test's matter.
+void answer(const uint8_t* frame) {
+    const uint8_t* const packet = frame + 18;
+    constexpr uint8_t mtu[] = {answeredMtu >> 8, answeredMtu & 0xff};
+    if (packet[0] >> 4 == 4) {
+        Bytes message = {3, 4, 0, 0, 0, 0, mtu[0], mtu[1]};
+        message.insert(message.end(), packet, packet + 28);
+        const uint16_t sum = checksum(message);
+        message[2] = static_cast<uint8_t>(sum >> 8);
+        message[3] = static_cast<uint8_t>(sum);
+        sockaddr_in to{};
+        to.sin_family = AF_INET;
+        std::memcpy(&to.sin_addr, packet + 12, sizeof to.sin_addr);
+        sendto(icmp4, message.data(), message.size(), 0, reinterpret_cast<const sockaddr*>(&to),
+               sizeof to);
+        return;
+    }
+    // The kernel fills in the checksum of this one.
+    Bytes message = {2, 0, 0, 0, 0, 0, mtu[0], mtu[1]};
+    message.insert(message.end(), packet, packet + 48);
+    sockaddr_in6 to{};
+    to.sin6_family = AF_INET6;
+    std::memcpy(&to.sin6_addr, packet + 8, sizeof to.sin6_addr);
+    sendto(icmp6, message.data(), message.size(), 0, reinterpret_cast<const sockaddr*>(&to),
+           sizeof to);
+}
+
 int callback(const st_pktd_shm_queue_entry_data_t* entry, uint8_t* frame, int len) {
     if (options.throws) throw std::runtime_error("the callback's own");
     gateOpen.wait(false);
+    if (options.gatedEach) passes.acquire();
+    answer(frame);
     ++frames;
     if (options.countsOnly) return options.verdict;
     Report head;
@@ -105,6 +140,8 @@ void refuseThreads() {
     if (options.throws && freopen("/dev/null", "w", stderr) == nullptr) _exit(1);
     if (options.without) dropCapability(*options.without);
     gateOpen = !options.gated;
+    icmp4 = socket(AF_INET, SOCK_RAW, IPPROTO_ICMP);
+    icmp6 = socket(AF_INET6, SOCK_RAW, IPPROTO_ICMPV6);
 
     Report head;
     head.attached = pktd_shm_queue_init("pmtud", 0, 1, pktd_tx_queue_pool, pktd_rx_queue_pool);
@@ -124,6 +161,7 @@ void refuseThreads() {
         }
         gateOpen = true;
         gateOpen.notify_all();
+        passes.release();
     }
     std::exit(0);
 }

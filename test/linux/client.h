@@ -5,11 +5,15 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <optional>
 
 #include "descriptor.h"
 #include "packets.h"
 #include "pktd.h"
+
+/// The MTU in the answers that the client sends; nothing else here has it.
+constexpr uint16_t answeredMtu = 1111;
 
 /// What the receive callback was given.
 struct Delivered {
@@ -22,6 +26,7 @@ struct Delivered {
 struct ClientOptions {
     int verdict = PKTD_VERDICT_DISCARD;
     bool gated = false;            ///< the first callback waits for openGate
+    bool gatedEach = false;        ///< every callback waits for an openGate
     bool countsOnly = false;       ///< the callback does not report its frames
     bool throws = false;           ///< the callback throws
     bool withoutCallback = false;  ///< passes none
@@ -29,6 +34,7 @@ struct ClientOptions {
     std::optional<int> without;    ///< a capability that the process does not have
 };
 
+/// Its callback answers the sender of an IPv4 or IPv6 frame before it returns.
 class Client {
  public:
     explicit Client(const ClientOptions& wanted = {});

@@ -40,9 +40,11 @@ class Message {
         mnl_attr_put_u32(m_header, type, value);
         return *this;
     }
-    Message& kind(const char* name) {
+    // Its own kind, and that of the interface that it is enslaved to.
+    Message& kinds(const char* own, const char* master) {
         nlattr* const nest = mnl_attr_nest_start(m_header, IFLA_LINKINFO);
-        mnl_attr_put_strz(m_header, IFLA_INFO_KIND, name);
+        mnl_attr_put_strz(m_header, IFLA_INFO_KIND, own);
+        if (master != nullptr) mnl_attr_put_strz(m_header, IFLA_INFO_SLAVE_KIND, master);
         mnl_attr_nest_end(m_header, nest);
         return *this;
     }
@@ -64,7 +66,7 @@ TEST(LinkMessage, TellsIndexNameMtuAndKindOfHardware) {
     EXPECT_EQ(link->mtu, 1280U);
     EXPECT_TRUE(link->ethernet);
     EXPECT_FALSE(link->gone);
-    EXPECT_EQ(link->lower, 0U);
+    EXPECT_FALSE(link->inVrf);
 }
 
 TEST(LinkMessage, TellsThatAnInterfaceIsGone) {
@@ -105,20 +107,28 @@ TEST(LinkMessage, WithAnMtuThatIsNoNumberIsNone) {
     EXPECT_FALSE(decodeLink(*message));
 }
 
-TEST(LinkMessage, TellsTheInterfaceBelowAVlanDevice) {
+TEST(LinkMessage, TellsThatTheInterfaceIsInAVrf) {
     Message message(RTM_NEWLINK);
-    message.named("bcm0.20").number(IFLA_LINK, 3).kind("vlan");
-    EXPECT_EQ(decodeLink(*message)->lower, 3U);
+    message.named("bcm0.20").kinds("vlan", "vrf");
+    EXPECT_TRUE(decodeLink(*message)->inVrf);
 }
 
-TEST(LinkMessage, OfAVethHasNothingBelow) {
-    Message message(RTM_NEWLINK);
-    message.named("bcm0.20").number(IFLA_LINK, 3).kind("veth");
-    EXPECT_EQ(decodeLink(*message)->lower, 0U);
+TEST(LinkMessage, TellsAVrfFromItsPortsAndFromOtherMasters) {
+    Message bridged(RTM_NEWLINK);
+    bridged.named("bcm0.20").kinds("vlan", "bridge");
+    EXPECT_FALSE(decodeLink(*bridged)->inVrf);
+    Message vrf(RTM_NEWLINK);
+    vrf.named("bcm0.20").kinds("vrf", nullptr);
+    EXPECT_FALSE(decodeLink(*vrf)->inVrf);
+    Message similar(RTM_NEWLINK);
+    similar.named("bcm0.20").kinds("vlan", "vrf2");
+    EXPECT_FALSE(decodeLink(*similar)->inVrf);
 }
 
-TEST(LinkMessage, AboutAnInterfaceInAnotherNamespaceHasNothingBelow) {
+TEST(LinkMessage, WithAKindThatIsNotTerminatedIsReadNoFurtherThanItGoes) {
     Message message(RTM_NEWLINK);
-    message.named("bcm0.20").number(IFLA_LINK, 3).number(IFLA_LINK_NETNSID, 0).kind("macvlan");
-    EXPECT_EQ(decodeLink(*message)->lower, 0U);
+    nlattr* const nest = mnl_attr_nest_start(message.header(), IFLA_LINKINFO);
+    mnl_attr_put(message.header(), IFLA_INFO_SLAVE_KIND, 3, "vrf");
+    mnl_attr_nest_end(message.header(), nest);
+    EXPECT_TRUE(decodeLink(*message)->inVrf);
 }

@@ -38,10 +38,14 @@ std::optional<std::string> LogDaemon::poll() {
 
 std::string lineOf(const std::string& datagram) {
     static const std::regex start(
-        "<31>(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) [ 123][0-9] "
-        "[0-2][0-9]:[0-5][0-9]:[0-6][0-9] linux_kernel_test\\[[0-9]+\\]: ");
+        "<(27|28|30|31)>(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) [ 123][0-9] "
+        "[0-2][0-9]:[0-5][0-9]:[0-6][0-9] linux_(kernel|parts)_test\\[[0-9]+\\]: ");
     std::smatch match;
     if (!std::regex_search(datagram, match, start, std::regex_constants::match_continuous))
         return datagram;
     return match.suffix();
+}
+
+std::string priorityOf(const std::string& datagram) {
+    return datagram.substr(0, datagram.find('>') + 1);
 }

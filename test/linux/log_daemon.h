@@ -24,8 +24,11 @@ class LogDaemon {
     pmtud_linux::Descriptor m_socket;
 };
 
-/// What follows "<31>Mmm dd hh:mm:ss NAME[PID]: " in the datagram, or the whole datagram
-/// where it does not begin so; PID any number.
+/// What follows "<P>Mmm dd hh:mm:ss NAME[PID]: " in the datagram, or the whole datagram
+/// if it does not begin like that; P one of the platform's priorities, PID any number.
 std::string lineOf(const std::string& datagram);
+
+/// The "<P>" that the datagram begins with.
+std::string priorityOf(const std::string& datagram);
 
 #endif

@@ -26,7 +26,7 @@ Bytes packet(const Ipv4& ipv4) {
     std::fill_n(bytes.begin(), 20, uint8_t{0});
     bytes[0] = 0x45;
     put(&bytes[2], ipv4.size);
-    put(&bytes[4], 0x1234);
+    put(&bytes[4], ipv4.identification);
     put(&bytes[6], (ipv4.dontFragment ? 0x4000U : 0U) | ipv4.fragmentOffset);
     bytes[8] = ipv4.ttl;
     bytes[9] = ipv4.protocol;

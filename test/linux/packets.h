@@ -13,6 +13,7 @@ using Bytes = std::vector<uint8_t>;
 struct Ipv4 {
     size_t size = 1400;  ///< header included
     bool dontFragment = true;
+    uint16_t identification = 0x1234;
     uint16_t fragmentOffset = 0;  ///< in units of eight bytes
     uint8_t ttl = 64;
     uint8_t protocol = 17;

@@ -6,121 +6,335 @@
 #include <gtest/gtest.h>
 
 using pmtud_linux::changeText;
+using pmtud_linux::leaveToKernelText;
 using pmtud_linux::tableText;
 using pmtud_linux::Vlans;
 using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+namespace {
+
+// What the first VLAN with the MTU brings: the maps of copied headers, the chains that look
+// refused packets up in them, and the one that removes what is spared.
+constexpr char kAdd1280[] =
+    R"(add chain inet pmtud spared-1280
+add map inet pmtud copied4-1280 { typeof @nh,96,32 . @nh,32,32 . @nh,160,64 : meta mark; size 8192; flags dynamic,timeout; timeout 100ms; }
+add chain inet pmtud refused4-1280
+add rule inet pmtud refused4-1280 @th,160,32 . @th,96,32 . @th,224,64 != @copied4-1280 accept
+add rule inet pmtud refused4-1280 jump withdrawable
+add rule inet pmtud refused4-1280 meta mark set @th,160,32 . @th,96,32 . @th,224,64 map @copied4-1280
+add rule inet pmtud refused4-1280 goto handed-over
+add element inet pmtud refused4 { 1280 : goto refused4-1280 }
+add rule inet pmtud spared-1280 ip hdrlength 5 delete @copied4-1280 { @nh,96,32 . @nh,32,32 . @nh,160,64 : 0 }
+add map inet pmtud copied4o-1280 { typeof @nh,96,32 . @nh,128,32 . @nh,16,64 : meta mark; size 8192; flags dynamic,timeout; timeout 100ms; }
+add chain inet pmtud refused4o-1280
+add rule inet pmtud refused4o-1280 @th,160,32 . @th,192,32 . @th,80,64 != @copied4o-1280 accept
+add rule inet pmtud refused4o-1280 jump withdrawable
+add rule inet pmtud refused4o-1280 meta mark set @th,160,32 . @th,192,32 . @th,80,64 map @copied4o-1280
+add rule inet pmtud refused4o-1280 goto handed-over
+add element inet pmtud refused4o { 1280 : goto refused4o-1280 }
+add rule inet pmtud spared-1280 ip hdrlength 6-13 delete @copied4o-1280 { @nh,96,32 . @nh,128,32 . @nh,16,64 : 0 }
+add map inet pmtud copied6-1280 { typeof @nh,160,32 . @nh,288,32 . @nh,320,64 : meta mark; size 8192; flags dynamic,timeout; timeout 100ms; }
+add chain inet pmtud refused6-1280
+add rule inet pmtud refused6-1280 @th,224,32 . @th,352,32 . @th,384,64 != @copied6-1280 accept
+add rule inet pmtud refused6-1280 jump withdrawable
+add rule inet pmtud refused6-1280 meta mark set @th,224,32 . @th,352,32 . @th,384,64 map @copied6-1280
+add rule inet pmtud refused6-1280 goto handed-over
+add element inet pmtud refused6 { 1280 : goto refused6-1280 }
+add rule inet pmtud spared-1280 meta nfproto ipv6 delete @copied6-1280 { @nh,160,32 . @nh,288,32 . @nh,320,64 : 0 }
+)";
+
+constexpr char kSmallest1280[] = R"(flush chain inet pmtud fits-every-vlan
+add rule inet pmtud fits-every-vlan meta length <= 1280 accept
+)";
+
+constexpr char kFlushFits[] = "flush chain inet pmtud fits-every-vlan\n";
+
+constexpr char kRemove1280[] = R"(delete chain inet pmtud spared-1280
+delete element inet pmtud refused4 { 1280 }
+delete chain inet pmtud refused4-1280
+delete map inet pmtud copied4-1280
+delete element inet pmtud refused4o { 1280 }
+delete chain inet pmtud refused4o-1280
+delete map inet pmtud copied4o-1280
+delete element inet pmtud refused6 { 1280 }
+delete chain inet pmtud refused6-1280
+delete map inet pmtud copied6-1280
+)";
+
+// VLAN 20 with the interface index 7.
+constexpr char kAddVlan20[] = R"(add element inet pmtud vlans { "0000000000000007" }
+add counter inet pmtud bcm0.20
+add element inet pmtud counters { 20 : "bcm0.20" }
+add chain inet pmtud to-bcm0.20
+add rule inet pmtud to-bcm0.20 meta length <= 1280 accept
+add rule inet pmtud to-bcm0.20 update @copying { iif limit rate over 250/second burst 250 packets } goto spared-1280
+add rule inet pmtud to-bcm0.20 limit name all-copies goto spared-1280
+add rule inet pmtud to-bcm0.20 jump candidate
+add rule inet pmtud to-bcm0.20 ip hdrlength 5 update @copied4-1280 { @nh,96,32 . @nh,32,32 . @nh,160,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
+add rule inet pmtud to-bcm0.20 ip hdrlength 6-13 update @copied4o-1280 { @nh,96,32 . @nh,128,32 . @nh,16,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
+add rule inet pmtud to-bcm0.20 meta nfproto ipv6 update @copied6-1280 { @nh,160,32 . @nh,288,32 . @nh,320,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
+add element inet pmtud egress { "0000000000000007" : goto to-bcm0.20 }
+)";
+
+constexpr char kRemoveVlan20[] = R"(delete element inet pmtud vlans { "0000000000000007" }
+delete element inet pmtud egress { "0000000000000007" }
+delete chain inet pmtud to-bcm0.20
+delete element inet pmtud counters { 20 }
+delete counter inet pmtud bcm0.20
+)";
+
+}  // namespace
 
 TEST(RuleText, OfTheTableBelongsToTheProcess) {
-    EXPECT_THAT(tableText(), HasSubstr("table inet pmtud {\n    flags owner\n"));
+    EXPECT_THAT(tableText(), StartsWith("table inet pmtud {\n    flags owner\n"));
 }
 
 TEST(RuleText, OfTheTableLooksUpTheEgressOnlyForLongPacketsFromVlans) {
-    EXPECT_THAT(tableText(), HasSubstr("    chain prerouting {\n"
-                                       "        type filter hook prerouting priority raw; policy "
-                                       "accept;\n"
-                                       "        meta length <= 576 accept comment \"fits every "
-                                       "VLAN\"\n"
-                                       "        iifname != @vlans accept\n"
-                                       "        iifname vmap @ingress\n"
-                                       "        fib daddr oifname vmap @egress\n"
+    EXPECT_THAT(tableText(), HasSubstr(R"(    chain prerouting {
+        type filter hook prerouting priority 350; policy accept;
+        jump fits-every-vlan
+        iif != @vlans accept
+        fib daddr . mark oif vmap @egress
+    }
+)"));
+}
+
+TEST(RuleText, OfTheTableCopiesOnlyWhatCanBeAnsweredAndOnlySoMuch) {
+    EXPECT_THAT(tableText(), HasSubstr(R"(    chain candidate {
+        meta nfproto ipv4 iif @vrf-ports accept comment "no way back from outside the VRF"
+        meta nfproto ipv6 fib saddr . iif oif missing accept comment "no way back via the ingress"
+    }
+)"));
+    EXPECT_THAT(tableText(), HasSubstr(R"(    limit all-copies {
+        rate over 3000/second burst 2750 packets
+    }
+
+    limit all-answers {
+        rate over 1500/second burst 2750 packets
+    }
+)"));
+}
+
+TEST(RuleText, OfTheTableCountsTheMessagesOfProcessesAndLooksUpTheKernelsOwn) {
+    EXPECT_THAT(tableText(), HasSubstr(R"(    chain postrouting {
+        type filter hook postrouting priority 350; policy accept;
+        icmp type destination-unreachable icmp code frag-needed goto too-big-ipv4
+        icmpv6 type packet-too-big goto too-big-ipv6
+    }
+
+    chain too-big-ipv4 {
+        meta skuid 0-4294967295 counter name answers accept comment "a process's"
+        @th,68,4 5 icmp mtu vmap @refused4
+        icmp mtu vmap @refused4o
+    }
+
+    chain too-big-ipv6 {
+        meta skuid 0-4294967295 counter name answers accept comment "a process's"
+        icmpv6 mtu vmap @refused6
+    }
+
+    chain withdrawable {
+        fib saddr type != local accept comment "not this router's own"
+        fib daddr type broadcast accept comment "no process may answer it"
+        oif @left-to-kernel accept
+        update @answering { oif limit rate over 125/second burst 250 packets } accept
+        limit name all-answers accept
+    }
+)"));
+}
+
+TEST(RuleText, OfTheTableCountsLogsAndDropsWhatItHandsOver) {
+    EXPECT_THAT(tableText(), HasSubstr("    chain handed-over {\n"
+                                       "        counter name meta mark map @counters log prefix "
+                                       "\"pmtud:refused\" group 89 snaplen 1280 "
+                                       "queue-threshold 1 drop\n"
                                        "    }\n"));
 }
 
-TEST(RuleChange, AddsAVlanWithItsChainsAndElements) {
-    EXPECT_EQ(changeText({}, {{20, {7, 1280, 0}}}),
-              R"(add chain inet pmtud from-bcm0.20
-add rule inet pmtud from-bcm0.20 meta length > 1280 counter accept
-add element inet pmtud vlans { "bcm0.20" }
-add element inet pmtud ingress { "bcm0.20" : jump from-bcm0.20 }
-add counter inet pmtud bcm0.20
-add chain inet pmtud to-bcm0.20
-add rule inet pmtud to-bcm0.20 meta length <= 1280 accept
-add rule inet pmtud to-bcm0.20 jump oversized
-add rule inet pmtud to-bcm0.20 meta mark set 7 log group 89 snaplen 9000 queue-threshold 1 counter name "bcm0.20" drop
-add element inet pmtud egress { "bcm0.20" : goto to-bcm0.20 }
-)");
+TEST(RuleText, ThatLeavesAnInterfaceToTheKernelTellsForHowLong) {
+    EXPECT_EQ(leaveToKernelText(7, 30),
+              "add element inet pmtud left-to-kernel { \"0000000000000007\" timeout 30s }\n");
 }
 
-TEST(RuleChange, RemovesAVlanWithItsChainsAndElements) {
-    EXPECT_EQ(changeText({{20, {7, 1280, 0}}}, {}),
-              R"(delete element inet pmtud vlans { "bcm0.20" }
-delete element inet pmtud ingress { "bcm0.20" }
-delete chain inet pmtud from-bcm0.20
-delete element inet pmtud egress { "bcm0.20" }
-delete chain inet pmtud to-bcm0.20
-delete counter inet pmtud bcm0.20
-)");
+// libnftables takes a number for a name if an interface has that name, and no name has 16
+// characters; without quotes it is octal.
+TEST(RuleText, HasInterfaceIndexesLongerThanAnyName) {
+    EXPECT_EQ(leaveToKernelText(4294967295, 1),
+              "add element inet pmtud left-to-kernel { \"0000004294967295\" timeout 1s }\n");
 }
 
-TEST(RuleChange, OfAnMtuTouchesTheChainsOfThatVlanOnly) {
-    EXPECT_EQ(changeText({{10, {5, 1500, 0}}, {20, {7, 1280, 0}}, {30, {9, 1500, 0}}},
-                         {{10, {5, 1500, 0}}, {20, {7, 1400, 0}}, {30, {9, 1500, 0}}}),
-              R"(flush chain inet pmtud from-bcm0.20
-add rule inet pmtud from-bcm0.20 meta length > 1400 counter accept
-flush chain inet pmtud to-bcm0.20
-add rule inet pmtud to-bcm0.20 meta length <= 1400 accept
-add rule inet pmtud to-bcm0.20 jump oversized
-add rule inet pmtud to-bcm0.20 meta mark set 7 log group 89 snaplen 9000 queue-threshold 1 counter name "bcm0.20" drop
-)");
+TEST(RuleChange, AddsTheFirstVlanOfAnMtuAfterItsMapsAndChains) {
+    EXPECT_EQ(changeText({}, {{20, {7, 1280, false}}}),
+              std::string(kAdd1280) + kSmallest1280 + kAddVlan20);
 }
 
-TEST(RuleChange, ToAnotherInterfaceOfTheSameNameRenewsTheMark) {
-    EXPECT_EQ(changeText({{20, {7, 1280, 0}}}, {{20, {9, 1280, 0}}}),
+TEST(RuleChange, AddsAnotherVlanOfAnMtuWithItsOwnChainOnly) {
+    EXPECT_EQ(
+        changeText({{30, {9, 1280, false}}}, {{20, {7, 1280, false}}, {30, {9, 1280, false}}}),
+        kAddVlan20);
+}
+
+TEST(RuleChange, RemovesTheLastVlanOfAnMtuBeforeItsMapsAndChains) {
+    EXPECT_EQ(changeText({{20, {7, 1280, false}}}, {}),
+              std::string(kFlushFits) + kRemoveVlan20 + kRemove1280);
+}
+
+TEST(RuleChange, RemovesAnotherVlanOfAnMtuWithItsOwnChainOnly) {
+    EXPECT_EQ(
+        changeText({{20, {7, 1280, false}}, {30, {9, 1280, false}}}, {{30, {9, 1280, false}}}),
+        kRemoveVlan20);
+}
+
+TEST(RuleChange, OfAnMtuToAnotherVlansTouchesTheChainOfThatVlanOnly) {
+    EXPECT_EQ(changeText({{10, {5, 1280, false}}, {20, {7, 1280, false}}, {30, {9, 1400, false}}},
+                         {{10, {5, 1280, false}}, {20, {7, 1400, false}}, {30, {9, 1400, false}}}),
               R"(flush chain inet pmtud to-bcm0.20
+add rule inet pmtud to-bcm0.20 meta length <= 1400 accept
+add rule inet pmtud to-bcm0.20 update @copying { iif limit rate over 250/second burst 250 packets } goto spared-1400
+add rule inet pmtud to-bcm0.20 limit name all-copies goto spared-1400
+add rule inet pmtud to-bcm0.20 jump candidate
+add rule inet pmtud to-bcm0.20 ip hdrlength 5 update @copied4-1400 { @nh,96,32 . @nh,32,32 . @nh,160,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
+add rule inet pmtud to-bcm0.20 ip hdrlength 6-13 update @copied4o-1400 { @nh,96,32 . @nh,128,32 . @nh,16,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
+add rule inet pmtud to-bcm0.20 meta nfproto ipv6 update @copied6-1400 { @nh,160,32 . @nh,288,32 . @nh,320,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
+)");
+}
+
+TEST(RuleChange, OfTheOnlyVlanOfAnMtuBringsTheNewMapsFirstAndTakesTheOldAwayLast) {
+    const std::string commands = changeText({{20, {7, 1400, false}}}, {{20, {7, 1280, false}}});
+    EXPECT_EQ(commands, std::string(kAdd1280) + kSmallest1280 +
+                            R"(flush chain inet pmtud to-bcm0.20
 add rule inet pmtud to-bcm0.20 meta length <= 1280 accept
-add rule inet pmtud to-bcm0.20 jump oversized
-add rule inet pmtud to-bcm0.20 meta mark set 9 log group 89 snaplen 9000 queue-threshold 1 counter name "bcm0.20" drop
+add rule inet pmtud to-bcm0.20 update @copying { iif limit rate over 250/second burst 250 packets } goto spared-1280
+add rule inet pmtud to-bcm0.20 limit name all-copies goto spared-1280
+add rule inet pmtud to-bcm0.20 jump candidate
+add rule inet pmtud to-bcm0.20 ip hdrlength 5 update @copied4-1280 { @nh,96,32 . @nh,32,32 . @nh,160,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
+add rule inet pmtud to-bcm0.20 ip hdrlength 6-13 update @copied4o-1280 { @nh,96,32 . @nh,128,32 . @nh,16,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
+add rule inet pmtud to-bcm0.20 meta nfproto ipv6 update @copied6-1280 { @nh,160,32 . @nh,288,32 . @nh,320,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
+delete chain inet pmtud spared-1400
+delete element inet pmtud refused4 { 1400 }
+delete chain inet pmtud refused4-1400
+delete map inet pmtud copied4-1400
+delete element inet pmtud refused4o { 1400 }
+delete chain inet pmtud refused4o-1400
+delete map inet pmtud copied4o-1400
+delete element inet pmtud refused6 { 1400 }
+delete chain inet pmtud refused6-1400
+delete map inet pmtud copied6-1400
+)");
+}
+
+TEST(RuleChange, ToAnotherInterfaceOfTheSameNameMovesTheElementsOnly) {
+    EXPECT_EQ(changeText({{20, {7, 1280, false}}}, {{20, {9, 1280, false}}}),
+              R"(delete element inet pmtud vlans { "0000000000000007" }
+delete element inet pmtud egress { "0000000000000007" }
+add element inet pmtud vlans { "0000000000000009" }
+add element inet pmtud egress { "0000000000000009" : goto to-bcm0.20 }
 )");
 }
 
 TEST(RuleChange, OfARenameIsARemovalAndAnAddition) {
-    EXPECT_EQ(changeText({{20, {7, 575, 0}}}, {{21, {7, 575, 0}}}),
-              R"(delete element inet pmtud vlans { "bcm0.20" }
-delete element inet pmtud ingress { "bcm0.20" }
-delete chain inet pmtud from-bcm0.20
-add chain inet pmtud from-bcm0.21
-add rule inet pmtud from-bcm0.21 meta length > 575 counter accept
-add element inet pmtud vlans { "bcm0.21" }
-add element inet pmtud ingress { "bcm0.21" : jump from-bcm0.21 }
+    EXPECT_EQ(changeText({{20, {7, 1280, false}}}, {{11, {7, 1280, false}}}),
+              std::string(kRemoveVlan20) +
+                  R"(add element inet pmtud vlans { "0000000000000007" }
+add counter inet pmtud bcm0.11
+add element inet pmtud counters { 11 : "bcm0.11" }
+add chain inet pmtud to-bcm0.11
+add rule inet pmtud to-bcm0.11 meta length <= 1280 accept
+add rule inet pmtud to-bcm0.11 update @copying { iif limit rate over 250/second burst 250 packets } goto spared-1280
+add rule inet pmtud to-bcm0.11 limit name all-copies goto spared-1280
+add rule inet pmtud to-bcm0.11 jump candidate
+add rule inet pmtud to-bcm0.11 ip hdrlength 5 update @copied4-1280 { @nh,96,32 . @nh,32,32 . @nh,160,64 : 11 } log prefix "pmtud:11" group 89 snaplen 1500
+add rule inet pmtud to-bcm0.11 ip hdrlength 6-13 update @copied4o-1280 { @nh,96,32 . @nh,128,32 . @nh,16,64 : 11 } log prefix "pmtud:11" group 89 snaplen 1500
+add rule inet pmtud to-bcm0.11 meta nfproto ipv6 update @copied6-1280 { @nh,160,32 . @nh,288,32 . @nh,320,64 : 11 } log prefix "pmtud:11" group 89 snaplen 1500
+add element inet pmtud egress { "0000000000000007" : goto to-bcm0.11 }
+)");
+}
+
+TEST(RuleChange, OfTwoVlansThatSwapTheirInterfacesRemovesBothElementsBeforeItAddsAny) {
+    EXPECT_EQ(changeText({{10, {5, 1280, false}}, {20, {7, 1280, true}}},
+                         {{10, {7, 1280, true}}, {20, {5, 1280, false}}}),
+              R"(delete element inet pmtud vlans { "0000000000000005" }
+delete element inet pmtud egress { "0000000000000005" }
+delete element inet pmtud vlans { "0000000000000007" }
+delete element inet pmtud vrf-ports { "0000000000000007" }
+delete element inet pmtud egress { "0000000000000007" }
+add element inet pmtud vlans { "0000000000000007" }
+add element inet pmtud vrf-ports { "0000000000000007" }
+add element inet pmtud egress { "0000000000000007" : goto to-bcm0.10 }
+add element inet pmtud vlans { "0000000000000005" }
+add element inet pmtud egress { "0000000000000005" : goto to-bcm0.20 }
+)");
+}
+
+TEST(RuleChange, OfTheVrfTouchesTheIngressOnly) {
+    EXPECT_EQ(changeText({{20, {7, 1280, false}}}, {{20, {7, 1280, true}}}),
+              R"(delete element inet pmtud vlans { "0000000000000007" }
+add element inet pmtud vlans { "0000000000000007" }
+add element inet pmtud vrf-ports { "0000000000000007" }
+)");
+    EXPECT_EQ(changeText({{20, {7, 1280, true}}}, {{20, {7, 1280, false}}}),
+              R"(delete element inet pmtud vlans { "0000000000000007" }
+delete element inet pmtud vrf-ports { "0000000000000007" }
+add element inet pmtud vlans { "0000000000000007" }
 )");
 }
 
 TEST(RuleChange, OfNothingIsEmpty) {
-    const Vlans vlans = {{10, {5, 1500, 0}}, {20, {7, 1280, 0}}};
+    const Vlans vlans = {{10, {5, 1500, false}}, {20, {7, 1280, true}}, {30, {9, 575, false}}};
     EXPECT_EQ(changeText({}, {}), "");
     EXPECT_EQ(changeText(vlans, vlans), "");
-    EXPECT_EQ(changeText({{20, {7, 1280, 0}}}, {{20, {7, 1280, 3}}}), "");
 }
 
-TEST(RuleChange, TakesOnlyMtusThatTheDaemonAnswersFor) {
-    EXPECT_THAT(changeText({}, {{20, {7, 576, 0}}}), HasSubstr("to-bcm0.20"));
-    EXPECT_THAT(changeText({}, {{20, {7, 16383, 0}}}), HasSubstr("to-bcm0.20"));
-    for (const uint32_t mtu : {0U, 68U, 575U, 16384U, 65535U, 4294967295U}) {
-        const std::string commands = changeText({}, {{20, {7, mtu, 0}}});
-        EXPECT_THAT(commands, HasSubstr("from-bcm0.20")) << mtu;
-        EXPECT_THAT(commands, testing::Not(HasSubstr("to-bcm0.20"))) << mtu;
-    }
+TEST(RuleChange, ServesTheMtusThatTheDaemonAnswersFor) {
+    for (const uint32_t mtu : {576U, 16383U})
+        EXPECT_THAT(changeText({}, {{20, {7, mtu, false}}}), HasSubstr("to-bcm0.20")) << mtu;
+}
+
+TEST(RuleChange, TakesAVlanWithAnyOtherMtuAsIngressOnly) {
+    for (const uint32_t mtu : {0U, 68U, 575U, 16384U, 65535U, 4294967295U})
+        EXPECT_EQ(changeText({}, {{20, {7, mtu, false}}}),
+                  "add element inet pmtud vlans { \"0000000000000007\" }\n")
+            << mtu;
 }
 
 TEST(RuleChange, ToAnMtuThatTheDaemonRefusesGivesTheEgressBackToTheKernel) {
-    EXPECT_EQ(changeText({{20, {7, 1280, 0}}}, {{20, {7, 575, 0}}}),
-              R"(flush chain inet pmtud from-bcm0.20
-add rule inet pmtud from-bcm0.20 meta length > 575 counter accept
-delete element inet pmtud egress { "bcm0.20" }
+    EXPECT_EQ(changeText({{20, {7, 1280, false}}}, {{20, {7, 575, false}}}),
+              std::string(kFlushFits) + R"(delete element inet pmtud egress { "0000000000000007" }
 delete chain inet pmtud to-bcm0.20
+delete element inet pmtud counters { 20 }
 delete counter inet pmtud bcm0.20
-)");
+)" + kRemove1280);
 }
 
-TEST(RuleChange, FromAnMtuThatTheDaemonRefusesTakesTheEgressOver) {
-    EXPECT_EQ(changeText({{20, {7, 575, 0}}}, {{20, {7, 576, 0}}}),
-              R"(flush chain inet pmtud from-bcm0.20
-add rule inet pmtud from-bcm0.20 meta length > 576 counter accept
-add counter inet pmtud bcm0.20
-add chain inet pmtud to-bcm0.20
-add rule inet pmtud to-bcm0.20 meta length <= 576 accept
-add rule inet pmtud to-bcm0.20 jump oversized
-add rule inet pmtud to-bcm0.20 meta mark set 7 log group 89 snaplen 9000 queue-threshold 1 counter name "bcm0.20" drop
-add element inet pmtud egress { "bcm0.20" : goto to-bcm0.20 }
-)");
+TEST(RuleChange, FromAnMtuThatTheDaemonRefusesServesTheEgress) {
+    const std::string commands = changeText({{20, {7, 17000, false}}}, {{20, {7, 1280, false}}});
+    EXPECT_THAT(commands, StartsWith(std::string(kAdd1280) + kSmallest1280 +
+                                     "add counter inet pmtud bcm0.20\n"
+                                     "add element inet pmtud counters { 20 : \"bcm0.20\" }\n"));
+    EXPECT_THAT(commands, Not(HasSubstr("17000")));
+}
+
+TEST(RuleChange, LetsWhatFitsEveryVlanPassFirst) {
+    const Vlans vlans = {{10, {5, 1500, false}}, {20, {7, 1400, false}}, {30, {9, 575, false}}};
+    EXPECT_THAT(changeText({}, vlans),
+                HasSubstr("add rule inet pmtud fits-every-vlan meta length <= 1400 accept\n"));
+    EXPECT_THAT(changeText(vlans, {{10, {5, 1500, false}}}),
+                HasSubstr("flush chain inet pmtud fits-every-vlan\n"
+                          "add rule inet pmtud fits-every-vlan meta length <= 1500 accept\n"));
+    EXPECT_THAT(changeText({{10, {5, 1500, false}}}, {}),
+                StartsWith("flush chain inet pmtud fits-every-vlan\n"));
+}
+
+// The kernel allocates the room of a map at once.
+TEST(RuleChange, GivesManyMtusSmallerMaps) {
+    Vlans vlans;
+    for (int vlan = 1; vlan <= 128; ++vlan) {
+        const auto number = static_cast<uint32_t>(vlan);
+        vlans[vlan] = {number, 1000 + number, false};
+    }
+    EXPECT_THAT(changeText({}, vlans), HasSubstr("; size 512; "));
+    vlans.erase(vlans.upper_bound(8), vlans.end());
+    EXPECT_THAT(changeText({}, vlans), HasSubstr("; size 8192; "));
 }

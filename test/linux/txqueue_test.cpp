@@ -139,6 +139,21 @@ TEST_F(TransmitQueue, KeepsTheTagOutOfAPortThatIsNoVlan) {
     });
 }
 
+TEST_F(TransmitQueue, KeepsTheTagThatOnlyHasAPriority) {
+    inOwnProcess([] {
+        attach();
+        Bytes bytes = frame(4095);
+        bytes[14] = 0xe0;
+        bytes[15] = 0x00;
+        const auto record = recordOf(bytes, 10);
+        record->ctrl.dst_port = static_cast<int32_t>(if_nametoindex("fence")) - 1;
+        record->ctrl.dst_valid = 1;
+        uint32_t out = 0;
+        EXPECT_EQ(shm_data_entry_post(queue, record.get(), bytes.size(), &out), 0);
+        EXPECT_EQ(out, 78U);
+    });
+}
+
 TEST_F(TransmitQueue, RefusesWhereThereIsNoSuchVlanOrPort) {
     inOwnProcess([] {
         attach();

@@ -36,7 +36,8 @@ TEST(VlanTable, HoldsInterfacesByVlanAndByIndex) {
     EXPECT_TRUE(table.apply(ethernet(7, "bcm0.20", 1280)));
     EXPECT_TRUE(table.apply(ethernet(5, "bcm0.10", 1500)));
 
-    EXPECT_THAT(table.vlans(), ElementsAre(Pair(10, Vlan{5, 1500, 0}), Pair(20, Vlan{7, 1280, 0})));
+    EXPECT_THAT(table.vlans(),
+                ElementsAre(Pair(10, Vlan{5, 1500, false}), Pair(20, Vlan{7, 1280, false})));
     EXPECT_EQ(table.vlanOf(5), 10);
     EXPECT_EQ(table.vlanOf(7), 20);
     EXPECT_EQ(table.vlanOf(6), 0);
@@ -63,8 +64,18 @@ TEST(VlanTable, FollowsAnMtu) {
     VlanTable table;
     table.apply(ethernet(7, "bcm0.20", 1280));
     EXPECT_TRUE(table.apply(ethernet(7, "bcm0.20", 1400)));
-    EXPECT_THAT(table.vlans(), ElementsAre(Pair(20, Vlan{7, 1400, 0})));
+    EXPECT_THAT(table.vlans(), ElementsAre(Pair(20, Vlan{7, 1400, false})));
     EXPECT_EQ(table.vlanOf(7), 20);
+}
+
+TEST(VlanTable, FollowsAnInterfaceIntoAVrf) {
+    VlanTable table;
+    table.apply(ethernet(7, "bcm0.20", 1280));
+    Link enslaved = ethernet(7, "bcm0.20", 1280);
+    enslaved.inVrf = true;
+    EXPECT_TRUE(table.apply(enslaved));
+    EXPECT_FALSE(table.apply(enslaved));
+    EXPECT_THAT(table.vlans(), ElementsAre(Pair(20, Vlan{7, 1280, true})));
 }
 
 TEST(VlanTable, FollowsARemoval) {
@@ -79,7 +90,7 @@ TEST(VlanTable, FollowsARenameFromVlanToVlan) {
     VlanTable table;
     table.apply(ethernet(7, "bcm0.20", 1280));
     EXPECT_TRUE(table.apply(ethernet(7, "bcm0.21", 1280)));
-    EXPECT_THAT(table.vlans(), ElementsAre(Pair(21, Vlan{7, 1280, 0})));
+    EXPECT_THAT(table.vlans(), ElementsAre(Pair(21, Vlan{7, 1280, false})));
     EXPECT_EQ(table.vlanOf(7), 21);
 }
 
@@ -95,7 +106,7 @@ TEST(VlanTable, GivesAVlanToTheInterfaceThatTookItsName) {
     VlanTable table;
     table.apply(ethernet(7, "bcm0.20", 1280));
     EXPECT_TRUE(table.apply(ethernet(9, "bcm0.20", 1280)));
-    EXPECT_THAT(table.vlans(), ElementsAre(Pair(20, Vlan{9, 1280, 0})));
+    EXPECT_THAT(table.vlans(), ElementsAre(Pair(20, Vlan{9, 1280, false})));
     EXPECT_EQ(table.vlanOf(9), 20);
     EXPECT_EQ(table.vlanOf(7), 0);
 }
@@ -107,7 +118,8 @@ TEST(VlanTable, LetsTwoInterfacesSwapTheirNames) {
     table.apply(ethernet(5, "swap", 1500));
     table.apply(ethernet(7, "bcm0.10", 1280));
     table.apply(ethernet(5, "bcm0.20", 1500));
-    EXPECT_THAT(table.vlans(), ElementsAre(Pair(10, Vlan{7, 1280, 0}), Pair(20, Vlan{5, 1500, 0})));
+    EXPECT_THAT(table.vlans(),
+                ElementsAre(Pair(10, Vlan{7, 1280, false}), Pair(20, Vlan{5, 1500, false})));
     EXPECT_EQ(table.vlanOf(5), 20);
     EXPECT_EQ(table.vlanOf(7), 10);
 }

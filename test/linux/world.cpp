@@ -132,6 +132,12 @@ Capture::Capture(const std::string& host, const std::string& interface) {
     const auto open = [&] {
         m_socket.reset(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         check(m_socket.valid(), "packet socket");
+        constexpr int room = 32 << 20;
+        check(setsockopt(m_socket.get(), SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room) == 0,
+              "room of a capture");
+        constexpr int yes = 1;
+        check(setsockopt(m_socket.get(), SOL_PACKET, PACKET_IGNORE_OUTGOING, &yes, sizeof yes) == 0,
+              "incoming packets only");
         const sockaddr_ll link = address(static_cast<int>(if_nametoindex(interface.c_str())));
         check(bind(m_socket.get(), reinterpret_cast<const sockaddr*>(&link), sizeof link) == 0,
               "bind");
@@ -151,8 +157,10 @@ Bytes Capture::next(const std::function<bool(const Bytes&)>& wanted) {
         const ssize_t length = recvfrom(m_socket.get(), packet.data(), packet.size(), 0,
                                         reinterpret_cast<sockaddr*>(&from), &size);
         check(length >= 0, "recvfrom");
+        m_packetType = from.sll_pkttype;
+        m_etherType = ntohs(from.sll_protocol);
         packet.resize(static_cast<size_t>(length));
-        if (from.sll_pkttype != PACKET_OUTGOING && wanted(packet)) return packet;
+        if (wanted(packet)) return packet;
     }
 }
 
@@ -187,10 +195,8 @@ void RuleChanges::await() {
     }
 }
 
-namespace {
-
-/// A link takes packets only once the kernel has seen its carrier, which it does in its own time;
-/// until then they vanish in silence.
+// A link takes packets only once the kernel has seen its carrier, which it does in its own time;
+// until then they vanish in silence.
 void awaitLink(const std::string& interface) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (output("ip -o link show dev " + interface).find("qdisc noqueue state UP") ==
@@ -199,8 +205,6 @@ void awaitLink(const std::string& interface) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
 }
-
-}  // namespace
 
 void World::SetUp() {
     check(unshare(CLONE_NEWNET) == 0, "unshare");
@@ -252,24 +256,32 @@ route add default via fd00:20::1
         awaitLink(interface);
     }
     for (const char* const host : {"a", "b"}) onHost(host, [] { awaitLink("eth0"); });
-    onHost("a", [this] {
-        m_sender.reset(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        check(m_sender.valid(), "packet socket");
-        m_interface = static_cast<int>(if_nametoindex("eth0"));
-    });
+    const auto open = [](Sender& sender) {
+        sender.socket.reset(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        check(sender.socket.valid(), "packet socket");
+        sender.interface = static_cast<int>(if_nametoindex("eth0"));
+    };
+    onHost("a", [&] { open(m_a); });
+    onHost("b", [&] { open(m_b); });
 }
 
-void World::send(const Bytes& packet, const std::string& destination) {
-    sockaddr_ll link = address(m_interface);
+void World::send(const Sender& sender, const Bytes& packet, const std::string& destination) {
+    sockaddr_ll link = address(sender.interface);
     link.sll_protocol = htons(packet[0] >> 4 == 4 ? ETH_P_IP : ETH_P_IPV6);
     link.sll_halen = ETH_ALEN;
     ether_addr mac{};
     check(ether_aton_r(destination.c_str(), &mac) != nullptr, "ether_aton");
     std::memcpy(link.sll_addr, &mac, sizeof mac);
-    const ssize_t sent = sendto(m_sender.get(), packet.data(), packet.size(), 0,
+    const ssize_t sent = sendto(sender.socket.get(), packet.data(), packet.size(), 0,
                                 reinterpret_cast<const sockaddr*>(&link), sizeof link);
     check(sent == static_cast<ssize_t>(packet.size()), "sendto");
 }
+
+void World::send(const Bytes& packet, const std::string& destination) {
+    send(m_a, packet, destination);
+}
+
+void World::sendFromB(const Bytes& packet) { send(m_b, packet, "02:00:00:00:20:01"); }
 
 void World::sendFence() {
     Ipv4 fence;
@@ -278,17 +290,7 @@ void World::sendFence() {
     send(packet(fence));
 }
 
-uint64_t counted(const std::string& chain, const std::string& comment) {
-    const std::string text = output("nft list chain inet pmtud " + chain);
-    const size_t at = text.find(comment);
-    if (at == std::string::npos) throw std::runtime_error("no rule with " + comment);
-    constexpr std::string_view before = "counter packets ";
-    const size_t counter = text.rfind(before, at);
-    if (counter == std::string::npos) throw std::runtime_error("no counter before " + comment);
-    return std::stoull(text.substr(counter + before.size()));
-}
-
-uint64_t copied(const std::string& interface) {
+uint64_t handedOver(const std::string& interface) {
     const std::string text = output("nft list counter inet pmtud " + interface);
     constexpr std::string_view before = "packets ";
     const size_t at = text.find(before);

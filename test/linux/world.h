@@ -11,6 +11,7 @@
 #define PMTUD_TEST_LINUX_WORLD_H
 
 #include <gtest/gtest.h>
+#include <linux/if_packet.h>
 
 #include <chrono>
 #include <cstdint>
@@ -47,14 +48,22 @@ void inOwnProcess(const std::function<void()>& body);
 /// All packets that a host's or the switch's interface receives.
 class Capture {
  public:
-    /// An empty host: the switch.
+    /// An empty host: the switch.  Holds thousands of packets that nobody has asked for yet.
     explicit Capture(const std::string& host, const std::string& interface = "eth0");
 
     /// The next packet, from its IP header on, that is as wanted; waits for it.
     Bytes next(const std::function<bool(const Bytes&)>& wanted);
 
+    /// Whether the frame of the packet that next returned was addressed to this interface.
+    bool wasForTheInterface() const { return m_packetType == PACKET_HOST; }
+
+    /// Its EtherType.
+    uint16_t etherType() const { return m_etherType; }
+
  private:
     pmtud_linux::Descriptor m_socket;
+    int m_packetType = 0;
+    uint16_t m_etherType = 0;
 };
 
 /// The changes of the switch's nftables rules, from its construction on.
@@ -69,6 +78,9 @@ class RuleChanges {
     pmtud_linux::Descriptor m_socket;
 };
 
+/// Waits until the interface takes packets.
+void awaitLink(const std::string& interface);
+
 class World : public testing::Test {
  protected:
     void SetUp() override;
@@ -76,19 +88,25 @@ class World : public testing::Test {
     /// Sends the packet from host a's interface to bcm0.10, or to another link-layer address.
     void send(const Bytes& packet, const std::string& destination = "02:00:00:00:10:01");
 
-    /// Sends a packet that is certain to be copied.  The frame that the client gets next
-    /// tells whether any that was sent before it was copied too.
+    /// Sends the packet from host b's interface to bcm0.20.
+    void sendFromB(const Bytes& packet);
+
+    /// Sends a packet that the kernel is certain to refuse.  The frame that the client gets
+    /// next shows whether the kernel refused any that was sent before it.
     void sendFence();
 
  private:
-    pmtud_linux::Descriptor m_sender;
-    int m_interface = 0;
+    struct Sender {
+        pmtud_linux::Descriptor socket;
+        int interface = 0;
+    };
+    static void send(const Sender& sender, const Bytes& packet, const std::string& destination);
+
+    Sender m_a;
+    Sender m_b;
 };
 
-/// How many packets the counter of the rule with the comment has seen.
-uint64_t counted(const std::string& chain, const std::string& comment);
-
-/// How many packets for the VLAN of the interface the rules have copied.
-uint64_t copied(const std::string& interface);
+/// How many packets for the VLAN of the interface the kernel refused and the rules handed over.
+uint64_t handedOver(const std::string& interface);
 
 #endif

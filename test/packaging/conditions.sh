@@ -30,6 +30,9 @@ ERROR: [PMTUDApp:72 | bool PMTUDApp::run() const] Could not initialize SHM" "$(s
     expect_system_log "$3"
     expect "it has no rules" lab_has_let_go
     expect "it stays" test -d "/proc/$lab_daemon"
+    # Without the hardware's silence the kernel's own answer arrives.
+    lab_remove_hardware
+    expect_answered_with 1400 1500
 }
 
 KernelThatLacksNothingIsServed() {
@@ -38,32 +41,57 @@ KernelThatLacksNothingIsServed() {
     expect_answered_with 1400 1500
 }
 
-KernelWithoutNetfilterNetlinkGives93() {
-    expect_said_of_kernel_without netfilter -93 ""
+KernelWithoutNetfilterNetlinkGives93AndItsReason() {
+    expect_said_of_kernel_without netfilter -93 "89 PMTUD-Linux: nothing is served (-93):\
+ the kernel has no netfilter netlink; modprobe nfnetlink"
+}
+
+# expect_rules_refused_without PART RESULT WHAT_IT_LACKS
+expect_rules_refused_without() {
+    expect_said_of_kernel_without "$1" "$2" "89 PMTUD-Linux: the rules could not be installed:\
+ this kernel lacks $3"
 }
 
 KernelWithoutNfTablesGives22AndItsReason() {
-    expect_said_of_kernel_without nf_tables -22 "89 PMTUD-Linux: the rules could not be installed:\
- netlink: Error: cache initialization failed: Invalid argument"
-}
-
-KernelWithoutLogTargetGives22AndNoReason() {
-    expect_said_of_kernel_without nfnetlink_log -22 ""
+    expect_rules_refused_without nf_tables -22 "nftables (nf_tables)"
 }
 
 KernelWithoutLogExpressionGives2AndItsReason() {
-    expect_said_of_kernel_without log -2 "89 PMTUD-Linux: the rules could not be installed:\
- Error: Could not process rule: No such file or directory"
+    expect_rules_refused_without log -2 "logging (nft_log)"
 }
 
 KernelWithoutFibExpressionGives2AndItsReason() {
-    expect_said_of_kernel_without fib -2 "89 PMTUD-Linux: the rules could not be installed:\
- Error: Could not process rule: No such file or directory"
+    expect_rules_refused_without fib -2 "route lookups (nft_fib_inet)"
 }
 
 KernelWithoutNamedCountersGives2AndItsReason() {
-    expect_said_of_kernel_without objref -2 "89 PMTUD-Linux: the rules could not be installed:\
- Error: Could not process rule: No such file or directory"
+    expect_rules_refused_without objref -2 "named counters and limits (nft_objref)"
+}
+
+KernelWithoutLimitsGives2AndItsReason() {
+    expect_rules_refused_without limit -2 "limits (nft_limit)"
+}
+
+KernelWithoutDynamicSetsGives2AndItsReason() {
+    expect_rules_refused_without dynset -2 "dynamic sets (nf_tables)"
+}
+
+KernelWithoutLookupsGives2AndItsReason() {
+    expect_rules_refused_without lookup -2 "sets (nf_tables)"
+}
+
+KernelWithoutSendersUserGives95AndItsReason() {
+    expect_rules_refused_without skuid -95 "matching the user who sent a packet (nf_tables)"
+}
+
+KernelThatRefusesTheRulesForAnotherReasonGivesItsReason() {
+    expect_said_of_kernel_without payload -2 "89 PMTUD-Linux: the rules could not be installed:\
+ internal:0:0-0: Error: Could not process rule: No such file or directory"
+}
+
+KernelWithoutLogTargetGives22AndItsReason() {
+    expect_said_of_kernel_without nfnetlink_log -22 "89 PMTUD-Linux: nothing is served (-22):\
+ the kernel has no log target; modprobe nfnetlink_log"
 }
 
 RunThatCannotBeWrittenIsNoMatter() {

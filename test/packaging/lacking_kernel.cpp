@@ -3,7 +3,8 @@
 //
 // What is asked of the part that PMTUD_LACKING names is asked of one that no kernel has, so the
 // answer is the kernel's own: "netfilter" (no netfilter netlink), "nf_tables", "nfnetlink_log",
-// or the name of an expression of the rules, such as "log" and "fib".
+// "skuid" (a packet's sending user), or the name of an expression of the rules, such as "log" and
+// "fib".
 #include <arpa/inet.h>
 #include <dlfcn.h>
 #include <linux/netfilter/nf_tables.h>
@@ -58,8 +59,23 @@ void rename(std::vector<char>& bytes) {
             bytes[at + sizeof header] = '-';
 }
 
+// Asks for another thing than the user, one that no kernel knows.
+void changeKey(std::vector<char>& bytes) {
+    if (lacking() != "skuid") return;
+    // The name "meta", and in the data that follow its padding the key in network byte order.
+    constexpr std::string_view name("\x09\0\x01\0meta\0", 9);
+    constexpr std::string_view key("\x08\0\x02\0\0\0\0\x0a", 8);
+    constexpr size_t data = NLA_ALIGN(name.size()) + sizeof(nlattr);
+    for (size_t at = 0; at + data + key.size() <= bytes.size(); ++at) {
+        if (std::memcmp(&bytes[at], name.data(), name.size()) != 0) continue;
+        if (std::memcmp(&bytes[at + data], key.data(), key.size()) == 0)
+            bytes[at + data + key.size() - 1] = '\x7f';
+    }
+}
+
 void change(std::vector<char>& bytes) {
     rename(bytes);
+    changeKey(bytes);
     size_t at = 0;
     while (at + sizeof(nlmsghdr) + sizeof(nfgenmsg) <= bytes.size()) {
         nlmsghdr message;

@@ -168,6 +168,19 @@ TEST_F(PacketTooBigTest, PassesIndex0OnWhereTheInterfaceDoesNotExist) {
     EXPECT_EQ(fake::platform().calls.at(3), "arpd_ipv6_pkt_send(606, 0)");
 }
 
+TEST_F(PacketTooBigTest, WritesAndPassesOnIndexesOfAllSizes) {
+    for (const uint32_t index : {70000U, 2147483647U}) {
+        fake::resetPlatform();
+        answerMtu(1500);
+        fake::syscalls().ifNameToIndex = [=](const std::string&) { return index; };
+        const Lines lines = logAt(qv::DEBUG, [this] { EXPECT_TRUE(reply6(ipv6Frame(8))); });
+        EXPECT_EQ(lines.at(4), std::string("14:03:07.2 DEBUG: [PMTUDApp:257 | bool PMTUDApp::") +
+                                   "sendICMP6PacketTooBig(const uint8_t&, size_t)] ifindex: " +
+                                   (index == 70000 ? "70000" : "2147483647") + "\r\n");
+        EXPECT_EQ(sent().ifindex, index);
+    }
+}
+
 TEST_F(PacketTooBigTest, WritesAnIndexBeyondTheSignedRangeAsSigned) {
     fake::syscalls().ifNameToIndex = [](const std::string&) { return 0xFFFFFFFFU; };
     const Lines lines = logAt(qv::DEBUG, [this] { reply6(ipv6Frame(8)); });

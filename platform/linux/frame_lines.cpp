@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: MIT
+// The debug lines of one frame: written together after its answer, or not at all.
+#include "frame_lines.h"
+
+#include <algorithm>
+
+#include "system_log.h"
+
+namespace pmtud_linux {
+
+namespace {
+thread_local LineFate fate = LineFate::written;
+}
+
+LineFate lineFate() { return fate; }
+
+FrameLines::FrameLines(bool logged) { fate = logged ? LineFate::kept : LineFate::ignored; }
+
+FrameLines::~FrameLines() {
+    if (fate == LineFate::kept) SystemLog::instance().flush();
+    fate = LineFate::written;
+}
+
+bool LineBudget::take(Clock::time_point now) {
+    m_spent = std::max(m_spent, now - kBurst * kInterval);
+    if (m_spent + kInterval > now) return false;
+    m_spent += kInterval;
+    return true;
+}
+
+}  // namespace pmtud_linux

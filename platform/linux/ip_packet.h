@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: MIT
+// What the platform reads of IP headers: version, header size, claimed size.
+#ifndef PMTUD_LINUX_IP_PACKET_H
+#define PMTUD_LINUX_IP_PACKET_H
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+namespace pmtud_linux {
+
+constexpr size_t kIpv4HeaderSize = 20;
+constexpr size_t kIpv6HeaderSize = 40;
+
+inline size_t bigEndian16(std::span<const uint8_t> bytes, size_t at) {
+    return size_t{bytes[at]} << 8 | bytes[at + 1];
+}
+
+/// 4, 6 or anything else; 0 if there is no packet.
+inline int ipVersion(std::span<const uint8_t> packet) {
+    return packet.empty() ? 0 : packet[0] >> 4;
+}
+
+/// The IPv4 header with its options, or the fixed IPv6 header; 0 if the packet has no such
+/// header or not all of it.
+inline size_t ipHeaderSize(std::span<const uint8_t> packet) {
+    size_t size = 0;
+    if (ipVersion(packet) == 4) size = size_t{4} * (packet[0] & 0x0f);
+    if (ipVersion(packet) == 4 && size < kIpv4HeaderSize) return 0;
+    if (ipVersion(packet) == 6) size = kIpv6HeaderSize;
+    return size <= packet.size() ? size : 0;
+}
+
+/// The size that a packet with a whole header claims: IPv4 total length (RFC 791 section
+/// 3.1), IPv6 payload length (RFC 8200 section 3) and header.
+inline size_t claimedSize(std::span<const uint8_t> packet) {
+    return ipVersion(packet) == 4 ? bigEndian16(packet, 2)
+                                  : kIpv6HeaderSize + bigEndian16(packet, 4);
+}
+
+/// The packet that an ICMP or ICMPv6 error message quotes: what follows its IP header and the
+/// 8 bytes of ICMP header (RFC 792, RFC 4443 section 2.1).  Empty if there is none.
+inline std::span<const uint8_t> quoteOf(std::span<const uint8_t> error) {
+    constexpr size_t kIcmpHeaderSize = 8;
+    const size_t start = ipHeaderSize(error) + kIcmpHeaderSize;
+    if (start == kIcmpHeaderSize || start > error.size()) return {};
+    return error.subspan(start);
+}
+
+}  // namespace pmtud_linux
+
+#endif

@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: MIT
+// What the running kernel lacks, in an operator's words.
+#include "kernel_features.h"
+
+#include "nft_table.h"
+
+namespace pmtud_linux {
+
+namespace {
+
+struct Feature {
+    const char* name;
+    const char* use;  // in a table
+};
+
+// None uses what is named after it.
+constexpr Feature kFeatures[] = {
+    {"nftables (nf_tables)", ""},
+    {"tables that a process owns (Linux 5.12)", "flags owner;"},
+    {"sets (nf_tables)", "set s { type mark; }; chain c { meta mark @s; }"},
+    {"dynamic sets (nf_tables)",
+     "set s { typeof iif; size 1; flags dynamic,timeout; timeout 1s; }; chain c { update @s { iif "
+     "}; }"},
+    {"matching the user who sent a packet (nf_tables)", "chain c { meta skuid 0; }"},
+    {"route lookups (nft_fib_inet)", "chain c { fib daddr . mark oif 1; }"},
+    {"limits (nft_limit)", "chain c { limit rate 1/second; }"},
+    {"logging (nft_log)", "chain c { log group 89; }"},
+    {"named counters and limits (nft_objref)", "counter n { }; chain c { counter name n; }"},
+};
+
+}  // namespace
+
+std::string featureMissing() {
+    for (const Feature& feature : kFeatures) {
+        // A connection believes that what it checked exists.
+        NftConnection connection;
+        if (connection.open() != 0) return {};
+        const std::string use = feature.use;
+        if (connection.check("table inet pmtud-check {\n" + use + "\n}\n") != 0)
+            return feature.name;
+    }
+    return {};
+}
+
+}  // namespace pmtud_linux

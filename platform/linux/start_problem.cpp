@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: MIT
+// Why the start failed, and what to do about it.
+#include "start_problem.h"
+
+#include <cerrno>
+#include <cstring>
+
+namespace pmtud_linux {
+
+namespace {
+
+std::string causeOf(int error) {
+    switch (error) {
+        case EPERM:
+            return "CAP_NET_ADMIN or CAP_NET_RAW is missing; give the process both, in the user "
+                   "namespace that owns the network";
+        case EBUSY:
+            return "log group 89 belongs to another process, which "
+                   "/proc/net/netfilter/nfnetlink_log names; end it";
+        case EEXIST:
+            return "there is a table inet pmtud that belongs to another process; delete it";
+        case EINVAL:
+            return "the kernel has no log target; modprobe nfnetlink_log";
+        case EPROTONOSUPPORT:
+            return "the kernel has no netfilter netlink; modprobe nfnetlink";
+        case EOPNOTSUPP:
+            return "the kernel has no tables that belong to a process; it takes 5.12 or later";
+        case EAFNOSUPPORT:
+            return "a family of sockets is forbidden; check RestrictAddressFamilies= of the unit";
+        case EMFILE:
+        case ENFILE:
+            return "too many open files; raise the limit (LimitNOFILE=, ulimit -n)";
+        case ENOMEM:
+        case ENOBUFS:
+            return "out of memory";
+        default:
+            return strerror(error);
+    }
+}
+
+std::string numbered(int result) { return "(" + std::to_string(result) + "): "; }
+
+}  // namespace
+
+std::string startProblem(int result) {
+    return "nothing is served " + numbered(result) + causeOf(-result);
+}
+
+std::string threadProblem(int result) {
+    const std::string start = "no receive thread " + numbered(result);
+    if (result == -EAGAIN)
+        return start + "the limit on tasks is reached; raise it (TasksMax=, ulimit -u)";
+    return start + causeOf(-result);
+}
+
+}  // namespace pmtud_linux

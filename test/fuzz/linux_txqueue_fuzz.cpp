@@ -1,0 +1,236 @@
+// SPDX-License-Identifier: MIT
+// Fuzzes the transmit queue of the platform for stock Linux: what is posted where, and what is not.
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "input.h"
+#include "txqueue.h"
+
+using fuzz::Input;
+using fuzz::require;
+using pmtud_linux::TxQueue;
+using Record = st_pktd_shm_queue_entry_data_t;
+
+namespace {
+
+constexpr int postsPerInput = 16;
+constexpr int packetSocket = 1000;
+constexpr size_t largestFrame = 9000;
+
+struct Interface {
+    int index;
+    const char* name;
+    int vlan;
+};
+
+// Names that are a VLAN's, nearly one's, and as long as they may be.
+constexpr std::array<Interface, 7> interfaces = {{{1, "lo", 0},
+                                                  {2, "bcm0.1", 1},
+                                                  {3, "bcm0.20", 20},
+                                                  {4, "bcm0.020", 0},
+                                                  {40000, "bcm0.4094", 4094},
+                                                  {2147483647, "bcm0.77", 77},
+                                                  {70000, "bcm0.4095", 0}}};
+
+const Interface* byIndex(int index) {
+    const auto isIt = [&](const Interface& one) { return one.index == index; };
+    const auto found = std::find_if(interfaces.begin(), interfaces.end(), isIt);
+    return found == interfaces.end() ? nullptr : found;
+}
+
+const Interface* byName(const std::string& name) {
+    const auto isIt = [&](const Interface& one) { return one.name == name; };
+    const auto found = std::find_if(interfaces.begin(), interfaces.end(), isIt);
+    return found == interfaces.end() ? nullptr : found;
+}
+
+// The kernel's side.
+struct Kernel {
+    bool isOpen = false;
+    int socketError = 0;
+    int sendError = 0;
+    struct Sent {
+        int ifindex;
+        uint16_t protocol;  // as it stands in the address
+        std::vector<uint8_t> bytes;
+    };
+    std::optional<Sent> sent;
+};
+
+Kernel* kernel = nullptr;
+
+int fail(int error) {
+    errno = error;
+    return -1;
+}
+
+void append(std::vector<uint8_t>& bytes, const iovec& piece) {
+    const auto* const start = static_cast<const uint8_t*>(piece.iov_base);
+    bytes.insert(bytes.end(), start, start + piece.iov_len);
+}
+
+// What is to become of a post.
+struct Expected {
+    int result = 0;
+    std::optional<Kernel::Sent> sent;
+};
+
+const Interface* egressOf(const Record& record) {
+    const auto& control = record.ctrl;
+    if (control.dst_valid != 0) {
+        if (control.dst_unit != 0 || control.dst_port < 0 || control.dst_port == 2147483647)
+            return nullptr;
+        return byIndex(control.dst_port + 1);
+    }
+    if (control.vid < 1 || control.vid > 4094) return nullptr;
+    return byName("bcm0." + std::to_string(control.vid));
+}
+
+Expected expect(const Record& record, size_t length) {
+    if (length < 14) return {-EINVAL, {}};
+    if (length > largestFrame) return {-EMSGSIZE, {}};
+    if (!kernel->isOpen && kernel->socketError != 0) return {-kernel->socketError, {}};
+    const Interface* const egress = egressOf(record);
+    if (egress == nullptr) return {-ENODEV, {}};
+    if (kernel->sendError != 0) return {-kernel->sendError, {}};
+    const uint8_t* const frame = record.opaque_0;
+    std::vector<uint8_t> bytes(frame, frame + length);
+    const bool hasTag = length >= 18 && frame[12] == 0x81 && frame[13] == 0x00;
+    if (hasTag && egress->vlan != 0 && (frame[14] % 16) * 256 + frame[15] == egress->vlan)
+        bytes.erase(bytes.begin() + 12, bytes.begin() + 16);
+    uint16_t protocol = 0;
+    memcpy(&protocol, &bytes[12], sizeof protocol);
+    return {0, Kernel::Sent{egress->index, protocol, bytes}};
+}
+
+void draw(Input& input, Record& record) {
+    auto& control = record.ctrl;
+    constexpr std::array<int, 8> numbers = {0, 1, 20, 77, 4094, 4095, -1, 2147483647};
+    control.vid = input.oneOf(numbers);
+    control.dst_valid = static_cast<decltype(control.dst_valid)>(input.byte() % 3);
+    control.dst_unit = input.byte() % 8 == 0 ? input.number<int8_t>() : 0;
+    constexpr std::array<int, 10> ports = {0, 1, 2, 3, 39999, 69999, 2147483646, 2147483647, -1, 5};
+    control.dst_port = input.oneOf(ports);
+    uint8_t* const frame = record.opaque_0;
+    for (int i = 0; i < 12; ++i) frame[i] = input.byte();
+    constexpr std::array<uint16_t, 4> types = {0x8100, 0x0800, 0x8101, 0x88a8};
+    const uint16_t type = input.oneOf(types);
+    frame[12] = static_cast<uint8_t>(type >> 8);
+    frame[13] = static_cast<uint8_t>(type);
+    const auto vlan = static_cast<uint16_t>(input.oneOf(numbers) | (input.byte() << 12));
+    frame[14] = static_cast<uint8_t>(vlan >> 8);
+    frame[15] = static_cast<uint8_t>(vlan);
+    for (int i = 16; i < 24; ++i) frame[i] = input.byte();
+    frame[largestFrame - 1] = input.byte();
+}
+
+size_t drawLength(Input& input) {
+    constexpr std::array<size_t, 12> lengths = {0,    13,   14,   17,   18,          19,
+                                                1518, 8999, 9000, 9001, 1ULL << 32U, SIZE_MAX};
+    return input.oneOf(lengths);
+}
+
+void post(Input& input, TxQueue& queue, Record& record) {
+    draw(input, record);
+    const size_t length = drawLength(input);
+    constexpr std::array<int, 8> errors = {0, 0, 0, 0, EPERM, EMFILE, EAFNOSUPPORT, ENOMEM};
+    constexpr std::array<int, 8> refusals = {0, 0, 0, 0, EAGAIN, ENOBUFS, ENETDOWN, EMSGSIZE};
+    kernel->socketError = input.oneOf(errors);
+    kernel->sendError = input.oneOf(refusals);
+    kernel->sent.reset();
+    const Expected expected = expect(record, length);
+    uint32_t out = 0xdeadbeef;
+    const bool wantsOut = input.byte() % 4 != 0;
+    require(queue.post(record, length, wantsOut ? &out : nullptr) == expected.result, "the result");
+    require(kernel->sent.has_value() == expected.sent.has_value(), "whether something is sent");
+    const bool wrote = wantsOut && expected.sent.has_value();
+    require(out == (wrote ? expected.sent->bytes.size() : 0xdeadbeef), "the bytes that were sent");
+    if (!expected.sent) return;
+    require(kernel->sent->ifindex == expected.sent->ifindex, "the interface");
+    require(kernel->sent->protocol == expected.sent->protocol, "the protocol");
+    require(kernel->sent->bytes == expected.sent->bytes, "the frame");
+}
+
+}  // namespace
+
+extern "C" {
+
+int __wrap_socket(int domain, int type, int protocol) {
+    require(domain == AF_PACKET && type == (SOCK_RAW | SOCK_CLOEXEC) && protocol == 0,
+            "a socket that only sends");
+    require(!kernel->isOpen, "one socket");
+    if (kernel->socketError != 0) return fail(kernel->socketError);
+    kernel->isOpen = true;
+    return packetSocket;
+}
+
+int __wrap_close(int fd) {
+    require(fd == packetSocket && kernel->isOpen, "only what is the queue's is closed");
+    kernel->isOpen = false;
+    return 0;
+}
+
+int __wrap_ioctl(int fd, unsigned long request, ...) {
+    require(fd == packetSocket && kernel->isOpen, "the queue's own socket");
+    std::va_list arguments;
+    va_start(arguments, request);
+    auto& about = *va_arg(arguments, ifreq*);
+    va_end(arguments);
+    if (request == SIOCGIFNAME) {
+        const Interface* const found = byIndex(about.ifr_ifindex);
+        if (found == nullptr) return fail(ENODEV);
+        memset(about.ifr_name, 0, sizeof about.ifr_name);
+        memcpy(about.ifr_name, found->name, strlen(found->name));
+        return 0;
+    }
+    require(request == SIOCGIFINDEX, "requests");
+    require(memchr(about.ifr_name, 0, sizeof about.ifr_name) != nullptr, "a name that ends");
+    const Interface* const found = byName(about.ifr_name);
+    if (found == nullptr) return fail(ENODEV);
+    about.ifr_ifindex = found->index;
+    return 0;
+}
+
+ssize_t __wrap_sendmsg(int fd, const msghdr* message, int flags) {
+    require(fd == packetSocket && kernel->isOpen, "the queue's own socket");
+    require(flags == (MSG_DONTWAIT | MSG_NOSIGNAL), "nothing waits");
+    if (kernel->sendError != 0) return fail(kernel->sendError);
+    sockaddr_ll to{};
+    require(message->msg_namelen == sizeof to, "an address");
+    memcpy(&to, message->msg_name, sizeof to);
+    require(to.sll_family == AF_PACKET, "its family");
+    Kernel::Sent sent{to.sll_ifindex, to.sll_protocol, {}};
+    for (size_t i = 0; i < message->msg_iovlen; ++i) append(sent.bytes, message->msg_iov[i]);
+    kernel->sent = sent;
+    return static_cast<ssize_t>(sent.bytes.size());
+}
+
+}  // extern "C"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    Input input(data, size);
+    Kernel fresh;
+    kernel = &fresh;
+    // A copy of its own: a reader beyond the frame is seen.
+    const auto record = std::make_unique<Record>();
+    {
+        TxQueue queue;
+        for (int count = 0; count < postsPerInput && !input.exhausted(); ++count)
+            post(input, queue, *record);
+    }
+    require(!fresh.isOpen, "the socket is closed with the queue");
+    return 0;
+}

@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: MIT
+// Frames that travel merged, and what they are on a wire.
+#ifndef PMTUD_TWIN_SEGMENTS_H
+#define PMTUD_TWIN_SEGMENTS_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "packet.h"
+
+namespace twin {
+
+/// What a packet socket with PACKET_VNET_HDR puts before a frame; linux/virtio_net.h does not
+/// compile as C++.
+struct Offload {
+    static constexpr uint8_t needsChecksum = 1;
+
+    static constexpr uint8_t none = 0;
+    static constexpr uint8_t tcp4 = 1;
+    static constexpr uint8_t tcp6 = 4;
+    static constexpr uint8_t udp = 5;
+    static constexpr uint8_t congestion = 0x80;  // ORed to a type
+
+    uint8_t flags = 0;
+    uint8_t type = none;
+    uint16_t headerSize = 0;
+    uint16_t segmentSize = 0;
+    uint16_t checksumStart = 0;
+    uint16_t checksumOffset = 0;
+};
+static_assert(sizeof(Offload) == 10);
+
+/// A TCP segment or UDP datagrams of more bytes than a frame holds, to be cut by offload.
+struct Merged {
+    std::string from;
+    std::string to;
+    size_t bytes = 20000;  ///< of payload
+    size_t each = 1448;    ///< of payload in each frame
+    bool isTcp = true;
+    uint16_t id = 0;  ///< of the first; the flow label for IPv6
+};
+
+/// The packet and what a packet socket must be told about it.
+Bytes bytesOf(const Merged& merged);
+Offload offloadOf(const Merged& merged, const Bytes& packet);
+
+/// The frames that go onto the wire for one that a packet socket delivers.
+std::vector<Bytes> segmentsOf(const Bytes& frame, const Offload& offload);
+
+}  // namespace twin
+
+#endif

@@ -1,0 +1,170 @@
+// SPDX-License-Identifier: MIT
+// Two routers alike, one of them with the daemon, and the hosts around them.
+//
+//   a  02:00:00:00:10:02 ─── bcm0.10            bcm0.20 ─── b  02:00:00:00:20:02
+//   10.0.10.2-9, .50-.59         the router     bcm0.30 ─── c  02:00:00:00:30:02
+//   2001:db8:10::2-9, ::50-::59
+//
+// VLAN N of the router is 10.0.N.1/24 and 2001:db8:N::1/64, its MAC 02:00:00:00:N:01.  The hosts
+// are bare interfaces without a protocol stack: frames go out as written, and whatever comes in
+// is compared.  Two more VLANs carry only the fences, each a packet whose answer is awaited.
+#ifndef PMTUD_TWIN_TWINS_H
+#define PMTUD_TWIN_TWINS_H
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "daemon.h"
+#include "descriptor.h"
+#include "machine.h"
+#include "observation.h"
+#include "packet.h"
+#include "segments.h"
+
+namespace twin {
+
+/// What the whole run has in common.
+struct Run {
+    std::string daemon;       ///< the program
+    int ownProcessor = 0;     ///< so that what is sent later arrives later
+    int daemonProcessor = 0;  ///< another, if there is one
+};
+
+/// Isolates the process, binds it to a processor, and reads `--daemon PATH` or PMTUD_TWIN_DAEMON.
+Run prepareRun(const std::string& daemon);
+
+struct Mtus {
+    int a = 1500;
+    int b = 1400;
+    int c = 1500;
+};
+
+/// How a packet is sent.
+struct How {
+    std::string from = "a";
+    Mac to = {};                     ///< all zero: the router
+    bool tellsNobodyIfMute = false;  ///< a documented exception: with mute hardware nobody tells
+};
+
+struct NewVlan {
+    int number;
+    std::string host;
+    int mtu;
+};
+
+/// One router and the hosts around it.
+class Site {
+ public:
+    Site(const std::string& name, const Mtus& mtus);
+    Site(const Site&) = delete;
+    Site& operator=(const Site&) = delete;
+
+    const Namespace& router() const { return m_router; }
+    const Namespace& hosts() const { return m_hosts; }
+
+    /// Interfaces bcm0.VLAN, each with a host of that name.
+    void addVlans(const std::vector<NewVlan>& vlans) const;
+
+    void addPort(const std::string& bridge, const std::string& host, const std::string& mac) const;
+
+    /// To be called before each batch, when all interfaces are there.
+    void open();
+    void send(const std::string& host, const Bytes& frame, const Offload& offload);
+
+    /// Reads what has arrived.
+    void drain();
+
+    /// Sends a packet that is too large, and reads until its answer is there.
+    void fence(bool isIpv6);
+
+    std::vector<Observation> take() { return std::exchange(m_seen, {}); }
+
+    Ignored ignored;
+
+ private:
+    bool receive();
+    void keep(int interface, const Bytes& frame, const Offload& offload);
+
+    Namespace m_router;
+    Namespace m_hosts;
+    pmtud_linux::Descriptor m_socket;
+    std::map<std::string, int> m_indexes;
+    std::map<int, std::string> m_names;
+    std::vector<Observation> m_seen;
+    uint32_t m_fence = 0;
+    uint32_t m_answeredFence = 0;
+};
+
+/// What the hosts of the two routers received, compared.
+struct Comparison {
+    std::vector<std::string> differences;  ///< a line each; none: alike
+    size_t sent = 0;
+    size_t told = 0;         ///< "too big" messages on the router without the daemon
+    size_t forwarded = 0;    ///< other frames there
+    uint64_t withdrawn = 0;  ///< the kernel's messages that the daemon took upon itself
+    uint64_t answers = 0;    ///< those of the daemon that left
+};
+
+class Twins {
+ public:
+    explicit Twins(const Run& run, const Mtus& mtus = {});
+
+    /// Prepare both routers; each throws std::runtime_error if a command fails.
+    void ip(const std::string& batch);
+    void nft(const std::string& rules);
+    void shell(const std::string& command);
+    void sysctl(const std::string& name, const std::string& value);
+    void addVlan(int vlan, const std::string& host, int mtu);
+    /// A port of the bridge, and a new host on it.
+    void addPort(const std::string& bridge, const std::string& host, const std::string& mac);
+    void onHosts(const std::string& command);
+
+    /// The fences are IPv6 packets, for a router without an IPv4 address.
+    void fenceByIpv6() { m_fenceByIpv6 = true; }
+    void ignoreAnswerSource();
+    void ignoreAnswerHost();
+
+    /// Add to what both are fed.  What `send` returns is the packet's serial number, in IPv4's
+    /// identification and IPv6's flow label.
+    uint32_t send(Ipv4 packet, const How& how = {});
+    uint32_t send(Ipv6 packet, const How& how = {});
+    uint32_t send(Merged merged, const How& how = {});
+    void sendFrame(const Bytes& frame, uint32_t serial, const How& how = {});
+    void meanwhile(const std::string& command);
+
+    /// Forgets what `send` collected.
+    void clear();
+
+    /// Feeds both and compares what their hosts received.
+    Comparison compare(bool isMute);
+
+ private:
+    struct Step {
+        std::string host;
+        Bytes frame;
+        Offload offload{};
+        std::string command;
+    };
+
+    uint32_t sendPacket(const Bytes& packet, const Offload& offload, uint32_t serial,
+                        const How& how);
+    void feed(bool isMute);
+    void count(Comparison& result) const;
+    void both(const std::function<void(Site&)>& action);
+
+    Run m_run;
+    Site m_plain;
+    Site m_served;
+    std::vector<Step> m_steps;
+    std::set<uint32_t> m_toldByKernelOnly;
+    uint32_t m_serial = 0;
+    bool m_fenceByIpv6 = false;
+};
+
+}  // namespace twin
+
+#endif

@@ -19,12 +19,12 @@ lab_within() {
 }
 
 # lab_await SECONDS WHAT COMMAND [ARGUMENT...]
-# As above; says what did not come.
+# As above; names what did not come.
 lab_await() {
     local -r seconds=$1 what=$2
     shift 2
     if ! lab_within "$seconds" "$@"; then
-        lab_complain "waited $seconds s in vain for $what"
+        lab_complain "timed out after $seconds s waiting for $what"
         return 1
     fi
 }

@@ -10,7 +10,7 @@ lab_start_capture() {
     local pipe
     exec {pipe}> >(exec cat >"$lab_capture_file")
     lab_capture_writer=$!
-    ip netns exec a tcpdump -i eth0 -n -U --immediate-mode -w - \
+    ip netns exec a tcpdump -i eth0 -n -U --immediate-mode -B 16384 -w - \
         1>&"$pipe" 2>"$LAB_FILES/tcpdump" &
     lab_capture=$!
     disown

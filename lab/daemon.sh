@@ -33,7 +33,7 @@ lab_serves() {
 
 lab_start_serving() {
     lab_start_daemon "$@"
-    lab_await 5 "the daemon's rules" lab_has_taken_over
+    lab_await 10 "the daemon's rules" lab_has_taken_over
 }
 
 lab_has_let_go() {

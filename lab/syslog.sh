@@ -11,7 +11,7 @@ lab_start_syslog() {
 
 # One line for each datagram, without the day, which varies.
 lab_syslog() {
-    sed -e 's/<31>/\n/g' "$LAB_FILES/syslog" | sed -nE 's/^.* pmtud\[[0-9]+\]: //p'
+    sed -E 's/<[0-9]+>/\n/g' "$LAB_FILES/syslog" | sed -nE 's/^.* pmtud\[[0-9]+\]: //p'
 }
 
 lab_syslog_has() {

@@ -6,7 +6,7 @@
 LargePacketVanishesWithoutTheDaemon() {
     lab_build
     start_capture
-    expect_match "ping" ' 0 received, 100% packet loss' "$(ping_size 1500)"
+    expect_match "ping" ' 0 received, 100% packet loss' "$(ping_size 1500 -W 1)"
     expect_no_errors
 }
 

@@ -50,12 +50,12 @@ destination() {
 
 # ping_size SIZE [OPTION...]
 # Sends host b one echo request whose whole packet has that size and must not be fragmented;
-# writes what ping says, whose status tells of an answer.
+# writes what ping prints.  It waits long only if nothing comes back.
 ping_size() {
     local -r size=$1
     shift
     local status=0
-    lab_on a ping -c 1 -W 1 -n -M "do" -s $((size - $(by_family 28 48))) "$@" "$(destination)" \
+    lab_on a ping -c 1 -W 10 -n -M "do" -s $((size - $(by_family 28 48))) "$@" "$(destination)" \
         2>&1 || status=$?
     # 1: no echo reply; more: it could not be sent.
     ((status <= 1)) || fail "ping: status $status"

@@ -28,7 +28,6 @@ InterfaceThatVanishesIsLetGoAndServedWhenItIsBack() {
     expect_match "ping" "$(by_family 'From 10\.0\.10\.1 .*Net Unreachable' \
         'From 2001:db8:10::1 .*No route')" "$(ping_size 1500)"
     lab_connect b 20 1350
-    lab_program_hardware
     expect "the rules follow" lab_within 5 lab_serves 20 1350
     expect_answered_with 1350 1500
     expect "the daemon is alive" test -d "/proc/$lab_daemon"
@@ -40,9 +39,7 @@ readonly kernels_own='length (556|1240)$'
 # build_with_mtus INGRESS EGRESS
 # Without the hardware's silence: the kernel answers what the daemon leaves to it.
 build_with_mtus() {
-    lab_machines
-    lab_connect a 10 "$1"
-    lab_connect b 20 "$2"
+    lab_build_links "$1" "$2"
     lab_start_serving "$daemon"
     start_capture
 }
@@ -93,9 +90,7 @@ MtuThatComesIntoTheRangeIsServed() {
 
 # build_with_egress_named NAME
 build_with_egress_named() {
-    lab_machines
-    lab_connect a 10 1500
-    lab_connect b 20 1400
+    lab_build_links 1500 1400
     ip -n switch link set bcm0.20 down
     ip -n switch link set bcm0.20 name "$1"
     ip -n switch link set "$1" up

@@ -53,8 +53,7 @@ SecondInstanceSaysSoAndStaysAndTheFirstServes() {
 }
 
 AfterSigkillItsTableIsGoneAndTheKernelAnswers() {
-    lab_build
-    lab_remove_hardware
+    lab_build_links 1500 1400
     lab_start_serving "$daemon"
     lab_kill_daemon
     expect_equal "tables" "" "$(lab_on switch nft list tables)"

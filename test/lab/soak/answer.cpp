@@ -29,6 +29,7 @@ std::optional<Answer> readAnswer4(std::span<const uint8_t> packet) {
 
     Answer answer;
     answer.family = 4;
+    answer.packetLength = length;
     answer.messageLength = message.size();
     answer.source = packet.subspan(12, 4);
     answer.destination = packet.subspan(16, 4);
@@ -55,6 +56,7 @@ std::optional<Answer> readAnswer6(std::span<const uint8_t> packet) {
 
     Answer answer;
     answer.family = 6;
+    answer.packetLength = 40 + length;
     answer.messageLength = message.size();
     answer.source = packet.subspan(8, 16);
     answer.destination = packet.subspan(24, 16);

@@ -15,7 +15,8 @@ struct Answer {
     int family = 0;
     uint32_t mtu = 0;
     uint32_t serial = 0;              ///< its low 16 bits (IPv4) or 20 bits (IPv6)
-    size_t messageLength = 0;         ///< of the ICMP message
+    size_t packetLength = 0;          ///< of the whole IP packet
+    size_t messageLength = 0;         ///< of the ICMP message in it
     std::span<const uint8_t> source;  ///< of the answer
     std::span<const uint8_t> destination;
     std::span<const uint8_t> quote;  ///< of the packet that it answers, from its IP header on

@@ -74,11 +74,23 @@ void options4(Forge& forge, Frame& frame) {
     seal(frame);
 }
 
-// The kernel reads options behind the hook that the daemon's rules are on.
+// The router writes its address into these before it refuses the packet.
+void recordRoute4(Forge& forge, Frame& frame) {
+    forge.ipv4(frame, forge.oversize());
+    ip(frame)[0] = 0x4f;
+    std::fill(ip(frame) + 20, ip(frame) + 60, uint8_t{0});
+    put(ip(frame) + 20, std::array<uint8_t, 3>{7, 39, 4});
+    seal(frame);
+}
+
+// A record of the route whose length leaves no room for its own header: the kernel's answer
+// is a Parameter Problem.
 void brokenOptions4(Forge& forge, Frame& frame) {
     forge.ipv4(frame, forge.oversize());
     ip(frame)[0] = 0x4f;
-    forge.fillRandomly({ip(frame) + 20, 40});
+    std::fill(ip(frame) + 20, ip(frame) + 60, uint8_t{1});
+    put(ip(frame) + 20 + forge.below(37),
+        std::array<uint8_t, 3>{7, static_cast<uint8_t>(forge.below(3)), 4});
     seal(frame);
 }
 
@@ -138,17 +150,22 @@ void wrongChecksum4(Forge& forge, Frame& frame) {
 }
 
 void noHostAsSource4(Forge& forge, Frame& frame) {
-    constexpr std::array<Address4, 9> sources{{{0, 0, 0, 0},
+    constexpr std::array<Address4, 8> sources{{{0, 0, 0, 0},
                                                {0, 1, 2, 3},
                                                {127, 0, 0, 1},
                                                {224, 0, 0, 1},
                                                {239, 255, 255, 250},
                                                {240, 0, 0, 1},
                                                {255, 255, 255, 255},
-                                               {10, 0, 10, 255},
                                                {10, 0, 20, 255}}};
     forge.ipv4(frame, forge.oversize());
     from(frame, sources[forge.below(sources.size())]);
+    seal(frame);
+}
+
+void broadcastAsSource4(Forge& forge, Frame& frame) {
+    forge.ipv4(frame, forge.oversize());
+    from(frame, Address4{10, 0, 10, 255});
     seal(frame);
 }
 
@@ -419,8 +436,8 @@ void garbage6(Forge& forge, Frame& frame) {
 }
 
 constexpr Outcome answered = Outcome::answered;
+constexpr Outcome kernels = Outcome::kernels;
 constexpr Outcome elsewhere = Outcome::elsewhere;
-constexpr Outcome noWayBack = Outcome::noWayBack;
 constexpr Outcome unanswered = Outcome::unanswered;
 
 constexpr Kind allKinds[] = {
@@ -428,7 +445,8 @@ constexpr Kind allKinds[] = {
     {"plain", 6, answered, plain6},
     {"any protocol", 4, answered, anyProtocol4},
     {"options", 4, answered, options4},
-    {"broken options", 4, answered, brokenOptions4},
+    {"options that the router writes into", 4, answered, recordRoute4},
+    {"broken options", 4, unanswered, brokenOptions4},
     {"first fragment with DF", 4, answered, firstFragment4},
     {"later fragment with DF", 4, unanswered, laterFragment4},
     {"without DF", 4, unanswered, withoutDf4},
@@ -439,6 +457,7 @@ constexpr Kind allKinds[] = {
     {"header cut short", 4, unanswered, truncated4},
     {"wrong checksum", 4, unanswered, wrongChecksum4},
     {"source is no host", 4, unanswered, noHostAsSource4},
+    {"source is A's broadcast address", 4, kernels, broadcastAsSource4},
     {"ICMP error", 4, unanswered, icmpError4},
     {"ICMP query", 4, answered, icmpQuery4},
     {"time to live 0 or 1", 4, unanswered, lastHop4},
@@ -450,7 +469,7 @@ constexpr Kind allKinds[] = {
     {"fits", 4, unanswered, fits4},
     {"spoofed neighbour", 4, answered, spoofed4},
     {"spoofed host B", 4, elsewhere, fromB4},
-    {"from nowhere", 4, noWayBack, fromNowhere4},
+    {"from nowhere", 4, unanswered, fromNowhere4},
     {"hop-by-hop options", 6, answered, hopByHop6},
     {"destination options", 6, answered, destinationOptions6},
     {"routing header", 6, answered, routing6},
@@ -467,7 +486,7 @@ constexpr Kind allKinds[] = {
     {"link-local source", 6, unanswered, linkLocalSource6},
     {"ICMPv6 error", 6, unanswered, icmpError6},
     {"ICMPv6 error behind options", 6, unanswered, icmpErrorBehindOptions6},
-    {"redirect", 6, unanswered, redirect6},
+    {"redirect", 6, answered, redirect6},
     {"ICMPv6 query", 6, answered, icmpQuery6},
     {"hop limit 0 or 1", 6, unanswered, lastHop6},
     {"to multicast", 6, unanswered, toMulticast6},
@@ -477,7 +496,7 @@ constexpr Kind allKinds[] = {
     {"jumbo payload that lies", 6, unanswered, jumbo6},
     {"fits", 6, unanswered, fits6},
     {"spoofed neighbour", 6, answered, spoofed6},
-    {"from nowhere", 6, noWayBack, fromNowhere6},
+    {"from nowhere", 6, unanswered, fromNowhere6},
     {"tagged", 0, unanswered, tagged},
     {"doubly tagged", 0, unanswered, doublyTagged},
     {"other EtherType", 0, unanswered, otherEtherType},

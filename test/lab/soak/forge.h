@@ -11,12 +11,12 @@
 
 namespace soak {
 
-/// What becomes of a packet while the daemon runs.
+/// What a router's kernel makes of a packet, with the daemon and without it.
 enum class Outcome {
     answered,    ///< one answer reaches host A
+    kernels,     ///< the same, and always the kernel's: the daemon does not send to a broadcast
     elsewhere,   ///< one answer, which goes to another host than A
-    noWayBack,   ///< copied to the daemon, which has no route to its source
-    unanswered,  ///< no path-MTU answer: it fits, is the kernel's, or must not be answered
+    unanswered,  ///< no path-MTU answer: it fits, is dropped, or must not be answered
 };
 
 struct Frame {

@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <cstring>
 #include <system_error>
+#include <thread>
 
 #include "bytes.h"
 
@@ -25,8 +26,10 @@ namespace soak {
 
 namespace {
 
-// Less than the kernel queues per processor between two interfaces, 1,000.
-constexpr size_t window = 256;
+// Half of what the kernel has room for: all its IPv6 answers, of 2 KiB each with their bookkeeping,
+// share one socket of 128 KiB, and on a busy machine a whole window waits in it.
+constexpr size_t window = 24;
+constexpr size_t pacedWindow = 16;
 
 constexpr std::chrono::seconds patience(10);
 
@@ -76,18 +79,30 @@ ifreq egress() {
 }
 
 bool isBy(Answerer answerer, const Answer& answer) {
-    const size_t headers = answer.family == 4 ? 20 : 40;
-    const size_t kernels = (answer.family == 4 ? 576 : 1280) - headers;
-    const size_t daemons = answer.family == 4 ? 68 : answer.mtu;
+    const bool isKernels = answer.packetLength == (answer.family == 4 ? 576 : 1280);
+    const bool isDaemons = answer.messageLength == (answer.family == 4 ? 68 : answer.mtu);
     switch (answerer) {
         case Answerer::kernel:
-            return answer.messageLength == kernels;
+            return isKernels;
         case Answerer::daemon:
-            return answer.messageLength == daemons;
+            return isDaemons;
         case Answerer::either:
             break;
     }
-    return answer.messageLength == kernels || answer.messageLength == daemons;
+    return isKernels || isDaemons;
+}
+
+// The router may have written into an IPv4 packet's options, which changes the header's checksum.
+bool isQuoteOf(std::span<const uint8_t> quote, std::span<const uint8_t> packet, int family) {
+    const auto same = [&](size_t from, size_t to) {
+        return from >= to || std::equal(quote.begin() + static_cast<ptrdiff_t>(from),
+                                        quote.begin() + static_cast<ptrdiff_t>(to),
+                                        packet.begin() + static_cast<ptrdiff_t>(from));
+    };
+    const size_t size = std::min(quote.size(), packet.size());
+    const size_t header = size_t{4} * (packet[0] & 15U);
+    if (family == 6 || header == 20) return same(0, size);
+    return same(0, 10) && same(12, 20) && same(header, size);
 }
 
 template <typename Bytes, typename Others>
@@ -142,7 +157,8 @@ Host::Sent& Host::prepare(size_t kind, Answerer answerer, bool awaited) {
     sent.kind = kind;
     sent.mtuThen = m_mtus.size() - 1;
     sent.answerer = answerer;
-    sent.mayBeAnswered = outcome == Outcome::answered;
+    const bool isKernels = outcome == Outcome::kernels && answerer != Answerer::daemon;
+    sent.mayBeAnswered = outcome == Outcome::answered || isKernels;
     sent.awaited = awaited && sent.mayBeAnswered;
     sent.answered = false;
     m_forge.make(kinds()[kind], m_serial, sent.frame);
@@ -200,14 +216,19 @@ void Host::awaitAnswers() {
         const auto now = std::chrono::steady_clock::now();
         if (m_awaited < before) deadline = now + patience;
         if (now < deadline) continue;
-        for (Sent& sent : m_ring) {
-            if (!sent.awaited || sent.answered) continue;
-            fault("no answer to number " + std::to_string(sent.serial) + ", IPv" +
-                  std::to_string(kinds()[sent.kind].family) + " " + kinds()[sent.kind].name);
-            sent.awaited = false;
-        }
-        m_awaited = 0;
+        countMissing();
     }
+}
+
+void Host::countMissing() {
+    for (Sent& sent : m_ring) {
+        if (!sent.awaited || sent.answered) continue;
+        if (++m_missing <= faultsSaid)
+            std::fprintf(stderr, "MISSING: the answer to number %u, IPv%d %s\n", sent.serial,
+                         kinds()[sent.kind].family, kinds()[sent.kind].name);
+        sent.awaited = false;
+    }
+    m_awaited = 0;
 }
 
 void Host::judge(const Answer& answer) {
@@ -233,6 +254,7 @@ void Host::judge(const Answer& answer) {
     if (std::find(now, m_mtus.end(), answer.mtu) == m_mtus.end())
         wrong("that MTU was not in force");
     if (!isBy(sent.answerer, answer)) wrong("the answer is not its answerer's");
+    if (isBy(Answerer::daemon, answer)) ++m_byDaemon;
     const auto packet =
         std::span<const uint8_t>(sent.frame.bytes).subspan(14, sent.frame.size - 14);
     const auto source = answer.family == 4 ? packet.subspan(12, 4) : packet.subspan(8, 16);
@@ -242,19 +264,22 @@ void Host::judge(const Answer& answer) {
                                                0,    0,    0,    0,    0, 0,    0, 1};
     if (answer.family == 4 ? !equal(answer.source, gateway4) : !equal(answer.source, gateway6))
         wrong("it does not come from the switch's address of VLAN 10");
-    const size_t quoted = std::min(answer.quote.size(), packet.size());
-    if (!equal(answer.quote.first(quoted), packet.first(quoted)))
-        wrong("the quote is not of the packet");
+    if (!isQuoteOf(answer.quote, packet, answer.family)) wrong("the quote is not of the packet");
 }
 
-void Host::sendAndAwait(uint64_t count, bool allKinds, Answerer answerer) {
+void Host::sendAndAwait(uint64_t count, bool allKinds, Answerer answerer, uint64_t rate) {
+    using std::chrono::steady_clock;
     m_forge.setSmallest(m_mtus.back() + 1);
-    while (count > 0) {
+    const steady_clock::time_point start = steady_clock::now();
+    const size_t atOnce = rate == 0 ? window : pacedWindow;
+    for (uint64_t sent = 0; sent < count;) {
+        if (rate != 0)
+            std::this_thread::sleep_until(start + std::chrono::milliseconds(1000 * sent / rate));
         const size_t first = m_serial;
         size_t made = 0;
-        for (; made < window && count > 0; ++made) {
+        for (; made < atOnce && sent < count; ++made) {
             const size_t kind = allKinds ? m_forge.chooseKind() : m_serial % 2;
-            if (prepare(kind, answerer, true).awaited) --count;
+            if (prepare(kind, answerer, true).awaited) ++sent;
         }
         sendWindow(first, made);
         awaitAnswers();
@@ -266,7 +291,7 @@ void Host::sendWhileMtuChanges(uint64_t count) {
     while (count > 0) {
         const size_t first = m_serial;
         const auto made = static_cast<size_t>(std::min<uint64_t>(count, window));
-        for (size_t i = 0; i < made; ++i) prepare(m_serial % 2, Answerer::daemon, true);
+        for (size_t i = 0; i < made; ++i) prepare(m_serial % 2, Answerer::either, true);
         const size_t before = m_forge.below(made + 1);
         sendWindow(first, before);
         changeMtuRandomly();
@@ -279,14 +304,18 @@ void Host::sendWhileMtuChanges(uint64_t count) {
     }
 }
 
-void Host::sendAndForget(uint64_t count, Answerer answerer) {
+void Host::sendAndForget(uint64_t count, Answerer answerer, uint64_t rate) {
+    using std::chrono::steady_clock;
     m_forge.setSmallest(m_mtus.back() + 1);
-    while (count > 0) {
+    const steady_clock::time_point start = steady_clock::now();
+    for (uint64_t sent = 0; sent < count;) {
+        if (rate != 0)
+            std::this_thread::sleep_until(start + std::chrono::milliseconds(1000 * sent / rate));
         const size_t first = m_serial;
-        const auto made = static_cast<size_t>(std::min<uint64_t>(count, batch));
+        const auto made = static_cast<size_t>(std::min<uint64_t>(count - sent, batch));
         for (size_t i = 0; i < made; ++i) prepare(m_serial % 2, answerer, false);
         sendWindow(first, made);
-        count -= made;
+        sent += made;
     }
 }
 

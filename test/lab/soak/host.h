@@ -16,7 +16,7 @@ namespace soak {
 
 /// Who is to answer.  The kernel fills its answers up to 576 and 1,280 bytes; the daemon's are
 /// 88 bytes for IPv4, and for IPv6 an ICMPv6 message as long as the MTU.
-enum class Answerer { daemon, kernel, either };
+enum class Answerer { daemon, kernel, either };  // either: one of them, once
 
 struct KindFigures {
     uint64_t sent = 0;
@@ -33,14 +33,17 @@ class Host {
     Host& operator=(const Host&) = delete;
 
     /// Packets until `count` of those are sent that are to be answered, of the plain kinds
-    /// or of all; each window's answers are awaited.  What is missing is a fault.
-    void sendAndAwait(uint64_t count, bool allKinds, Answerer answerer);
+    /// or of all; each window's answers are awaited, and the missing ones counted.  The rate, in
+    /// packets to be answered per second, is for what must stay within the rules' limits; 0 is
+    /// as fast as possible.
+    void sendAndAwait(uint64_t count, bool allKinds, Answerer answerer, uint64_t rate = 0);
 
     /// The same with plain packets, and the MTU of bcm0.20 changes at any time.
     void sendWhileMtuChanges(uint64_t count);
 
     /// Plain packets without a pause; answers may be missing.
-    void sendAndForget(uint64_t count, Answerer answerer);
+    /// The rate is in packets per second, 0 is as fast as possible.
+    void sendAndForget(uint64_t count, Answerer answerer, uint64_t rate = 0);
 
     /// Reads answers until none has come for a while.
     void settle(std::chrono::milliseconds quiet);
@@ -50,11 +53,14 @@ class Host {
 
     const std::vector<KindFigures>& figures() const { return m_figures; }
     uint64_t faults() const { return m_faults; }
+    /// Awaited answers that did not come.
+    uint64_t missing() const { return m_missing; }
     /// Answers whose ICMP checksum lacks a carry, so that their receiver throws them away.
     uint64_t carriesDropped() const { return m_carriesDropped; }
 
     uint64_t mtuChanges() const { return m_mtus.size() - 1; }
     uint64_t answered(Outcome outcome) const;
+    uint64_t answeredByDaemon() const { return m_byDaemon; }
     uint64_t sent(Outcome outcome) const;
 
     /// Answers that the receiving socket had no room for.
@@ -84,6 +90,7 @@ class Host {
     void judge(const Answer& answer);
     void changeMtuRandomly();
     void fault(const std::string& what);
+    void countMissing();
 
     int m_out = -1;
     int m_in = -1;
@@ -95,7 +102,9 @@ class Host {
     uint64_t m_awaited = 0;
     std::vector<uint32_t> m_mtus;
     std::vector<KindFigures> m_figures;
+    uint64_t m_byDaemon = 0;
     uint64_t m_faults = 0;
+    uint64_t m_missing = 0;
     uint64_t m_missed = 0;
     uint64_t m_carriesDropped = 0;
 };

@@ -3,8 +3,9 @@
 //
 //   plain COUNT ANSWERER    plain oversized packets of both families, every answer awaited
 //   all COUNT ANSWERER      the same among packets of all kinds
+//   paced COUNT ANSWERER RATE  the same with that many per second to be answered
 //   changing COUNT          plain ones, while the MTU of bcm0.20 changes at random
-//   forget COUNT ANSWERER   plain ones without waiting for the answers
+//   forget COUNT ANSWERER [RATE]  plain ones without waiting for the answers
 //   settle MILLISECONDS     reads answers until none has come for so long
 //   mtu BYTES               changes the MTU of bcm0.20
 //   log 0|1                 does not read the system log, or reads it
@@ -41,10 +42,10 @@ const char* outcomeName(Outcome outcome) {
     switch (outcome) {
         case Outcome::answered:
             return "answered";
+        case Outcome::kernels:
+            return "answered by the kernel";
         case Outcome::elsewhere:
             return "answered elsewhere";
-        case Outcome::noWayBack:
-            return "no way back";
         case Outcome::unanswered:
             break;
     }
@@ -54,16 +55,17 @@ const char* outcomeName(Outcome outcome) {
 std::string figures(Host& host, const SystemLog::Counts& log) {
     std::ostringstream line;
     line << "sent=" << host.sent(Outcome::answered)
-         << " answered=" << host.answered(Outcome::answered)
+         << " answered=" << host.answered(Outcome::answered) + host.answered(Outcome::kernels)
+         << " kernels=" << host.sent(Outcome::kernels)
          << " elsewhere=" << host.sent(Outcome::elsewhere)
-         << " no_way_back=" << host.sent(Outcome::noWayBack)
          << " never=" << host.sent(Outcome::unanswered) << " faults=" << host.faults()
          << " mtu_changes=" << host.mtuChanges() << " missed=" << host.missedByReceiver()
          << " carries_dropped=" << host.carriesDropped() << " log_lines=" << log.lines
          << " log_lines_lost=" << log.linesLost << " log_received=" << log.received
-         << " log_sent=" << log.sent << " log_frames_lost=" << log.framesLost
-         << " log_unusable=" << log.unusable << " log_refused=" << log.refused
-         << " log_others=" << log.others;
+         << " log_sent=" << log.sent << " log_messages_lost=" << log.messagesLost
+         << " log_unanswered=" << log.unanswered << " log_unlogged=" << log.unlogged
+         << " log_invalid=" << log.invalid << " log_others=" << log.others
+         << " by_daemon=" << host.answeredByDaemon() << " missing=" << host.missing();
     return line.str();
 }
 
@@ -82,17 +84,20 @@ std::string run(const std::string& line, Host& host, SystemLog& log) {
     std::string command;
     std::string answerer;
     uint64_t number = 0;
-    words >> command >> number >> answerer;
+    uint64_t rate = 0;
+    words >> command >> number >> answerer >> rate;
     if (command == "figures") return figures(host, log.counts());
     if (command == "kinds") return kindTable(host);
     if (command == "plain")
         host.sendAndAwait(number, false, answererOf(answerer));
     else if (command == "all")
         host.sendAndAwait(number, true, answererOf(answerer));
+    else if (command == "paced")
+        host.sendAndAwait(number, true, answererOf(answerer), rate);
     else if (command == "changing")
         host.sendWhileMtuChanges(number);
     else if (command == "forget")
-        host.sendAndForget(number, answererOf(answerer));
+        host.sendAndForget(number, answererOf(answerer), rate);
     else if (command == "settle")
         host.settle(std::chrono::milliseconds(number));
     else if (command == "log")

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The lab's system log: reads /dev/log and counts what the daemon says.
+// The lab's system log: reads /dev/log and counts what the daemon reports.
 #include "system_log.h"
 
 #include <poll.h>
@@ -98,20 +98,22 @@ void SystemLog::take(std::string_view line) {
     ++m_counts.lines;
     if (text.find("Received frame of size: ") != text.npos) ++m_counts.received;
     if (text.find("message sent to source ") != text.npos) ++m_counts.sent;
-    if (text.find("Invalid VLAN ") != text.npos) ++m_counts.refused;
+    if (text.find("Invalid VLAN ") != text.npos) ++m_counts.invalid;
 }
 
 void SystemLog::takePlatformLine(std::string_view text) {
     if (text.ends_with(" lines lost")) {
         m_counts.linesLost += numberBehind(text, "PMTUD-Linux: ").value_or(0);
-    } else if (const auto frames = numberBehind(text, "frames lost: ")) {
-        m_counts.framesLost += *frames;
-    } else if (const auto unusable = numberBehind(text, "could not become a frame: ")) {
-        m_counts.unusable += *unusable;
+    } else if (const auto messages = numberBehind(text, "messages lost: ")) {
+        m_counts.messagesLost += *messages;
+    } else if (const auto unanswered = numberBehind(text, "that nobody answered: ")) {
+        m_counts.unanswered += *unanswered;
+    } else if (const auto unlogged = numberBehind(text, "without log lines, frames: ")) {
+        m_counts.unlogged += *unlogged;
     } else {
         ++m_counts.others;
         if (m_said.insert(std::string(text)).second)
-            std::fprintf(stderr, "the daemon says: %.*s\n", static_cast<int>(text.size()),
+            std::fprintf(stderr, "the daemon reports: %.*s\n", static_cast<int>(text.size()),
                          text.data());
     }
 }

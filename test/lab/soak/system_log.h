@@ -16,14 +16,15 @@ namespace soak {
 class SystemLog {
  public:
     struct Counts {
-        std::atomic<uint64_t> lines{0};       ///< of the engine
-        std::atomic<uint64_t> linesLost{0};   ///< as the daemon says
-        std::atomic<uint64_t> received{0};    ///< "Received frame of size"
-        std::atomic<uint64_t> sent{0};        ///< "message sent to source"
-        std::atomic<uint64_t> framesLost{0};  ///< as the daemon says
-        std::atomic<uint64_t> unusable{0};    ///< as the daemon says
-        std::atomic<uint64_t> refused{0};     ///< "Invalid VLAN"
-        std::atomic<uint64_t> others{0};      ///< lines of the platform of any other kind
+        std::atomic<uint64_t> lines{0};         ///< of the engine
+        std::atomic<uint64_t> linesLost{0};     ///< as the daemon reports
+        std::atomic<uint64_t> received{0};      ///< "Received frame of size"
+        std::atomic<uint64_t> sent{0};          ///< "message sent to source"
+        std::atomic<uint64_t> messagesLost{0};  ///< of the rules, as the daemon reports
+        std::atomic<uint64_t> unanswered{0};    ///< "refused packets that nobody answered"
+        std::atomic<uint64_t> unlogged{0};      ///< "answered without log lines"
+        std::atomic<uint64_t> invalid{0};       ///< "Invalid VLAN"
+        std::atomic<uint64_t> others{0};        ///< lines of the platform of any other kind
     };
 
     /// Makes /dev/log and starts to read it; throws std::system_error.  Lines of the

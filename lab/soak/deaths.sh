@@ -1,0 +1,122 @@
+# SPDX-License-Identifier: MIT
+# shellcheck shell=bash
+# shellcheck disable=SC2154  # packets, seed and the like are script/soak's
+# The soak's phases in which the daemon is stopped or dies: floods and kills.
+
+# How many messages the kernel had no room for in the daemon's sockets.
+queue_drops() {
+    local pid drops sum=0
+    while read -r _ _ pid _ _ _ _ _ drops _; do
+        if [[ $pid == "$lab_daemon" ]]; then ((sum += drops)); fi
+    done < <(lab_on switch cat /proc/net/netlink)
+    echo "$sum"
+}
+
+# Slowly enough that host A still knows the packet when it is answered at last.
+flood_until_over() {
+    soak_ask forget 192 either 1500
+    (($(queue_drops) > drops_before))
+}
+
+# Nothing is read meanwhile, so that the queue overruns wherever this runs.  In one of the rounds
+# the system log is stuck, too, and takes no line about what was lost.
+overrun() {
+    drops_before=$(queue_drops)
+    kill -STOP "$lab_daemon"
+    soak_ask log "$1"
+    lab_await 120 "the receive queue to overrun" flood_until_over
+    soak_ask forget 1024 either
+    kill -CONT "$lab_daemon"
+    soak_ask settle 300
+    soak_ask forget 8192 either
+    soak_ask settle 300
+    soak_ask log 1
+}
+
+flood() {
+    step "floods: more than the receive queue holds, while the daemon is stopped"
+    soak_remember
+    local -i round
+    for ((round = 0; round < 3; ++round)); do
+        overrun $((round != 1))
+        echo "      $((round + 1)) of 3"
+    done
+    soak_compare
+    soak_no_faults "wrong or superfluous answers"
+    local -ri withdrawn=$(soak_counter_since bcm0.20) left=$(soak_counter_since answers)
+    local -ri gone=$((withdrawn - left - since[log_unanswered]))
+    messages_lost=${since[log_messages_lost]}
+    soak_check_equal "packets that nobody answered: withdrawn without an answer, or no room" \
+        $((withdrawn - left + since[no_room])) $((since[sent] - since[answered]))
+    soak_check "of the $withdrawn withdrawn, $left were answered and ${since[log_unanswered]} reported: the other $gone are among the $messages_lost messages reported lost" \
+        test "$gone" -ge 0 -a "$gone" -le "$messages_lost"
+    soak_check "the queue overran, and the daemon reports how much was lost" \
+        test "$messages_lost" -gt 0
+    soak_check_resources "after the floods"
+}
+
+no_tables() {
+    [[ -z $(lab_on switch nft list tables) ]]
+}
+
+# At most that many milliseconds.
+sleep_randomly() {
+    sleep "0.$(printf %03d $((RANDOM % $1)))"
+}
+
+# The daemon is gone: its rules are too, and the kernel answers from the next packet on.
+after_kill() {
+    lab_await 10 "the end of the daemon" lab_is_gone "$lab_daemon"
+    ((killed += 1))
+    no_tables || ((left_behind += 1))
+    soak_ask plain 16 kernel
+    ((kernels += 16))
+}
+
+# While it serves and packets are on their way, or while it starts.
+kill_at_random() {
+    if ((RANDOM % 3 == 0)); then
+        lab_start_daemon "$programs/pmtud"
+        sleep_randomly 40
+        kill -KILL "$lab_daemon"
+        after_kill
+        return
+    fi
+    lab_start_serving "$programs/pmtud"
+    soak_ask plain 16 daemon
+    soak_tell forget 2048 either
+    sleep_randomly 20
+    kill -KILL "$lab_daemon"
+    soak_hear
+    after_kill
+}
+
+killing() {
+    step "kills: $kills times SIGKILL, while it starts or while packets are on their way"
+    killed=0 left_behind=0 kernels=0
+    RANDOM=$seed
+    local -i said
+    kill -KILL "$lab_daemon"
+    after_kill
+    said=$(lab_now)
+    while ((killed < kills)); do
+        kill_at_random
+        if (($(lab_now) - said > 2000000)); then
+            echo "      $killed of $kills"
+            said=$(lab_now)
+        fi
+    done
+    soak_ask settle 200
+    soak_in_parts all $((packets / 10)) kernel
+    ((kernels += packets / 10))
+    soak_check_equal "kills that left a rule behind" 0 "$left_behind"
+    soak_no_faults "wrong, missing or superfluous answers, the kernel's $kernels included"
+}
+
+# Packets that two routers get, one with the daemon and one without.
+walk() {
+    if [[ ! -x $programs/twin_walk ]]; then return; fi
+    step "walk: $walk packets to two routers, one of them with the daemon"
+    soak_check "both routers did the same, but for who answers" \
+        "$programs/twin_walk" --seed "$seed" --packets "$walk" --daemon "$programs/pmtud"
+}

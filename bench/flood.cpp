@@ -2,6 +2,7 @@
 // Sends oversized packets from the lab's host A and times the answers.
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <ifaddrs.h>
 #include <linux/if_packet.h>
 #include <net/ethernet.h>
 #include <net/if.h>
@@ -23,6 +24,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -39,16 +41,18 @@ constexpr size_t kPacketSize = 1500;
 constexpr size_t kBatch = 32;
 
 constexpr char kUsage[] =
-    "usage: pmtud_flood 4|6 MAC latency COUNT\n"
+    "usage: pmtud_flood 4|6 MAC latency COUNT PACKETS_PER_SECOND\n"
     "       pmtud_flood 4|6 MAC flood SECONDS [PACKETS_PER_SECOND]\n"
     "       pmtud_flood 4|6 MAC await MTU SECONDS COMMAND [ARGUMENT...]\n"
-    "Run on host A of the lab; MAC is that of the switch's bcm0.10. Sends UDP packets of 1,500\n"
-    "bytes that may not be fragmented to host B, and reads the ICMP errors that come back:\n"
-    "  latency   one packet after the other, each when the one before is answered\n"
-    "  flood     as many as go, or so many a second, and then waits until no answer comes\n"
+    "Run on host A of the lab or beside it; MAC is that of the switch's interface. Sends UDP\n"
+    "packets of 1,500 bytes that may not be fragmented to host B, no two alike, and reads the\n"
+    "ICMP errors that come back:\n"
+    "  latency   one packet after the other, each when its time has come and the one before is\n"
+    "            answered\n"
+    "  flood     as many as go, or that many per second, and then waits until no answer comes\n"
     "  await     starts the command, and sends until an answer names the MTU\n"
-    "Prints one JSON object: sent, answered, seconds (null where await waited in vain), and for\n"
-    "latency median_ns and p99_ns.\n";
+    "Prints one JSON object: sent, answered, seconds (null if await timed out), and for\n"
+    "latency median_ns and p99_ns; by_pmtud counts the answers that the daemon sent.\n";
 
 void check(bool good, const char* what) {
     if (!good) throw std::system_error(errno, std::generic_category(), what);
@@ -59,6 +63,28 @@ ether_addr addressOf(const std::string& text) {
     if (ether_aton_r(text.c_str(), &address) == nullptr)
         throw std::runtime_error("no Ethernet address: " + text);
     return address;
+}
+
+// The interface's first address that is not link-local, as in a header.
+std::vector<uint8_t> ownIpAddress(int family) {
+    ifaddrs* list = nullptr;
+    check(getifaddrs(&list) == 0, "addresses");
+    const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(list, freeifaddrs);
+    for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
+        if (strcmp(entry->ifa_name, "eth0") != 0 || entry->ifa_addr == nullptr) continue;
+        if (family == 4 && entry->ifa_addr->sa_family == AF_INET) {
+            const auto* const found = reinterpret_cast<const sockaddr_in*>(entry->ifa_addr);
+            const auto* const bytes = reinterpret_cast<const uint8_t*>(&found->sin_addr);
+            return {bytes, bytes + sizeof found->sin_addr};
+        }
+        if (family == 6 && entry->ifa_addr->sa_family == AF_INET6) {
+            const auto* const found = reinterpret_cast<const sockaddr_in6*>(entry->ifa_addr);
+            if (IN6_IS_ADDR_LINKLOCAL(&found->sin6_addr)) continue;
+            const uint8_t* const bytes = found->sin6_addr.s6_addr;
+            return {bytes, bytes + sizeof found->sin6_addr};
+        }
+    }
+    throw std::runtime_error("eth0 has no address of that family");
 }
 
 uint16_t foldedSum(const uint8_t* bytes, size_t size) {
@@ -81,7 +107,18 @@ class Packet {
         }
     }
 
-    void number(uint64_t value) { memcpy(&m_frame[m_numberAt], &value, sizeof value); }
+    /// The number is in the payload, its low bits in the UDP source port and in what an IPv4
+    /// header identifies the packet by.
+    void number(uint64_t value) {
+        memcpy(&m_frame[m_numberAt], &value, sizeof value);
+        const std::array<uint8_t, 2> low = {static_cast<uint8_t>(value >> 8),
+                                            static_cast<uint8_t>(value)};
+        std::copy(low.begin(), low.end(), m_frame.begin() + m_numberAt - kUdpHeader);
+        if (m_frame[12] == 0x86) return;
+        std::copy(low.begin(), low.end(), m_frame.begin() + kIp + 4);
+        sealIpv4();
+    }
+
     iovec bytes() { return {m_frame.data(), m_frame.size()}; }
 
  private:
@@ -111,10 +148,16 @@ class Packet {
                                                     2};
         m_frame[12] = 0x08;
         std::copy(header.begin(), header.end(), m_frame.begin() + kIp);
-        const uint16_t sum = foldedSum(&m_frame[kIp], header.size());
+        const std::vector<uint8_t> source = ownIpAddress(4);
+        std::copy(source.begin(), source.end(), m_frame.begin() + kIp + 12);
+        fillUdp(kIp + header.size());
+    }
+
+    void sealIpv4() {
+        m_frame[kIp + 10] = m_frame[kIp + 11] = 0;
+        const uint16_t sum = foldedSum(&m_frame[kIp], 20);
         m_frame[kIp + 10] = static_cast<uint8_t>(sum >> 8);
         m_frame[kIp + 11] = static_cast<uint8_t>(sum);
-        fillUdp(kIp + header.size());
     }
 
     void fillIpv6() {
@@ -125,7 +168,8 @@ class Packet {
         m_frame[12] = 0x86;
         m_frame[13] = 0xDD;
         std::copy(start.begin(), start.end(), m_frame.begin() + kIp);
-        inet_pton(AF_INET6, "2001:db8:10::2", &m_frame[kIp + 8]);
+        const std::vector<uint8_t> source = ownIpAddress(6);
+        std::copy(source.begin(), source.end(), m_frame.begin() + kIp + 8);
         inet_pton(AF_INET6, "2001:db8:20::2", &m_frame[kIp + 24]);
         fillUdp(kIp + headerSize);
     }
@@ -193,7 +237,8 @@ class Answers {
               "receive buffer");
     }
 
-    /// Waits for answers and hands each one's number and MTU on.  False: none came in that time.
+    /// Waits for answers and hands on each one's number, MTU, and whether the daemon sent it.
+    /// False: none came in that time.
     template <typename Take>
     bool read(milliseconds wait, Take take) {
         pollfd readable{m_socket, POLLIN, 0};
@@ -210,7 +255,8 @@ class Answers {
             const auto index = static_cast<size_t>(i);
             uint64_t number = 0;
             if (numberOf(m_buffers[index].data(), messages[index].msg_len, number))
-                take(number, mtuOf(m_buffers[index].data()));
+                take(number, mtuOf(m_buffers[index].data()),
+                     isByDaemon(m_buffers[index].data(), messages[index].msg_len));
         }
         return true;
     }
@@ -234,20 +280,31 @@ class Answers {
                static_cast<uint32_t>(field[2] << 8) | field[3];
     }
 
+    // The kernel's have 576 bytes and 1,280 with their IP header.
+    bool isByDaemon(const uint8_t* bytes, size_t size) const {
+        return size == (m_family == 4 ? 88 : mtuOf(bytes));
+    }
+
     int m_family;
     int m_socket = -1;
     std::array<std::array<uint8_t, 1600>, kBatch> m_buffers;
 };
 
-void latency(Sender& sender, Answers& answers, uint64_t count) {
+void latency(Sender& sender, Answers& answers, uint64_t count, double rate) {
     std::vector<int64_t> times;
     times.reserve(count);
     const Clock::time_point start = Clock::now();
+    uint64_t byDaemon = 0;
     for (uint64_t i = 0; i < count; ++i) {
+        std::this_thread::sleep_until(start + std::chrono::duration_cast<Clock::duration>(
+                                                  duration<double>(double(i) / rate)));
         bool answered = false;
         const Clock::time_point sent = Clock::now();
         sender.send(i, 1);
-        const auto take = [&](uint64_t number, uint32_t) { answered |= number == i; };
+        const auto take = [&](uint64_t number, uint32_t, bool isByDaemon) {
+            answered |= number == i;
+            if (isByDaemon) ++byDaemon;
+        };
         while (!answered && answers.read(milliseconds(500), take)) {
         }
         if (answered) times.push_back((Clock::now() - sent).count());
@@ -256,16 +313,23 @@ void latency(Sender& sender, Answers& answers, uint64_t count) {
     const auto at = [&](double share) {
         return times.empty() ? -1 : times[static_cast<size_t>(share * double(times.size() - 1))];
     };
-    printf("{\"sent\":%lu,\"answered\":%zu,\"seconds\":%.3f,\"median_ns\":%ld,\"p99_ns\":%ld}\n",
-           count, times.size(), duration<double>(Clock::now() - start).count(), at(0.5), at(0.99));
+    printf(
+        "{\"sent\":%lu,\"answered\":%zu,\"by_pmtud\":%lu,\"seconds\":%.3f,\"median_ns\":%ld,"
+        "\"p99_ns\":%ld}\n",
+        count, times.size(), byDaemon, duration<double>(Clock::now() - start).count(), at(0.5),
+        at(0.99));
 }
 
 void flood(Sender& sender, Answers& answers, double seconds, double rate) {
     uint64_t answered = 0;
+    uint64_t byDaemon = 0;
     std::atomic<bool> sending = true;
     Clock::time_point last = Clock::now();
     std::thread reader([&] {
-        const auto take = [&](uint64_t, uint32_t) { ++answered; };
+        const auto take = [&](uint64_t, uint32_t, bool isByDaemon) {
+            ++answered;
+            if (isByDaemon) ++byDaemon;
+        };
         while (true) {
             if (answers.read(milliseconds(500), take)) {
                 last = Clock::now();
@@ -289,8 +353,8 @@ void flood(Sender& sender, Answers& answers, double seconds, double rate) {
     }
     sending = false;
     reader.join();
-    printf("{\"sent\":%lu,\"answered\":%lu,\"seconds\":%.3f}\n", sent, answered,
-           duration<double>(last - start).count());
+    printf("{\"sent\":%lu,\"answered\":%lu,\"by_pmtud\":%lu,\"seconds\":%.3f}\n", sent, answered,
+           byDaemon, duration<double>(last - start).count());
 }
 
 /// The command goes on when this ends.
@@ -318,7 +382,7 @@ void await(Sender& sender, Answers& answers, uint32_t mtu, double seconds,
     start(command);
     while (!seen && duration<double>(Clock::now() - begin).count() < seconds) {
         sender.send(sent++, 1);
-        answers.read(milliseconds(1), [&](uint64_t, uint32_t named) {
+        answers.read(milliseconds(1), [&](uint64_t, uint32_t named, bool) {
             ++answered;
             seen |= named == mtu;
         });
@@ -337,8 +401,8 @@ int run(const std::vector<std::string>& words) {
     const ether_addr to = addressOf(words[1]);
     Sender sender(family, to);
     Answers answers(family);
-    if (words[2] == "latency") {
-        latency(sender, answers, std::stoull(words[3]));
+    if (words[2] == "latency" && words.size() > 4) {
+        latency(sender, answers, std::stoull(words[3]), std::stod(words[4]));
     } else if (words[2] == "await" && words.size() > 5) {
         await(sender, answers, static_cast<uint32_t>(std::stoul(words[3])), std::stod(words[4]),
               {words.begin() + 5, words.end()});

@@ -1,0 +1,24 @@
+# SPDX-License-Identifier: MIT
+# The runs' samples to figures: medians, half the range between quartiles, and ratios of medians.
+def median: sort | if length % 2 == 1 then .[length / 2 | floor]
+                   else (.[length / 2 - 1] + .[length / 2]) / 2 end;
+def spread: sort | if (median == 0) then null
+                   else (.[length * 3 / 4 | floor] - .[length / 4 | floor]) / 2 / median end;
+def rounded: . * 1000 | round / 1000;
+(group_by(.name) | map({key: .[0].name, value: map(.value)}) | from_entries) as $v
+| def figure(name): {name: name, value: ($v[name] | median | rounded), spread: ($v[name] | spread)};
+  # The sample of the one run over that of the run next to it.
+  def ratio(name; a; b):
+    [$v[a], $v[b]] | transpose | map(.[0] / .[1])
+    | {name: name, value: (median | rounded), spread: spread};
+  # What must hold in every run.
+  def least(name): {name: name, value: ($v[name] | min), spread: null};
+  (("4", "6") as $f
+   | ratio("answer_v\($f)_cpu_over_bare"; "answer_v\($f)_cpu_ns_pmtud"; "answer_v\($f)_cpu_ns_bare"),
+     ratio("answer_v\($f)_median_over_bare"; "answer_v\($f)_median_ns_pmtud";
+           "answer_v\($f)_median_ns_bare"),
+     ratio("flood_v\($f)_rate_over_kernel"; "flood_v\($f)_answers_per_second_pmtud";
+           "flood_v\($f)_answers_per_second_kernel"),
+     ratio("flood_v\($f)_kernel_path_over_pmtud"; "flood_v\($f)_path_ns_kernel";
+           "flood_v\($f)_path_ns_pmtud")),
+  ($v | keys[] | if test("^honest|share_answered|share_at_rate") then least(.) else figure(.) end)

@@ -1,0 +1,58 @@
+# SPDX-License-Identifier: MIT
+# shellcheck shell=bash
+# shellcheck disable=SC2154  # bin and lab_daemon are those of the script that sources this
+# More hosts for the lab's measurements, what they send, and what that costs the daemon.
+
+# figure NAME FILTER OBJECT
+figure() {
+    printf '%s %s\n' "$1" "$(jq "$2" <<<"$3")"
+}
+
+# host_send MACHINE VLAN FAMILY WORD...: what the host's program prints
+host_send() {
+    local mac
+    mac=$(lab_on switch cat "/sys/class/net/bcm0.$2/address")
+    lab_on "$1" "$bin/pmtud_flood" "$3" "$mac" "${@:4}"
+}
+
+# hosts_add FIRST LAST: a host in each of those VLANs
+hosts_add() {
+    local vlan
+    for ((vlan = $1; vlan <= $2; ++vlan)); do
+        lab_machine "h$vlan"
+        lab_connect "h$vlan" "$vlan" 1500
+    done
+}
+
+# hosts_flood FIRST LAST FAMILY SECONDS [PACKETS_PER_SECOND]: one object, the sums of all
+hosts_flood() {
+    local vlan
+    local -a pids=()
+    for ((vlan = $1; vlan <= $2; ++vlan)); do
+        host_send "h$vlan" "$vlan" "$3" flood "${@:4}" >"$LAB_FILES/flood.$vlan" &
+        pids+=($!)
+    done
+    for vlan in "${pids[@]}"; do wait "$vlan"; done
+    for ((vlan = $1; vlan <= $2; ++vlan)); do cat "$LAB_FILES/flood.$vlan"; done |
+        jq -cs '{sent: map(.sent) | add, answered: map(.answered) | add,
+            by_pmtud: map(.by_pmtud) | add, seconds: map(.seconds) | max}'
+}
+
+# In hundredths of a second.
+processor_time() {
+    awk '{print $14 + $15}' "/proc/$lab_daemon/stat"
+}
+
+# Written to the log, and those that there was no room for.
+log_lines() {
+    lab_syslog | awk '/PMTUD-Linux: [0-9]+ lines lost/ {lost += $3} END {print NR + lost}'
+}
+
+# with_cost COMMAND...: its object, with the daemon's share of a processor and its lines
+with_cost() {
+    local result
+    local -ri time=$(processor_time) lines=$(log_lines)
+    result=$("$@")
+    jq -c --argjson time $(($(processor_time) - time)) --argjson lines $(($(log_lines) - lines)) \
+        '.processor = $time / 100 / .seconds | .lines = ($lines / .seconds | round)' <<<"$result"
+}

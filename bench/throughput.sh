@@ -1,0 +1,74 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
+# Measures how fast TCP crosses the lab's switch, with and without the daemon, in turns.
+set -euo pipefail
+
+if [[ ${1:-} == --help || $# -ne 2 || ! ${2:-} =~ ^[1-9][0-9]?$ ]]; then
+    echo "usage: ${0##*/} BUILD_DIRECTORY ROUNDS"
+    echo "Sends 400 MiB by TCP from host a to host b, without the daemon and with it, in turns,"
+    echo "that many rounds; the kernel answers, and the links have a network card's offloads. Prints"
+    echo "one line per figure: its name and its value. Called by script/bench."
+    [[ ${1:-} == --help ]] && exit 0
+    exit 2
+fi
+
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+# shellcheck source=lab/lib.sh
+source "$here/../lab/lib.sh"
+daemon=$(cd "$1" && pwd)/bin/pmtud
+lab_isolate "$0" "$@"
+
+# measure FAMILY: Mbit/s that arrived
+measure() {
+    # Forgets what an earlier run learned about the path.
+    ip -n a "-$1" route flush cache
+    lab_on a iperf3 -c "$(lab_address "$1" 20 2)" -n 400M -J |
+        jq '.end.sum_received.bits_per_second / 1e6 | round'
+}
+
+without_daemon() {
+    measure "$1" >>"$LAB_FILES/without"
+}
+
+with_daemon() {
+    lab_start_serving "$daemon"
+    measure "$1" >>"$LAB_FILES/with"
+    lab_kill_daemon
+}
+
+median() {
+    jq -s 'sort | .[length / 2 | floor]' "$1"
+}
+
+# measure_path FAMILY INGRESS_MTU EGRESS_MTU ROUNDS
+measure_path() {
+    local -r name="throughput_v$1_$2_to_$3"
+    local round with without
+    : >"$LAB_FILES/with"
+    : >"$LAB_FILES/without"
+    for ((round = 0; round < $4; ++round)); do
+        if ((round % 2 == 0)); then
+            without_daemon "$1"
+            with_daemon "$1"
+        else
+            with_daemon "$1"
+            without_daemon "$1"
+        fi
+    done
+    with=$(median "$LAB_FILES/with")
+    without=$(median "$LAB_FILES/without")
+    echo "${name}_mbit_kernel $without"
+    echo "${name}_mbit_pmtud $with"
+    echo "${name}_over_kernel $(jq -n "$with / $without * 1000 | round / 1000")"
+}
+
+# shellcheck disable=SC2034  # lab/network.sh reads it
+lab_like_wire=false
+lab_build_links 9000 1500
+lab_start_syslog
+lab_on b iperf3 -s -D --logfile "$LAB_FILES/iperf3"
+lab_await 10 "host b to listen" lab_listens 5201
+for family in 4 6; do measure_path "$family" 9000 1500 "$2"; done
+lab_set_mtu a 10 1500
+lab_set_mtu b 20 1400
+for family in 4 6; do measure_path "$family" 1500 1400 "$2"; done

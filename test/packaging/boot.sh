@@ -81,6 +81,11 @@ boot_has_process() {
     now=$(pgrep -x pmtud) && [[ $now != "$boot_old_process" ]]
 }
 
+# systemd itself: the child of what made its namespaces.
+boot_init() {
+    pgrep -x systemd --newest --parent "$(pgrep -x unshare --newest)"
+}
+
 boot_cgroup_is_empty() {
     [[ $(<"$boot_cgroup/cgroup.events") == *"populated 0"* ]]
 }

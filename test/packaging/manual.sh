@@ -90,17 +90,19 @@ EachLineOfThePlatformInTheSystemLogIsExplained() {
         if [[ $statement != *\"* ]]; then continue; fi
         expect_explained "PMTUD-Linux:$(pattern "$statement")"
     done < <(
-        statements 'say\((?!const)' "$project"/platform/linux/*.cpp
-        statements 'return name \+' "$project/platform/linux/offload.cpp"
+        statements 'say\((?!Priority priority)' "$project"/platform/linux/*.cpp
+        statements 'sayBurst\((?!Burst)' "$project"/platform/linux/dispatcher.cpp
     )
     expect_explained 'PMTUD-Linux: .* lines lost$'
-    expect_count 8
+    expect_explained 'PMTUD-Linux: nothing is served \('
+    expect_explained 'PMTUD-Linux: no receive thread \('
+    expect_count 15
 }
 
 EachResultOfAFailedStartHasItsRemedy() {
     local result
-    for result in -1 -2 -16 -22 -93 -97; do expect_explained "^ +$result( |$)"; done
-    expect_count 6
+    for result in -1 -2 -12 -16 -17 -22 -93 -95 -97; do expect_explained "^ +$result( |$)"; done
+    expect_count 9
 }
 
 run_case "$1"

@@ -10,7 +10,8 @@
 namespace pmtud_linux {
 
 /// For the case that the daemon's answer to the same packet did not leave the router.  The kernel's
-/// had passed every rule when it was withdrawn, so it goes past them, through a packet socket.
+/// had passed all rules up to this table's when it was withdrawn, so it goes past them, through a
+/// packet socket.
 class KernelAnswer {
  public:
     /// Sends the message to the station that the refused packet came from.  0 or a negative

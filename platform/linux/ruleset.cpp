@@ -3,20 +3,20 @@
 //
 // A packet's path through the first hook, after everyone else's rules:
 //
-//   prerouting ─► to-bcm0.E ─► candidate ─► copied, and its header remembered in copiedK-MTU
-//      │ short,      │ fits       │ could not be    │ too many
-//      ▼ not ours    ▼            ▼ answered        ▼
-//    accept        accept       accept          spared-MTU
+//   prerouting ─► to-bcm0.E ──► candidate ─► copied, and its header remembered in copiedK-MTU
+//      │ short,      │ fits │ too many │ could not be answered
+//      ▼ not ours    ▼      ▼          ▼ as the kernel would
+//    accept        accept  spared-MTU  accept
 //
 // "accept" only ends this table's part: nothing is ever taken out of the forwarding path.
 //
 // The path of a "too big" message through the second hook, after everyone else's rules and
 // after source NAT:
 //
-//   postrouting ─► too-big-ipvN ─► refusedK-MTU ─► handed-over: count, log, drop
-//                     │ a process's    │ quotes no copied packet, or too many
-//                     ▼                ▼
-//                   count, accept    accept: the kernel has answered
+//   postrouting ─► too-big-ipvN ─► refusedK-MTU ─► withdrawable ─► handed-over: count, log, drop
+//                     │ a process's    │ quotes no       │ not the router's own, too many,
+//                     ▼                ▼ copied packet   ▼ answers do not leave
+//                   count, accept    accept            accept: the kernel has answered
 //
 // The VLANs are found by hash lookups, however many there are.  The rules go by interface
 // index, the chains and counters by VLAN.
@@ -45,17 +45,17 @@ struct Kind {
 };
 
 constexpr Kind kKinds[] = {
-    // Source, identification and fragment offset, start of the transport header.
-    {"4", "ip hdrlength 5", "@nh,96,32 . @nh,32,32 . @nh,160,64",
-     "@th,160,32 . @th,96,32 . @th,224,64"},
+    // Source and destination, start of the transport header.
+    {"4", "ip hdrlength 5", "@nh,96,64 . @nh,160,64", "@th,160,64 . @th,224,64"},
     // Source, destination, total length to protocol.  Not the options: the kernel may write into
     // them before it refuses the packet.  With a longer header the 60 bytes that an answer quotes
     // would lack the 8 bytes of payload that a host needs (RFC 792); there the kernel answers.
     {"4o", "ip hdrlength 6-13", "@nh,96,32 . @nh,128,32 . @nh,16,64",
      "@th,160,32 . @th,192,32 . @th,80,64"},
-    // The ends of source and destination, start of what follows the header.
-    {"6", "meta nfproto ipv6", "@nh,160,32 . @nh,288,32 . @nh,320,64",
-     "@th,224,32 . @th,352,32 . @th,384,64"},
+    // Of the destination what translation may change, in prefix and host; the start of what
+    // follows the header.
+    {"6", "meta nfproto ipv6", "@nh,224,32 . @nh,288,32 . @nh,320,64",
+     "@th,288,32 . @th,352,32 . @th,384,64"},
 };
 
 // Padded beyond the length of any name: libnftables takes a number for a name if an interface
@@ -141,6 +141,7 @@ std::string egressRules(int vlan, uint32_t mtu) {
     const std::string chain = chainName(vlan);
     std::string rules =
         command("add rule", chain + " meta length <= " + std::to_string(mtu) + " accept") +
+        command("add rule", chain + " ip frag-off & 0x4000 == 0 accept") +
         command("add rule", chain +
                                 " update @copying { iif limit rate over 250/second burst 250 "
                                 "packets } goto " +

@@ -17,14 +17,10 @@ std::string causeOf(int error) {
         case EBUSY:
             return "log group 89 belongs to another process, which "
                    "/proc/net/netfilter/nfnetlink_log names; end it";
-        case EEXIST:
-            return "there is a table inet pmtud that belongs to another process; delete it";
         case EINVAL:
             return "the kernel has no log target; modprobe nfnetlink_log";
         case EPROTONOSUPPORT:
             return "the kernel has no netfilter netlink; modprobe nfnetlink";
-        case EOPNOTSUPP:
-            return "the kernel has no tables that belong to a process; it takes 5.12 or later";
         case EAFNOSUPPORT:
             return "a family of sockets is forbidden; check RestrictAddressFamilies= of the unit";
         case EMFILE:

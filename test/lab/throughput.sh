@@ -23,7 +23,6 @@ bulk_transfers=0
 
 # The best of three: a busy machine delays single ones.
 best_of_three() {
-    local i
     best=
     for _ in 1 2 3; do
         transfer_bulk

@@ -19,14 +19,14 @@ namespace {
 // refused packets up in them, and the one that removes what is spared.
 constexpr char kAdd1280[] =
     R"(add chain inet pmtud spared-1280
-add map inet pmtud copied4-1280 { typeof @nh,96,32 . @nh,32,32 . @nh,160,64 : meta mark; size 8192; flags dynamic,timeout; timeout 100ms; }
+add map inet pmtud copied4-1280 { typeof @nh,96,64 . @nh,160,64 : meta mark; size 8192; flags dynamic,timeout; timeout 100ms; }
 add chain inet pmtud refused4-1280
-add rule inet pmtud refused4-1280 @th,160,32 . @th,96,32 . @th,224,64 != @copied4-1280 accept
+add rule inet pmtud refused4-1280 @th,160,64 . @th,224,64 != @copied4-1280 accept
 add rule inet pmtud refused4-1280 jump withdrawable
-add rule inet pmtud refused4-1280 meta mark set @th,160,32 . @th,96,32 . @th,224,64 map @copied4-1280
+add rule inet pmtud refused4-1280 meta mark set @th,160,64 . @th,224,64 map @copied4-1280
 add rule inet pmtud refused4-1280 goto handed-over
 add element inet pmtud refused4 { 1280 : goto refused4-1280 }
-add rule inet pmtud spared-1280 ip hdrlength 5 delete @copied4-1280 { @nh,96,32 . @nh,32,32 . @nh,160,64 : 0 }
+add rule inet pmtud spared-1280 ip hdrlength 5 delete @copied4-1280 { @nh,96,64 . @nh,160,64 : 0 }
 add map inet pmtud copied4o-1280 { typeof @nh,96,32 . @nh,128,32 . @nh,16,64 : meta mark; size 8192; flags dynamic,timeout; timeout 100ms; }
 add chain inet pmtud refused4o-1280
 add rule inet pmtud refused4o-1280 @th,160,32 . @th,192,32 . @th,80,64 != @copied4o-1280 accept
@@ -35,14 +35,14 @@ add rule inet pmtud refused4o-1280 meta mark set @th,160,32 . @th,192,32 . @th,8
 add rule inet pmtud refused4o-1280 goto handed-over
 add element inet pmtud refused4o { 1280 : goto refused4o-1280 }
 add rule inet pmtud spared-1280 ip hdrlength 6-13 delete @copied4o-1280 { @nh,96,32 . @nh,128,32 . @nh,16,64 : 0 }
-add map inet pmtud copied6-1280 { typeof @nh,160,32 . @nh,288,32 . @nh,320,64 : meta mark; size 8192; flags dynamic,timeout; timeout 100ms; }
+add map inet pmtud copied6-1280 { typeof @nh,224,32 . @nh,288,32 . @nh,320,64 : meta mark; size 8192; flags dynamic,timeout; timeout 100ms; }
 add chain inet pmtud refused6-1280
-add rule inet pmtud refused6-1280 @th,224,32 . @th,352,32 . @th,384,64 != @copied6-1280 accept
+add rule inet pmtud refused6-1280 @th,288,32 . @th,352,32 . @th,384,64 != @copied6-1280 accept
 add rule inet pmtud refused6-1280 jump withdrawable
-add rule inet pmtud refused6-1280 meta mark set @th,224,32 . @th,352,32 . @th,384,64 map @copied6-1280
+add rule inet pmtud refused6-1280 meta mark set @th,288,32 . @th,352,32 . @th,384,64 map @copied6-1280
 add rule inet pmtud refused6-1280 goto handed-over
 add element inet pmtud refused6 { 1280 : goto refused6-1280 }
-add rule inet pmtud spared-1280 meta nfproto ipv6 delete @copied6-1280 { @nh,160,32 . @nh,288,32 . @nh,320,64 : 0 }
+add rule inet pmtud spared-1280 meta nfproto ipv6 delete @copied6-1280 { @nh,224,32 . @nh,288,32 . @nh,320,64 : 0 }
 )";
 
 constexpr char kSmallest1280[] = R"(flush chain inet pmtud fits-every-vlan
@@ -69,12 +69,13 @@ add counter inet pmtud bcm0.20
 add element inet pmtud counters { 20 : "bcm0.20" }
 add chain inet pmtud to-bcm0.20
 add rule inet pmtud to-bcm0.20 meta length <= 1280 accept
+add rule inet pmtud to-bcm0.20 ip frag-off & 0x4000 == 0 accept
 add rule inet pmtud to-bcm0.20 update @copying { iif limit rate over 250/second burst 250 packets } goto spared-1280
 add rule inet pmtud to-bcm0.20 limit name all-copies goto spared-1280
 add rule inet pmtud to-bcm0.20 jump candidate
-add rule inet pmtud to-bcm0.20 ip hdrlength 5 update @copied4-1280 { @nh,96,32 . @nh,32,32 . @nh,160,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
+add rule inet pmtud to-bcm0.20 ip hdrlength 5 update @copied4-1280 { @nh,96,64 . @nh,160,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
 add rule inet pmtud to-bcm0.20 ip hdrlength 6-13 update @copied4o-1280 { @nh,96,32 . @nh,128,32 . @nh,16,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
-add rule inet pmtud to-bcm0.20 meta nfproto ipv6 update @copied6-1280 { @nh,160,32 . @nh,288,32 . @nh,320,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
+add rule inet pmtud to-bcm0.20 meta nfproto ipv6 update @copied6-1280 { @nh,224,32 . @nh,288,32 . @nh,320,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
 add element inet pmtud egress { "0000000000000007" : goto to-bcm0.20 }
 )";
 
@@ -192,12 +193,13 @@ TEST(RuleChange, OfAnMtuToAnotherVlansTouchesTheChainOfThatVlanOnly) {
                          {{10, {5, 1280, false}}, {20, {7, 1400, false}}, {30, {9, 1400, false}}}),
               R"(flush chain inet pmtud to-bcm0.20
 add rule inet pmtud to-bcm0.20 meta length <= 1400 accept
+add rule inet pmtud to-bcm0.20 ip frag-off & 0x4000 == 0 accept
 add rule inet pmtud to-bcm0.20 update @copying { iif limit rate over 250/second burst 250 packets } goto spared-1400
 add rule inet pmtud to-bcm0.20 limit name all-copies goto spared-1400
 add rule inet pmtud to-bcm0.20 jump candidate
-add rule inet pmtud to-bcm0.20 ip hdrlength 5 update @copied4-1400 { @nh,96,32 . @nh,32,32 . @nh,160,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
+add rule inet pmtud to-bcm0.20 ip hdrlength 5 update @copied4-1400 { @nh,96,64 . @nh,160,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
 add rule inet pmtud to-bcm0.20 ip hdrlength 6-13 update @copied4o-1400 { @nh,96,32 . @nh,128,32 . @nh,16,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
-add rule inet pmtud to-bcm0.20 meta nfproto ipv6 update @copied6-1400 { @nh,160,32 . @nh,288,32 . @nh,320,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
+add rule inet pmtud to-bcm0.20 meta nfproto ipv6 update @copied6-1400 { @nh,224,32 . @nh,288,32 . @nh,320,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
 )");
 }
 
@@ -206,12 +208,13 @@ TEST(RuleChange, OfTheOnlyVlanOfAnMtuBringsTheNewMapsFirstAndTakesTheOldAwayLast
     EXPECT_EQ(commands, std::string(kAdd1280) + kSmallest1280 +
                             R"(flush chain inet pmtud to-bcm0.20
 add rule inet pmtud to-bcm0.20 meta length <= 1280 accept
+add rule inet pmtud to-bcm0.20 ip frag-off & 0x4000 == 0 accept
 add rule inet pmtud to-bcm0.20 update @copying { iif limit rate over 250/second burst 250 packets } goto spared-1280
 add rule inet pmtud to-bcm0.20 limit name all-copies goto spared-1280
 add rule inet pmtud to-bcm0.20 jump candidate
-add rule inet pmtud to-bcm0.20 ip hdrlength 5 update @copied4-1280 { @nh,96,32 . @nh,32,32 . @nh,160,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
+add rule inet pmtud to-bcm0.20 ip hdrlength 5 update @copied4-1280 { @nh,96,64 . @nh,160,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
 add rule inet pmtud to-bcm0.20 ip hdrlength 6-13 update @copied4o-1280 { @nh,96,32 . @nh,128,32 . @nh,16,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
-add rule inet pmtud to-bcm0.20 meta nfproto ipv6 update @copied6-1280 { @nh,160,32 . @nh,288,32 . @nh,320,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
+add rule inet pmtud to-bcm0.20 meta nfproto ipv6 update @copied6-1280 { @nh,224,32 . @nh,288,32 . @nh,320,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
 delete chain inet pmtud spared-1400
 delete element inet pmtud refused4 { 1400 }
 delete chain inet pmtud refused4-1400
@@ -242,12 +245,13 @@ add counter inet pmtud bcm0.11
 add element inet pmtud counters { 11 : "bcm0.11" }
 add chain inet pmtud to-bcm0.11
 add rule inet pmtud to-bcm0.11 meta length <= 1280 accept
+add rule inet pmtud to-bcm0.11 ip frag-off & 0x4000 == 0 accept
 add rule inet pmtud to-bcm0.11 update @copying { iif limit rate over 250/second burst 250 packets } goto spared-1280
 add rule inet pmtud to-bcm0.11 limit name all-copies goto spared-1280
 add rule inet pmtud to-bcm0.11 jump candidate
-add rule inet pmtud to-bcm0.11 ip hdrlength 5 update @copied4-1280 { @nh,96,32 . @nh,32,32 . @nh,160,64 : 11 } log prefix "pmtud:11" group 89 snaplen 1500
+add rule inet pmtud to-bcm0.11 ip hdrlength 5 update @copied4-1280 { @nh,96,64 . @nh,160,64 : 11 } log prefix "pmtud:11" group 89 snaplen 1500
 add rule inet pmtud to-bcm0.11 ip hdrlength 6-13 update @copied4o-1280 { @nh,96,32 . @nh,128,32 . @nh,16,64 : 11 } log prefix "pmtud:11" group 89 snaplen 1500
-add rule inet pmtud to-bcm0.11 meta nfproto ipv6 update @copied6-1280 { @nh,160,32 . @nh,288,32 . @nh,320,64 : 11 } log prefix "pmtud:11" group 89 snaplen 1500
+add rule inet pmtud to-bcm0.11 meta nfproto ipv6 update @copied6-1280 { @nh,224,32 . @nh,288,32 . @nh,320,64 : 11 } log prefix "pmtud:11" group 89 snaplen 1500
 add element inet pmtud egress { "0000000000000007" : goto to-bcm0.11 }
 )");
 }

@@ -26,9 +26,6 @@ TEST(StartProblem, NamesCauseAndRemedyOfEachResult) {
     EXPECT_EQ(startProblem(-EBUSY),
               "nothing is served (-16): log group 89 belongs to another process, which "
               "/proc/net/netfilter/nfnetlink_log names; end it");
-    EXPECT_EQ(startProblem(-EEXIST),
-              "nothing is served (-17): there is a table inet pmtud that belongs to another "
-              "process; delete it");
     EXPECT_EQ(startProblem(-EINVAL),
               "nothing is served (-22): the kernel has no log target; modprobe nfnetlink_log");
     EXPECT_EQ(startProblem(-ENFILE),
@@ -39,9 +36,6 @@ TEST(StartProblem, NamesCauseAndRemedyOfEachResult) {
               "ulimit -n)");
     EXPECT_EQ(startProblem(-EPROTONOSUPPORT),
               "nothing is served (-93): the kernel has no netfilter netlink; modprobe nfnetlink");
-    EXPECT_EQ(startProblem(-EOPNOTSUPP),
-              "nothing is served (-95): the kernel has no tables that belong to a process; it "
-              "takes 5.12 or later");
     EXPECT_EQ(startProblem(-EAFNOSUPPORT),
               "nothing is served (-97): a family of sockets is forbidden; check "
               "RestrictAddressFamilies= of the unit");
@@ -147,7 +141,8 @@ TEST_F(FailedStart, WithRulesThatTheKernelRefusesIsLoggedOnceWithItsReason) {
         EXPECT_EQ(attach(), -EOPNOTSUPP);
         EXPECT_EQ(onlyError(log),
                   "89 PMTUD-Linux: the rules could not be installed: internal:0:0-0: Error: Could "
-                  "not process rule: Operation not supported");
+                  "not process rule: Operation not supported; if there is another table inet "
+                  "pmtud, delete it");
         // The log group is free again.
         calls.nftRun = nullptr;
         calls.nftError = nullptr;

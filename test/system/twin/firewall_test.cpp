@@ -113,6 +113,22 @@ TEST_F(Firewall, DestinationTranslationToASmallerVlanIsToldAlike) {
     expectAlike(twins, 4);
 }
 
+// To addresses of the router itself, as ports are forwarded: no process's answer is translated
+// back.
+TEST_F(Firewall, PacketsTranslatedFromTheRoutersOwnAddressesAreToldOfTheKernels) {
+    Twins twins(run);
+    twins.nft(R"(table inet nat {
+    chain prerouting {
+        type nat hook prerouting priority -100;
+        ip daddr 10.0.10.1 dnat ip to 10.0.20.2
+        ip6 daddr 2001:db8:10::1 dnat ip6 to 2001:db8:20::2
+    }
+})");
+    twins.send(Ipv4{.to = "10.0.10.1", .fromPort = 4001}, kKernelOnly);
+    twins.send(Ipv6{.to = "2001:db8:10::1", .fromPort = 4002}, kKernelOnly);
+    expectAlike(twins, 2);
+}
+
 TEST_F(Firewall, MasqueradedSendersAreToldAlike) {
     Twins twins(run);
     twins.nft(R"(table inet nat {

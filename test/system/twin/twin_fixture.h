@@ -36,7 +36,7 @@ class TwinTest : public testing::Test {
     }
 };
 
-constexpr How kKernelOnly{.tellsNobodyIfMute = true};
+inline const How kKernelOnly{.tellsNobodyIfMute = true};
 
 }  // namespace twin
 

@@ -102,7 +102,7 @@ class RulesModel {
     using Rules = std::vector<std::string>;
 
     static constexpr std::string_view allowed =
-        "abcdefghijklmnopqrstuvwxyz0123456789 \".,;@!-<>=_{}:/";
+        "abcdefghijklmnopqrstuvwxyz0123456789 \".,;@!-<>=_{}:/&";
 
     // A block's kind and name, of `kind name {`.
     std::string openBlock(const std::string& line) {
@@ -228,18 +228,19 @@ class RulesModel {
             require(m_objects.contains(object), "what rules and elements refer to is there");
     }
 
-    // One rule lets through what fits, two spare what is too much, one what cannot be answered, and
-    // three copy, to the maps of the MTU.
+    // Two rules let through what fits or may be fragmented, two spare what is too much, one what
+    // cannot be answered, and three copy, to the maps of the MTU.
     void requireCopies(const std::string& vid, const std::string& mtu) const {
         const auto found = m_rules.find("to-bcm0." + vid);
-        require(found != m_rules.end() && found->second.size() == 7, "the rules of a VLAN");
+        require(found != m_rules.end() && found->second.size() == 8, "the rules of a VLAN");
         const Rules& rules = found->second;
         require(rules[0] == "meta length <= " + mtu + " accept", "what fits is let through");
-        require(rules[1].ends_with("} goto spared-" + mtu), "copies are limited for the ingress");
-        require(rules[2] == "limit name all-copies goto spared-" + mtu,
+        require(rules[1] == "ip frag-off & 0x4000 == 0 accept", "fragmentable ones are left out");
+        require(rules[2].ends_with("} goto spared-" + mtu), "copies are limited for the ingress");
+        require(rules[3] == "limit name all-copies goto spared-" + mtu,
                 "copies are limited in all");
-        require(rules[3] == "jump candidate", "only what can be answered is copied");
-        std::size_t i = 4;
+        require(rules[4] == "jump candidate", "only what can be answered is copied");
+        std::size_t i = 5;
         for (const std::string kind : {"4", "4o", "6"}) {
             const std::string map = "update @copied" + kind + "-" + mtu + " {";
             require(rules[i].find(map) != rules[i].npos, "headers are remembered by MTU");

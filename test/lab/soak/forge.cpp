@@ -68,7 +68,8 @@ void anyProtocol4(Forge& forge, Frame& frame) {
 
 void options4(Forge& forge, Frame& frame) {
     forge.ipv4(frame, forge.oversize());
-    const size_t words = 6 + forge.below(10);
+    // With a header of more than 52 bytes it would be the kernel's to answer.
+    const size_t words = 6 + forge.below(8);
     ip(frame)[0] = static_cast<uint8_t>(0x40 | words);
     std::fill(ip(frame) + 20, ip(frame) + 4 * words, uint8_t{1});  // no operation
     seal(frame);
@@ -77,9 +78,9 @@ void options4(Forge& forge, Frame& frame) {
 // The router writes its address into these before it refuses the packet.
 void recordRoute4(Forge& forge, Frame& frame) {
     forge.ipv4(frame, forge.oversize());
-    ip(frame)[0] = 0x4f;
-    std::fill(ip(frame) + 20, ip(frame) + 60, uint8_t{0});
-    put(ip(frame) + 20, std::array<uint8_t, 3>{7, 39, 4});
+    ip(frame)[0] = 0x4d;
+    std::fill(ip(frame) + 20, ip(frame) + 52, uint8_t{0});
+    put(ip(frame) + 20, std::array<uint8_t, 3>{7, 31, 4});
     seal(frame);
 }
 

@@ -5,7 +5,7 @@ set -euo pipefail
 
 if [[ ${1:-} == --help || $# -ne 2 || ! ${2:-} =~ ^[1-9][0-9]?$ ]]; then
     echo "usage: ${0##*/} BUILD_DIRECTORY ROUNDS"
-    echo "Sends 400 MiB by TCP from host a to host b, without the daemon and with it, in turns,"
+    echo "Sends 1,000 MiB by TCP from host a to host b, without the daemon and with it, in turns,"
     echo "that many rounds; the kernel answers, and the links have a network card's offloads. Prints"
     echo "one line per figure: its name and its value. Called by script/bench."
     [[ ${1:-} == --help ]] && exit 0
@@ -22,7 +22,7 @@ lab_isolate "$0" "$@"
 measure() {
     # Forgets what an earlier run learned about the path.
     ip -n a "-$1" route flush cache
-    lab_on a iperf3 -c "$(lab_address "$1" 20 2)" -n 400M -J |
+    lab_on a iperf3 -c "$(lab_address "$1" 20 2)" -n 1000M -J |
         jq '.end.sum_received.bits_per_second / 1e6 | round'
 }
 
@@ -36,8 +36,8 @@ with_daemon() {
     lab_kill_daemon
 }
 
-median() {
-    jq -s 'sort | .[length / 2 | floor]' "$1"
+mean() {
+    jq -s 'add / length | round' "$1"
 }
 
 # measure_path FAMILY INGRESS_MTU EGRESS_MTU ROUNDS
@@ -55,8 +55,8 @@ measure_path() {
             without_daemon "$1"
         fi
     done
-    with=$(median "$LAB_FILES/with")
-    without=$(median "$LAB_FILES/without")
+    without=$(mean "$LAB_FILES/without")
+    with=$(mean "$LAB_FILES/with")
     echo "${name}_mbit_kernel $without"
     echo "${name}_mbit_pmtud $with"
     echo "${name}_over_kernel $(jq -n "$with / $without * 1000 | round / 1000")"

@@ -68,24 +68,20 @@ std::optional<uint64_t> AnswerWatch::readCounter() const {
     return packets;
 }
 
-// If the counter cannot be read, nothing is held against the answer.
 bool AnswerWatch::hasLeft() {
     const std::optional<uint64_t> left = readCounter();
     return !left || std::exchange(m_left, *left) != *left;
 }
 
-AnswerWatch::Finding AnswerWatch::after(uint32_t ifindex, Clock::time_point now) {
-    Finding finding;
-    if (hasLeft()) {
-        finding.isNews = m_nextAttempts.erase(ifindex) != 0;
-        return finding;
-    }
-    finding.lost = true;
-    const auto [attempt, isNews] = m_nextAttempts.try_emplace(ifindex, now);
-    finding.isNews = isNews;
-    finding.resign = now >= attempt->second;
-    if (finding.resign) attempt->second = now + kRetryAfter;
-    return finding;
+bool AnswerNews::lost(uint32_t ifindex, Clock::time_point now) {
+    return m_lastLost.insert_or_assign(ifindex, now).second;
+}
+
+bool AnswerNews::left(uint32_t ifindex, Clock::time_point now) {
+    const auto found = m_lastLost.find(ifindex);
+    if (found == m_lastLost.end() || now - found->second < kQuiet) return false;
+    m_lastLost.erase(found);
+    return true;
 }
 
 }  // namespace pmtud_linux

@@ -17,31 +17,35 @@ namespace pmtud_linux {
 /// stateful policy lets those about known flows pass and drops the others.
 class AnswerWatch {
  public:
-    using Clock = std::chrono::steady_clock;
-
-    /// What is known about the answer to one frame.
-    struct Finding {
-        bool lost = false;    ///< it did not leave
-        bool resign = false;  ///< with `lost`: the kernel should answer there for kRetryAfter
-        bool isNews = false;  ///< for the interface, this is the first answer lost, or to leave
-    };
-
-    /// How long an interface's packets are left to the kernel before the next attempt.
-    static constexpr std::chrono::seconds kRetryAfter{30};
-
     /// 0 or a negative errno value.
     int open();
 
-    /// Call after a frame whose answer would leave by the interface was handed over.
-    Finding after(uint32_t ifindex, Clock::time_point now);
+    /// Whether an answer has left since the last call.  If the counter cannot be read, yes.
+    bool hasLeft();
 
  private:
     std::optional<uint64_t> readCounter() const;
-    bool hasLeft();
 
     MnlSocket m_socket;
     uint64_t m_left = 0;  // the counter when it was last read
-    std::unordered_map<uint32_t, Clock::time_point> m_nextAttempts;  // where answers are lost
+};
+
+/// For each interface, whether the operator is to be told that answers are lost there.
+class AnswerNews {
+ public:
+    using Clock = std::chrono::steady_clock;
+
+    /// How long answers must leave before that is news: some may leave while others do not.
+    static constexpr std::chrono::seconds kQuiet{30};
+
+    /// An answer did not leave by the interface.  True: it is the first one.
+    bool lost(uint32_t ifindex, Clock::time_point now);
+
+    /// An answer has left by the interface.  True: it is the first one after those that did not.
+    bool left(uint32_t ifindex, Clock::time_point now);
+
+ private:
+    std::unordered_map<uint32_t, Clock::time_point> m_lastLost;
 };
 
 }  // namespace pmtud_linux

@@ -26,11 +26,22 @@ constexpr int kReceiveCalls = 4;
 
 constexpr int kRetryInterval = 1000;  // milliseconds
 
+// How long the packets of an interface by which nothing leaves are left to the kernel.
+constexpr std::chrono::seconds kLeftToKernel(30);
+
 // What the log does not accept is said later.
 void sayBurst(Burst& burst, Priority priority, const char* what, bool over,
               Burst::Clock::time_point now) {
     const uint64_t count = burst.due(over, now);
     if (count != 0 && !say(priority, what + std::to_string(count))) burst.count(count);
+}
+
+// Whether the daemon still has a reason to answer, by its own questions: the VLAN may be gone since
+// the kernel refused the packet, or its MTU another one.
+bool isRefusedStill(const Copy& copy, uint32_t egress) {
+    const int vlan = cfg_vlan_l3_get_dest_vlan(static_cast<int>(egress));
+    const uint32_t mtu = vlan > 0 ? cfg_vlan_l3_get_mtu(vlan) : 0;
+    return mtu >= kMinimumMtu && mtu <= kMaximumMtu && copy.packetSize() > mtu;
 }
 
 const char* verdictName(int verdict) {
@@ -56,14 +67,15 @@ int Dispatcher::attach() {
     return result;
 }
 
-// The group first: a message withdrawn without it would be lost.  The links are watched before
-// they are listed: a change in between is followed later.
+// First a socket of netfilter's: without netfilter libnftables would end the process.  The rules
+// before the group that they log to, since a process that dies closes its descriptors in their
+// order.  The links are watched before they are listed: a change in between is followed later.
 int Dispatcher::openAll() {
-    if (const int result = m_group.open(kLogGroup, kCopySize); result != 0) return result;
     if (const int result = m_answers.open(); result != 0) return result;
+    if (const int result = m_rules.open(); result != 0) return result;
+    if (const int result = m_group.open(kLogGroup, kCopySize); result != 0) return result;
     if (const int result = m_links.open(); result != 0) return result;
-    if (const int result = m_links.list(m_table); result != 0) return result;
-    return m_rules.open();
+    return m_links.list(m_table);
 }
 
 int Dispatcher::installRules() {
@@ -72,11 +84,17 @@ int Dispatcher::installRules() {
         m_installed = m_table.vlans();
         return 0;
     }
-    const std::string missing = featureMissing();
-    say(Priority::error,
-        "the rules could not be installed: " +
-            (missing.empty() ? m_rules.problem() : "this kernel lacks " + missing));
+    say(Priority::error, "the rules could not be installed: " + refusalOfRules());
     return result;
+}
+
+std::string Dispatcher::refusalOfRules() {
+    const std::string problem = m_rules.problem();
+    if (m_rules.run("list table inet pmtud\n") == 0)
+        return "there is a table inet pmtud already; end the process that owns it, or delete it "
+               "(nft delete table inet pmtud)";
+    const std::string missing = featureMissing();
+    return missing.empty() ? problem : "this kernel lacks " + missing;
 }
 
 void Dispatcher::detach() {
@@ -171,49 +189,64 @@ void Dispatcher::take(const LogMessage& message, pktd_rx_cb_t callback) {
     }
 }
 
+// Only this table's rules mark what they log with a VLAN: another's would not have withdrawn it.
 void Dispatcher::takeRefused(const LogMessage& message, pktd_rx_cb_t callback) {
+    if (message.mark < uint32_t{firstVlan} || message.mark > uint32_t{lastVlan}) {
+        m_foreign.count(1);
+        return;
+    }
     const Copy* const copy = m_copies.take(quoteOf(message.payload));
     if (copy != nullptr && m_table.vlanOf(copy->ingress) != 0 &&
         m_table.vlans().contains(copy->egressVlan))
         handOver(message, *copy, callback);
     else
-        m_unanswered.count(1);
+        giveBack(message, nullptr);
 }
 
 void Dispatcher::handOver(const LogMessage& message, const Copy& copy, pktd_rx_cb_t callback) {
     const uint32_t egress = m_table.vlans().at(copy.egressVlan).ifindex;
     m_frame.build(copy, m_table.vlanOf(copy.ingress), egress, quoteOf(message.payload));
-    const auto now = AnswerWatch::Clock::now();
+    const auto now = Burst::Clock::now();
     const bool logged = m_budget.take(now);
     if (!logged) m_unlogged.count(1);
     {
         const FrameLines lines(logged);
         countVerdict(callback(&m_frame.record(), m_frame.data(), static_cast<int>(m_frame.size())));
     }
-    follow(m_answers.after(message.egress, now), message, copy);
+    if (!m_answers.hasLeft()) {
+        if (isRefusedStill(copy, egress)) noteLoss(message.egress, now);
+        giveBack(message, &copy);
+    } else if (m_answerNews.left(message.egress, now)) {
+        say(Priority::warning, nameOf(message.egress) + ": the answers leave this router again");
+    }
 }
 
-// Someone must answer: the kernel's message goes out after all, and those that follow it are no
-// longer withdrawn.
-void Dispatcher::follow(const AnswerWatch::Finding& finding, const LogMessage& message,
-                        const Copy& copy) {
-    if (!finding.lost) {
-        if (finding.isNews)
-            say(Priority::warning,
-                nameOf(message.egress) + ": the answers leave this router again");
-        return;
-    }
-    if (m_kernelAnswer.send(message, copy) != 0) m_unanswered.count(1);
-    if (finding.isNews)
-        say(Priority::warning,
-            nameOf(message.egress) +
-                ": the answers do not leave this router, so the kernel answers; allow them in the "
-                "output"
-                " hook: icmp type destination-unreachable accept; icmpv6 type packet-too-big "
-                "accept");
-    if (!finding.resign) return;
-    const int seconds = static_cast<int>(AnswerWatch::kRetryAfter.count());
-    if (m_rules.run(leaveToKernelText(message.egress, seconds)) != 0)
+void Dispatcher::noteLoss(uint32_t ifindex, Burst::Clock::time_point now) {
+    if (!m_answerNews.lost(ifindex, now)) return;
+    say(Priority::warning,
+        nameOf(ifindex) +
+            ": the answers do not leave this router, so the kernel answers; allow them in the "
+            "output hook: icmp type destination-unreachable accept; icmpv6 type packet-too-big "
+            "accept");
+}
+
+// Someone must answer: the kernel's message goes out after all.  Where it cannot, those that
+// follow are no longer withdrawn.
+void Dispatcher::giveBack(const LogMessage& message, const Copy* copy) {
+    const int result = m_kernelAnswer.send(message, copy);
+    // One that went through the rules was counted there.
+    m_answers.hasLeft();
+    if (result == 0) return;
+    m_unanswered.count(1);
+    leaveToKernel(message.egress);
+}
+
+void Dispatcher::leaveToKernel(uint32_t ifindex) {
+    const auto now = Burst::Clock::now();
+    const auto [until, isFirst] = m_leftToKernel.try_emplace(ifindex, now);
+    if (!isFirst && now < until->second) return;
+    until->second = now + kLeftToKernel;
+    if (m_rules.run(leaveToKernelText(ifindex, static_cast<int>(kLeftToKernel.count()))) != 0)
         say(Priority::error, "the kernel could not be left to answer: " + m_rules.problem());
 }
 

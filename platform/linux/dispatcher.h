@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <unordered_map>
 
 #include "answer_watch.h"
 #include "copies.h"
@@ -42,6 +43,7 @@ class Dispatcher {
  private:
     int openAll();
     int installRules();
+    std::string refusalOfRules();
     int timeout() const;
     void followLinks();
     void applyRules();
@@ -50,7 +52,9 @@ class Dispatcher {
     void take(const LogMessage& message, pktd_rx_cb_t callback);
     void takeRefused(const LogMessage& message, pktd_rx_cb_t callback);
     void handOver(const LogMessage& message, const Copy& copy, pktd_rx_cb_t callback);
-    void follow(const AnswerWatch::Finding& finding, const LogMessage& message, const Copy& copy);
+    void noteLoss(uint32_t ifindex, Burst::Clock::time_point now);
+    void giveBack(const LogMessage& message, const Copy* copy);
+    void leaveToKernel(uint32_t ifindex);
     void followSequence(uint32_t sequence);
     void countVerdict(int verdict);
     void sayBursts(bool over);
@@ -65,7 +69,9 @@ class Dispatcher {
     LinkMonitor m_links;
     NftConnection m_rules;
     AnswerWatch m_answers;
+    AnswerNews m_answerNews;
     KernelAnswer m_kernelAnswer;
+    std::unordered_map<uint32_t, Burst::Clock::time_point> m_leftToKernel;  // until when
 
     Service m_service;
 

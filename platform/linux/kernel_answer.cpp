@@ -5,8 +5,10 @@
 #include <arpa/inet.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -14,22 +16,78 @@
 
 namespace pmtud_linux {
 
-int KernelAnswer::send(const LogMessage& message, const Copy& refused) {
-    if (message.egress != refused.ingress) return -EHOSTUNREACH;
-    // Protocol 0: the socket only sends, and no packet is copied to it.
-    if (!m_socket.valid()) m_socket.reset(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (!m_socket.valid()) return -errno;
+namespace {
 
+constexpr size_t kSource = ETH_ALEN;  // in the addresses of a copy
+
+bool openOnce(Descriptor& kept, int family, int type, int protocol) {
+    if (!kept.valid()) kept.reset(socket(family, type | SOCK_CLOEXEC, protocol));
+    return kept.valid();
+}
+
+template <typename Address>
+int sendTo(const Descriptor& socket, const LogMessage& message, const Address& to) {
+    const ssize_t sent =
+        sendto(socket.get(), message.payload.data(), message.payload.size(),
+               MSG_DONTWAIT | MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+    return sent < 0 ? -errno : 0;
+}
+
+struct Option {
+    int level;
+    int name;
+};
+
+// The message brings its own IP header (raw(7), ipv6(7)).
+template <typename Address>
+int byRoute(Descriptor& kept, Option interface, const LogMessage& message, const Address& to) {
+    const auto family = reinterpret_cast<const sockaddr&>(to).sa_family;
+    if (!openOnce(kept, family, SOCK_RAW, IPPROTO_RAW)) return -errno;
+    const uint32_t egress = htonl(message.egress);
+    if (setsockopt(kept.get(), interface.level, interface.name, &egress, sizeof egress) != 0)
+        return -errno;
+    return sendTo(kept, message, to);
+}
+
+bool knowsStation(const Copy& copy) {
+    return std::any_of(&copy.addresses[kSource], copy.addresses.data() + copy.addresses.size(),
+                       [](uint8_t byte) { return byte != 0; });
+}
+
+}  // namespace
+
+int KernelAnswer::send(const LogMessage& message, const Copy* refused) {
+    if (ipHeaderSize(message.payload) == 0) return -EBADMSG;
+    if (refused != nullptr && message.egress == refused->ingress && knowsStation(*refused) &&
+        toStation(message, *refused) == 0)
+        return 0;
+    return ipVersion(message.payload) == 4 ? byRoute4(message) : byRoute6(message);
+}
+
+int KernelAnswer::toStation(const LogMessage& message, const Copy& refused) {
+    // Protocol 0: the socket only sends, and no packet is copied to it.
+    if (!openOnce(m_packets, AF_PACKET, SOCK_DGRAM, 0)) return -errno;
     sockaddr_ll to{};
     to.sll_family = AF_PACKET;
     to.sll_protocol = htons(ipVersion(message.payload) == 4 ? ETH_P_IP : ETH_P_IPV6);
     to.sll_ifindex = static_cast<int>(message.egress);
     to.sll_halen = ETH_ALEN;
-    memcpy(to.sll_addr, &refused.addresses[ETH_ALEN], ETH_ALEN);
-    const ssize_t sent =
-        sendto(m_socket.get(), message.payload.data(), message.payload.size(),
-               MSG_DONTWAIT | MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&to), sizeof to);
-    return sent < 0 ? -errno : 0;
+    memcpy(to.sll_addr, &refused.addresses[kSource], ETH_ALEN);
+    return sendTo(m_packets, message, to);
+}
+
+int KernelAnswer::byRoute4(const LogMessage& message) {
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    memcpy(&to.sin_addr, &message.payload[16], sizeof to.sin_addr);
+    return byRoute(m_raw4, {IPPROTO_IP, IP_UNICAST_IF}, message, to);
+}
+
+int KernelAnswer::byRoute6(const LogMessage& message) {
+    sockaddr_in6 to{};
+    to.sin6_family = AF_INET6;
+    memcpy(&to.sin6_addr, &message.payload[24], sizeof to.sin6_addr);
+    return byRoute(m_raw6, {IPPROTO_IPV6, IPV6_UNICAST_IF}, message, to);
 }
 
 }  // namespace pmtud_linux

@@ -9,19 +9,26 @@
 
 namespace pmtud_linux {
 
-/// For the case that the daemon's answer to the same packet did not leave the router.  The kernel's
-/// had passed all rules up to this table's when it was withdrawn, so it goes past them, through a
-/// packet socket.
+/// For the case that the daemon did not answer the same packet, or that its answer did not leave
+/// the router.
 class KernelAnswer {
  public:
-    /// Sends the message to the station that the refused packet came from.  0 or a negative
-    /// errno value, -EHOSTUNREACH if the message was to leave by another interface than the
-    /// packet's ingress, where the next station is unknown.
-    int send(const LogMessage& message, const Copy& refused);
+    /// Sends the message that the rules withdrew.  Goes straight to the station that the refused
+    /// packet came from, past all rules, since it had passed all but the last of them; without
+    /// the packet's copy (null), or if the message was to leave by another interface than the
+    /// packet's ingress, by the kernel's routes via that interface and through the rules.  0 or a
+    /// negative errno value, -EPERM if the rules dropped it.
+    int send(const LogMessage& message, const Copy* refused);
 
  private:
-    // Opened when it is first needed, which is hardly ever.
-    Descriptor m_socket;
+    int toStation(const LogMessage& message, const Copy& refused);
+    int byRoute4(const LogMessage& message);
+    int byRoute6(const LogMessage& message);
+
+    // Opened when they are first needed, which is hardly ever.
+    Descriptor m_packets;
+    Descriptor m_raw4;
+    Descriptor m_raw6;
 };
 
 }  // namespace pmtud_linux

@@ -44,6 +44,9 @@ int readAttribute(const nlattr* attribute, void* data) {
         case NFULA_IFINDEX_OUTDEV:
             read = readNumber(attribute, message.egress);
             break;
+        case NFULA_MARK:
+            read = readNumber(attribute, message.mark);
+            break;
         case NFULA_SEQ: {
             uint32_t sequence = 0;
             read = readNumber(attribute, sequence);

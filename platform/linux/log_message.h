@@ -17,6 +17,7 @@ struct LogMessage {
     std::string_view prefix;              ///< of the rule that logged; empty: none
     uint32_t ingress = 0;                 ///< interface index; 0: none
     uint32_t egress = 0;                  ///< interface index; 0: none
+    uint32_t mark = 0;                    ///< of the packet; 0: none
     std::optional<uint32_t> sequence;     ///< counts all messages of the group from 0
     std::span<const uint8_t> linkHeader;  ///< empty: none
     std::span<const uint8_t> payload;     ///< from the IP header on; may be cut short

@@ -3,10 +3,10 @@
 //
 // A packet's path through the first hook, after everyone else's rules:
 //
-//   prerouting ─► to-bcm0.E ──► candidate ─► copied, and its header remembered in copiedK-MTU
-//      │ short,      │ fits │ too many │ could not be answered
-//      ▼ not ours    ▼      ▼          ▼ as the kernel would
-//    accept        accept  spared-MTU  accept
+//   prerouting ─► to-bcm0.E ─► candidate ─► copied, and its header remembered in copiedK-MTU
+//      │ short,      │ fits      │ may be fragmented, too many,
+//      ▼ not ours    ▼           ▼ could not be answered as the kernel would
+//    accept        accept      accept
 //
 // "accept" only ends this table's part: nothing is ever taken out of the forwarding path.
 //
@@ -33,10 +33,10 @@ namespace pmtud_linux {
 namespace {
 
 // What tells one packet from another, as the packet has it and as a message that quotes it
-// does: 16 bytes, because nft 1.0.6 cannot map a longer key to a value.  The map has the key if
-// the last candidate with it was copied: one that is spared by a limit removes it.  A message
-// does not, because the kernel keeps removed keys for up to a second and takes only some 16 equal
-// ones meanwhile.
+// does: 16 bytes, because nft 1.0.6 cannot map a longer key to a value.  The key may be there for a
+// packet that was not copied, if one with the same key was; its message goes out after all.  A
+// message does not remove the key, because the kernel keeps removed ones for up to a second and
+// takes only some 16 equal ones meanwhile.
 struct Kind {
     const char* name;
     const char* packets;
@@ -84,8 +84,6 @@ std::string refusedChain(const Kind& kind, uint32_t mtu) {
 // allocates the room at once.
 size_t mapSize(size_t mtus) { return size_t{65536} / std::max<size_t>(mtus, 8); }
 
-std::string sparedChain(uint32_t mtu) { return "spared-" + std::to_string(mtu); }
-
 std::string addMap(const Kind& kind, uint32_t mtu, size_t size) {
     return command("add map", copiedMap(kind, mtu) + " { typeof " + kind.header +
                                   " : meta mark; size " + std::to_string(size) +
@@ -108,17 +106,14 @@ std::string addRefusedChain(const Kind& kind, uint32_t mtu) {
 }
 
 std::string addMtu(uint32_t mtu, size_t size) {
-    const std::string spared = sparedChain(mtu);
-    std::string commands = command("add chain", spared);
+    std::string commands;
     for (const Kind& kind : kKinds)
-        commands += addMap(kind, mtu, size) + addRefusedChain(kind, mtu) +
-                    command("add rule", spared + " " + kind.packets + " delete @" +
-                                            copiedMap(kind, mtu) + " { " + kind.header + " : 0 }");
+        commands += addMap(kind, mtu, size) + addRefusedChain(kind, mtu);
     return commands;
 }
 
 std::string removeMtu(uint32_t mtu) {
-    std::string commands = command("delete chain", sparedChain(mtu));
+    std::string commands;
     for (const Kind& kind : kKinds)
         commands +=
             command("delete element", refusedMap(kind) + " { " + std::to_string(mtu) + " }") +
@@ -141,12 +136,6 @@ std::string egressRules(int vlan, uint32_t mtu) {
     const std::string chain = chainName(vlan);
     std::string rules =
         command("add rule", chain + " meta length <= " + std::to_string(mtu) + " accept") +
-        command("add rule", chain + " ip frag-off & 0x4000 == 0 accept") +
-        command("add rule", chain +
-                                " update @copying { iif limit rate over 250/second burst 250 "
-                                "packets } goto " +
-                                sparedChain(mtu)) +
-        command("add rule", chain + " limit name all-copies goto " + sparedChain(mtu)) +
         command("add rule", chain + " jump candidate");
     for (const Kind& kind : kKinds) rules += copyRule(kind, chain, std::to_string(vlan), mtu);
     return rules;
@@ -265,6 +254,13 @@ std::string tableText() {
         timeout 10s
     }
 
+    set crowded {
+        typeof iif
+        size 8192
+        flags dynamic,timeout
+        timeout 100ms
+    }
+
     set answering {
         typeof oif
         size 8192
@@ -307,6 +303,7 @@ std::string tableText() {
     chain prerouting {
         type filter hook prerouting priority 350; policy accept;
         jump fits-every-vlan
+        iif @crowded accept comment "spares bulk traffic the route lookup"
         iif != @vlans accept
         fib daddr . mark oif vmap @egress
     }
@@ -315,12 +312,21 @@ std::string tableText() {
     }
 
     chain candidate {
+        ip frag-off & 0x4000 == 0 accept
+        update @copying { iif limit rate over 250/second burst 250 packets } goto too-many
+        limit name all-copies accept
         meta nfproto ipv4 iif @vrf-ports accept comment "no way back from outside the VRF"
         meta nfproto ipv6 fib saddr . iif oif missing accept comment "no way back via the ingress"
     }
 
+    chain too-many {
+        add @crowded { iif }
+        accept
+    }
+
     chain postrouting {
         type filter hook postrouting priority 350; policy accept;
+        meta l4proto != { icmp, ipv6-icmp } accept
         icmp type destination-unreachable icmp code frag-needed goto too-big-ipv4
         icmpv6 type packet-too-big goto too-big-ipv6
     }

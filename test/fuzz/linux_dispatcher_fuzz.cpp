@@ -8,8 +8,11 @@
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <netinet/in.h>
 #include <nftables/libnftables.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -62,6 +65,8 @@ using pmtud_linux::Vlans;
 namespace {
 
 constexpr int packetSocket = 900;
+constexpr int rawSocket4 = 904;
+constexpr int rawSocket6 = 906;
 constexpr uint32_t portId = 77;
 
 /// What the callback throws.
@@ -83,15 +88,20 @@ struct Context {
 /// Who a datagram comes from.
 enum class Sender { kernel, process, nobody };
 
-/// A refused packet that is to be handed over.
+/// A refused packet: it is handed over if there is a copy, and its answer given back if not.
 struct Refused {
+    bool isCopied = false;
     Built frame;
     uint32_t ingress = 0;
-    Bytes station;  // that the packet came from
+    uint32_t vlanEgress = 0;  // interface that the packet was to leave by
+    Bytes station;            // that the packet came from; empty: unknown
     uint32_t egress = 0;
     Bytes answer;  // the kernel's
     std::chrono::nanoseconds handedOver{};
 };
+
+/// How far the dispatcher is with the packet.
+enum class Stage { handedOver, givingBack, sent };
 
 /// Which frames are logged: a hundred, and one more every 50 ms.
 class LinesModel {
@@ -114,11 +124,19 @@ class LinesModel {
 /// What the dispatcher did after it handed a packet over.
 struct Deeds {
     bool answerLeft = false;
-    int sends = 0;
+    int toStation = 0;
+    int byRoute = 0;
     int sent = 0;
+    bool isUnanswered = false;
     int leftToKernel = 0;
     int linesOfLoss = 0;
     int linesOfReturn = 0;
+};
+
+/// What the kernel says of the interface that a packet was to leave by.
+struct Egress {
+    std::string name;  // empty: it is gone
+    int mtu = 0;       // 0: it is gone
 };
 
 /// Events that are counted and logged in bursts.
@@ -145,11 +163,12 @@ struct World {
     Socket group{901};
     Socket links{902};
     Socket answers{903};
-    uint32_t groupSequence = 0;  // of the last request about the group
-    bool packetSocketIsOpen = false;
+    uint32_t groupSequence = 0;    // of the last request about the group
+    std::set<int> sendingSockets;  // that are open
     Context rulesContext;
     Context checkContext;  // for one question about the kernel
     bool isLacking = false;
+    bool isTaken = false;  // there is a table of that name
 
     LinkListModel list;
     std::optional<RulesModel> rules;  // nothing: there is no table
@@ -160,7 +179,10 @@ struct World {
 
     CopiesModel copies;
     std::deque<Refused> expected;
-    std::optional<Refused> handedOver;  // last
+    std::optional<Refused> current;
+    Stage stage = Stage::handedOver;
+    Egress egress;
+    bool isLost = false;  // the daemon's answer
     Deeds deeds;
 
     uint64_t answersThatLeft = 0;
@@ -171,7 +193,6 @@ struct World {
     };
     std::deque<Answer> counterAnswers;
     AnswersModel watch;
-    AnswersModel::Readings readings;
     LinesModel lines;
     std::optional<std::chrono::nanoseconds> lineOfUnlogged;  // last
 
@@ -308,20 +329,29 @@ ssize_t receiveLinks(void* buffer, std::size_t size, const From& from) {
 
 // The log group.
 
+void addCopied(const Kept& kept, int ingressVlan, Span quote, Refused& refused) {
+    refused.isCopied = true;
+    refused.vlanEgress = world->list.vlans().at(kept.egressVlan).ifindex;
+    refused.frame = fuzz::expectedFrame(kept, ingressVlan, refused.vlanEgress, quote);
+    refused.ingress = kept.ingress;
+    const auto source = kept.addresses.begin() + 6;
+    const bool isKnown =
+        std::any_of(source, kept.addresses.end(), [](uint8_t byte) { return byte != 0; });
+    if (isKnown) refused.station.assign(source, kept.addresses.end());
+}
+
 void expectRefused(const Message& message) {
+    if (message.mark < 1 || message.mark > 4094) {
+        ++world->counted.foreign;
+        return;
+    }
     const Span quote = fuzz::quotedBy(message.payload);
     const Kept* const kept = world->copies.take(quote);
     const Vlans& vlans = world->list.vlans();
     const int ingressVlan = kept == nullptr ? 0 : fuzz::vlanOf(vlans, kept->ingress);
-    if (ingressVlan == 0 || !vlans.contains(kept->egressVlan)) {
-        ++world->counted.unanswered;
-        return;
-    }
     Refused refused;
-    refused.frame =
-        fuzz::expectedFrame(*kept, ingressVlan, vlans.at(kept->egressVlan).ifindex, quote);
-    refused.ingress = kept->ingress;
-    refused.station.assign(kept->addresses.begin() + 6, kept->addresses.end());
+    if (ingressVlan != 0 && vlans.contains(kept->egressVlan))
+        addCopied(*kept, ingressVlan, quote, refused);
     refused.egress = message.egress;
     refused.answer.assign(message.payload.begin(), message.payload.end());
     world->expected.push_back(std::move(refused));
@@ -387,6 +417,88 @@ int drawDatagrams(mmsghdr* headers, unsigned room) {
     return count == 0 ? fail(EAGAIN) : static_cast<int>(count);
 }
 
+// What follows a frame, and a message without a copy.
+
+std::string nameOf(uint32_t ifindex) {
+    const int vlan = fuzz::vlanOf(world->list.vlans(), ifindex);
+    return vlan != 0 ? "bcm0." + std::to_string(vlan) : "interface " + std::to_string(ifindex);
+}
+
+// As the daemon sees it, from the kernel's answers.
+bool isRefusedStill(const Refused& refused) {
+    const Egress& egress = world->egress;
+    const std::string vlan =
+        "bcm0." + std::to_string(fuzz::vlanOf(world->list.vlans(), refused.vlanEgress));
+    if (egress.name != vlan || egress.mtu < 576 || egress.mtu > 16383) return false;
+    return refused.frame.bytes.size() > static_cast<std::size_t>(egress.mtu) + 18;
+}
+
+bool isSendable(const Refused& refused) { return fuzz::headerOf(refused.answer) != 0; }
+
+void checkGivenBack(const Refused& refused, const Deeds& done) {
+    require(world->stage == Stage::sent, "a withdrawn answer is given back");
+    const bool isNear =
+        isSendable(refused) && refused.egress == refused.ingress && !refused.station.empty();
+    require(done.toStation == (isNear ? 1 : 0), "which answers go to the packet's station");
+    const bool isFar = isSendable(refused) && (!isNear || done.sent == 0 || done.byRoute != 0);
+    require(done.byRoute == (isFar ? 1 : 0), "which answers go by the routes");
+    require(done.sent <= 1, "an answer is given back once");
+}
+
+// The dispatcher has gone on to something else.
+void settle() {
+    if (!world->current) return;
+    const Refused refused = std::move(*world->current);
+    world->current.reset();
+    const Deeds done = std::exchange(world->deeds, Deeds());
+    const bool isGivenBack = world->isLost || !refused.isCopied;
+    require(world->stage != Stage::handedOver || !isGivenBack, "the counter is read");
+    if (isGivenBack) checkGivenBack(refused, done);
+    require(!isGivenBack || !done.answerLeft, "no sender is answered twice");
+    AnswersModel& watch = world->watch;
+    const bool isNews = world->isLost && isRefusedStill(refused) &&
+                        watch.isFirstLost(refused.egress, refused.handedOver);
+    require(done.linesOfLoss == (isNews ? 1 : 0), "the first loss is logged");
+    const bool isBack = !isGivenBack && watch.leavesAgain(refused.egress, refused.handedOver);
+    require(done.linesOfReturn == (isBack ? 1 : 0), "that answers leave is logged");
+    const bool isLeft = done.isUnanswered && watch.leavesToKernel(refused.egress, world->now);
+    require(done.leftToKernel == (isLeft ? 1 : 0), "when the kernel is left to answer");
+}
+
+// What the dispatcher gives back to the kernel now.
+const Refused& givenBack() {
+    if (world->current && world->stage == Stage::givingBack) return *world->current;
+    settle();
+    require(!world->expected.empty() && !world->expected.front().isCopied,
+            "only what was not answered is given back");
+    world->current = std::move(world->expected.front());
+    world->expected.pop_front();
+    world->stage = Stage::givingBack;
+    world->isLost = false;
+    return *world->current;
+}
+
+// The counter was read.
+void takeReading(std::optional<uint64_t> reading) {
+    if (world->current && world->stage == Stage::handedOver) {
+        world->isLost = world->watch.isLost(reading);
+        world->stage = world->isLost ? Stage::givingBack : Stage::sent;
+        return;
+    }
+    givenBack();
+    world->watch.isLost(reading);
+    world->stage = Stage::sent;
+    if (world->deeds.sent != 0) return;
+    world->deeds.isUnanswered = true;
+    ++world->counted.unanswered;
+}
+
+void settleAll() {
+    settle();
+    require(pmtud_linux::lineFate() == LineFate::written, "lines are kept only during a frame");
+    require(world->expected.empty(), "every refused packet is handed over or given back");
+}
+
 // The counter of the answers.
 
 Bytes counterMessage(uint32_t sequence, uint64_t packets, uint8_t style) {
@@ -432,7 +544,7 @@ ssize_t askForCounter(Span request) {
     requireRequestOfCounter(request);
     const uint8_t style = std::exchange(world->counterStyle, uint8_t{0});
     if (style == 7 || failsNow()) {
-        world->readings.emplace_back(std::nullopt);
+        takeReading(std::nullopt);
         return fail(ENOBUFS);
     }
     const auto sequence = fuzz::load<uint32_t>(request, 8);
@@ -448,7 +560,7 @@ ssize_t askForCounter(Span request) {
     else
         answers.push_back({counterMessage(sequence, world->answersThatLeft, style)});
     const bool isRead = style < 2;
-    world->readings.push_back(isRead ? std::optional(world->answersThatLeft) : std::nullopt);
+    takeReading(isRead ? std::optional(world->answersThatLeft) : std::nullopt);
     return static_cast<ssize_t>(request.size());
 }
 
@@ -471,42 +583,24 @@ ssize_t receiveAnswerOfGroup(void* buffer, std::size_t size, const From& from) {
     return deliver(fuzz::Traffic::drawArbitrary(world->input, kind), buffer, size);
 }
 
-// What follows a frame.
+// The callback.
 
-std::string nameOf(uint32_t ifindex) {
-    const int vlan = fuzz::vlanOf(world->list.vlans(), ifindex);
-    return vlan != 0 ? "bcm0." + std::to_string(vlan) : "interface " + std::to_string(ifindex);
-}
-
-void settle() {
-    if (!world->handedOver) return;
-    const Refused refused = std::move(*world->handedOver);
-    world->handedOver.reset();
-    const Deeds done = std::exchange(world->deeds, Deeds());
-    const auto outcome = world->watch.after(refused.egress, refused.handedOver, world->readings);
-    const bool isSendable = outcome.giveBack && refused.egress == refused.ingress;
-    require(!outcome.giveBack || !done.answerLeft, "no sender is answered twice");
-    require(done.sends == (isSendable ? 1 : 0), "which answers are given back to the kernel");
-    if (outcome.giveBack && done.sent == 0) ++world->counted.unanswered;
-    require(done.leftToKernel == (outcome.leaveToKernel ? 1 : 0),
-            "when the kernel is left to answer");
-    require(done.linesOfLoss == (outcome.isFirstLost ? 1 : 0), "the first loss is logged");
-    require(done.linesOfReturn == (outcome.leavesAgain ? 1 : 0), "that answers leave is logged");
-}
-
-void settleAll() {
-    settle();
-    require(pmtud_linux::lineFate() == LineFate::written, "lines are kept only during a frame");
-    require(world->readings.empty(), "the counter is read only when that is due");
-    require(world->expected.empty(), "every refused packet is handed over");
+// The interface may be gone by now, or have another name or MTU.
+void drawEgress(const Refused& refused) {
+    const uint8_t choice = world->input.byte();
+    constexpr std::array<const char*, 4> names = {"", "eth0", "bcm0.0", "bcm0.4095"};
+    const int vlan = fuzz::vlanOf(world->list.vlans(), refused.vlanEgress);
+    world->egress.name = choice % 8 < 4 ? "bcm0." + std::to_string(vlan) : names[choice % 8 - 4];
+    constexpr std::array<int, 8> mtus = {576, 576, 1280, 1499, 1500, 575, 16384, 0};
+    world->egress.mtu = choice < 0xF0 ? mtus[choice / 8 % 8] : world->input.number<uint16_t>();
 }
 
 int callback(const st_pktd_shm_queue_entry_data_t* record, uint8_t* frame, int size) {
     settle();
-    require(!world->expected.empty(), "only refused packets are handed over, and once");
+    require(!world->expected.empty() && world->expected.front().isCopied,
+            "only refused packets are handed over, and once");
     Refused refused = std::move(world->expected.front());
     world->expected.pop_front();
-    require(world->readings.empty(), "the counter is read only when that is due");
     refused.handedOver = world->now;
     const bool isLogged = world->lines.take(world->now);
     if (!isLogged) ++world->counted.unlogged;
@@ -517,8 +611,13 @@ int callback(const st_pktd_shm_queue_entry_data_t* record, uint8_t* frame, int s
     if (choice == 0xFF) throw Stop();
     if (choice >= 0xC0) world->now += std::chrono::milliseconds(choice >= 0xE0 ? 49 : 1000);
     world->deeds.answerLeft = choice % 4 != 1;
-    if (world->deeds.answerLeft) ++world->answersThatLeft;
-    world->handedOver = std::move(refused);
+    if (world->deeds.answerLeft)
+        ++world->answersThatLeft;
+    else
+        drawEgress(refused);
+    world->current = std::move(refused);
+    world->stage = Stage::handedOver;
+    world->isLost = false;
     constexpr std::array<int, 8> verdicts = {7, 7, 7, 8, 9, 1, 0, -1};
     const int verdict = verdicts[choice / 4 % 8];
     if (verdict != 7) world->verdicts.insert(verdict > 7 ? verdict : 1);
@@ -538,8 +637,8 @@ bool takeNumber(std::string_view line, std::string_view begin, uint64_t& sum) {
 }
 
 bool takeLineOfAnswers(std::string_view line) {
-    if (!world->handedOver) return false;
-    const std::string name = nameOf(world->handedOver->egress);
+    if (!world->current) return false;
+    const std::string name = nameOf(world->current->egress);
     if (line == name + ": the answers leave this router again") {
         ++world->deeds.linesOfReturn;
         return true;
@@ -599,9 +698,12 @@ bool takeError(std::string_view line) {
         ++world->linesOfProblem;
         const std::string_view why = line.substr(begin.size());
         constexpr std::string_view lack = "this kernel lacks ";
-        require(world->isLacking ? why.starts_with(lack) && why.size() > lack.size()
-                                 : why == firstLine(refusal),
-                "why the rules were refused");
+        if (world->isTaken)
+            require(why.starts_with("there is a table inet pmtud already; "), "the name is taken");
+        else
+            require(world->isLacking ? why.starts_with(lack) && why.size() > lack.size()
+                                     : why == firstLine(refusal),
+                    "why the rules were refused");
         return !world->isRunning;
     }
     if (line == "the rules could not be changed, trying again: " + firstLine(refusal)) {
@@ -746,7 +848,7 @@ mnl_socket* __wrap_mnl_socket_open2(int bus, int) {
         errno = EMFILE;
         return nullptr;
     }
-    Socket& other = world->group.isOpen ? world->answers : world->group;
+    Socket& other = world->answers.isOpen ? world->group : world->answers;
     Socket& opened = bus == NETLINK_ROUTE ? world->links : other;
     require(!opened.isOpen, "a socket is opened once");
     opened.isOpen = true;
@@ -830,42 +932,91 @@ int __wrap___poll_chk(pollfd* ready, nfds_t count, int timeout, size_t room) {
     return __wrap_poll(ready, count, timeout);
 }
 
-int __wrap_setsockopt(int, int, int, const void*, socklen_t) { return answerOrFail(); }
+int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t size) {
+    const bool isRaw6 = fd == rawSocket6;
+    if (fd != rawSocket4 && !isRaw6) return answerOrFail();
+    require(level == (isRaw6 ? IPPROTO_IPV6 : IPPROTO_IP) &&
+                name == (isRaw6 ? IPV6_UNICAST_IF : IP_UNICAST_IF) && size == sizeof(uint32_t),
+            "the interface of an answer is set");
+    require(fuzz::bigEndian({static_cast<const uint8_t*>(value), size}) == givenBack().egress,
+            "an answer leaves where it was to leave");
+    if (!failsNow()) return 0;
+    ++world->deeds.byRoute;
+    return fail(ENOBUFS);
+}
 
-int __wrap_socket(int family, int, int protocol) {
-    require(family == AF_PACKET && protocol == 0, "the socket only sends");
-    require(world->handedOver && !world->packetSocketIsOpen, "it is opened when it is needed");
+int __wrap_socket(int family, int type, int protocol) {
+    const bool isPackets = family == AF_PACKET;
+    const int fd = isPackets ? packetSocket : family == AF_INET ? rawSocket4 : rawSocket6;
+    require(isPackets ? protocol == 0 : protocol == IPPROTO_RAW, "the socket only sends");
+    require((type & SOCK_CLOEXEC) != 0, "no other program inherits it");
+    givenBack();
+    require(!world->sendingSockets.contains(fd), "it is opened when it is needed");
     if (failsNow()) {
-        ++world->deeds.sends;
+        ++(isPackets ? world->deeds.toStation : world->deeds.byRoute);
         return fail(EPERM);
     }
-    world->packetSocketIsOpen = true;
-    return packetSocket;
+    world->sendingSockets.insert(fd);
+    return fd;
 }
 
 ssize_t __wrap_sendto(int fd, const void* bytes, size_t size, int flags, const sockaddr* address,
                       socklen_t) {
-    require(fd == packetSocket && world->handedOver.has_value(), "answers follow a frame");
-    ++world->deeds.sends;
-    const Refused& refused = *world->handedOver;
+    const Refused& refused = givenBack();
+    require(world->sendingSockets.contains(fd), "which socket sends");
     require(fuzz::same({static_cast<const uint8_t*>(bytes), size}, refused.answer),
             "the kernel's own answer is sent");
     require((flags & MSG_DONTWAIT) != 0, "nothing waits");
-    sockaddr_ll to;
-    memcpy(&to, address, sizeof to);
-    require(to.sll_family == AF_PACKET && to.sll_halen == 6, "a station is addressed");
-    require(static_cast<uint32_t>(to.sll_ifindex) == refused.ingress, "the packet's own interface");
-    require(fuzz::same({to.sll_addr, 6}, refused.station), "the station the packet came from");
-    require(ntohs(to.sll_protocol) == (refused.answer[0] / 16 == 4 ? 0x0800 : 0x86DD), "EtherType");
+    const bool isIpv4 = refused.answer[0] / 16 == 4;
+    if (fd == packetSocket) {
+        ++world->deeds.toStation;
+        sockaddr_ll to;
+        memcpy(&to, address, sizeof to);
+        require(to.sll_family == AF_PACKET && to.sll_halen == 6, "a station is addressed");
+        require(static_cast<uint32_t>(to.sll_ifindex) == refused.ingress,
+                "the packet's own interface");
+        require(fuzz::same({to.sll_addr, 6}, refused.station), "the station the packet came from");
+        require(ntohs(to.sll_protocol) == (isIpv4 ? 0x0800 : 0x86DD), "EtherType");
+    } else if (isIpv4) {
+        ++world->deeds.byRoute;
+        sockaddr_in to;
+        memcpy(&to, address, sizeof to);
+        require(fd == rawSocket4 && to.sin_family == AF_INET, "IPv4 goes by an IPv4 socket");
+        require(memcmp(&to.sin_addr, &refused.answer[16], 4) == 0, "the answer's own receiver");
+    } else {
+        ++world->deeds.byRoute;
+        sockaddr_in6 to;
+        memcpy(&to, address, sizeof to);
+        require(fd == rawSocket6 && to.sin6_family == AF_INET6, "IPv6 goes by an IPv6 socket");
+        require(memcmp(&to.sin6_addr, &refused.answer[24], 16) == 0, "the answer's own receiver");
+    }
     if (failsNow()) return fail(ENOBUFS);
     ++world->deeds.sent;
+    // What goes by the routes passes the rules, which count it.
+    if (fd != packetSocket) ++world->answersThatLeft;
     return static_cast<ssize_t>(size);
 }
 
+int __wrap_ioctl(int, unsigned long request, void* argument) {
+    require(world->current && world->isLost, "the interface is asked about after a loss");
+    auto& answer = *static_cast<ifreq*>(argument);
+    const Egress& egress = world->egress;
+    if (request == SIOCGIFNAME) {
+        require(static_cast<uint32_t>(answer.ifr_ifindex) == world->current->vlanEgress,
+                "which interface");
+        if (egress.name.empty()) return fail(ENODEV);
+        memset(answer.ifr_name, 0, sizeof answer.ifr_name);
+        egress.name.copy(answer.ifr_name, sizeof answer.ifr_name - 1);
+        return 0;
+    }
+    require(request == SIOCGIFMTU && answer.ifr_name == egress.name, "the MTU of the VLAN");
+    if (egress.mtu == 0) return fail(ENODEV);
+    answer.ifr_mtu = egress.mtu;
+    return 0;
+}
+
 int __wrap_close(int fd) {
-    require(world != nullptr && fd == packetSocket && world->packetSocketIsOpen,
-            "what is closed was open");
-    world->packetSocketIsOpen = false;
+    require(world != nullptr && world->sendingSockets.erase(fd) == 1, "what is closed was open");
     return 0;
 }
 
@@ -903,14 +1054,19 @@ int __wrap_nft_run_cmd_from_buffer(nft_ctx* to, const char* commands) {
     require(!context.isDry, "rules are not only checked");
     const std::string_view leave = "add element inet pmtud left-to-kernel { ";
     if (std::string_view(commands).starts_with(leave)) {
-        require(world->handedOver.has_value(), "the kernel is left to answer after a frame");
+        require(world->current.has_value(), "the kernel is left to answer after a packet");
         std::array<char, 96> expected{};
         snprintf(expected.data(), expected.size(),
                  "add element inet pmtud left-to-kernel { \"%016u\" timeout 30s }\n",
-                 world->handedOver->egress);
+                 world->current->egress);
         require(std::string_view(commands) == expected.data(), "which interface, and how long");
         ++world->deeds.leftToKernel;
         return failsNow() ? refuse(context) : 0;
+    }
+    if (std::string_view(commands) == "list table inet pmtud\n") {
+        require(world->rulesRefused && !world->isRunning, "what is there is asked after a refusal");
+        world->isTaken = world->input.byte() % 8 == 7;
+        return world->isTaken ? 0 : -1;
     }
     world->rulesRefused = failsNow();
     if (world->rulesRefused) return refuse(context);
@@ -960,7 +1116,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 "group and rules are given up");
         require(!made.checkContext.isOpen, "nothing is left of a check");
     }
-    require(!made.links.isOpen && !made.answers.isOpen && !made.packetSocketIsOpen,
+    require(!made.links.isOpen && !made.answers.isOpen && made.sendingSockets.empty(),
             "every socket is closed");
     world = nullptr;
     return 0;

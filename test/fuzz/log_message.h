@@ -29,6 +29,7 @@ struct Message {
     std::string prefix;
     uint32_t ingress = 0;
     uint32_t egress = 0;
+    uint32_t mark = 0;
     std::optional<uint32_t> sequence;
     Span linkHeader;
     Span payload;
@@ -41,12 +42,13 @@ inline uint32_t bigEndian(Span bytes) {
 }
 
 inline bool take(Message& message, uint16_t type, Span payload) {
-    const bool isNumber =
-        type == NFULA_IFINDEX_OUTDEV || type == NFULA_IFINDEX_INDEV || type == NFULA_SEQ;
+    const bool isNumber = type == NFULA_IFINDEX_OUTDEV || type == NFULA_IFINDEX_INDEV ||
+                          type == NFULA_MARK || type == NFULA_SEQ;
     if (isNumber && payload.size() != 4) return false;
     if (type == NFULA_PREFIX) message.prefix = textOf(payload);
     if (type == NFULA_IFINDEX_INDEV) message.ingress = bigEndian(payload);
     if (type == NFULA_IFINDEX_OUTDEV) message.egress = bigEndian(payload);
+    if (type == NFULA_MARK) message.mark = bigEndian(payload);
     if (type == NFULA_SEQ) message.sequence = bigEndian(payload);
     if (type == NFULA_HWHEADER) message.linkHeader = payload;
     if (type == NFULA_PAYLOAD) message.payload = payload;
@@ -120,6 +122,7 @@ class Traffic {
             Bytes message = start();
             addText(message, NFULA_PREFIX, "pmtud:refused");
             addNumber(message, NFULA_IFINDEX_OUTDEV, 1);
+            addNumber(message, NFULA_MARK, 1);
             addSequence(message, 0);
             addAttribute(message, NFULA_PAYLOAD, error);
             store(message, 0, static_cast<uint32_t>(message.size()));
@@ -138,8 +141,8 @@ class Traffic {
         Bytes message(logHeaders);
         store(message, 4, kind == 30 ? input.number<uint16_t>() : logPacketType);
         addAttributes(input,
-                      {NFULA_PREFIX, NFULA_IFINDEX_INDEV, NFULA_IFINDEX_OUTDEV, NFULA_SEQ,
-                       NFULA_HWHEADER, NFULA_PAYLOAD},
+                      {NFULA_PREFIX, NFULA_IFINDEX_INDEV, NFULA_IFINDEX_OUTDEV, NFULA_MARK,
+                       NFULA_SEQ, NFULA_HWHEADER, NFULA_PAYLOAD},
                       message);
         closeMessage(input, message);
         return message;
@@ -257,6 +260,10 @@ class Traffic {
         addText(message, NFULA_PREFIX, choice == 0xEE ? drawText(input) : "pmtud:refused");
         const uint32_t egress = choice == 0x8F ? input.number<uint32_t>() : sent.ingress;
         addNumber(message, NFULA_IFINDEX_OUTDEV, egress);
+        if (choice == 0xCF)
+            addNumber(message, NFULA_MARK, input.number<uint32_t>());
+        else if (choice != 0xCE)
+            addNumber(message, NFULA_MARK, 1 + choice % 4U);
         addSequence(message, kind % 4);
         addAttribute(message, NFULA_PAYLOAD, error);
         store(message, 0, static_cast<uint32_t>(message.size()));

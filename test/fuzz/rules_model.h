@@ -69,7 +69,6 @@ class RulesModel {
             objects.merge(Names{"counter bcm0." + vid, "chain to-bcm0." + vid});
             elements.insert("egress { " + key + " : goto to-bcm0." + vid + " }");
             elements.insert("counters { " + vid + " : \"bcm0." + vid + "\" }");
-            objects.insert("chain spared-" + mtu);
             for (const std::string family : {"4", "4o", "6"}) {
                 const std::string what = family + "-" + mtu;
                 objects.merge(Names{"map copied" + what, "chain refused" + what});
@@ -228,19 +227,15 @@ class RulesModel {
             require(m_objects.contains(object), "what rules and elements refer to is there");
     }
 
-    // Two rules let through what fits or may be fragmented, two spare what is too much, one what
-    // cannot be answered, and three copy, to the maps of the MTU.
+    // One rule lets through what fits, one what is no candidate, and three copy, to the maps of the
+    // MTU.
     void requireCopies(const std::string& vid, const std::string& mtu) const {
         const auto found = m_rules.find("to-bcm0." + vid);
-        require(found != m_rules.end() && found->second.size() == 8, "the rules of a VLAN");
+        require(found != m_rules.end() && found->second.size() == 5, "the rules of a VLAN");
         const Rules& rules = found->second;
         require(rules[0] == "meta length <= " + mtu + " accept", "what fits is let through");
-        require(rules[1] == "ip frag-off & 0x4000 == 0 accept", "fragmentable ones are left out");
-        require(rules[2].ends_with("} goto spared-" + mtu), "copies are limited for the ingress");
-        require(rules[3] == "limit name all-copies goto spared-" + mtu,
-                "copies are limited in all");
-        require(rules[4] == "jump candidate", "only what can be answered is copied");
-        std::size_t i = 5;
+        require(rules[1] == "jump candidate", "only what can be answered is copied");
+        std::size_t i = 2;
         for (const std::string kind : {"4", "4o", "6"}) {
             const std::string map = "update @copied" + kind + "-" + mtu + " {";
             require(rules[i].find(map) != rules[i].npos, "headers are remembered by MTU");

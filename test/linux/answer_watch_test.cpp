@@ -14,14 +14,13 @@
 #include <vector>
 
 using namespace std::chrono_literals;
+using pmtud_linux::AnswerNews;
 using pmtud_linux::AnswerWatch;
 using testing::ElementsAreArray;
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-
-constexpr AnswerWatch::Clock::time_point start{1000s};
 
 // The kernel's part.
 struct Kernel {
@@ -122,8 +121,6 @@ extern "C" ssize_t __wrap___recvfrom_chk(int fd, void* buffer, size_t room, size
 
 namespace {
 
-enum Finding { none, leaves, lost, lostFirst, lostAgain };
-
 class AnswerWatching : public testing::Test {
  protected:
     void SetUp() override {
@@ -131,29 +128,15 @@ class AnswerWatching : public testing::Test {
         ASSERT_EQ(m_watch.open(), 0);
     }
 
-    // Hands over a frame whose answer goes out of the interface, and does or does not leave.
-    Finding handOver(uint32_t ifindex, bool answerLeaves,
-                     AnswerWatch::Clock::time_point now = start) {
-        if (answerLeaves) ++kernel.answers;
-        const AnswerWatch::Finding finding = m_watch.after(ifindex, now);
-        if (!finding.lost) {
-            EXPECT_FALSE(finding.resign);
-            return finding.isNews ? leaves : none;
-        }
-        if (finding.isNews) {
-            EXPECT_TRUE(finding.resign);
-            return lostFirst;
-        }
-        return finding.resign ? lostAgain : lost;
-    }
-
     AnswerWatch m_watch;
 };
+
+constexpr AnswerNews::Clock::time_point start{1000s};
 
 }  // namespace
 
 TEST_F(AnswerWatching, AsksForTheCounterOfTheAnswers) {
-    handOver(7, true);
+    m_watch.hasLeft();
     EXPECT_THAT(kernel.request,
                 ElementsAreArray(Datagram()
                                      .number(52)
@@ -175,54 +158,55 @@ TEST_F(AnswerWatching, AsksForTheCounterOfTheAnswers) {
 }
 
 TEST_F(AnswerWatching, FindsEachLostAnswer) {
-    EXPECT_EQ(handOver(7, true), none);
-    EXPECT_EQ(handOver(7, false, start + 1ms), lostFirst);
-    EXPECT_EQ(handOver(7, false, start + 2ms), lost);
-}
-
-TEST_F(AnswerWatching, ResignsEvery30SecondsWhileAnswersAreLost) {
-    EXPECT_EQ(handOver(7, false), lostFirst);
-    EXPECT_EQ(handOver(7, false, start + 1ms), lost);
-    EXPECT_EQ(handOver(7, false, start + 29999ms), lost);
-    EXPECT_EQ(handOver(7, false, start + 30s), lostAgain);
-    EXPECT_EQ(handOver(7, false, start + 59999ms), lost);
-    EXPECT_EQ(handOver(7, false, start + 60s), lostAgain);
-}
-
-TEST_F(AnswerWatching, ReportsOnceThatAnswersLeaveAgain) {
-    EXPECT_EQ(handOver(7, false), lostFirst);
-    EXPECT_EQ(handOver(7, true, start + 30s), leaves);
-    EXPECT_EQ(handOver(7, true, start + 30001ms), none);
-    EXPECT_EQ(handOver(7, false, start + 30002ms), lostFirst);
-}
-
-TEST_F(AnswerWatching, TellsTheInterfacesApart) {
-    EXPECT_EQ(handOver(7, false), lostFirst);
-    EXPECT_EQ(handOver(8, true, start + 1ms), none);
-    EXPECT_EQ(handOver(9, false, start + 2s), lostFirst);
-    EXPECT_EQ(handOver(7, true, start + 2001ms), leaves);
-    EXPECT_EQ(handOver(9, false, start + 2002ms), lost);
+    EXPECT_FALSE(m_watch.hasLeft());
+    kernel.answers = 1;
+    EXPECT_TRUE(m_watch.hasLeft());
+    EXPECT_FALSE(m_watch.hasLeft());
+    kernel.answers = 3;
+    EXPECT_TRUE(m_watch.hasLeft());
+    EXPECT_FALSE(m_watch.hasLeft());
 }
 
 // If receiving it failed, an answer of the kernel's is there when the next one is asked for.
 TEST_F(AnswerWatching, PassesOverAnAnswerToAnEarlierRequest) {
-    EXPECT_EQ(handOver(7, true), none);
+    kernel.answers = 1;
+    EXPECT_TRUE(m_watch.hasLeft());
     kernel.datagrams.push_back(object());
-    EXPECT_EQ(handOver(7, true), none);
-    EXPECT_EQ(handOver(7, true), none);
+    kernel.answers = 2;
+    EXPECT_TRUE(m_watch.hasLeft());
+    EXPECT_FALSE(m_watch.hasLeft());
 }
 
 TEST_F(AnswerWatching, HoldsNothingAgainstAnswersWhileTheCounterCannotBeRead) {
     kernel.error = ENOENT;
-    EXPECT_EQ(handOver(7, false), none);
+    EXPECT_TRUE(m_watch.hasLeft());
     EXPECT_EQ(kernel.requests, 1);
     kernel.error = 0;
-    EXPECT_EQ(handOver(7, true, start + 1s), none);
-    EXPECT_EQ(handOver(7, false, start + 2s), lostFirst);
+    EXPECT_FALSE(m_watch.hasLeft());
 }
 
-TEST_F(AnswerWatching, MayFindMoreAnswersThanFrames) {
-    kernel.answers = 5;
-    EXPECT_EQ(handOver(7, true), none);
-    EXPECT_EQ(handOver(7, false, start + 1s), lostFirst);
+TEST(AnswersThatDoNotLeave, AreNewsOnce) {
+    AnswerNews news;
+    EXPECT_TRUE(news.lost(7, start));
+    EXPECT_FALSE(news.lost(7, start + 1h));
+}
+
+// A stateful policy lets the answers about known flows pass and drops the others.
+TEST(AnswersThatDoNotLeave, LeaveAgainIfNoneIsLostFor30Seconds) {
+    AnswerNews news;
+    EXPECT_TRUE(news.lost(7, start));
+    EXPECT_FALSE(news.left(7, start + 29999ms));
+    EXPECT_FALSE(news.lost(7, start + 30s));
+    EXPECT_FALSE(news.left(7, start + 59999ms));
+    EXPECT_TRUE(news.left(7, start + 60s));
+    EXPECT_FALSE(news.left(7, start + 61s));
+    EXPECT_TRUE(news.lost(7, start + 62s));
+}
+
+TEST(AnswersThatDoNotLeave, AreOneInterfacesNews) {
+    AnswerNews news;
+    EXPECT_TRUE(news.lost(7, start));
+    EXPECT_FALSE(news.left(8, start + 30s));
+    EXPECT_TRUE(news.lost(8, start + 30s));
+    EXPECT_TRUE(news.left(7, start + 30s));
 }

@@ -26,6 +26,7 @@
 #include <string>
 #include <system_error>
 
+#include "cfg.h"
 #include "world.h"
 
 namespace {
@@ -144,6 +145,7 @@ void refuseThreads() {
     icmp6 = socket(AF_INET6, SOCK_RAW, IPPROTO_ICMPV6);
 
     Report head;
+    cfg_init();
     head.attached = pktd_shm_queue_init("pmtud", 0, 1, pktd_tx_queue_pool, pktd_rx_queue_pool);
     if (head.attached == 0) {
         if (options.withoutMemory) refuseThreads();

@@ -60,6 +60,7 @@ Message whole() {
         .put(NFULA_PREFIX, {'p', 'm', 't', 'u', 'd', ':', '2', '0', 0})
         .put(NFULA_IFINDEX_INDEV, {0, 0, 0, 5})
         .put(NFULA_IFINDEX_OUTDEV, {0, 0, 1, 7})
+        .put(NFULA_MARK, {0, 0, 2, 1})
         .put(NFULA_HWTYPE, {0, 1})
         .put(NFULA_HWLEN, {0, 14})
         .put(NFULA_HWHEADER, linkHeader)
@@ -70,13 +71,14 @@ Message whole() {
 
 }  // namespace
 
-TEST(LogMessage, TellsPrefixInterfacesSequenceLinkHeaderAndPacket) {
+TEST(LogMessage, TellsPrefixInterfacesMarkSequenceLinkHeaderAndPacket) {
     const Message bytes = whole();
     const auto message = decodeLogMessage(*bytes);
     ASSERT_TRUE(message);
     EXPECT_EQ(message->prefix, "pmtud:20");
     EXPECT_EQ(message->ingress, 5U);
     EXPECT_EQ(message->egress, 263U);
+    EXPECT_EQ(message->mark, 513U);
     EXPECT_EQ(message->sequence, 258U);
     EXPECT_THAT(message->linkHeader, ElementsAreArray(linkHeader));
     EXPECT_THAT(message->payload, ElementsAre(0x45, 0x00, 0xbe, 0xef));
@@ -89,6 +91,7 @@ TEST(LogMessage, MayTellNothing) {
     EXPECT_EQ(message->prefix, "");
     EXPECT_EQ(message->ingress, 0U);
     EXPECT_EQ(message->egress, 0U);
+    EXPECT_EQ(message->mark, 0U);
     EXPECT_FALSE(message->sequence);
     EXPECT_THAT(message->linkHeader, IsEmpty());
     EXPECT_THAT(message->payload, IsEmpty());
@@ -120,7 +123,7 @@ TEST(LogMessage, TooShortForItsHeaderIsNone) {
 }
 
 TEST(LogMessage, WithANumberOfTheWrongSizeIsNone) {
-    for (const uint16_t type : {NFULA_IFINDEX_INDEV, NFULA_IFINDEX_OUTDEV, NFULA_SEQ})
+    for (const uint16_t type : {NFULA_IFINDEX_INDEV, NFULA_IFINDEX_OUTDEV, NFULA_MARK, NFULA_SEQ})
         for (const size_t size : {0U, 2U, 8U})
             EXPECT_FALSE(decodeLogMessage(*Message().put(type, Bytes(size))))
                 << type << " " << size;

@@ -215,19 +215,85 @@ TEST_F(Refusal, OfPacketSocketsIsTheResultOfAPost) {
     });
 }
 
-TEST_F(Refusal, OfPacketSocketsIsTheResultOfSendingTheKernelsAnswer) {
-    inOwnProcess([] {
-        const Bytes payload = {0x45, 0, 0, 28};
-        pmtud_linux::LogMessage message;
+namespace {
+
+// A message of the switch's to host a, and the packet that it refuses.
+struct Withdrawn {
+    Withdrawn() {
+        Ipv4 ipv4;
+        ipv4.source = "10.0.10.1";
+        ipv4.destination = "10.0.10.2";
+        ipv4.size = 56;
+        bytes = packet(ipv4);
         message.egress = if_nametoindex("bcm0.10");
-        message.payload = payload;
-        pmtud_linux::Copy refused;
+        message.payload = bytes;
         refused.ingress = message.egress;
-        pmtud_linux::KernelAnswer answer;
+        refused.addresses = {2, 0, 0, 0, 0x10, 1, 2, 0, 0, 0, 0x77, 7};
+    }
+
+    bool matches(const Bytes& captured) const { return captured == bytes; }
+
+    Bytes bytes;
+    pmtud_linux::LogMessage message;
+    pmtud_linux::Copy refused;
+    pmtud_linux::KernelAnswer answer;
+};
+
+}  // namespace
+
+TEST_F(Refusal, OfPacketSocketsSendsTheKernelsAnswerByRoute) {
+    inOwnProcess([] {
+        Withdrawn withdrawn;
+        const auto isIt = [&](const Bytes& captured) { return withdrawn.matches(captured); };
+        Capture atA("a");
+        EXPECT_EQ(withdrawn.answer.send(withdrawn.message, &withdrawn.refused), 0);
+        atA.next(isIt);
+        EXPECT_FALSE(atA.wasForTheInterface());  // but for the station that the packet came from
+
+        pmtud_linux::KernelAnswer another;
         forbidPacketSockets();
-        EXPECT_EQ(answer.send(message, refused), -EAFNOSUPPORT);
-        calls.socket = nullptr;
-        EXPECT_EQ(answer.send(message, refused), 0);
+        EXPECT_EQ(another.send(withdrawn.message, &withdrawn.refused), 0);
+        atA.next(isIt);
+        EXPECT_TRUE(atA.wasForTheInterface());
+    });
+}
+
+TEST_F(Refusal, OfAllSocketsIsTheResultOfSendingTheKernelsAnswer) {
+    inOwnProcess([] {
+        Withdrawn withdrawn;
+        calls.socket = [](int, int, int) {
+            errno = EMFILE;
+            return -1;
+        };
+        EXPECT_EQ(withdrawn.answer.send(withdrawn.message, &withdrawn.refused), -EMFILE);
+    });
+}
+
+TEST_F(Refusal, SendsNoAnswerOfTheKernelsWithoutAWholeHeader) {
+    inOwnProcess([] {
+        Withdrawn withdrawn;
+        withdrawn.message.payload = withdrawn.message.payload.first(19);
+        EXPECT_EQ(withdrawn.answer.send(withdrawn.message, &withdrawn.refused), -EBADMSG);
+    });
+}
+
+TEST_F(Refusal, SendsTheKernelsAnswerByRouteIfTheStationIsUnknown) {
+    inOwnProcess([] {
+        Withdrawn withdrawn;
+        const auto isIt = [&](const Bytes& captured) { return withdrawn.matches(captured); };
+        Capture atA("a");
+        withdrawn.refused.addresses = {};
+        EXPECT_EQ(withdrawn.answer.send(withdrawn.message, &withdrawn.refused), 0);
+        atA.next(isIt);
+        EXPECT_TRUE(atA.wasForTheInterface());
+        EXPECT_EQ(withdrawn.answer.send(withdrawn.message, nullptr), 0);
+        atA.next(isIt);
+        EXPECT_TRUE(atA.wasForTheInterface());
+        withdrawn.refused.addresses = {2, 0, 0, 0, 0x10, 1, 2, 0, 0, 0, 0x77, 7};
+        withdrawn.refused.ingress = if_nametoindex("bcm0.20");
+        EXPECT_EQ(withdrawn.answer.send(withdrawn.message, &withdrawn.refused), 0);
+        atA.next(isIt);
+        EXPECT_TRUE(atA.wasForTheInterface());
     });
 }
 

@@ -15,18 +15,16 @@ using testing::StartsWith;
 
 namespace {
 
-// What the first VLAN with the MTU brings: the maps of copied headers, the chains that look
-// refused packets up in them, and the one that removes what is spared.
+// What the first VLAN with the MTU brings: the maps of copied headers, and the chains that look
+// refused packets up in them.
 constexpr char kAdd1280[] =
-    R"(add chain inet pmtud spared-1280
-add map inet pmtud copied4-1280 { typeof @nh,96,64 . @nh,160,64 : meta mark; size 8192; flags dynamic,timeout; timeout 100ms; }
+    R"(add map inet pmtud copied4-1280 { typeof @nh,96,64 . @nh,160,64 : meta mark; size 8192; flags dynamic,timeout; timeout 100ms; }
 add chain inet pmtud refused4-1280
 add rule inet pmtud refused4-1280 @th,160,64 . @th,224,64 != @copied4-1280 accept
 add rule inet pmtud refused4-1280 jump withdrawable
 add rule inet pmtud refused4-1280 meta mark set @th,160,64 . @th,224,64 map @copied4-1280
 add rule inet pmtud refused4-1280 goto handed-over
 add element inet pmtud refused4 { 1280 : goto refused4-1280 }
-add rule inet pmtud spared-1280 ip hdrlength 5 delete @copied4-1280 { @nh,96,64 . @nh,160,64 : 0 }
 add map inet pmtud copied4o-1280 { typeof @nh,96,32 . @nh,128,32 . @nh,16,64 : meta mark; size 8192; flags dynamic,timeout; timeout 100ms; }
 add chain inet pmtud refused4o-1280
 add rule inet pmtud refused4o-1280 @th,160,32 . @th,192,32 . @th,80,64 != @copied4o-1280 accept
@@ -34,7 +32,6 @@ add rule inet pmtud refused4o-1280 jump withdrawable
 add rule inet pmtud refused4o-1280 meta mark set @th,160,32 . @th,192,32 . @th,80,64 map @copied4o-1280
 add rule inet pmtud refused4o-1280 goto handed-over
 add element inet pmtud refused4o { 1280 : goto refused4o-1280 }
-add rule inet pmtud spared-1280 ip hdrlength 6-13 delete @copied4o-1280 { @nh,96,32 . @nh,128,32 . @nh,16,64 : 0 }
 add map inet pmtud copied6-1280 { typeof @nh,224,32 . @nh,288,32 . @nh,320,64 : meta mark; size 8192; flags dynamic,timeout; timeout 100ms; }
 add chain inet pmtud refused6-1280
 add rule inet pmtud refused6-1280 @th,288,32 . @th,352,32 . @th,384,64 != @copied6-1280 accept
@@ -42,7 +39,6 @@ add rule inet pmtud refused6-1280 jump withdrawable
 add rule inet pmtud refused6-1280 meta mark set @th,288,32 . @th,352,32 . @th,384,64 map @copied6-1280
 add rule inet pmtud refused6-1280 goto handed-over
 add element inet pmtud refused6 { 1280 : goto refused6-1280 }
-add rule inet pmtud spared-1280 meta nfproto ipv6 delete @copied6-1280 { @nh,224,32 . @nh,288,32 . @nh,320,64 : 0 }
 )";
 
 constexpr char kSmallest1280[] = R"(flush chain inet pmtud fits-every-vlan
@@ -51,8 +47,7 @@ add rule inet pmtud fits-every-vlan meta length <= 1280 accept
 
 constexpr char kFlushFits[] = "flush chain inet pmtud fits-every-vlan\n";
 
-constexpr char kRemove1280[] = R"(delete chain inet pmtud spared-1280
-delete element inet pmtud refused4 { 1280 }
+constexpr char kRemove1280[] = R"(delete element inet pmtud refused4 { 1280 }
 delete chain inet pmtud refused4-1280
 delete map inet pmtud copied4-1280
 delete element inet pmtud refused4o { 1280 }
@@ -69,9 +64,6 @@ add counter inet pmtud bcm0.20
 add element inet pmtud counters { 20 : "bcm0.20" }
 add chain inet pmtud to-bcm0.20
 add rule inet pmtud to-bcm0.20 meta length <= 1280 accept
-add rule inet pmtud to-bcm0.20 ip frag-off & 0x4000 == 0 accept
-add rule inet pmtud to-bcm0.20 update @copying { iif limit rate over 250/second burst 250 packets } goto spared-1280
-add rule inet pmtud to-bcm0.20 limit name all-copies goto spared-1280
 add rule inet pmtud to-bcm0.20 jump candidate
 add rule inet pmtud to-bcm0.20 ip hdrlength 5 update @copied4-1280 { @nh,96,64 . @nh,160,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
 add rule inet pmtud to-bcm0.20 ip hdrlength 6-13 update @copied4o-1280 { @nh,96,32 . @nh,128,32 . @nh,16,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
@@ -96,6 +88,7 @@ TEST(RuleText, OfTheTableLooksUpTheEgressOnlyForLongPacketsFromVlans) {
     EXPECT_THAT(tableText(), HasSubstr(R"(    chain prerouting {
         type filter hook prerouting priority 350; policy accept;
         jump fits-every-vlan
+        iif @crowded accept comment "spares bulk traffic the route lookup"
         iif != @vlans accept
         fib daddr . mark oif vmap @egress
     }
@@ -104,8 +97,16 @@ TEST(RuleText, OfTheTableLooksUpTheEgressOnlyForLongPacketsFromVlans) {
 
 TEST(RuleText, OfTheTableCopiesOnlyWhatCanBeAnsweredAndOnlySoMuch) {
     EXPECT_THAT(tableText(), HasSubstr(R"(    chain candidate {
+        ip frag-off & 0x4000 == 0 accept
+        update @copying { iif limit rate over 250/second burst 250 packets } goto too-many
+        limit name all-copies accept
         meta nfproto ipv4 iif @vrf-ports accept comment "no way back from outside the VRF"
         meta nfproto ipv6 fib saddr . iif oif missing accept comment "no way back via the ingress"
+    }
+
+    chain too-many {
+        add @crowded { iif }
+        accept
     }
 )"));
     EXPECT_THAT(tableText(), HasSubstr(R"(    limit all-copies {
@@ -121,6 +122,7 @@ TEST(RuleText, OfTheTableCopiesOnlyWhatCanBeAnsweredAndOnlySoMuch) {
 TEST(RuleText, OfTheTableCountsTheMessagesOfProcessesAndLooksUpTheKernelsOwn) {
     EXPECT_THAT(tableText(), HasSubstr(R"(    chain postrouting {
         type filter hook postrouting priority 350; policy accept;
+        meta l4proto != { icmp, ipv6-icmp } accept
         icmp type destination-unreachable icmp code frag-needed goto too-big-ipv4
         icmpv6 type packet-too-big goto too-big-ipv6
     }
@@ -193,9 +195,6 @@ TEST(RuleChange, OfAnMtuToAnotherVlansTouchesTheChainOfThatVlanOnly) {
                          {{10, {5, 1280, false}}, {20, {7, 1400, false}}, {30, {9, 1400, false}}}),
               R"(flush chain inet pmtud to-bcm0.20
 add rule inet pmtud to-bcm0.20 meta length <= 1400 accept
-add rule inet pmtud to-bcm0.20 ip frag-off & 0x4000 == 0 accept
-add rule inet pmtud to-bcm0.20 update @copying { iif limit rate over 250/second burst 250 packets } goto spared-1400
-add rule inet pmtud to-bcm0.20 limit name all-copies goto spared-1400
 add rule inet pmtud to-bcm0.20 jump candidate
 add rule inet pmtud to-bcm0.20 ip hdrlength 5 update @copied4-1400 { @nh,96,64 . @nh,160,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
 add rule inet pmtud to-bcm0.20 ip hdrlength 6-13 update @copied4o-1400 { @nh,96,32 . @nh,128,32 . @nh,16,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
@@ -208,14 +207,10 @@ TEST(RuleChange, OfTheOnlyVlanOfAnMtuBringsTheNewMapsFirstAndTakesTheOldAwayLast
     EXPECT_EQ(commands, std::string(kAdd1280) + kSmallest1280 +
                             R"(flush chain inet pmtud to-bcm0.20
 add rule inet pmtud to-bcm0.20 meta length <= 1280 accept
-add rule inet pmtud to-bcm0.20 ip frag-off & 0x4000 == 0 accept
-add rule inet pmtud to-bcm0.20 update @copying { iif limit rate over 250/second burst 250 packets } goto spared-1280
-add rule inet pmtud to-bcm0.20 limit name all-copies goto spared-1280
 add rule inet pmtud to-bcm0.20 jump candidate
 add rule inet pmtud to-bcm0.20 ip hdrlength 5 update @copied4-1280 { @nh,96,64 . @nh,160,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
 add rule inet pmtud to-bcm0.20 ip hdrlength 6-13 update @copied4o-1280 { @nh,96,32 . @nh,128,32 . @nh,16,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
 add rule inet pmtud to-bcm0.20 meta nfproto ipv6 update @copied6-1280 { @nh,224,32 . @nh,288,32 . @nh,320,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
-delete chain inet pmtud spared-1400
 delete element inet pmtud refused4 { 1400 }
 delete chain inet pmtud refused4-1400
 delete map inet pmtud copied4-1400
@@ -245,9 +240,6 @@ add counter inet pmtud bcm0.11
 add element inet pmtud counters { 11 : "bcm0.11" }
 add chain inet pmtud to-bcm0.11
 add rule inet pmtud to-bcm0.11 meta length <= 1280 accept
-add rule inet pmtud to-bcm0.11 ip frag-off & 0x4000 == 0 accept
-add rule inet pmtud to-bcm0.11 update @copying { iif limit rate over 250/second burst 250 packets } goto spared-1280
-add rule inet pmtud to-bcm0.11 limit name all-copies goto spared-1280
 add rule inet pmtud to-bcm0.11 jump candidate
 add rule inet pmtud to-bcm0.11 ip hdrlength 5 update @copied4-1280 { @nh,96,64 . @nh,160,64 : 11 } log prefix "pmtud:11" group 89 snaplen 1500
 add rule inet pmtud to-bcm0.11 ip hdrlength 6-13 update @copied4o-1280 { @nh,96,32 . @nh,128,32 . @nh,16,64 : 11 } log prefix "pmtud:11" group 89 snaplen 1500

@@ -120,9 +120,9 @@ TEST_F(AllVlans, MayChangeAllAtOnce) {
     run("ip link set group default mtu 1200");
     // The changes arrive in an order and in portions that nobody promises; the last state counts.
     std::string text = output("nft list table inet pmtud");
-    while (occurrences(text, "meta length <= 1200 accept\n\t\tip frag-off") < 4094) {
+    while (occurrences(text, "meta length <= 1200 accept\n\t\tjump candidate") < 4094) {
         changes.await();
         text = output("nft list table inet pmtud");
     }
-    EXPECT_EQ(occurrences(text, "meta length <= 1200 accept\n\t\tip frag-off"), 4094U);
+    EXPECT_EQ(occurrences(text, "meta length <= 1200 accept\n\t\tjump candidate"), 4094U);
 }

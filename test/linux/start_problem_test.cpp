@@ -148,3 +148,17 @@ TEST_F(FailedStart, WithRulesThatTheKernelRefusesIsLoggedOnceWithItsReason) {
         EXPECT_EQ(attach(), 0);
     });
 }
+
+TEST_F(FailedStart, WithATableOfTheSameNameTellsHowToDeleteIt) {
+    inOwnProcess([] {
+        run("nft add table inet pmtud");
+        LogDaemon log;
+        EXPECT_LT(attach(), 0);
+        EXPECT_EQ(onlyError(log),
+                  "89 PMTUD-Linux: the rules could not be installed: there is a table inet pmtud "
+                  "already; end the process that owns it, or delete it (nft delete table inet "
+                  "pmtud)");
+        run("nft delete table inet pmtud");
+        EXPECT_EQ(attach(), 0);
+    });
+}

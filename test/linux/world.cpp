@@ -283,6 +283,15 @@ void World::send(const Bytes& packet, const std::string& destination) {
 
 void World::sendFromB(const Bytes& packet) { send(m_b, packet, "02:00:00:00:20:01"); }
 
+void World::sendInto(const std::string& interface, const Bytes& packet,
+                     const std::string& destination) {
+    Sender sender;
+    sender.socket.reset(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    check(sender.socket.valid(), "packet socket");
+    sender.interface = static_cast<int>(if_nametoindex(interface.c_str()));
+    send(sender, packet, destination);
+}
+
 void World::sendFence() {
     Ipv4 fence;
     fence.size = 1001;

@@ -88,6 +88,10 @@ class World : public testing::Test {
     /// Sends the packet from host a's interface to bcm0.10, or to another link-layer address.
     void send(const Bytes& packet, const std::string& destination = "02:00:00:00:10:01");
 
+    /// Sends the packet from an interface of the switch.
+    void sendInto(const std::string& interface, const Bytes& packet,
+                  const std::string& destination);
+
     /// Sends the packet from host b's interface to bcm0.20.
     void sendFromB(const Bytes& packet);
 

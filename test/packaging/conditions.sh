@@ -86,7 +86,7 @@ KernelWithoutSendersUserGives95AndItsReason() {
 
 KernelThatRefusesTheRulesForAnotherReasonGivesItsReason() {
     expect_said_of_kernel_without payload -2 "89 PMTUD-Linux: the rules could not be installed:\
- internal:0:0-0: Error: Could not process rule: No such file or directory"
+ Error: Could not process rule: No such file or directory"
 }
 
 KernelWithoutLogTargetGives22AndItsReason() {

@@ -20,8 +20,8 @@ analyze() {
     systemd-analyze security --offline=true --no-pager --threshold="$1" "$unit"
 }
 
-ExposureIsAtMost15() {
-    analyze 15 >"$scratch/verdict" || fail "$(tail -n 1 "$scratch/verdict")"
+ExposureIsAtMost17() {
+    analyze 17 >"$scratch/verdict" || fail "$(tail -n 1 "$scratch/verdict")"
 }
 
 NothingIsOpenButWhatTheWorkTakes() {
@@ -36,6 +36,7 @@ PrivateNetwork=
 PrivateUsers=
 RestrictAddressFamilies=~AF_(INET|INET6)
 RestrictAddressFamilies=~AF_NETLINK
+RestrictAddressFamilies=~AF_PACKET
 RestrictAddressFamilies=~AF_UNIX
 RootDirectory=/RootImage=" "$(sed -nE 's/^✗ +([^ ]+) .*/\1/p' "$scratch/verdict" | LC_ALL=C sort)"
 }

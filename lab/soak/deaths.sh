@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # packets, seed and the like are script/soak's
-# The soak's phases in which the daemon is stopped or dies: floods and kills.
+# The soak's phases in which the daemon is stopped, dies or starts: floods, kills and starts.
 
 # How many messages the kernel had no room for in the daemon's sockets.
 queue_drops() {
@@ -112,6 +112,39 @@ killing() {
     ((kernels += packets / 10))
     soak_check_equal "kills that left a rule behind" 0 "$left_behind"
     soak_no_faults "wrong, missing or superfluous answers, the kernel's $kernels included"
+}
+
+churn() {
+    local -i round
+    for ((round = 0; ; ++round)); do soak_change_interfaces 200 $((seed + round)); done
+}
+
+# Whether it serves, and answers, while the list of interfaces changes under it.
+start_in_churn() {
+    lab_start_daemon "$programs/pmtud"
+    if lab_within 10 lab_has_taken_over; then
+        soak_ask plain 2 daemon
+    else
+        ((failed_starts += 1))
+    fi
+    lab_kill_daemon
+}
+
+starting() {
+    step "starts: $starts times while interfaces come, go and change their names"
+    failed_starts=0
+    churn &
+    local -r churn=$!
+    local -i i
+    for ((i = 0; i < starts; ++i)); do start_in_churn; done
+    kill "$churn"
+    wait "$churn" 2>/dev/null || (($? > 128))
+    soak_check_equal "starts that did not lead to serving" 0 "$failed_starts"
+    soak_no_faults "wrong, missing or superfluous answers after them"
+    lab_start_serving "$programs/pmtud"
+    soak_check "the rules are those of the $(soak_vlans_wanted | wc -l) VLANs that are there" \
+        lab_within 10 soak_rules_are_true
+    lab_kill_daemon
 }
 
 # Packets that two routers get, one with the daemon and one without.

@@ -28,7 +28,7 @@ def reach: {
   idle_wakeups_per_second_receiving: 0
 };
 # Where more is better.
-def is_floor: test("_rate_over_kernel$|_share_answered$|^throughput_");
+def is_floor: test("_rate_over_kernel$|_kernel_path_over_pmtud$|_share_|^honest_|^throughput_");
 (map(select(.value != null) | {key: .name, value: .value}) | from_entries) as $v
 | def ratio(name; a; b):
     if $v[a] and $v[b] then [{name: name, value: ($v[a] / $v[b] * 1000 | round / 1000)}] else [] end;

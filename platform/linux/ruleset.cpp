@@ -254,7 +254,7 @@ std::string tableText() {
         timeout 10s
     }
 
-    set crowded {
+    set enough-copies {
         typeof iif
         size 8192
         flags dynamic,timeout
@@ -266,6 +266,13 @@ std::string tableText() {
         size 8192
         flags dynamic,timeout
         timeout 10s
+    }
+
+    set enough-answers {
+        typeof oif
+        size 8192
+        flags dynamic,timeout
+        timeout 100ms
     }
 
     set left-to-kernel {
@@ -303,7 +310,7 @@ std::string tableText() {
     chain prerouting {
         type filter hook prerouting priority 350; policy accept;
         jump fits-every-vlan
-        iif @crowded accept comment "spares bulk traffic the route lookup"
+        iif @enough-copies accept comment "spares bulk traffic the rest"
         iif != @vlans accept
         fib daddr . mark oif vmap @egress
     }
@@ -313,14 +320,14 @@ std::string tableText() {
 
     chain candidate {
         ip frag-off & 0x4000 == 0 accept
-        update @copying { iif limit rate over 250/second burst 250 packets } goto too-many
+        update @copying { iif limit rate over 250/second burst 250 packets } goto at-copy-limit
         limit name all-copies accept
         meta nfproto ipv4 iif @vrf-ports accept comment "no way back from outside the VRF"
         meta nfproto ipv6 fib saddr . iif oif missing accept comment "no way back via the ingress"
     }
 
-    chain too-many {
-        add @crowded { iif }
+    chain at-copy-limit {
+        add @enough-copies { iif }
         accept
     }
 
@@ -333,21 +340,28 @@ std::string tableText() {
 
     chain too-big-ipv4 {
         meta skuid 0-4294967295 counter name answers accept comment "a process's"
+        oif @enough-answers accept comment "spares a flood the rest"
         @th,68,4 5 icmp mtu vmap @refused4
         icmp mtu vmap @refused4o
     }
 
     chain too-big-ipv6 {
         meta skuid 0-4294967295 counter name answers accept comment "a process's"
+        oif @enough-answers accept comment "spares a flood the rest"
         icmpv6 mtu vmap @refused6
     }
 
     chain withdrawable {
+        update @answering { oif limit rate over 125/second burst 250 packets } goto at-answer-limit
+        oif @left-to-kernel accept
         fib saddr type != local accept comment "not this router's own"
         fib daddr type broadcast accept comment "no process may answer it"
-        oif @left-to-kernel accept
-        update @answering { oif limit rate over 125/second burst 250 packets } accept
         limit name all-answers accept
+    }
+
+    chain at-answer-limit {
+        add @enough-answers { oif }
+        accept
     }
 
     chain handed-over {

@@ -13,7 +13,8 @@
 
 /// How to start it.
 struct Start {
-    std::string script;  ///< whole, with its end; test/platform/scripted_script.h has its form
+    std::string
+        script;  ///< whole, with its end; test/support/platform/scripted_script.h has its form
     std::vector<std::string> arguments = {};
     std::map<std::string, std::string> environment = {};
     mode_t umask = 022;

@@ -33,7 +33,7 @@ constexpr char kTable[] = R"(table inet bare {
         iifname "bcm0.*" meta length > 1400 log group 90 snaplen 1500 queue-threshold 1
     }
     chain postrouting {
-        type filter hook postrouting priority 350; policy accept;
+        type filter hook postrouting priority 1000000; policy accept;
         meta skuid 0-4294967295 accept
         icmp type destination-unreachable icmp code frag-needed drop
         icmpv6 type packet-too-big drop

@@ -12,7 +12,7 @@ table inet hardware
 delete table inet hardware
 table inet hardware {
     chain mute {
-        type filter hook postrouting priority 400; policy accept;
+        type filter hook postrouting priority 2000000; policy accept;
         meta skuid 0-4294967295 accept comment "sent by a process"
         icmp type destination-unreachable icmp code frag-needed counter drop
         icmpv6 type packet-too-big counter drop

@@ -3,13 +3,13 @@
 # shellcheck disable=SC2154  # packets, seed and the like are script/soak's
 # The soak's phases in which the daemon is stopped, dies or starts: floods, kills and starts.
 
-# How many messages the kernel had no room for in the daemon's sockets.
+# How many messages the kernel had no room for in the socket of the log group.
 queue_drops() {
-    local pid drops sum=0
-    while read -r _ _ pid _ _ _ _ _ drops _; do
-        if [[ $pid == "$lab_daemon" ]]; then ((sum += drops)); fi
-    done < <(lab_on switch cat /proc/net/netlink)
-    echo "$sum"
+    # shellcheck disable=SC2016  # the dollars are awk's
+    lab_on switch awk '
+        FILENAME ~ /nfnetlink_log$/ { if ($1 == 89) group = $2; next }
+        $3 == group { sum += $9 }
+        END { print sum + 0 }' /proc/net/netfilter/nfnetlink_log /proc/net/netlink
 }
 
 # Some more per second than the rules leave to the daemon, which alone fill the queue: host A knows

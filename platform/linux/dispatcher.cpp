@@ -2,6 +2,7 @@
 // The dispatcher: keeps the rules true and hands refused packets to the receive callback.
 #include "dispatcher.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <algorithm>
 #include <cerrno>
@@ -9,6 +10,7 @@
 #include <string>
 #include <system_error>
 
+#include "descriptor.h"
 #include "frame_lines.h"
 #include "ip_packet.h"
 #include "kernel_features.h"
@@ -67,13 +69,17 @@ int Dispatcher::attach() {
     return result;
 }
 
-// First a socket of netfilter's: without netfilter libnftables would end the process.  The rules
-// before the group that they log to, since a process that dies closes its descriptors in their
-// order.  The links are watched before they are listed: a change in between is followed later.
+// The group first: only a process's first netlink socket bears its number, by which
+// /proc/net/netfilter/nfnetlink_log names it; and without netfilter libnftables would end the
+// process.  The rules take the lower descriptor, since a process that dies closes them in their
+// order, and without the group the rules would withdraw messages that nobody answers.  The links
+// are watched before they are listed: a change in between is followed later.
 int Dispatcher::openAll() {
-    if (const int result = m_answers.open(); result != 0) return result;
-    if (const int result = m_rules.open(); result != 0) return result;
+    Descriptor lower(open("/dev/null", O_RDONLY | O_CLOEXEC));
     if (const int result = m_group.open(kLogGroup, kCopySize); result != 0) return result;
+    lower.reset();
+    if (const int result = m_rules.open(); result != 0) return result;
+    if (const int result = m_answers.open(); result != 0) return result;
     if (const int result = m_links.open(); result != 0) return result;
     return m_links.list(m_table);
 }
@@ -200,7 +206,7 @@ void Dispatcher::takeRefused(const LogMessage& message, pktd_rx_cb_t callback) {
         m_table.vlans().contains(copy->egressVlan))
         handOver(message, *copy, callback);
     else
-        giveBack(message, nullptr);
+        giveBack(message, copy);
 }
 
 void Dispatcher::handOver(const LogMessage& message, const Copy& copy, pktd_rx_cb_t callback) {

@@ -33,21 +33,8 @@ int sendTo(const Descriptor& socket, const LogMessage& message, const Address& t
     return sent < 0 ? -errno : 0;
 }
 
-struct Option {
-    int level;
-    int name;
-};
-
 // The message brings its own IP header (raw(7), ipv6(7)).
-template <typename Address>
-int byRoute(Descriptor& kept, Option interface, const LogMessage& message, const Address& to) {
-    const auto family = reinterpret_cast<const sockaddr&>(to).sa_family;
-    if (!openOnce(kept, family, SOCK_RAW, IPPROTO_RAW)) return -errno;
-    const uint32_t egress = htonl(message.egress);
-    if (setsockopt(kept.get(), interface.level, interface.name, &egress, sizeof egress) != 0)
-        return -errno;
-    return sendTo(kept, message, to);
-}
+bool openRaw(Descriptor& kept, int family) { return openOnce(kept, family, SOCK_RAW, IPPROTO_RAW); }
 
 bool knowsStation(const Copy& copy) {
     return std::any_of(&copy.addresses[kSource], copy.addresses.data() + copy.addresses.size(),
@@ -76,18 +63,26 @@ int KernelAnswer::toStation(const LogMessage& message, const Copy& refused) {
     return sendTo(m_packets, message, to);
 }
 
+// Not bound to the interface: without a route by it the kernel would take the receiver for a
+// neighbour, and the loss would not show.
 int KernelAnswer::byRoute4(const LogMessage& message) {
+    if (!openRaw(m_raw4, AF_INET)) return -errno;
     sockaddr_in to{};
     to.sin_family = AF_INET;
     memcpy(&to.sin_addr, &message.payload[16], sizeof to.sin_addr);
-    return byRoute(m_raw4, {IPPROTO_IP, IP_UNICAST_IF}, message, to);
+    return sendTo(m_raw4, message, to);
 }
 
+// A link-local receiver needs the interface, and so does one in a VRF.
 int KernelAnswer::byRoute6(const LogMessage& message) {
+    if (!openRaw(m_raw6, AF_INET6)) return -errno;
+    const uint32_t egress = htonl(message.egress);
+    if (setsockopt(m_raw6.get(), IPPROTO_IPV6, IPV6_UNICAST_IF, &egress, sizeof egress) != 0)
+        return -errno;
     sockaddr_in6 to{};
     to.sin6_family = AF_INET6;
     memcpy(&to.sin6_addr, &message.payload[24], sizeof to.sin6_addr);
-    return byRoute(m_raw6, {IPPROTO_IPV6, IPV6_UNICAST_IF}, message, to);
+    return sendTo(m_raw6, message, to);
 }
 
 }  // namespace pmtud_linux

@@ -16,7 +16,7 @@ class KernelAnswer {
     /// Sends the message that the rules withdrew.  Goes straight to the station that the refused
     /// packet came from, past all rules, since it had passed all but the last of them; without
     /// the packet's copy (null), or if the message was to leave by another interface than the
-    /// packet's ingress, by the kernel's routes via that interface and through the rules.  0 or a
+    /// packet's ingress, by the kernel's routes and through the rules.  0 or a
     /// negative errno value, -EPERM if the rules dropped it.
     int send(const LogMessage& message, const Copy* refused);
 

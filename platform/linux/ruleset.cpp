@@ -10,8 +10,8 @@
 //
 // "accept" only ends this table's part: nothing is ever taken out of the forwarding path.
 //
-// The path of a "too big" message through the second hook, after everyone else's rules and
-// after source NAT:
+// The path of a "too big" message through the second hook, after everyone else's rules, which may
+// drop it or the daemon's answer, and after source NAT:
 //
 //   postrouting ─► too-big-ipvN ─► refusedK-MTU ─► withdrawable ─► handed-over: count, log, drop
 //                     │ a process's    │ quotes no       │ not the router's own, too many,
@@ -332,7 +332,7 @@ std::string tableText() {
     }
 
     chain postrouting {
-        type filter hook postrouting priority 350; policy accept;
+        type filter hook postrouting priority 1000000; policy accept;
         meta l4proto != { icmp, ipv6-icmp } accept
         icmp type destination-unreachable icmp code frag-needed goto too-big-ipv4
         icmpv6 type packet-too-big goto too-big-ipv6
@@ -340,6 +340,7 @@ std::string tableText() {
 
     chain too-big-ipv4 {
         meta skuid 0-4294967295 counter name answers accept comment "a process's"
+        oif @enough-copies accept comment "without a copy"
         oif @enough-answers accept comment "spares a flood the rest"
         @th,68,4 5 icmp mtu vmap @refused4
         icmp mtu vmap @refused4o
@@ -347,6 +348,7 @@ std::string tableText() {
 
     chain too-big-ipv6 {
         meta skuid 0-4294967295 counter name answers accept comment "a process's"
+        oif @enough-copies accept comment "without a copy"
         oif @enough-answers accept comment "spares a flood the rest"
         icmpv6 mtu vmap @refused6
     }

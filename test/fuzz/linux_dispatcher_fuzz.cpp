@@ -65,6 +65,7 @@ using pmtud_linux::Vlans;
 namespace {
 
 constexpr int packetSocket = 900;
+constexpr int placeholder = 899;
 constexpr int rawSocket4 = 904;
 constexpr int rawSocket6 = 906;
 constexpr uint32_t portId = 77;
@@ -88,9 +89,10 @@ struct Context {
 /// Who a datagram comes from.
 enum class Sender { kernel, process, nobody };
 
-/// A refused packet: it is handed over if there is a copy, and its answer given back if not.
+/// A refused packet: it is handed over if there is a copy and its VLANs are served, and its answer
+/// given back if not.
 struct Refused {
-    bool isCopied = false;
+    bool isServed = false;
     Built frame;
     uint32_t ingress = 0;
     uint32_t vlanEgress = 0;  // interface that the packet was to leave by
@@ -163,8 +165,8 @@ struct World {
     Socket group{901};
     Socket links{902};
     Socket answers{903};
-    uint32_t groupSequence = 0;    // of the last request about the group
-    std::set<int> sendingSockets;  // that are open
+    uint32_t groupSequence = 0;  // of the last request about the group
+    std::set<int> descriptors;   // that are open, but for those of libmnl
     Context rulesContext;
     Context checkContext;  // for one question about the kernel
     bool isLacking = false;
@@ -329,15 +331,18 @@ ssize_t receiveLinks(void* buffer, std::size_t size, const From& from) {
 
 // The log group.
 
-void addCopied(const Kept& kept, int ingressVlan, Span quote, Refused& refused) {
-    refused.isCopied = true;
-    refused.vlanEgress = world->list.vlans().at(kept.egressVlan).ifindex;
-    refused.frame = fuzz::expectedFrame(kept, ingressVlan, refused.vlanEgress, quote);
+void addStation(const Kept& kept, Refused& refused) {
     refused.ingress = kept.ingress;
     const auto source = kept.addresses.begin() + 6;
     const bool isKnown =
         std::any_of(source, kept.addresses.end(), [](uint8_t byte) { return byte != 0; });
     if (isKnown) refused.station.assign(source, kept.addresses.end());
+}
+
+void addFrame(const Kept& kept, int ingressVlan, Span quote, Refused& refused) {
+    refused.isServed = true;
+    refused.vlanEgress = world->list.vlans().at(kept.egressVlan).ifindex;
+    refused.frame = fuzz::expectedFrame(kept, ingressVlan, refused.vlanEgress, quote);
 }
 
 void expectRefused(const Message& message) {
@@ -350,8 +355,9 @@ void expectRefused(const Message& message) {
     const Vlans& vlans = world->list.vlans();
     const int ingressVlan = kept == nullptr ? 0 : fuzz::vlanOf(vlans, kept->ingress);
     Refused refused;
+    if (kept != nullptr) addStation(*kept, refused);
     if (ingressVlan != 0 && vlans.contains(kept->egressVlan))
-        addCopied(*kept, ingressVlan, quote, refused);
+        addFrame(*kept, ingressVlan, quote, refused);
     refused.egress = message.egress;
     refused.answer.assign(message.payload.begin(), message.payload.end());
     world->expected.push_back(std::move(refused));
@@ -451,7 +457,7 @@ void settle() {
     const Refused refused = std::move(*world->current);
     world->current.reset();
     const Deeds done = std::exchange(world->deeds, Deeds());
-    const bool isGivenBack = world->isLost || !refused.isCopied;
+    const bool isGivenBack = world->isLost || !refused.isServed;
     require(world->stage != Stage::handedOver || !isGivenBack, "the counter is read");
     if (isGivenBack) checkGivenBack(refused, done);
     require(!isGivenBack || !done.answerLeft, "no sender is answered twice");
@@ -469,7 +475,7 @@ void settle() {
 const Refused& givenBack() {
     if (world->current && world->stage == Stage::givingBack) return *world->current;
     settle();
-    require(!world->expected.empty() && !world->expected.front().isCopied,
+    require(!world->expected.empty() && !world->expected.front().isServed,
             "only what was not answered is given back");
     world->current = std::move(world->expected.front());
     world->expected.pop_front();
@@ -597,7 +603,7 @@ void drawEgress(const Refused& refused) {
 
 int callback(const st_pktd_shm_queue_entry_data_t* record, uint8_t* frame, int size) {
     settle();
-    require(!world->expected.empty() && world->expected.front().isCopied,
+    require(!world->expected.empty() && world->expected.front().isServed,
             "only refused packets are handed over, and once");
     Refused refused = std::move(world->expected.front());
     world->expected.pop_front();
@@ -843,12 +849,14 @@ std::chrono::steady_clock::time_point scriptedNow() {
 
 extern "C" {
 
+int __real_open(const char* path, int flags, mode_t mode);
+
 mnl_socket* __wrap_mnl_socket_open2(int bus, int) {
     if (failsNow()) {
         errno = EMFILE;
         return nullptr;
     }
-    Socket& other = world->answers.isOpen ? world->group : world->answers;
+    Socket& other = world->group.isOpen ? world->answers : world->group;
     Socket& opened = bus == NETLINK_ROUTE ? world->links : other;
     require(!opened.isOpen, "a socket is opened once");
     opened.isOpen = true;
@@ -933,10 +941,8 @@ int __wrap___poll_chk(pollfd* ready, nfds_t count, int timeout, size_t room) {
 }
 
 int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t size) {
-    const bool isRaw6 = fd == rawSocket6;
-    if (fd != rawSocket4 && !isRaw6) return answerOrFail();
-    require(level == (isRaw6 ? IPPROTO_IPV6 : IPPROTO_IP) &&
-                name == (isRaw6 ? IPV6_UNICAST_IF : IP_UNICAST_IF) && size == sizeof(uint32_t),
+    if (fd != rawSocket6) return answerOrFail();
+    require(level == IPPROTO_IPV6 && name == IPV6_UNICAST_IF && size == sizeof(uint32_t),
             "the interface of an answer is set");
     require(fuzz::bigEndian({static_cast<const uint8_t*>(value), size}) == givenBack().egress,
             "an answer leaves where it was to leave");
@@ -951,19 +957,19 @@ int __wrap_socket(int family, int type, int protocol) {
     require(isPackets ? protocol == 0 : protocol == IPPROTO_RAW, "the socket only sends");
     require((type & SOCK_CLOEXEC) != 0, "no other program inherits it");
     givenBack();
-    require(!world->sendingSockets.contains(fd), "it is opened when it is needed");
+    require(!world->descriptors.contains(fd), "it is opened when it is needed");
     if (failsNow()) {
         ++(isPackets ? world->deeds.toStation : world->deeds.byRoute);
         return fail(EPERM);
     }
-    world->sendingSockets.insert(fd);
+    world->descriptors.insert(fd);
     return fd;
 }
 
 ssize_t __wrap_sendto(int fd, const void* bytes, size_t size, int flags, const sockaddr* address,
                       socklen_t) {
     const Refused& refused = givenBack();
-    require(world->sendingSockets.contains(fd), "which socket sends");
+    require(world->descriptors.contains(fd), "which socket sends");
     require(fuzz::same({static_cast<const uint8_t*>(bytes), size}, refused.answer),
             "the kernel's own answer is sent");
     require((flags & MSG_DONTWAIT) != 0, "nothing waits");
@@ -1015,12 +1021,23 @@ int __wrap_ioctl(int, unsigned long request, void* argument) {
     return 0;
 }
 
+// What keeps a low descriptor free while the group is opened; the rest are the fuzzer's own.
+int __wrap_open(const char* path, int flags, mode_t mode) {
+    if (std::string_view(path) != "/dev/null") return __real_open(path, flags, mode);
+    if (world->input.byte() % 8 == 7) return fail(EMFILE);
+    require(!world->group.isOpen && world->descriptors.insert(placeholder).second,
+            "the placeholder is older than the group");
+    return placeholder;
+}
+
 int __wrap_close(int fd) {
-    require(world != nullptr && world->sendingSockets.erase(fd) == 1, "what is closed was open");
+    require(world != nullptr && world->descriptors.erase(fd) == 1, "what is closed was open");
     return 0;
 }
 
 nft_ctx* __wrap_nft_ctx_new(uint32_t) {
+    require(world->group.isOpen && !world->descriptors.contains(placeholder),
+            "the rules take the placeholder's descriptor");
     if (failsNow()) return nullptr;
     Context& opened = world->rulesContext.isOpen ? world->checkContext : world->rulesContext;
     require(!opened.isOpen, "there is one connection to nftables, and one to check");
@@ -1116,7 +1133,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 "group and rules are given up");
         require(!made.checkContext.isOpen, "nothing is left of a check");
     }
-    require(!made.links.isOpen && !made.answers.isOpen && made.sendingSockets.empty(),
+    require(!made.links.isOpen && !made.answers.isOpen && made.descriptors.empty(),
             "every socket is closed");
     world = nullptr;
     return 0;

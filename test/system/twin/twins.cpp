@@ -87,7 +87,7 @@ constexpr char kMuteHardware[] = R"(table inet hardware
 delete table inet hardware
 table inet hardware {
     chain mute {
-        type filter hook postrouting priority 400; policy accept;
+        type filter hook postrouting priority 2000000; policy accept;
         meta skuid 0-4294967295 accept
         icmp type destination-unreachable icmp code frag-needed drop
         icmpv6 type packet-too-big drop

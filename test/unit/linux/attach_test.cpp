@@ -3,10 +3,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/capability.h>
+#include <linux/netlink.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
+#include <fstream>
+#include <iterator>
+#include <map>
 
 #include "client.h"
 #include "world.h"
@@ -15,7 +22,35 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 
 namespace {
+
 std::string ruleset() { return output("nft list ruleset"); }
+
+// Who has log group 89: the second field.
+int ownerOfTheGroup() {
+    std::ifstream groups("/proc/self/net/netfilter/nfnetlink_log");
+    int group = 0;
+    int owner = 0;
+    groups >> group >> owner;
+    return owner;
+}
+
+// This process's netfilter sockets by descriptor: the port of each.
+std::map<int, int64_t> netfilterSockets() {
+    std::map<int, int64_t> ports;
+    for (int fd = 0; fd < 64; ++fd) {
+        int protocol = 0;
+        sockaddr_nl name{};
+        socklen_t size = sizeof protocol;
+        if (getsockopt(fd, SOL_SOCKET, SO_PROTOCOL, &protocol, &size) != 0) continue;
+        size = sizeof name;
+        if (protocol != NETLINK_NETFILTER ||
+            getsockname(fd, reinterpret_cast<sockaddr*>(&name), &size) != 0)
+            continue;
+        if (name.nl_family == AF_NETLINK) ports[fd] = name.nl_pid;
+    }
+    return ports;
+}
+
 }  // namespace
 
 class Attachment : public World {};
@@ -100,6 +135,19 @@ TEST_F(Attachment, EndsWithTheProcessThatTheCallbacksExceptionEnds) {
     ASSERT_TRUE(WIFSIGNALED(status));
     EXPECT_EQ(WTERMSIG(status), SIGABRT);
     EXPECT_THAT(ruleset(), IsEmpty());
+}
+
+// What a process that dies closes first is the lowest descriptor.
+TEST_F(Attachment, GivesUpTheRulesBeforeTheGroupWhichBearsTheProcessNumber) {
+    inOwnProcess([] {
+        ASSERT_EQ(pktd_shm_queue_init("pmtud", 0, 1, pktd_tx_queue_pool, pktd_rx_queue_pool), 0);
+        EXPECT_EQ(ownerOfTheGroup(), getpid());
+        const auto sockets = netfilterSockets();
+        ASSERT_EQ(sockets.size(), 3U);  // rules, group, counter
+        const auto first = sockets.begin();
+        EXPECT_NE(first->second, getpid());
+        EXPECT_EQ(std::next(first)->second, getpid());
+    });
 }
 
 TEST_F(Attachment, OfAThreadNeedsTheQueueFirst) {

@@ -121,7 +121,7 @@ TEST(RuleText, OfTheTableCopiesOnlyWhatCanBeAnsweredAndOnlySoMuch) {
 
 TEST(RuleText, OfTheTableCountsTheMessagesOfProcessesAndLooksUpTheKernelsOwn) {
     EXPECT_THAT(tableText(), HasSubstr(R"(    chain postrouting {
-        type filter hook postrouting priority 350; policy accept;
+        type filter hook postrouting priority 1000000; policy accept;
         meta l4proto != { icmp, ipv6-icmp } accept
         icmp type destination-unreachable icmp code frag-needed goto too-big-ipv4
         icmpv6 type packet-too-big goto too-big-ipv6
@@ -129,6 +129,7 @@ TEST(RuleText, OfTheTableCountsTheMessagesOfProcessesAndLooksUpTheKernelsOwn) {
 
     chain too-big-ipv4 {
         meta skuid 0-4294967295 counter name answers accept comment "a process's"
+        oif @enough-copies accept comment "without a copy"
         oif @enough-answers accept comment "spares a flood the rest"
         @th,68,4 5 icmp mtu vmap @refused4
         icmp mtu vmap @refused4o
@@ -136,6 +137,7 @@ TEST(RuleText, OfTheTableCountsTheMessagesOfProcessesAndLooksUpTheKernelsOwn) {
 
     chain too-big-ipv6 {
         meta skuid 0-4294967295 counter name answers accept comment "a process's"
+        oif @enough-copies accept comment "without a copy"
         oif @enough-answers accept comment "spares a flood the rest"
         icmpv6 mtu vmap @refused6
     }

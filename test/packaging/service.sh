@@ -33,7 +33,7 @@ ServiceAnswersAgainAfterItWasKilled() {
     expect_answered_with 1400 1500
 }
 
-ServiceHasItsTwoCapabilitiesAndCanGainNoOthers() {
+ServiceHasItsTwoCapabilitiesAndCanGainNoOthers() { # IPv4 only
     start_service
     local set
     for set in CapInh CapPrm CapEff CapBnd CapAmb; do
@@ -42,20 +42,20 @@ ServiceHasItsTwoCapabilitiesAndCanGainNoOthers() {
     expect_equal "no new privileges" 1 "$(status_of_daemon NoNewPrivs)"
 }
 
-ServiceIsNotRootAndItsSystemCallsAreFiltered() {
+ServiceIsNotRootAndItsSystemCallsAreFiltered() { # IPv4 only
     start_service
     expect_match "its user" '^[1-9][0-9]*' "$(status_of_daemon Uid)"
     expect_equal "its filter of system calls" 2 "$(status_of_daemon Seccomp)"
 }
 
-ServiceCanNeitherWriteNorExecuteWhatItFinds() {
+ServiceCanNeitherWriteNorExecuteWhatItFinds() { # IPv4 only
     start_service
     local options
     options=$(awk '$5 == "/" { print $6 }' "/proc/$lab_daemon/mountinfo" | tail -n 1)
     expect_match "the file system" '^ro,.*\bnoexec\b' "$options"
 }
 
-ServiceHasItsFilesInRunPmtud() {
+ServiceHasItsFilesInRunPmtud() { # IPv4 only
     start_service
     expect_equal "the files in /run" "/run/pmtud/pmtud.pid
 /run/pmtud/pmtud.registered" "$(cd "$copy" && find run -name 'pmtud.*' -type f -printf '/%p\n' | sort)"
@@ -88,7 +88,7 @@ ask_systemd() {
     nsenter --target "$(boot_init)" --all --root systemctl "$@"
 }
 
-ServiceThatServesIsActiveAndReportsWhat() {
+ServiceThatServesIsActiveAndReportsWhat() { # IPv4 only
     start_service
     expect "it is active" lab_within 10 ask_systemd --quiet is-active pmtud.service
     expect_equal "its status" "serving 2 VLANs" \
@@ -99,7 +99,7 @@ is_activating_or_gone() {
     ! ask_systemd --quiet is-active pmtud.service
 }
 
-ServiceWithoutItsCapabilitiesIsNotActiveAndReportsTheCause() {
+ServiceWithoutItsCapabilitiesIsNotActiveAndReportsTheCause() { # IPv4 only
     lab_build
     boot_install "$(dirname "$daemon")/.."
     sed -i '/^AmbientCapabilities=/d' "$copy/usr/lib/systemd/system/pmtud.service"
@@ -116,21 +116,21 @@ expect_restarted() {
     expect "the rules come" lab_within 10 lab_has_taken_over
 }
 
-ServiceThatHangsIsKilledAndStartedAgain() {
+ServiceThatHangsIsKilledAndStartedAgain() { # IPv4 only
     start_service
     kill -STOP "$lab_daemon"
     expect_restarted
     expect_answered_with 1400 1500
 }
 
-ServiceThatIsHungUpIsStartedAgain() {
+ServiceThatIsHungUpIsStartedAgain() { # IPv4 only
     start_service
     kill -HUP "$lab_daemon"
     expect_restarted
     expect_answered_with 1400 1500
 }
 
-ServiceIsStartedAgainAfterTenQuickDeaths() {
+ServiceIsStartedAgainAfterTenQuickDeaths() { # IPv4 only
     start_service
     local -i death
     for ((death = 0; death < 10; ++death)); do

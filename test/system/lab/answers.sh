@@ -74,7 +74,7 @@ NextPacketAfterAChangeIsAnsweredWithTheNewMtu() {
     expect_passes 1300
 }
 
-PacketThatMayBeFragmentedArrivesUnanswered() {
+PacketThatMayBeFragmentedArrivesUnanswered() { # IPv4 only
     lab_build
     lab_start_serving "$daemon"
     start_capture

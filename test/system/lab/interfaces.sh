@@ -55,13 +55,13 @@ expect_daemons_own() {
     expect_match "the answer" "(mtu $1\)?), length $(by_family 68 "$2")\$" "$(errors)"
 }
 
-MtuOf575IsLeftToTheKernel() {
+MtuOf575IsLeftToTheKernel() { # IPv4 only
     build_with_mtus 1500 575
     expect_answered_with 575 1500
     expect_kernels_own 575
 }
 
-MtuOf576IsServed() {
+MtuOf576IsServed() { # IPv4 only
     build_with_mtus 1500 576
     expect_answered_with 576 1500
     expect_daemons_own 576 576

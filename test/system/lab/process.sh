@@ -23,14 +23,14 @@ expect_refused() {
     expect "it stays" test -d "/proc/$lab_daemon"
 }
 
-WithoutPrivilegesItSaysSoAndStays() {
+WithoutPrivilegesItSaysSoAndStays() { # IPv4 only
     lab_build
     lab_start_daemon "$daemon" setpriv --bounding-set=-net_admin,-net_raw
     expect_refused -1
     expect "it has no rules" lab_has_let_go
 }
 
-WithoutNetAdminItSaysSoAndStays() {
+WithoutNetAdminItSaysSoAndStays() { # IPv4 only
     lab_build
     lab_start_daemon "$daemon" setpriv --bounding-set=-net_admin
     expect_refused -1
@@ -60,7 +60,7 @@ AfterSigkillItsTableIsGoneAndTheKernelAnswers() {
     expect_answered_with 1400 1500
 }
 
-AfterSigtermItsTableIsGone() {
+AfterSigtermItsTableIsGone() { # IPv4 only
     lab_build
     lab_start_serving "$daemon"
     kill -TERM "$lab_daemon"

@@ -33,7 +33,7 @@ ReplyHasAHopLimitOf64() {
     expect_equal "hop limit" 40 "${reply:$(by_family 16 14):2}"
 }
 
-ReplyOfIpv4Is68BytesWithTypeCodeAndMtu() {
+ReplyOfIpv4Is68BytesWithTypeCodeAndMtu() { # IPv4 only
     provoke_reply
     local reply
     reply=$(packet 'icmp[icmptype] == 3')
@@ -43,7 +43,7 @@ ReplyOfIpv4Is68BytesWithTypeCodeAndMtu() {
     expect_equal "whole length" $((2 * (20 + 68))) ${#reply}
 }
 
-ReplyOfIpv6Is1400BytesWithTypeCodeAndMtu() {
+ReplyOfIpv6Is1400BytesWithTypeCodeAndMtu() { # IPv6 only
     provoke_reply
     local reply
     reply=$(packet 'icmp6[icmp6type] == 2')

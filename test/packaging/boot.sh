@@ -24,7 +24,8 @@ boot_install() {
 # The control group of version 2 that this process is in, as a folder.
 boot_own_cgroup() {
     local mounted
-    mounted=$(findmnt --noheadings --first-only --types cgroup2 --output TARGET)
+    mounted=$(findmnt --noheadings --first-only --types cgroup2 --output TARGET) ||
+        fail "no cgroup2 is mounted, which systemd needs"
     echo "${mounted%/}$(sed -n 's/^0:://p' /proc/self/cgroup)"
 }
 

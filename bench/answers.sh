@@ -50,26 +50,38 @@ load() {
     lab_on hosts "$bin/pmtud_load" "$@"
 }
 
+# On one processor: how long a wake-up of another takes depends on its sleep, not on the code.
+one_by_one() {
+    lab_on hosts taskset -c 0 "$bin/pmtud_load" "$1" one 45 5 "${crowd[0]}"
+}
+
 has_table() {
     lab_on switch nft list table inet "$1" >"$LAB_FILES/table" 2>&1
 }
 
-# start bare|pmtud
+# start bare|pmtud [WRAPPER...]
 start() {
-    lab_start_daemon "$bin/${1/bare/pmtud_bare}"
+    lab_start_daemon "$bin/${1/bare/pmtud_bare}" "${@:2}"
     lab_await 5 "the rules of $1" has_table "$1"
 }
 
-# measure_answers bare|pmtud: with the hardware mute, so that each answer is its own.  The first
+# measure_times bare|pmtud: with the hardware mute, so that each answer is its own.  The first
 # hundred frames are logged, and then 20 a second: every answer that is timed is.
-measure_answers() {
+measure_times() {
     local family result
-    start "$1"
+    start "$1" taskset -c 0
     for family in 4 6; do
-        result=$(load "$family" one 45 5 "${crowd[0]}")
+        result=$(one_by_one "$family")
         jq -e '.sent == .answered' <<<"$result" >"$LAB_FILES/whole"
         sample "answer_v${family}_median_ns_$1" "$(jq .median_ns <<<"$result")"
     done
+    lab_kill_daemon
+}
+
+# measure_costs bare|pmtud
+measure_costs() {
+    local family result
+    start "$1"
     for family in 4 6; do
         result=$(load "$family" rate "$rate" "$length" "$lab_daemon" "${crowd[@]}")
         sample "answer_v${family}_cpu_ns_$1" "$(jq '.process_ns / .answered | round' <<<"$result")"
@@ -138,8 +150,12 @@ lab_start_syslog
 measure_idle
 for ((run = 0; run < runs; ++run)); do
     lab_program_hardware
-    measure_answers bare
-    measure_answers pmtud
+    for ((again = 0; again < 6; ++again)); do
+        measure_times bare
+        measure_times pmtud
+    done
+    measure_costs bare
+    measure_costs pmtud
     for flooders in 1 10; do measure_fairness mute "$flooders"; done
     lab_remove_hardware
     for flooders in 1 10; do measure_fairness plain "$flooders"; done

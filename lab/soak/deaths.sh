@@ -38,9 +38,9 @@ flood() {
     step "floods: more than the receive queue holds, while the daemon is stopped"
     soak_remember
     local -i round
-    for ((round = 0; round < 3; ++round)); do
+    for ((round = 0; round < floods; ++round)); do
         overrun $((round != 1))
-        echo "      $((round + 1)) of 3"
+        echo "      $((round + 1)) of $floods"
     done
     soak_compare
     soak_no_faults "wrong or superfluous answers"

@@ -12,9 +12,10 @@
 
 namespace pmtud_linux {
 
-/// Reads the rules' counter of the answers that left after each frame handed to the daemon: an
-/// answer is sent before the callback returns.  Reading it less often would lose answers: a
-/// stateful policy lets those about known flows pass and drops the others.
+/// After each frame handed to the daemon, reads the rules' counter of answers that left: an answer
+/// is sent before the callback returns.  Another process's message counts as one.  Reading it less
+/// often would lose answers: a stateful policy lets those about known flows pass and drops the
+/// others.
 class AnswerWatch {
  public:
     /// 0 or a negative errno value.
@@ -22,6 +23,9 @@ class AnswerWatch {
 
     /// Whether an answer has left since the last call.  If the counter cannot be read, yes.
     bool hasLeft();
+
+    /// Passes over the answers that have left since the last call.
+    void catchUp() { static_cast<void>(hasLeft()); }
 
  private:
     std::optional<uint64_t> readCounter() const;

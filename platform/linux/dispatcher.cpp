@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -38,8 +39,8 @@ void sayBurst(Burst& burst, Priority priority, const char* what, bool over,
     if (count != 0 && !say(priority, what + std::to_string(count))) burst.count(count);
 }
 
-// Whether the daemon still has a reason to answer, by its own questions: the VLAN may be gone since
-// the kernel refused the packet, or its MTU another one.
+// Whether the daemon still has a reason to answer, by its own questions: since the kernel refused
+// the packet the VLAN may have gone, or its MTU changed.
 bool isRefusedStill(const Copy& copy, uint32_t egress) {
     const int vlan = cfg_vlan_l3_get_dest_vlan(static_cast<int>(egress));
     const uint32_t mtu = vlan > 0 ? cfg_vlan_l3_get_mtu(vlan) : 0;
@@ -76,6 +77,7 @@ int Dispatcher::attach() {
 // are watched before they are listed: a change in between is followed later.
 int Dispatcher::openAll() {
     Descriptor lower(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    if (!lower.valid()) return -errno;
     if (const int result = m_group.open(kLogGroup, kCopySize); result != 0) return result;
     lower.reset();
     if (const int result = m_rules.open(); result != 0) return result;
@@ -241,7 +243,7 @@ void Dispatcher::noteLoss(uint32_t ifindex, Burst::Clock::time_point now) {
 void Dispatcher::giveBack(const LogMessage& message, const Copy* copy) {
     const int result = m_kernelAnswer.send(message, copy);
     // One that went through the rules was counted there.
-    m_answers.hasLeft();
+    m_answers.catchUp();
     if (result == 0) return;
     m_unanswered.count(1);
     leaveToKernel(message.egress);
@@ -249,10 +251,12 @@ void Dispatcher::giveBack(const LogMessage& message, const Copy* copy) {
 
 void Dispatcher::leaveToKernel(uint32_t ifindex) {
     const auto now = Burst::Clock::now();
-    const auto [until, isFirst] = m_leftToKernel.try_emplace(ifindex, now);
-    if (!isFirst && now < until->second) return;
-    until->second = now + kLeftToKernel;
-    if (m_rules.run(leaveToKernelText(ifindex, static_cast<int>(kLeftToKernel.count()))) != 0)
+    std::erase_if(m_leftToKernel, [now](const auto& one) { return one.second <= now; });
+    if (m_leftToKernel.contains(ifindex)) return;
+    const int seconds = static_cast<int>(kLeftToKernel.count());
+    const bool isLeft = m_rules.run(leaveToKernelText(ifindex, seconds)) == 0;
+    m_leftToKernel[ifindex] = now + (isLeft ? kLeftToKernel : std::chrono::seconds(1));
+    if (!isLeft)
         say(Priority::error, "the kernel could not be left to answer: " + m_rules.problem());
 }
 

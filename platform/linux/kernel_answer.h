@@ -9,14 +9,14 @@
 
 namespace pmtud_linux {
 
-/// For the case that the daemon did not answer the same packet, or that its answer did not leave
-/// the router.
+/// For a packet that the daemon did not answer, or whose answer did not leave the router.
 class KernelAnswer {
  public:
     /// Sends the message that the rules withdrew.  Goes straight to the station that the refused
-    /// packet came from, past all rules, since it had passed all but the last of them; without
-    /// the packet's copy (null), or if the message was to leave by another interface than the
-    /// packet's ingress, by the kernel's routes and through the rules.  0 or a
+    /// packet came from, past all rules, since it had passed all but the last of them.  Without
+    /// the packet's copy (null) or the station's address, if the message was to leave by another
+    /// interface than the packet's ingress, or if that fails: by the kernel's routes and through
+    /// the rules.  0 or a
     /// negative errno value, -EPERM if the rules dropped it.
     int send(const LogMessage& message, const Copy* refused);
 

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 // The nftables rules that copy candidates and withdraw the kernel's answers, as text.
 //
-// A packet's path through the first hook, after everyone else's rules:
+// A packet's path through the first hook, after all priorities that have names; a later rule that
+// drops the packet costs one copy:
 //
 //   prerouting ─► to-bcm0.E ─► candidate ─► copied, and its header remembered in copiedK-MTU
 //      │ short,      │ fits      │ may be fragmented, too many,
@@ -24,7 +25,6 @@
 
 #include <algorithm>
 #include <set>
-#include <string_view>
 
 #include "vlan_name.h"
 

@@ -40,8 +40,8 @@ std::string tableText();
 /// run in one transaction on an existing table; empty if there is nothing to do.
 std::string changeText(const Vlans& before, const Vlans& after);
 
-/// The command that leaves the packets whose answer would go out of the interface to the
-/// kernel for that long.
+/// The command that lets the kernel answer, for that many seconds, where the answer would leave by
+/// the interface.
 std::string leaveToKernelText(uint32_t ifindex, int seconds);
 
 }  // namespace pmtud_linux

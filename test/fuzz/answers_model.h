@@ -43,6 +43,9 @@ class AnswersModel {
         return true;
     }
 
+    /// The rule for that was refused.
+    void isRefused(uint32_t egress, Time now) { m_nextTry[egress] = now + std::chrono::seconds(1); }
+
  private:
     static constexpr std::chrono::seconds kHalfMinute{30};
 

@@ -131,6 +131,7 @@ struct Deeds {
     int sent = 0;
     bool isUnanswered = false;
     int leftToKernel = 0;
+    bool isRefused = false;  // the rule for that
     int linesOfLoss = 0;
     int linesOfReturn = 0;
 };
@@ -469,6 +470,7 @@ void settle() {
     require(done.linesOfReturn == (isBack ? 1 : 0), "that answers leave is logged");
     const bool isLeft = done.isUnanswered && watch.leavesToKernel(refused.egress, world->now);
     require(done.leftToKernel == (isLeft ? 1 : 0), "when the kernel is left to answer");
+    if (done.isRefused) watch.isRefused(refused.egress, world->now);
 }
 
 // What the dispatcher gives back to the kernel now.
@@ -1078,7 +1080,8 @@ int __wrap_nft_run_cmd_from_buffer(nft_ctx* to, const char* commands) {
                  world->current->egress);
         require(std::string_view(commands) == expected.data(), "which interface, and how long");
         ++world->deeds.leftToKernel;
-        return failsNow() ? refuse(context) : 0;
+        world->deeds.isRefused = failsNow();
+        return world->deeds.isRefused ? refuse(context) : 0;
     }
     if (std::string_view(commands) == "list table inet pmtud\n") {
         require(world->rulesRefused && !world->isRunning, "what is there is asked after a refusal");

@@ -93,6 +93,19 @@ void unblockOutput() { run("nft delete table inet firewall"); }
 
 class Answers : public World {
  protected:
+    // An ingress that is no VLAN: what comes in by it is not copied.
+    static void addPlainIngress() {
+        run("ip link add plain address 02:00:00:00:99:01 type veth peer name other");
+        run("ip link set plain up");
+        run("ip link set other up");
+        awaitLink("plain");
+        awaitLink("other");
+    }
+
+    static void sendIntoPlain(const Bytes& packet) {
+        sendInto("other", packet, "02:00:00:00:99:01");
+    }
+
     // Sends a packet under the number; the next answer must be to it.  Its MTU.
     uint16_t answerTo(Capture& atA, uint16_t identification) {
         send(numbered(identification));
@@ -250,11 +263,7 @@ TEST_F(Answers, ThatLeaveAgainAreTheClientsAgain) {
 
 // The message is withdrawn, as its header is that of a packet that was copied.
 TEST_F(Answers, ToAPacketThatWasNotCopiedAreTheKernels) {
-    run("ip link add plain address 02:00:00:00:99:01 type veth peer name other");
-    run("ip link set plain up");
-    run("ip link set other up");
-    awaitLink("plain");
-    awaitLink("other");
+    addPlainIngress();
     ClientOptions options;
     options.countsOnly = true;
     Client client(options);
@@ -265,7 +274,7 @@ TEST_F(Answers, ToAPacketThatWasNotCopiedAreTheKernels) {
     while (handedOver("bcm0.20") == identification / 2) {
         ASSERT_LT(std::chrono::steady_clock::now(), deadline);
         EXPECT_EQ(answerTo(atA, ++identification), answeredMtu);
-        sendInto("other", numbered(++identification), "02:00:00:00:99:01");
+        sendIntoPlain(numbered(++identification));
         const Bytes answer = atA.next(isTooBig4);
         EXPECT_EQ(quotedIdentification(answer), identification);
         EXPECT_EQ(mtuOf4(answer), 1280);
@@ -274,11 +283,7 @@ TEST_F(Answers, ToAPacketThatWasNotCopiedAreTheKernels) {
 }
 
 TEST_F(Answers, OfIpv6ToAPacketThatWasNotCopiedAreTheKernels) {
-    run("ip link add plain address 02:00:00:00:99:01 type veth peer name other");
-    run("ip link set plain up");
-    run("ip link set other up");
-    awaitLink("plain");
-    awaitLink("other");
+    addPlainIngress();
     ClientOptions options;
     options.countsOnly = true;
     Client client(options);
@@ -290,7 +295,7 @@ TEST_F(Answers, OfIpv6ToAPacketThatWasNotCopiedAreTheKernels) {
         ++pairs;
         send(validIpv6());
         EXPECT_EQ(mtuOf6(atA.next(isTooBig6)), answeredMtu);
-        sendInto("other", validIpv6(), "02:00:00:00:99:01");
+        sendIntoPlain(validIpv6());
         const Bytes answer = atA.next(isTooBig6);
         EXPECT_EQ(mtuOf6(answer), 1280);
         EXPECT_EQ(transportChecksum(answer), 0);

@@ -89,8 +89,8 @@ class World : public testing::Test {
     void send(const Bytes& packet, const std::string& destination = "02:00:00:00:10:01");
 
     /// Sends the packet from an interface of the switch.
-    void sendInto(const std::string& interface, const Bytes& packet,
-                  const std::string& destination);
+    static void sendInto(const std::string& interface, const Bytes& packet,
+                         const std::string& destination);
 
     /// Sends the packet from host b's interface to bcm0.20.
     void sendFromB(const Bytes& packet);

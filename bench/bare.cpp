@@ -117,8 +117,8 @@ int openGroup() {
     mnl_socket* const opened = mnl_socket_open(NETLINK_NETFILTER);
     check(opened != nullptr && mnl_socket_bind(opened, 0, MNL_SOCKET_AUTOPID) == 0, "netlink");
     const int group = mnl_socket_get_fd(opened);
-    constexpr int room = 8 << 20;
-    check(setsockopt(group, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room) == 0, "buffer");
+    constexpr int kRoom = 8 << 20;
+    check(setsockopt(group, SOL_SOCKET, SO_RCVBUFFORCE, &kRoom, sizeof kRoom) == 0, "buffer");
     alignas(nlmsghdr) std::array<char, 256> buffer{};
     nlmsghdr* const message =
         nflog_nlmsg_put_header(buffer.data(), NFULNL_MSG_CONFIG, AF_UNSPEC, kGroup);

@@ -126,31 +126,31 @@ class Packet {
     static constexpr size_t kUdpHeader = 8;
 
     void fillIpv4() {
-        constexpr std::array<uint8_t, 20> header = {0x45,
-                                                    0,
-                                                    kPacketSize >> 8,
-                                                    kPacketSize & 0xFF,
-                                                    0,
-                                                    0,
-                                                    0x40,
-                                                    0,
-                                                    64,
-                                                    IPPROTO_UDP,
-                                                    0,
-                                                    0,
-                                                    10,
-                                                    0,
-                                                    10,
-                                                    2,
-                                                    10,
-                                                    0,
-                                                    20,
-                                                    2};
+        constexpr std::array<uint8_t, 20> kHeader = {0x45,
+                                                     0,
+                                                     kPacketSize >> 8,
+                                                     kPacketSize & 0xFF,
+                                                     0,
+                                                     0,
+                                                     0x40,
+                                                     0,
+                                                     64,
+                                                     IPPROTO_UDP,
+                                                     0,
+                                                     0,
+                                                     10,
+                                                     0,
+                                                     10,
+                                                     2,
+                                                     10,
+                                                     0,
+                                                     20,
+                                                     2};
         m_frame[12] = 0x08;
-        std::copy(header.begin(), header.end(), m_frame.begin() + kIp);
+        std::copy(kHeader.begin(), kHeader.end(), m_frame.begin() + kIp);
         const std::vector<uint8_t> source = ownIpAddress(4);
         std::copy(source.begin(), source.end(), m_frame.begin() + kIp + 12);
-        fillUdp(kIp + header.size());
+        fillUdp(kIp + kHeader.size());
     }
 
     void sealIpv4() {
@@ -161,17 +161,17 @@ class Packet {
     }
 
     void fillIpv6() {
-        constexpr size_t headerSize = 40;
-        constexpr size_t payload = kPacketSize - headerSize;
-        const std::array<uint8_t, 8> start = {0x60,           0,           0, 0, payload >> 8,
-                                              payload & 0xFF, IPPROTO_UDP, 64};
+        constexpr size_t kHeaderSize = 40;
+        constexpr size_t kPayload = kPacketSize - kHeaderSize;
+        const std::array<uint8_t, 8> start = {0x60,        0, 0, 0, kPayload >> 8, kPayload & 0xFF,
+                                              IPPROTO_UDP, 64};
         m_frame[12] = 0x86;
         m_frame[13] = 0xDD;
         std::copy(start.begin(), start.end(), m_frame.begin() + kIp);
         const std::vector<uint8_t> source = ownIpAddress(6);
         std::copy(source.begin(), source.end(), m_frame.begin() + kIp + 8);
         inet_pton(AF_INET6, "2001:db8:20::2", &m_frame[kIp + 24]);
-        fillUdp(kIp + headerSize);
+        fillUdp(kIp + kHeaderSize);
     }
 
     void fillUdp(size_t at) {
@@ -232,8 +232,8 @@ class Answers {
         m_socket = family == 4 ? socket(AF_INET, SOCK_RAW, IPPROTO_ICMP)
                                : socket(AF_INET6, SOCK_RAW, IPPROTO_ICMPV6);
         check(m_socket >= 0, "raw socket");
-        constexpr int room = 64 << 20;
-        check(setsockopt(m_socket, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room) == 0,
+        constexpr int kRoom = 64 << 20;
+        check(setsockopt(m_socket, SOL_SOCKET, SO_RCVBUFFORCE, &kRoom, sizeof kRoom) == 0,
               "receive buffer");
     }
 

@@ -65,16 +65,16 @@ uint16_t foldedSum(const uint8_t* bytes, size_t size) {
 class Packet {
  public:
     Packet(int family, int vlan) : m_isIpv4(family == 4) {
-        constexpr std::array<uint8_t, 12> addresses{2, 0, 0, 0, 1, 1, 2, 0, 0, 0, 1, 2};
-        std::copy(addresses.begin(), addresses.end(), m_frame.begin());
+        constexpr std::array<uint8_t, 12> kAddresses{2, 0, 0, 0, 1, 1, 2, 0, 0, 0, 1, 2};
+        std::copy(kAddresses.begin(), kAddresses.end(), m_frame.begin());
         const size_t header = m_isIpv4 ? 20 : 40;
         const size_t payload = kPacketSize - header;
         uint8_t* const ip = &m_frame[ETH_HLEN];
         if (m_isIpv4) {
             m_frame[12] = 0x08;
-            constexpr std::array<uint8_t, 10> start{
+            constexpr std::array<uint8_t, 10> kStart{
                 0x45, 0, kPacketSize >> 8, kPacketSize & 0xFF, 0, 0, 0x40, 0, 64, IPPROTO_UDP};
-            std::copy(start.begin(), start.end(), ip);
+            std::copy(kStart.begin(), kStart.end(), ip);
             put("10.0." + std::to_string(vlan) + ".2", ip + 12);
             put("10.0.20.2", ip + 16);
         } else {
@@ -166,13 +166,14 @@ class Answers {
     explicit Answers(int family) : m_family(family) {
         m_socket = socket(AF_PACKET, SOCK_RAW, htons(family == 4 ? ETH_P_IP : ETH_P_IPV6));
         check(m_socket >= 0, "packet socket");
-        constexpr int version = TPACKET_V2;
-        constexpr int yes = 1;
+        constexpr int kVersion = TPACKET_V2;
+        constexpr int kYes = 1;
         const tpacket_req request{kBlock, kFrames / (kBlock / kFrame), kFrame, kFrames};
-        check(setsockopt(m_socket, SOL_PACKET, PACKET_IGNORE_OUTGOING, &yes, sizeof yes) == 0 &&
-                  setsockopt(m_socket, SOL_PACKET, PACKET_VERSION, &version, sizeof version) == 0 &&
-                  setsockopt(m_socket, SOL_PACKET, PACKET_RX_RING, &request, sizeof request) == 0,
-              "receive ring");
+        check(
+            setsockopt(m_socket, SOL_PACKET, PACKET_IGNORE_OUTGOING, &kYes, sizeof kYes) == 0 &&
+                setsockopt(m_socket, SOL_PACKET, PACKET_VERSION, &kVersion, sizeof kVersion) == 0 &&
+                setsockopt(m_socket, SOL_PACKET, PACKET_RX_RING, &request, sizeof request) == 0,
+            "receive ring");
         void* const ring = mmap(nullptr, size_t{kFrame} * kFrames, PROT_READ | PROT_WRITE,
                                 MAP_SHARED, m_socket, 0);
         check(ring != MAP_FAILED, "mapping the receive ring");

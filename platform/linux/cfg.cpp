@@ -30,7 +30,7 @@ int querySocket = -1;
 std::array<char, 128> registration{};
 
 std::optional<uint32_t> mtuOf(int vlan) {
-    if (vlan < pmtud_linux::firstVlan || vlan > pmtud_linux::lastVlan) return std::nullopt;
+    if (vlan < pmtud_linux::kFirstVlan || vlan > pmtud_linux::kLastVlan) return std::nullopt;
     ifreq request{};
     std::snprintf(request.ifr_name, sizeof request.ifr_name, "bcm0.%d", vlan);
     if (ioctl(querySocket, SIOCGIFMTU, &request) != 0) return std::nullopt;
@@ -38,12 +38,12 @@ std::optional<uint32_t> mtuOf(int vlan) {
 }
 
 int writeRecord(const char* path, std::string_view text) {
-    constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-    Descriptor file(open(path, flags, 0644));
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    Descriptor file(open(path, kFlags, 0644));
     if (!file.valid() && errno == EEXIST) {
         // Left by a process of the same number that died between writing and renaming.
         if (unlink(path) != 0) return -errno;
-        file.reset(open(path, flags, 0644));
+        file.reset(open(path, kFlags, 0644));
     }
     if (!file.valid()) return -errno;
     const ssize_t written = write(file.get(), text.data(), text.size());

@@ -16,7 +16,7 @@ using pmtud_linux::SystemLog;
 int debug_process(uint32_t channel, const char* format, ...) {
     if (format == nullptr) return -EINVAL;
     const LineFate fate = pmtud_linux::lineFate();
-    if (fate == LineFate::ignored) return 0;
+    if (fate == LineFate::kIgnored) return 0;
 
     constexpr size_t kMaximumText = 1024;
     std::array<char, kMaximumText + 1> text;
@@ -28,6 +28,6 @@ int debug_process(uint32_t channel, const char* format, ...) {
         SystemLog::instance().lose();
         return -EINVAL;
     }
-    if (fate == LineFate::kept) return SystemLog::instance().keep(channel, text.data());
-    return SystemLog::instance().write(Priority::debug, channel, text.data());
+    if (fate == LineFate::kKept) return SystemLog::instance().keep(channel, text.data());
+    return SystemLog::instance().write(Priority::kDebug, channel, text.data());
 }

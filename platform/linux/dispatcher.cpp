@@ -63,7 +63,7 @@ const char* verdictName(int verdict) {
 int Dispatcher::attach() {
     int result = openAll();
     if (result != 0)
-        say(Priority::error, startProblem(result));
+        say(Priority::kError, startProblem(result));
     else
         result = installRules();
     if (result != 0) detach();
@@ -92,7 +92,7 @@ int Dispatcher::installRules() {
         m_installed = m_table.vlans();
         return 0;
     }
-    say(Priority::error, "the rules could not be installed: " + refusalOfRules());
+    say(Priority::kError, "the rules could not be installed: " + refusalOfRules());
     return result;
 }
 
@@ -144,7 +144,7 @@ void Dispatcher::applyRules() {
     const std::string commands = changeText(m_installed, m_table.vlans());
     if (!commands.empty() && m_rules.run(commands) != 0) {
         if (!m_rulesRefused)
-            say(Priority::error,
+            say(Priority::kError,
                 "the rules could not be changed, trying again: " + m_rules.problem());
         m_rulesRefused = true;
         return;
@@ -199,7 +199,7 @@ void Dispatcher::take(const LogMessage& message, pktd_rx_cb_t callback) {
 
 // Only this table's rules mark what they log with a VLAN: another's would not have withdrawn it.
 void Dispatcher::takeRefused(const LogMessage& message, pktd_rx_cb_t callback) {
-    if (message.mark < uint32_t{firstVlan} || message.mark > uint32_t{lastVlan}) {
+    if (message.mark < uint32_t{kFirstVlan} || message.mark > uint32_t{kLastVlan}) {
         m_foreign.count(1);
         return;
     }
@@ -225,13 +225,13 @@ void Dispatcher::handOver(const LogMessage& message, const Copy& copy, pktd_rx_c
         if (isRefusedStill(copy, egress)) noteLoss(message.egress, now);
         giveBack(message, &copy);
     } else if (m_answerNews.left(message.egress, now)) {
-        say(Priority::warning, nameOf(message.egress) + ": the answers leave this router again");
+        say(Priority::kWarning, nameOf(message.egress) + ": the answers leave this router again");
     }
 }
 
 void Dispatcher::noteLoss(uint32_t ifindex, Burst::Clock::time_point now) {
     if (!m_answerNews.lost(ifindex, now)) return;
-    say(Priority::warning,
+    say(Priority::kWarning,
         nameOf(ifindex) +
             ": the answers do not leave this router, so the kernel answers; allow them in the "
             "output hook: icmp type destination-unreachable accept; icmpv6 type packet-too-big "
@@ -257,7 +257,7 @@ void Dispatcher::leaveToKernel(uint32_t ifindex) {
     const bool isLeft = m_rules.run(leaveToKernelText(ifindex, seconds)) == 0;
     m_leftToKernel[ifindex] = now + (isLeft ? kLeftToKernel : std::chrono::seconds(1));
     if (!isLeft)
-        say(Priority::error, "the kernel could not be left to answer: " + m_rules.problem());
+        say(Priority::kError, "the kernel could not be left to answer: " + m_rules.problem());
 }
 
 std::string Dispatcher::nameOf(uint32_t ifindex) const {
@@ -280,24 +280,24 @@ void Dispatcher::countVerdict(int verdict) {
                        verdict == PKTD_VERDICT_REPOST;
     uint64_t& count = m_verdicts[static_cast<size_t>(known ? verdict : PKTD_VERDICT_INVALID)];
     if (count++ != 0 || verdict == PKTD_VERDICT_DISCARD) return;
-    say(Priority::warning,
+    say(Priority::kWarning,
         "the verdict " + std::string(verdictName(verdict)) + " (" + std::to_string(verdict) +
             ") has no effect: the frame is a copy, and the kernel has refused the packet");
 }
 
 void Dispatcher::sayBursts(bool over) {
     if (over && m_overrun && !m_lost.pending()) {
-        say(Priority::warning,
+        say(Priority::kWarning,
             "the receive queue overran; how many messages were lost shows with the next one");
         m_overrun = false;
     }
     if (!unsaid()) return;
     const Burst::Clock::time_point now = Burst::Clock::now();
-    sayBurst(m_lost, Priority::warning, "the receive queue overran, messages lost: ", over, now);
-    sayBurst(m_unanswered, Priority::warning, "refused packets that nobody answered: ", over, now);
+    sayBurst(m_lost, Priority::kWarning, "the receive queue overran, messages lost: ", over, now);
+    sayBurst(m_unanswered, Priority::kWarning, "refused packets that nobody answered: ", over, now);
     // Once a second at most, even if each frame is a burst by itself: the line is to spare lines.
-    sayBurst(m_unlogged, Priority::info, "answered without log lines, frames: ", false, now);
-    sayBurst(m_foreign, Priority::warning,
+    sayBurst(m_unlogged, Priority::kInfo, "answered without log lines, frames: ", false, now);
+    sayBurst(m_foreign, Priority::kWarning,
              "log group 89: messages not from this table, ignored: ", over, now);
 }
 

@@ -9,16 +9,16 @@
 namespace pmtud_linux {
 
 namespace {
-thread_local LineFate fate = LineFate::written;
+thread_local LineFate fate = LineFate::kWritten;
 }
 
 LineFate lineFate() { return fate; }
 
-FrameLines::FrameLines(bool logged) { fate = logged ? LineFate::kept : LineFate::ignored; }
+FrameLines::FrameLines(bool logged) { fate = logged ? LineFate::kKept : LineFate::kIgnored; }
 
 FrameLines::~FrameLines() {
-    if (fate == LineFate::kept) SystemLog::instance().flush();
-    fate = LineFate::written;
+    if (fate == LineFate::kKept) SystemLog::instance().flush();
+    fate = LineFate::kWritten;
 }
 
 bool LineBudget::take(Clock::time_point now) {

@@ -8,7 +8,7 @@
 namespace pmtud_linux {
 
 /// What becomes of the lines that a thread hands to the debug process.
-enum class LineFate { written, kept, ignored };
+enum class LineFate { kWritten, kKept, kIgnored };
 
 /// That of the calling thread.
 LineFate lineFate();

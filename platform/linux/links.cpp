@@ -21,13 +21,13 @@ namespace pmtud_linux {
 namespace {
 
 // The kernel's own limit for the messages of a dump is 32 KiB.
-constexpr size_t bufferSize = 32768;
+constexpr size_t kBufferSize = 32768;
 
 // A thousand interfaces that appear at once must not overrun the socket.
-constexpr int receiveBuffer = 1 << 20;
+constexpr int kReceiveBuffer = 1 << 20;
 
 // The kernel answers at once; this is for the case that the end of its list was lost.
-constexpr int answerTimeout = 1000;
+constexpr int kAnswerTimeout = 1000;
 
 bool readNumber(const nlattr* attribute, uint32_t& number) {
     if (mnl_attr_validate(attribute, MNL_TYPE_U32) < 0) return false;
@@ -94,34 +94,34 @@ int LinkMonitor::open() {
     if (mnl_socket_bind(opened.get(), RTMGRP_LINK, MNL_SOCKET_AUTOPID) < 0) return -errno;
     // Without the privilege the system's own limit has to do: an overrun is made good.
     const int socket = mnl_socket_get_fd(opened.get());
-    setsockopt(socket, SOL_SOCKET, SO_RCVBUFFORCE, &receiveBuffer, sizeof receiveBuffer);
+    setsockopt(socket, SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer, sizeof kReceiveBuffer);
     m_socket = std::move(opened);
     return 0;
 }
 
 LinkMonitor::Read LinkMonitor::read(const std::function<void(const nlmsghdr&)>& take) const {
-    alignas(nlmsghdr) std::array<char, bufferSize> buffer;
+    alignas(nlmsghdr) std::array<char, kBufferSize> buffer;
     sockaddr_nl sender{};
     socklen_t senderSize = sizeof sender;
     const ssize_t received = recvfrom(fd(), buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC,
                                       reinterpret_cast<sockaddr*>(&sender), &senderSize);
     if (received < 0) {
-        if (errno == EAGAIN || errno == EINTR) return Read::none;
-        return errno == ENOBUFS ? Read::lost : Read::failed;
+        if (errno == EAGAIN || errno == EINTR) return Read::kNone;
+        return errno == ENOBUFS ? Read::kLost : Read::kFailed;
     }
-    if (!isFromKernel(sender, senderSize)) return Read::some;
-    if (static_cast<size_t>(received) > buffer.size()) return Read::lost;
+    if (!isFromKernel(sender, senderSize)) return Read::kSome;
+    if (static_cast<size_t>(received) > buffer.size()) return Read::kLost;
     int left = static_cast<int>(wholeMessages(buffer.data(), static_cast<size_t>(received)));
     const auto* message = reinterpret_cast<const nlmsghdr*>(buffer.data());
     for (; mnl_nlmsg_ok(message, left); message = mnl_nlmsg_next(message, &left)) take(*message);
-    return Read::some;
+    return Read::kSome;
 }
 
 int LinkMonitor::list(VlanTable& table) {
     // What changed while the kernel was listing makes the list doubtful; it is asked for again.
-    constexpr int attempts = 10;
+    constexpr int kAttempts = 10;
     int error = -EAGAIN;
-    for (int attempt = 0; attempt < attempts && error == -EAGAIN; ++attempt) {
+    for (int attempt = 0; attempt < kAttempts && error == -EAGAIN; ++attempt) {
         VlanTable fresh;
         error = listOnce(fresh);
         if (error == 0 || error == -EAGAIN) table = std::move(fresh);
@@ -141,9 +141,9 @@ int LinkMonitor::listOnce(VlanTable& table) {
 // A socket that overran goes on losing changes silently until it is empty.  What is thrown
 // away here is older than the list that follows.
 int LinkMonitor::dropStale() const {
-    Read stale = Read::some;
-    while (stale == Read::some || stale == Read::lost) stale = read([](const nlmsghdr&) {});
-    return stale == Read::failed ? -errno : 0;
+    Read stale = Read::kSome;
+    while (stale == Read::kSome || stale == Read::kLost) stale = read([](const nlmsghdr&) {});
+    return stale == Read::kFailed ? -errno : 0;
 }
 
 int LinkMonitor::requestList() {
@@ -170,11 +170,11 @@ int LinkMonitor::receiveList(VlanTable& table, bool& doubtful) {
     };
     while (!done && error == 0) {
         const Read result = read(take);
-        if (result == Read::failed) return -errno;
-        if (result == Read::lost) doubtful = true;
-        if (result != Read::none) continue;
+        if (result == Read::kFailed) return -errno;
+        if (result == Read::kLost) doubtful = true;
+        if (result != Read::kNone) continue;
         pollfd readable{fd(), POLLIN, 0};
-        if (poll(&readable, 1, answerTimeout) == 0) return -ETIMEDOUT;
+        if (poll(&readable, 1, kAnswerTimeout) == 0) return -ETIMEDOUT;
     }
     return error;
 }
@@ -185,9 +185,9 @@ bool LinkMonitor::follow(VlanTable& table) {
         const auto link = decodeLink(message);
         if (link && table.apply(*link)) changed = true;
     };
-    for (Read result = read(take); result != Read::none; result = read(take)) {
-        if (result == Read::lost) m_stale = true;
-        if (result == Read::failed)
+    for (Read result = read(take); result != Read::kNone; result = read(take)) {
+        if (result == Read::kLost) m_stale = true;
+        if (result == Read::kFailed)
             throw std::system_error(errno, std::generic_category(), "link messages");
     }
     if (!m_stale) return changed;

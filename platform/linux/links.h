@@ -45,7 +45,7 @@ class LinkMonitor {
     bool stale() const { return m_stale; }
 
  private:
-    enum class Read { some, none, lost, failed };
+    enum class Read { kSome, kNone, kLost, kFailed };
     Read read(const std::function<void(const nlmsghdr&)>& take) const;
     int dropStale() const;
     int listOnce(VlanTable& table);

@@ -14,17 +14,17 @@ namespace {
 // With all VLANs the library takes some 100 MB for a while, which malloc would keep.  A little
 // is kept: the next change takes it again.
 void giveMemoryBack() {
-    constexpr size_t kept = size_t{16} << 20;
-    if (mallinfo2().fordblks > kept) malloc_trim(0);
+    constexpr size_t kKept = size_t{16} << 20;
+    if (mallinfo2().fordblks > kKept) malloc_trim(0);
 }
 
 }  // namespace
 
 // libnftables reports the kernel's answer in words only: errno is overwritten behind it.
 int errorOfMessage(std::string_view message) {
-    constexpr int lastError = 133;
+    constexpr int kLastError = 133;
     const std::string_view line = message.substr(0, message.find('\n'));
-    for (int error = 1; error <= lastError; ++error) {
+    for (int error = 1; error <= kLastError; ++error) {
         const char* const words = strerrordesc_np(error);
         if (words != nullptr && line.ends_with(std::string(": ") + words)) return error;
     }

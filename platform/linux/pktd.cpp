@@ -32,7 +32,7 @@ uint8_t pktd_rx_wl_pool[25980];
 
 namespace {
 
-constexpr size_t queueOffset = 8;  // of the transmit queue in its pool
+constexpr size_t kQueueOffset = 8;  // of the transmit queue in its pool
 
 struct Client {
     Dispatcher dispatcher;
@@ -49,7 +49,7 @@ int checkRightToAnswer() {
     const Descriptor raw(socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_ICMP));
     if (raw.valid()) return 0;
     const int result = -errno;
-    say(Priority::error, startProblem(result));
+    say(Priority::kError, startProblem(result));
     return result;
 }
 
@@ -89,7 +89,7 @@ void sleepLongSteps() {
 
 // Without a thread the rules would withdraw answers for nothing.
 int detach(int result) {
-    say(Priority::error, threadProblem(result));
+    say(Priority::kError, threadProblem(result));
     delete attached;
     attached = nullptr;
     return result;
@@ -126,7 +126,7 @@ int pktd_queue_entry_data_vlan_based_init(st_pktd_shm_queue_entry_data_t* entry,
 
 int shm_data_entry_post(void* queue, st_pktd_shm_queue_entry_data_t* entry, size_t len,
                         uint32_t* out) {
-    if (queue != pktd_tx_queue_pool + queueOffset || entry == nullptr) return -EINVAL;
+    if (queue != pktd_tx_queue_pool + kQueueOffset || entry == nullptr) return -EINVAL;
     if (attached == nullptr) return -ENOTCONN;
     return attached->txQueue.post(*entry, len, out);
 }

@@ -39,7 +39,7 @@ void Service::serves(const Vlans& vlans) {
     m_served = served;
     const std::string status = statusOf(served);
     sd_notify(0, ("STATUS=" + status).c_str());
-    if (served == 0 && isNews) say(Priority::warning, "nothing to serve: " + status);
+    if (served == 0 && isNews) say(Priority::kWarning, "nothing to serve: " + status);
 }
 
 void Service::keepAlive(Clock::time_point now) {

@@ -41,7 +41,7 @@ void SystemLog::lose() {
 
 int SystemLog::keep(uint32_t module, const char* text) {
     const std::lock_guard lock(m_mutex);
-    if (!format(m_kept[m_keptCount], Priority::debug, module, text)) return -EINVAL;
+    if (!format(m_kept[m_keptCount], Priority::kDebug, module, text)) return -EINVAL;
     if (++m_keptCount == kLinesKept) send({m_kept.data(), std::exchange(m_keptCount, 0)});
     return 0;
 }
@@ -72,7 +72,7 @@ int SystemLog::send(std::span<const Line> lines) {
         std::array<char, 64> text{};
         std::snprintf(text.data(), text.size(), " PMTUD-Linux: %llu lines lost",
                       static_cast<unsigned long long>(m_lost));
-        format(lost, Priority::warning, kOwnModule, text.data());
+        format(lost, Priority::kWarning, kOwnModule, text.data());
     }
 
     std::array<iovec, kLinesKept + 1> pieces;
@@ -100,13 +100,13 @@ int SystemLog::send(std::span<const Line> lines) {
 
 // How many the log accepted.  If not all, why not, as a negative errno value.
 size_t SystemLog::deliver(std::span<mmsghdr> messages, int& error) {
-    constexpr int flags = MSG_DONTWAIT | MSG_NOSIGNAL;
+    constexpr int kFlags = MSG_DONTWAIT | MSG_NOSIGNAL;
     size_t sent = 0;
     bool isNew = false;
     while (sent < messages.size()) {
         const auto left = messages.subspan(sent);
         const int result =
-            sendmmsg(m_socket, left.data(), static_cast<unsigned int>(left.size()), flags);
+            sendmmsg(m_socket, left.data(), static_cast<unsigned int>(left.size()), kFlags);
         if (result > 0) {
             sent += static_cast<size_t>(result);
             continue;
@@ -142,11 +142,11 @@ int SystemLog::connectAgain() {
 const char* SystemLog::stamp() {
     const time_t second = time(nullptr);
     if (second == m_second) return m_stamp.data();
-    static constexpr const char* months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                             "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    static constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                              "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
     tm local{};
     if (localtime_r(&second, &local) == nullptr) local = tm{};
-    std::snprintf(m_stamp.data(), m_stamp.size(), "%s %2d %02d:%02d:%02d", months[local.tm_mon],
+    std::snprintf(m_stamp.data(), m_stamp.size(), "%s %2d %02d:%02d:%02d", kMonths[local.tm_mon],
                   local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
     m_second = second;
     return m_stamp.data();

@@ -23,7 +23,7 @@
 namespace pmtud_linux {
 
 /// Facility daemon (3) with a severity (RFC 3164 section 4.1.1).
-enum class Priority { error = 27, warning = 28, info = 30, debug = 31 };
+enum class Priority { kError = 27, kWarning = 28, kInfo = 30, kDebug = 31 };
 
 constexpr uint32_t kOwnModule = 89;
 

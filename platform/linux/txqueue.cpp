@@ -31,7 +31,7 @@ Egress portEgress(int socket, int unit, int port) {
 }
 
 Egress vlanEgress(int socket, int vlan) {
-    if (vlan < firstVlan || vlan > lastVlan) return {};
+    if (vlan < kFirstVlan || vlan > kLastVlan) return {};
     ifreq request{};
     if (!putName(request, nameOfVlan(vlan))) return {};
     if (ioctl(socket, SIOCGIFINDEX, &request) != 0) return {};
@@ -40,8 +40,8 @@ Egress vlanEgress(int socket, int vlan) {
 
 // A tag of VLAN 0 only has a priority (IEEE 802.1Q), and belongs to no VLAN.
 bool isTagged(const uint8_t* frame, size_t length, int vlan) {
-    constexpr size_t taggedHeaderSize = ETH_HLEN + 4;
-    if (vlan == 0 || length < taggedHeaderSize) return false;
+    constexpr size_t kTaggedHeaderSize = ETH_HLEN + 4;
+    if (vlan == 0 || length < kTaggedHeaderSize) return false;
     if (frame[12] != ETH_P_8021Q >> 8 || frame[13] != (ETH_P_8021Q & 0xff)) return false;
     return ((frame[14] & 0x0f) << 8 | frame[15]) == vlan;
 }
@@ -77,12 +77,12 @@ int TxQueue::post(const st_pktd_shm_queue_entry_data_t& record, size_t length, u
                               : vlanEgress(m_socket.get(), control.vid);
     if (egress.ifindex == 0) return -ENODEV;
 
-    constexpr size_t addressesSize = size_t{2} * ETH_ALEN;
-    constexpr size_t tagSize = 4;
+    constexpr size_t kAddressesSize = size_t{2} * ETH_ALEN;
+    constexpr size_t kTagSize = 4;
     const uint8_t* const frame = record.opaque_0;
-    const size_t rest = addressesSize + (isTagged(frame, length, egress.vlan) ? tagSize : 0);
+    const size_t rest = kAddressesSize + (isTagged(frame, length, egress.vlan) ? kTagSize : 0);
     // sendmsg(2) only reads the pieces.
-    iovec pieces[] = {{const_cast<uint8_t*>(frame), addressesSize},
+    iovec pieces[] = {{const_cast<uint8_t*>(frame), kAddressesSize},
                       {const_cast<uint8_t*>(frame) + rest, length - rest}};
 
     sockaddr_ll to{};

@@ -10,7 +10,7 @@
 namespace pmtud_linux {
 
 namespace {
-constexpr std::string_view prefix = "bcm0.";
+constexpr std::string_view kPrefix = "bcm0.";
 }
 
 int vlanOfNumber(std::string_view digits) {
@@ -19,14 +19,14 @@ int vlanOfNumber(std::string_view digits) {
     const char* const end = digits.data() + digits.size();
     const auto [stop, error] = std::from_chars(digits.data(), end, vlan);
     if (error != std::errc{} || stop != end) return 0;
-    return vlan >= firstVlan && vlan <= lastVlan ? vlan : 0;
+    return vlan >= kFirstVlan && vlan <= kLastVlan ? vlan : 0;
 }
 
 int vlanOfName(std::string_view name) {
-    return name.starts_with(prefix) ? vlanOfNumber(name.substr(prefix.size())) : 0;
+    return name.starts_with(kPrefix) ? vlanOfNumber(name.substr(kPrefix.size())) : 0;
 }
 
-std::string nameOfVlan(int vlan) { return std::string(prefix) + std::to_string(vlan); }
+std::string nameOfVlan(int vlan) { return std::string(kPrefix) + std::to_string(vlan); }
 
 std::string nameOfInterface(int socket, int ifindex) {
     ifreq request{};

@@ -10,8 +10,8 @@
 
 namespace pmtud_linux {
 
-constexpr int firstVlan = 1;
-constexpr int lastVlan = 4094;
+constexpr int kFirstVlan = 1;
+constexpr int kLastVlan = 4094;
 
 /// The VLAN (1 to 4094) that the text is in decimal without leading zeros, or 0.
 int vlanOfNumber(std::string_view digits);

@@ -88,28 +88,28 @@ void Output2DebugProcessPolicy::output(uint32_t channel, std::ostringstream& os,
 }
 
 template <typename Policy>
-Log<Policy>::Log() : os(std::move(idleStream)) {}
+Log<Policy>::Log() : m_os(std::move(idleStream)) {}
 
 template <typename Policy>
 Log<Policy>::~Log() {
-    Policy::output(channel, os, reserved);
+    Policy::output(m_channel, m_os, m_reserved);
 }
 
 template <typename Policy>
 std::ostream& Log<Policy>::get(const char* file, int line, const char* function, LogLevel level) {
-    os << nowTime() << " " << toString(level) << ": [" << file << ":" << line << " | " << function
-       << "] ";
-    return os;
+    m_os << nowTime() << " " << toString(level) << ": [" << file << ":" << line << " | " << function
+         << "] ";
+    return m_os;
 }
 
 template <typename Policy>
 std::ostream& Log<Policy>::get(uint32_t module, const char* name) {
-    channel = module;
-    std::stringbuf& line = *os.rdbuf();
+    m_channel = module;
+    std::stringbuf& line = *m_os.rdbuf();
     line.sputc(' ');
     line.sputn(name, static_cast<std::streamsize>(strlen(name)));
     line.sputn(": ", 2);
-    return os;
+    return m_os;
 }
 
 template <typename Policy>

@@ -68,9 +68,9 @@ class Log {
     std::ostream& get(uint32_t module, const std::string& name);
 
  private:
-    uint32_t channel = 0;
-    int32_t reserved = 0;
-    std::ostringstream os;
+    uint32_t m_channel = 0;
+    int32_t m_reserved = 0;
+    std::ostringstream m_os;
 };
 
 /// Writes the line, ended by CR LF, to stream().

@@ -130,10 +130,10 @@ inline bool isZero(Span bytes) {
 /// A reader that trusts an IPv6 header reads 65,593 bytes, whatever the size of the frame.
 inline void checkFrame(const st_pktd_shm_queue_entry_data_t& record, const uint8_t* frame,
                        std::size_t size, const Built& built) {
-    constexpr std::size_t readable = 18 + 40 + 65535;
+    constexpr std::size_t kReadable = 18 + 40 + 65535;
     require(size == built.bytes.size(), "size of the frame");
     require(same({frame, size}, built.bytes), "bytes of the frame");
-    require(isZero({frame + size, readable - size}), "zeros beyond the frame");
+    require(isZero({frame + size, kReadable - size}), "zeros beyond the frame");
     const st_pktd_shm_queue_entry_ctrl_t& control = record.ctrl;
     require(control.port == built.port && control.proto == built.proto, "port and protocol");
     require(control.vid == built.vid && control.vtag == built.vid, "VLAN");

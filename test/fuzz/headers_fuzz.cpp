@@ -18,13 +18,13 @@ using fuzz::Span;
 
 namespace {
 
-constexpr std::size_t largestIpv6Packet = 40 + 65535;
+constexpr std::size_t kLargestIpv6Packet = 40 + 65535;
 
 /// printf takes long over a large dump; there, only the bytes' part of it is compared.
-constexpr std::size_t largestForPrintf = 128;
+constexpr std::size_t kLargestForPrintf = 128;
 
 GuardedMemory& memory() {
-    static GuardedMemory guarded(largestIpv6Packet);
+    static GuardedMemory guarded(kLargestIpv6Packet);
     return guarded;
 }
 
@@ -36,11 +36,11 @@ std::string inserted(const View& view) {
 }
 
 bool isHexOf(const char* text, const uint8_t* bytes, std::size_t count) {
-    constexpr char digits[] = "0123456789abcdef";
+    constexpr char kDigits[] = "0123456789abcdef";
     for (std::size_t i = 0; i < count; ++i) {
         const unsigned byte = bytes[i];
         const char* const at = text + 3 * i;
-        if (at[0] != digits[byte / 16] || at[1] != digits[byte % 16]) return false;
+        if (at[0] != kDigits[byte / 16] || at[1] != kDigits[byte % 16]) return false;
         if (i + 1 < count && at[2] != ' ') return false;
     }
     return true;
@@ -104,7 +104,7 @@ void dumpIpv6(Span bytes) {
     const std::size_t size = 40 + high * 256 + low;
     const uint8_t* const b = memory().place(bytes, size);
     const std::string dump = ipv6Dump(Ipv6Header(b));
-    if (size <= largestForPrintf) {
+    if (size <= kLargestForPrintf) {
         require(inserted(Ipv6Header(b)) == dump, "insertion of the IPv6 header");
         require(dump == reference::ipv6Dump(b), "dump of the IPv6 header");
         return;
@@ -117,9 +117,9 @@ void dumpIpv6(Span bytes) {
 }
 
 void dumpBytes(Span all) {
-    const Span bytes = all.first(std::min(all.size(), largestIpv6Packet));
+    const Span bytes = all.first(std::min(all.size(), kLargestIpv6Packet));
     const uint8_t* const b = memory().place(bytes, bytes.size());
-    if (bytes.size() <= largestForPrintf) {
+    if (bytes.size() <= kLargestForPrintf) {
         require(hexDump(b, bytes.size()) == reference::hex(b, bytes.size()), "two digits a byte");
         require(byteDump(b, bytes.size()) == reference::shortHex(b, bytes.size()), "short digits");
     }

@@ -21,7 +21,7 @@ namespace fuzz {
 /// counts until the next one; one that does not end does not.
 class LinkListModel {
  public:
-    enum class Phase { emptying, listing, following };
+    enum class Phase { kEmptying, kListing, kFollowing };
 
     Phase phase() const { return m_phase; }
     uint32_t sequence() const { return m_sequence; }
@@ -30,23 +30,23 @@ class LinkListModel {
     const pmtud_linux::Vlans& vlans() const { return m_vlans; }
 
     void request(uint32_t sequence) {
-        require(m_phase == Phase::emptying, "the socket is emptied before a list");
-        m_phase = Phase::listing;
+        require(m_phase == Phase::kEmptying, "the socket is emptied before a list");
+        m_phase = Phase::kListing;
         m_sequence = sequence;
         m_fresh.clear();
         m_isDoubtful = false;
     }
 
     void takeNothing() {
-        if (m_phase == Phase::following && m_isStale) {
-            m_phase = Phase::emptying;
+        if (m_phase == Phase::kFollowing && m_isStale) {
+            m_phase = Phase::kEmptying;
             m_attempts = 0;
         }
     }
 
     void takeLoss() {
-        if (m_phase == Phase::listing) m_isDoubtful = true;
-        if (m_phase == Phase::following) m_isStale = true;
+        if (m_phase == Phase::kListing) m_isDoubtful = true;
+        if (m_phase == Phase::kFollowing) m_isStale = true;
     }
 
     void timeOut() { endList(false); }
@@ -54,19 +54,19 @@ class LinkListModel {
     void take(const std::vector<Span>& messages) {
         bool isDone = false;
         for (const Span message : messages) {
-            if (m_phase == Phase::listing && load<uint32_t>(message, 8) == m_sequence) {
+            if (m_phase == Phase::kListing && load<uint32_t>(message, 8) == m_sequence) {
                 const auto type = load<uint16_t>(message, 4);
                 if ((load<uint16_t>(message, 6) & NLM_F_DUMP_INTR) != 0) m_isDoubtful = true;
                 if (type == NLMSG_DONE) isDone = true;
             }
             const auto link = expectedLink(message);
-            if (link && m_phase == Phase::listing) follow(m_fresh, *link);
-            if (link && m_phase == Phase::following) follow(m_vlans, *link);
+            if (link && m_phase == Phase::kListing) follow(m_fresh, *link);
+            if (link && m_phase == Phase::kFollowing) follow(m_vlans, *link);
         }
         if (!isDone) return;
         m_vlans = m_fresh;
         if (m_isDoubtful && ++m_attempts < 10) {
-            m_phase = Phase::emptying;
+            m_phase = Phase::kEmptying;
             return;
         }
         endList(!m_isDoubtful);
@@ -74,11 +74,11 @@ class LinkListModel {
 
  private:
     void endList(bool isWhole) {
-        m_phase = Phase::following;
+        m_phase = Phase::kFollowing;
         m_isStale = !isWhole;
     }
 
-    Phase m_phase = Phase::emptying;
+    Phase m_phase = Phase::kEmptying;
     bool m_isStale = false;
     bool m_isDoubtful = false;
     int m_attempts = 0;

@@ -22,28 +22,28 @@
 
 namespace fuzz {
 
-constexpr std::size_t linkHeaders = messageHeader + sizeof(ifinfomsg);
+constexpr std::size_t kLinkHeaders = kMessageHeader + sizeof(ifinfomsg);
 
 /// What interfaces really are like; few numbers and names, so that they come again.
 inline Bytes drawInterface(Input& input, uint8_t kind) {
-    constexpr std::array<uint32_t, 8> mtus = {1500, 1280, 9000, 576, 575, 16383, 16384, 1500};
-    Bytes message(linkHeaders);
+    constexpr std::array<uint32_t, 8> kMtus = {1500, 1280, 9000, 576, 575, 16383, 16384, 1500};
+    Bytes message(kLinkHeaders);
     const uint8_t choice = input.byte();
     store(message, 4, kind % 8 == 7 ? uint16_t{RTM_DELLINK} : uint16_t{RTM_NEWLINK});
     ifinfomsg link{};
     link.ifi_type = ARPHRD_ETHER;
     link.ifi_index = 1 + kind / 8 % 8;
-    memcpy(message.data() + messageHeader, &link, sizeof link);
+    memcpy(message.data() + kMessageHeader, &link, sizeof link);
     const int vlan = choice % 4 == 3 ? link.ifi_index : 1 + choice % 4;
     addText(message, IFLA_IFNAME, "bcm0." + std::to_string(vlan));
     Bytes mtu(4);
-    store(mtu, 0, mtus[choice / 4 % 8]);
+    store(mtu, 0, kMtus[choice / 4 % 8]);
     addAttribute(message, IFLA_MTU, mtu);
-    constexpr std::array<const char*, 4> masters = {"vrf", "bridge", "vrfs", "vr"};
+    constexpr std::array<const char*, 4> kMasters = {"vrf", "bridge", "vrfs", "vr"};
     if (choice >= 0xC0) {
         Bytes kinds;
         addText(kinds, IFLA_INFO_KIND, "vlan");
-        addText(kinds, IFLA_INFO_SLAVE_KIND, masters[choice / 4 % 4]);
+        addText(kinds, IFLA_INFO_SLAVE_KIND, kMasters[choice / 4 % 4]);
         addAttribute(message, IFLA_LINKINFO, kinds);
     }
     store(message, 0, static_cast<uint32_t>(message.size()));
@@ -51,19 +51,19 @@ inline Bytes drawInterface(Input& input, uint8_t kind) {
 }
 
 inline Bytes drawLinkMessage(Input& input) {
-    constexpr std::array<uint16_t, 3> types = {RTM_NEWLINK, RTM_NEWLINK, RTM_DELLINK};
-    constexpr std::array<uint16_t, 3> hardware = {ARPHRD_ETHER, ARPHRD_ETHER, ARPHRD_LOOPBACK};
+    constexpr std::array<uint16_t, 3> kTypes = {RTM_NEWLINK, RTM_NEWLINK, RTM_DELLINK};
+    constexpr std::array<uint16_t, 3> kHardware = {ARPHRD_ETHER, ARPHRD_ETHER, ARPHRD_LOOPBACK};
     const uint8_t form = input.byte();
     if (form < 0xC0) return drawInterface(input, form);
-    Bytes message(linkHeaders);
+    Bytes message(kLinkHeaders);
     const uint8_t kind = input.byte();
-    store(message, 4, kind == 0xFF ? input.number<uint16_t>() : types[kind % 3]);
+    store(message, 4, kind == 0xFF ? input.number<uint16_t>() : kTypes[kind % 3]);
     ifinfomsg link{};
     link.ifi_family = kind / 3 % 16 == 15 ? AF_BRIDGE : AF_UNSPEC;
-    link.ifi_type = hardware[kind / 48 % 3];
+    link.ifi_type = kHardware[kind / 48 % 3];
     const uint8_t index = input.byte();
     link.ifi_index = index == 0xFF ? input.number<int32_t>() : index % 8;
-    memcpy(message.data() + messageHeader, &link, sizeof link);
+    memcpy(message.data() + kMessageHeader, &link, sizeof link);
     addAttributes(input, {IFLA_IFNAME, IFLA_MTU, IFLA_LINKINFO}, message);
     closeMessage(input, message);
     return message;
@@ -84,12 +84,12 @@ inline bool take(pmtud_linux::Link& link, uint16_t type, Span payload) {
 inline std::optional<pmtud_linux::Link> expectedLink(Span padded) {
     const auto type = load<uint16_t>(padded, 4);
     if (type != RTM_NEWLINK && type != RTM_DELLINK) return std::nullopt;
-    if (load<uint32_t>(padded) < linkHeaders) return std::nullopt;
-    const auto info = load<ifinfomsg>(padded, messageHeader);
+    if (load<uint32_t>(padded) < kLinkHeaders) return std::nullopt;
+    const auto info = load<ifinfomsg>(padded, kMessageHeader);
     if (info.ifi_family != AF_UNSPEC) return std::nullopt;
     pmtud_linux::Link link;
     const auto takeOne = [&](uint16_t kind, Span payload) { return take(link, kind, payload); };
-    if (!forEachAttribute(padded.subspan(linkHeaders), takeOne)) return std::nullopt;
+    if (!forEachAttribute(padded.subspan(kLinkHeaders), takeOne)) return std::nullopt;
     link.ifindex = static_cast<uint32_t>(info.ifi_index);
     link.gone = type == RTM_DELLINK;
     link.ethernet = info.ifi_type == ARPHRD_ETHER;

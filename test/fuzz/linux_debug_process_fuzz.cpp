@@ -30,15 +30,15 @@ using pmtud_linux::SystemLog;
 
 namespace {
 
-constexpr int actionsPerInput = 120;
-constexpr size_t longestLine = 1024;
-constexpr size_t linesKept = 16;
+constexpr int kActionsPerInput = 120;
+constexpr size_t kLongestLine = 1024;
+constexpr size_t kLinesKept = 16;
 
 std::string lineOf(int priority, uint32_t module, const std::string& text) {
     std::string line = "<" + std::to_string(priority) + ">Jan  1 00:00:00 " +
                        program_invocation_short_name + "[" + std::to_string(getpid()) +
                        "]: " + std::to_string(module) + text;
-    line.resize(std::min(line.size(), longestLine));
+    line.resize(std::min(line.size(), kLongestLine));
     return line;
 }
 
@@ -96,8 +96,8 @@ int fail(int error) {
 }
 
 std::string drawText(Input& input) {
-    constexpr std::array<size_t, 8> lengths = {0, 1, 7, 100, 960, 990, 1024, 3000};
-    const size_t length = input.oneOf(lengths) + input.byte() % 48;
+    constexpr std::array<size_t, 8> kLengths = {0, 1, 7, 100, 960, 990, 1024, 3000};
+    const size_t length = input.oneOf(kLengths) + input.byte() % 48;
     std::string text;
     const auto piece = input.bytes(input.byte() % 16);
     for (size_t i = 0; i < length; ++i)
@@ -106,20 +106,20 @@ std::string drawText(Input& input) {
     return text.c_str();
 }
 
-enum class Fate { written, kept, ignored };
+enum class Fate { kWritten, kKept, kIgnored };
 
 void hand(Input& input, Fate fate) {
     const auto module = input.number<uint32_t>();
     const std::string text = drawText(input);
-    if (fate == Fate::written) {
+    if (fate == Fate::kWritten) {
         world->begin({lineOf(31, module, text)});
         const int result = debug_process(module, "%s", text.c_str());
         require((result == 0) == world->end() && result <= 0, "whether the line was taken");
         return;
     }
-    if (fate == Fate::kept) {
+    if (fate == Fate::kKept) {
         world->kept.push_back(lineOf(31, module, text));
-        if (world->kept.size() == linesKept) {
+        if (world->kept.size() == kLinesKept) {
             world->begin(world->kept);
             world->kept.clear();
         }
@@ -129,13 +129,13 @@ void hand(Input& input, Fate fate) {
 }
 
 void sayOne(Input& input) {
-    constexpr std::array<Priority, 3> priorities = {Priority::error, Priority::warning,
-                                                    Priority::info};
-    constexpr std::array<int, 3> numbers = {27, 28, 30};
-    const size_t which = input.byte() % priorities.size();
+    constexpr std::array<Priority, 3> kPriorities = {Priority::kError, Priority::kWarning,
+                                                     Priority::kInfo};
+    constexpr std::array<int, 3> kNumbers = {27, 28, 30};
+    const size_t which = input.byte() % kPriorities.size();
     const std::string text = drawText(input);
-    world->begin({lineOf(numbers[which], 89, " PMTUD-Linux: " + text)});
-    const bool taken = pmtud_linux::say(priorities[which], text);
+    world->begin({lineOf(kNumbers[which], 89, " PMTUD-Linux: " + text)});
+    const bool taken = pmtud_linux::say(kPriorities[which], text);
     require(taken == world->end(), "whether the platform's line was taken");
 }
 
@@ -145,7 +145,7 @@ void endFrame(std::optional<FrameLines>& frame, Fate& fate) {
     world->kept.clear();
     frame.reset();
     world->end();
-    fate = Fate::written;
+    fate = Fate::kWritten;
 }
 
 }  // namespace
@@ -170,8 +170,8 @@ int __wrap_connect(int fd, const sockaddr* to, socklen_t) {
     require(fd == world->socket && fd >= 0, "the log's socket");
     require(strcmp(to->sa_data, "/dev/log") == 0, "where the log is");
     world->lastAttempt = world->now;
-    constexpr std::array<int, 4> errors = {0, 0, ENOENT, ECONNREFUSED};
-    const int error = world->healthy ? 0 : world->input.oneOf(errors);
+    constexpr std::array<int, 4> kErrors = {0, 0, ENOENT, ECONNREFUSED};
+    const int error = world->healthy ? 0 : world->input.oneOf(kErrors);
     if (error != 0) return fail(error);
     world->connected = true;
     world->lastAttempt.reset();
@@ -200,9 +200,9 @@ int __wrap_sendmmsg(int fd, mmsghdr* messages, unsigned int count, int flags) {
     require(world->connected, "a socket that is connected");
     const uint8_t what = world->healthy ? 0 : world->input.byte();
     if (what % 4 == 3) {
-        constexpr std::array<int, 8> errors = {EAGAIN,       ENOBUFS,    EMSGSIZE, ECONNREFUSED,
-                                               ECONNREFUSED, ECONNRESET, ENOTCONN, EPERM};
-        return fail(world->input.oneOf(errors));
+        constexpr std::array<int, 8> kErrors = {EAGAIN,       ENOBUFS,    EMSGSIZE, ECONNREFUSED,
+                                                ECONNREFUSED, ECONNRESET, ENOTCONN, EPERM};
+        return fail(world->input.oneOf(kErrors));
     }
     unsigned int taken = count;
     if (what % 4 == 2) taken = 1 + world->input.byte() % count;
@@ -233,8 +233,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const auto fresh = std::make_unique<World>(input);
     world = fresh.get();
     std::optional<FrameLines> frame;
-    Fate fate = Fate::written;
-    for (int count = 0; count < actionsPerInput && !input.exhausted(); ++count) {
+    Fate fate = Fate::kWritten;
+    for (int count = 0; count < kActionsPerInput && !input.exhausted(); ++count) {
         switch (input.byte() % 8) {
             case 0:
                 sayOne(input);
@@ -250,8 +250,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 if (frame) {
                     endFrame(frame, fate);
                 } else {
-                    fate = input.byte() % 4 == 0 ? Fate::ignored : Fate::kept;
-                    frame.emplace(fate == Fate::kept);
+                    fate = input.byte() % 4 == 0 ? Fate::kIgnored : Fate::kKept;
+                    frame.emplace(fate == Fate::kKept);
                 }
                 break;
             default:

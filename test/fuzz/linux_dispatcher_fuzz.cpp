@@ -64,11 +64,11 @@ using pmtud_linux::Vlans;
 
 namespace {
 
-constexpr int packetSocket = 900;
-constexpr int placeholder = 899;
-constexpr int rawSocket4 = 904;
-constexpr int rawSocket6 = 906;
-constexpr uint32_t portId = 77;
+constexpr int kPacketSocket = 900;
+constexpr int kPlaceholder = 899;
+constexpr int kRawSocket4 = 904;
+constexpr int kRawSocket6 = 906;
+constexpr uint32_t kPortId = 77;
 
 /// What the callback throws.
 struct Stop {};
@@ -87,7 +87,7 @@ struct Context {
 };
 
 /// Who a datagram comes from.
-enum class Sender { kernel, process, nobody };
+enum class Sender { kKernel, kProcess, kNobody };
 
 /// A refused packet: it is handed over if there is a copy and its VLANs are served, and its answer
 /// given back if not.
@@ -103,23 +103,23 @@ struct Refused {
 };
 
 /// How far the dispatcher is with the packet.
-enum class Stage { handedOver, givingBack, sent };
+enum class Stage { kHandedOver, kGivingBack, kSent };
 
 /// Which frames are logged: a hundred, and one more every 50 ms.
 class LinesModel {
  public:
     bool take(std::chrono::nanoseconds now) {
-        m_saved = std::min(m_saved + (now - m_last), most);
+        m_saved = std::min(m_saved + (now - m_last), kMost);
         m_last = now;
-        if (m_saved < price) return false;
-        m_saved -= price;
+        if (m_saved < kPrice) return false;
+        m_saved -= kPrice;
         return true;
     }
 
  private:
-    static constexpr std::chrono::nanoseconds price = std::chrono::milliseconds(50);
-    static constexpr std::chrono::nanoseconds most = 100 * price;
-    std::chrono::nanoseconds m_saved = most;
+    static constexpr std::chrono::nanoseconds kPrice = std::chrono::milliseconds(50);
+    static constexpr std::chrono::nanoseconds kMost = 100 * kPrice;
+    std::chrono::nanoseconds m_saved = kMost;
     std::chrono::nanoseconds m_last{};
 };
 
@@ -183,7 +183,7 @@ struct World {
     CopiesModel copies;
     std::deque<Refused> expected;
     std::optional<Refused> current;
-    Stage stage = Stage::handedOver;
+    Stage stage = Stage::kHandedOver;
     Egress egress;
     bool isLost = false;  // the daemon's answer
     Deeds deeds;
@@ -192,7 +192,7 @@ struct World {
     uint8_t counterStyle = 0;
     struct Answer {
         std::optional<Bytes> datagram;  // nothing: the socket has lost something
-        Sender sender = Sender::kernel;
+        Sender sender = Sender::kKernel;
     };
     std::deque<Answer> counterAnswers;
     AnswersModel watch;
@@ -227,17 +227,17 @@ int answerOrFail() { return failsNow() ? fail(EPERM) : 0; }
 // Netlink messages.
 
 Bytes answerOf(uint32_t sequence, int error) {
-    Bytes message(fuzz::messageHeader + sizeof(nlmsgerr));
+    Bytes message(fuzz::kMessageHeader + sizeof(nlmsgerr));
     fuzz::store(message, 0, static_cast<uint32_t>(message.size()));
     fuzz::store(message, 4, uint16_t{NLMSG_ERROR});
     fuzz::store(message, 8, sequence);
-    fuzz::store(message, 12, portId);
-    fuzz::store(message, fuzz::messageHeader, error);
+    fuzz::store(message, 12, kPortId);
+    fuzz::store(message, fuzz::kMessageHeader, error);
     return message;
 }
 
 Bytes endOfList(bool isInterrupted) {
-    Bytes message(fuzz::messageHeader + 4);
+    Bytes message(fuzz::kMessageHeader + 4);
     fuzz::store(message, 0, static_cast<uint32_t>(message.size()));
     fuzz::store(message, 4, uint16_t{NLMSG_DONE});
     fuzz::store(message, 6, static_cast<uint16_t>(isInterrupted ? NLM_F_DUMP_INTR : 0));
@@ -266,9 +266,9 @@ struct From {
         require(address != nullptr && *size >= sizeof(sockaddr_nl), "the sender is asked for");
         sockaddr_nl name{};
         name.nl_family = AF_NETLINK;
-        name.nl_pid = sender == Sender::process ? portId + 1 : 0;
+        name.nl_pid = sender == Sender::kProcess ? kPortId + 1 : 0;
         memcpy(address, &name, sizeof name);
-        *size = sender == Sender::nobody ? 0 : sizeof name;
+        *size = sender == Sender::kNobody ? 0 : sizeof name;
     }
 };
 
@@ -276,7 +276,7 @@ struct From {
 
 ssize_t deliverLinks(const Bytes& datagram, Sender sender, void* buffer, std::size_t size) {
     const std::size_t taken = copyInto(buffer, size, datagram);
-    if (sender != Sender::kernel) return static_cast<ssize_t>(datagram.size());
+    if (sender != Sender::kKernel) return static_cast<ssize_t>(datagram.size());
     if (taken < datagram.size()) {
         world->list.takeLoss();
     } else {
@@ -305,14 +305,14 @@ Bytes drawLinks(unsigned count) {
 ssize_t receiveLinks(void* buffer, std::size_t size, const From& from) {
     const uint8_t drawn = world->input.byte();
     const uint8_t choice = drawn % 16;
-    Sender sender = Sender::kernel;
-    if (drawn / 16 == 15) sender = Sender::process;
-    if (drawn / 16 == 14) sender = Sender::nobody;
+    Sender sender = Sender::kKernel;
+    if (drawn / 16 == 15) sender = Sender::kProcess;
+    if (drawn / 16 == 14) sender = Sender::kNobody;
     from.set(sender);
     const auto give = [&](const Bytes& datagram) {
         return deliverLinks(datagram, sender, buffer, size);
     };
-    const bool isListing = world->list.phase() == LinkListModel::Phase::listing;
+    const bool isListing = world->list.phase() == LinkListModel::Phase::kListing;
     // Without input every list ends, and nothing else comes.
     if (choice == 0 && isListing) return give(endOfList(false));
     if (choice == 0) return failLinks(EAGAIN);
@@ -376,7 +376,7 @@ void expect(const Message& message) {
 
 void expectAll(const uint8_t* datagram, std::size_t size) {
     for (const Span bytes : fuzz::messagesOf({datagram, fuzz::aligned(size)}, size)) {
-        if (fuzz::load<uint16_t>(bytes, 4) != fuzz::logPacketType) continue;
+        if (fuzz::load<uint16_t>(bytes, 4) != fuzz::kLogPacketType) continue;
         if (const auto message = fuzz::expectedMessage(bytes))
             expect(*message);
         else
@@ -412,11 +412,11 @@ void drawDatagram(mmsghdr& header) {
 
 int drawDatagrams(mmsghdr* headers, unsigned room) {
     const uint8_t choice = world->input.byte();
-    constexpr std::array<int, 8> errors = {EAGAIN, EINTR,  ENOBUFS, EBADF,
-                                           EAGAIN, EAGAIN, EAGAIN,  EAGAIN};
+    constexpr std::array<int, 8> kErrors = {EAGAIN, EINTR,  ENOBUFS, EBADF,
+                                            EAGAIN, EAGAIN, EAGAIN,  EAGAIN};
     if (choice < 8) {
-        if (errors[choice] == ENOBUFS) ++world->overruns;
-        return fail(errors[choice]);
+        if (kErrors[choice] == ENOBUFS) ++world->overruns;
+        return fail(kErrors[choice]);
     }
     const unsigned wanted = choice >= 0xF0 ? room : std::min(room, choice % 4U + 1);
     unsigned count = 0;
@@ -443,7 +443,7 @@ bool isRefusedStill(const Refused& refused) {
 bool isSendable(const Refused& refused) { return fuzz::headerOf(refused.answer) != 0; }
 
 void checkGivenBack(const Refused& refused, const Deeds& done) {
-    require(world->stage == Stage::sent, "a withdrawn answer is given back");
+    require(world->stage == Stage::kSent, "a withdrawn answer is given back");
     const bool isNear =
         isSendable(refused) && refused.egress == refused.ingress && !refused.station.empty();
     require(done.toStation == (isNear ? 1 : 0), "which answers go to the packet's station");
@@ -459,7 +459,7 @@ void settle() {
     world->current.reset();
     const Deeds done = std::exchange(world->deeds, Deeds());
     const bool isGivenBack = world->isLost || !refused.isServed;
-    require(world->stage != Stage::handedOver || !isGivenBack, "the counter is read");
+    require(world->stage != Stage::kHandedOver || !isGivenBack, "the counter is read");
     if (isGivenBack) checkGivenBack(refused, done);
     require(!isGivenBack || !done.answerLeft, "no sender is answered twice");
     AnswersModel& watch = world->watch;
@@ -475,27 +475,27 @@ void settle() {
 
 // What the dispatcher gives back to the kernel now.
 const Refused& givenBack() {
-    if (world->current && world->stage == Stage::givingBack) return *world->current;
+    if (world->current && world->stage == Stage::kGivingBack) return *world->current;
     settle();
     require(!world->expected.empty() && !world->expected.front().isServed,
             "only what was not answered is given back");
     world->current = std::move(world->expected.front());
     world->expected.pop_front();
-    world->stage = Stage::givingBack;
+    world->stage = Stage::kGivingBack;
     world->isLost = false;
     return *world->current;
 }
 
 // The counter was read.
 void takeReading(std::optional<uint64_t> reading) {
-    if (world->current && world->stage == Stage::handedOver) {
+    if (world->current && world->stage == Stage::kHandedOver) {
         world->isLost = world->watch.isLost(reading);
-        world->stage = world->isLost ? Stage::givingBack : Stage::sent;
+        world->stage = world->isLost ? Stage::kGivingBack : Stage::kSent;
         return;
     }
     givenBack();
     world->watch.isLost(reading);
-    world->stage = Stage::sent;
+    world->stage = Stage::kSent;
     if (world->deeds.sent != 0) return;
     world->deeds.isUnanswered = true;
     ++world->counted.unanswered;
@@ -503,17 +503,17 @@ void takeReading(std::optional<uint64_t> reading) {
 
 void settleAll() {
     settle();
-    require(pmtud_linux::lineFate() == LineFate::written, "lines are kept only during a frame");
+    require(pmtud_linux::lineFate() == LineFate::kWritten, "lines are kept only during a frame");
     require(world->expected.empty(), "every refused packet is handed over or given back");
 }
 
 // The counter of the answers.
 
 Bytes counterMessage(uint32_t sequence, uint64_t packets, uint8_t style) {
-    Bytes message(fuzz::messageHeader + sizeof(nfgenmsg));
+    Bytes message(fuzz::kMessageHeader + sizeof(nfgenmsg));
     fuzz::store(message, 4, static_cast<uint16_t>(NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_NEWOBJ));
     fuzz::store(message, 8, sequence);
-    fuzz::store(message, 12, portId);
+    fuzz::store(message, 12, kPortId);
     fuzz::addText(message, NFTA_OBJ_TABLE, "pmtud");
     fuzz::addText(message, NFTA_OBJ_NAME, "answers");
     fuzz::addNumber(message, NFTA_OBJ_TYPE, NFT_OBJECT_COUNTER);
@@ -534,11 +534,11 @@ void requireRequestOfCounter(Span request) {
     require(fuzz::load<uint16_t>(request, 4) == (NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_GETOBJ),
             "the counter is asked for");
     require(fuzz::load<uint16_t>(request, 6) == NLM_F_REQUEST, "and nothing but its value");
-    require(request[fuzz::messageHeader] == NFPROTO_INET, "family of the table");
+    require(request[fuzz::kMessageHeader] == NFPROTO_INET, "family of the table");
     std::string table;
     std::string name;
     uint32_t type = 0;
-    fuzz::forEachAttribute(request.subspan(fuzz::logHeaders), [&](uint16_t kind, Span payload) {
+    fuzz::forEachAttribute(request.subspan(fuzz::kLogHeaders), [&](uint16_t kind, Span payload) {
         if (kind == NFTA_OBJ_TABLE) table = fuzz::textOf(payload);
         if (kind == NFTA_OBJ_NAME) name = fuzz::textOf(payload);
         if (kind == NFTA_OBJ_TYPE) type = fuzz::bigEndian(payload);
@@ -559,8 +559,8 @@ ssize_t askForCounter(Span request) {
     auto& answers = world->counterAnswers;
     if (style == 1) {
         answers.push_back(
-            {counterMessage(sequence, world->answersThatLeft + 1, 0), Sender::process});
-        answers.push_back({answerOf(sequence, -EPERM), Sender::nobody});
+            {counterMessage(sequence, world->answersThatLeft + 1, 0), Sender::kProcess});
+        answers.push_back({answerOf(sequence, -EPERM), Sender::kNobody});
     }
     if (style == 5) answers.emplace_back();
     if (style == 2)
@@ -581,12 +581,12 @@ ssize_t receiveCounter(void* buffer, std::size_t size, const From& from) {
 }
 
 ssize_t receiveAnswerOfGroup(void* buffer, std::size_t size, const From& from) {
-    constexpr std::array<int, 8> errors = {0, 0, 0, 0, -EPERM, -EBUSY};
+    constexpr std::array<int, 8> kErrors = {0, 0, 0, 0, -EPERM, -EBUSY};
     const uint8_t drawn = world->input.byte();
     const uint8_t choice = drawn % 8;
-    from.set(drawn >= 0xF0 ? Sender::process : Sender::kernel);
+    from.set(drawn >= 0xF0 ? Sender::kProcess : Sender::kKernel);
     if (choice == 7) return fail(ENOBUFS);
-    if (choice < 6) return deliver(answerOf(world->groupSequence, errors[choice]), buffer, size);
+    if (choice < 6) return deliver(answerOf(world->groupSequence, kErrors[choice]), buffer, size);
     const uint8_t kind = world->input.byte();
     return deliver(fuzz::Traffic::drawArbitrary(world->input, kind), buffer, size);
 }
@@ -596,11 +596,11 @@ ssize_t receiveAnswerOfGroup(void* buffer, std::size_t size, const From& from) {
 // The interface may be gone by now, or have another name or MTU.
 void drawEgress(const Refused& refused) {
     const uint8_t choice = world->input.byte();
-    constexpr std::array<const char*, 4> names = {"", "eth0", "bcm0.0", "bcm0.4095"};
+    constexpr std::array<const char*, 4> kNames = {"", "eth0", "bcm0.0", "bcm0.4095"};
     const int vlan = fuzz::vlanOf(world->list.vlans(), refused.vlanEgress);
-    world->egress.name = choice % 8 < 4 ? "bcm0." + std::to_string(vlan) : names[choice % 8 - 4];
-    constexpr std::array<int, 8> mtus = {576, 576, 1280, 1499, 1500, 575, 16384, 0};
-    world->egress.mtu = choice < 0xF0 ? mtus[choice / 8 % 8] : world->input.number<uint16_t>();
+    world->egress.name = choice % 8 < 4 ? "bcm0." + std::to_string(vlan) : kNames[choice % 8 - 4];
+    constexpr std::array<int, 8> kMtus = {576, 576, 1280, 1499, 1500, 575, 16384, 0};
+    world->egress.mtu = choice < 0xF0 ? kMtus[choice / 8 % 8] : world->input.number<uint16_t>();
 }
 
 int callback(const st_pktd_shm_queue_entry_data_t* record, uint8_t* frame, int size) {
@@ -612,7 +612,7 @@ int callback(const st_pktd_shm_queue_entry_data_t* record, uint8_t* frame, int s
     refused.handedOver = world->now;
     const bool isLogged = world->lines.take(world->now);
     if (!isLogged) ++world->counted.unlogged;
-    require(pmtud_linux::lineFate() == (isLogged ? LineFate::kept : LineFate::ignored),
+    require(pmtud_linux::lineFate() == (isLogged ? LineFate::kKept : LineFate::kIgnored),
             "which frames are logged");
     fuzz::checkFrame(*record, frame, static_cast<std::size_t>(size), refused.frame);
     const uint8_t choice = world->input.byte();
@@ -624,10 +624,10 @@ int callback(const st_pktd_shm_queue_entry_data_t* record, uint8_t* frame, int s
     else
         drawEgress(refused);
     world->current = std::move(refused);
-    world->stage = Stage::handedOver;
+    world->stage = Stage::kHandedOver;
     world->isLost = false;
-    constexpr std::array<int, 8> verdicts = {7, 7, 7, 8, 9, 1, 0, -1};
-    const int verdict = verdicts[choice / 4 % 8];
+    constexpr std::array<int, 8> kVerdicts = {7, 7, 7, 8, 9, 1, 0, -1};
+    const int verdict = kVerdicts[choice / 4 % 8];
     if (verdict != 7) world->verdicts.insert(verdict > 7 ? verdict : 1);
     return verdict;
 }
@@ -694,9 +694,9 @@ bool takeInfo(std::string_view line) {
 std::string firstLine(const std::string& text) { return text.substr(0, text.find('\n')); }
 
 bool takeError(std::string_view line) {
-    constexpr std::string_view unserved = "nothing is served (";
-    if (line.starts_with(unserved)) {
-        world->problem = std::atoi(std::string(line.substr(unserved.size())).c_str());
+    constexpr std::string_view kUnserved = "nothing is served (";
+    if (line.starts_with(kUnserved)) {
+        world->problem = std::atoi(std::string(line.substr(kUnserved.size())).c_str());
         ++world->linesOfProblem;
         return !world->isRunning;
     }
@@ -705,11 +705,11 @@ bool takeError(std::string_view line) {
     if (line.starts_with(begin)) {
         ++world->linesOfProblem;
         const std::string_view why = line.substr(begin.size());
-        constexpr std::string_view lack = "this kernel lacks ";
+        constexpr std::string_view kLack = "this kernel lacks ";
         if (world->isTaken)
             require(why.starts_with("there is a table inet pmtud already; "), "the name is taken");
         else
-            require(world->isLacking ? why.starts_with(lack) && why.size() > lack.size()
+            require(world->isLacking ? why.starts_with(kLack) && why.size() > kLack.size()
                                      : why == firstLine(refusal),
                     "why the rules were refused");
         return !world->isRunning;
@@ -723,11 +723,11 @@ bool takeError(std::string_view line) {
 
 bool takeLine(Priority priority, std::string_view line) {
     switch (priority) {
-        case Priority::error:
+        case Priority::kError:
             return takeError(line);
-        case Priority::warning:
+        case Priority::kWarning:
             return takeWarning(line);
-        case Priority::info:
+        case Priority::kInfo:
             return takeInfo(line);
         default:
             return false;
@@ -798,10 +798,10 @@ void followService(const Vlans& vlans) {
 void change(std::string_view commands) {
     RulesModel changed = world->rules.value_or(RulesModel());
     if (!world->rules) {
-        constexpr std::string_view last = "\n}\n";
-        const std::size_t end = commands.find(last);
+        constexpr std::string_view kLast = "\n}\n";
+        const std::size_t end = commands.find(kLast);
         require(end != commands.npos, "the table comes first");
-        const std::string_view table = commands.substr(0, end + last.size());
+        const std::string_view table = commands.substr(0, end + kLast.size());
         require(table.find("meta skuid 0-4294967295 counter name answers accept ") != table.npos,
                 "the answers of processes are counted");
         changed.install(table);
@@ -816,10 +816,10 @@ void change(std::string_view commands) {
 }
 
 int refuse(Context& context) {
-    constexpr std::array<const char*, 4> refusals = {
+    constexpr std::array<const char*, 4> kRefusals = {
         "Error: Could not process rule: Operation not permitted\nadd rule\n^^^^\n",
         "Error: Could not process rule: No such file or directory", "", "Error: syntax error\n"};
-    context.refusal = world->input.oneOf(refusals);
+    context.refusal = world->input.oneOf(kRefusals);
     return -1;
 }
 
@@ -869,7 +869,7 @@ int __wrap_mnl_socket_get_fd(const mnl_socket* socket) {
     return reinterpret_cast<const Socket*>(socket)->fd;
 }
 
-unsigned int __wrap_mnl_socket_get_portid(const mnl_socket*) { return portId; }
+unsigned int __wrap_mnl_socket_get_portid(const mnl_socket*) { return kPortId; }
 
 int __wrap_mnl_socket_bind(mnl_socket*, unsigned int, pid_t) { return answerOrFail(); }
 
@@ -943,7 +943,7 @@ int __wrap___poll_chk(pollfd* ready, nfds_t count, int timeout, size_t room) {
 }
 
 int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t size) {
-    if (fd != rawSocket6) return answerOrFail();
+    if (fd != kRawSocket6) return answerOrFail();
     require(level == IPPROTO_IPV6 && name == IPV6_UNICAST_IF && size == sizeof(uint32_t),
             "the interface of an answer is set");
     require(fuzz::bigEndian({static_cast<const uint8_t*>(value), size}) == givenBack().egress,
@@ -955,7 +955,7 @@ int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t 
 
 int __wrap_socket(int family, int type, int protocol) {
     const bool isPackets = family == AF_PACKET;
-    const int fd = isPackets ? packetSocket : family == AF_INET ? rawSocket4 : rawSocket6;
+    const int fd = isPackets ? kPacketSocket : family == AF_INET ? kRawSocket4 : kRawSocket6;
     require(isPackets ? protocol == 0 : protocol == IPPROTO_RAW, "the socket only sends");
     require((type & SOCK_CLOEXEC) != 0, "no other program inherits it");
     givenBack();
@@ -976,7 +976,7 @@ ssize_t __wrap_sendto(int fd, const void* bytes, size_t size, int flags, const s
             "the kernel's own answer is sent");
     require((flags & MSG_DONTWAIT) != 0, "nothing waits");
     const bool isIpv4 = refused.answer[0] / 16 == 4;
-    if (fd == packetSocket) {
+    if (fd == kPacketSocket) {
         ++world->deeds.toStation;
         sockaddr_ll to;
         memcpy(&to, address, sizeof to);
@@ -989,19 +989,19 @@ ssize_t __wrap_sendto(int fd, const void* bytes, size_t size, int flags, const s
         ++world->deeds.byRoute;
         sockaddr_in to;
         memcpy(&to, address, sizeof to);
-        require(fd == rawSocket4 && to.sin_family == AF_INET, "IPv4 goes by an IPv4 socket");
+        require(fd == kRawSocket4 && to.sin_family == AF_INET, "IPv4 goes by an IPv4 socket");
         require(memcmp(&to.sin_addr, &refused.answer[16], 4) == 0, "the answer's own receiver");
     } else {
         ++world->deeds.byRoute;
         sockaddr_in6 to;
         memcpy(&to, address, sizeof to);
-        require(fd == rawSocket6 && to.sin6_family == AF_INET6, "IPv6 goes by an IPv6 socket");
+        require(fd == kRawSocket6 && to.sin6_family == AF_INET6, "IPv6 goes by an IPv6 socket");
         require(memcmp(&to.sin6_addr, &refused.answer[24], 16) == 0, "the answer's own receiver");
     }
     if (failsNow()) return fail(ENOBUFS);
     ++world->deeds.sent;
     // What goes by the routes passes the rules, which count it.
-    if (fd != packetSocket) ++world->answersThatLeft;
+    if (fd != kPacketSocket) ++world->answersThatLeft;
     return static_cast<ssize_t>(size);
 }
 
@@ -1027,9 +1027,9 @@ int __wrap_ioctl(int, unsigned long request, void* argument) {
 int __wrap_open(const char* path, int flags, mode_t mode) {
     if (std::string_view(path) != "/dev/null") return __real_open(path, flags, mode);
     if (world->input.byte() % 8 == 7) return fail(EMFILE);
-    require(!world->group.isOpen && world->descriptors.insert(placeholder).second,
+    require(!world->group.isOpen && world->descriptors.insert(kPlaceholder).second,
             "the placeholder is older than the group");
-    return placeholder;
+    return kPlaceholder;
 }
 
 int __wrap_close(int fd) {
@@ -1038,7 +1038,7 @@ int __wrap_close(int fd) {
 }
 
 nft_ctx* __wrap_nft_ctx_new(uint32_t) {
-    require(world->group.isOpen && !world->descriptors.contains(placeholder),
+    require(world->group.isOpen && !world->descriptors.contains(kPlaceholder),
             "the rules take the placeholder's descriptor");
     if (failsNow()) return nullptr;
     Context& opened = world->rulesContext.isOpen ? world->checkContext : world->rulesContext;

@@ -41,12 +41,12 @@ using pmtud_linux::VlanTable;
 
 namespace {
 
-constexpr int messagesPerInput = 24;
+constexpr int kMessagesPerInput = 24;
 
 bool isWhole(Span message) {
-    if (message.size() < fuzz::messageHeader) return false;
+    if (message.size() < fuzz::kMessageHeader) return false;
     const std::size_t claimed = load<uint32_t>(message);
-    return claimed >= fuzz::messageHeader && claimed <= message.size();
+    return claimed >= fuzz::kMessageHeader && claimed <= message.size();
 }
 
 void checkLink(const std::optional<Link>& read, const std::optional<Link>& expected) {
@@ -59,7 +59,7 @@ void checkLink(const std::optional<Link>& read, const std::optional<Link>& expec
 }
 
 std::optional<Link> decode(Span message) {
-    static GuardedMemory memory(fuzz::largestMessage);
+    static GuardedMemory memory(fuzz::kLargestMessage);
     // Netlink pads every message; libmnl reads the last attribute into the padding.
     const std::size_t claimed = load<uint32_t>(message);
     const std::size_t size = fuzz::aligned(claimed);
@@ -122,7 +122,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Vlans expected;
     Vlans installed;
     RulesModel rules = emptyTable();
-    for (int count = 0; count < messagesPerInput && !input.exhausted(); ++count) {
+    for (int count = 0; count < kMessagesPerInput && !input.exhausted(); ++count) {
         const Bytes message = fuzz::drawLinkMessage(input);
         if (!isWhole(message)) continue;
         const auto link = decode(message);

@@ -37,7 +37,7 @@ using pmtud_linux::LogMessage;
 
 namespace {
 
-constexpr int datagramsPerInput = 24;
+constexpr int kDatagramsPerInput = 24;
 
 struct Platform {
     Copies copies;
@@ -95,7 +95,7 @@ void handle(const LogMessage& read, const Message& expected, Platform& platform,
 }
 
 void receive(const Bytes& datagram, Platform& platform, CopiesModel& model) {
-    static GuardedMemory memory(2 * fuzz::largestMessage);
+    static GuardedMemory memory(2 * fuzz::kLargestMessage);
     // It starts aligned; behind its end is what an earlier one left there.
     const std::size_t size = fuzz::aligned(datagram.size());
     const uint8_t* const placed = memory.place(datagram, size, 0xFF);
@@ -107,7 +107,7 @@ void receive(const Bytes& datagram, Platform& platform, CopiesModel& model) {
             "how much of a datagram is messages");
     for (const Span message : messages) {
         const auto& header = *reinterpret_cast<const nlmsghdr*>(message.data());
-        const bool isLogged = fuzz::load<uint16_t>(message, 4) == fuzz::logPacketType;
+        const bool isLogged = fuzz::load<uint16_t>(message, 4) == fuzz::kLogPacketType;
         require(pmtud_linux::isLogged(header) == isLogged, "which messages are packets");
         if (!isLogged) continue;
         const auto read = pmtud_linux::decodeLogMessage(header);
@@ -124,10 +124,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const auto platform = std::make_unique<Platform>();
     CopiesModel model;
     fuzz::Traffic traffic;
-    for (int count = 0; count < datagramsPerInput && !input.exhausted(); ++count) {
+    for (int count = 0; count < kDatagramsPerInput && !input.exhausted(); ++count) {
         Bytes datagram;
         for (int left = input.byte() % 4; left >= 0; --left) {
-            if (datagram.size() < fuzz::largestMessage) traffic.add(input, datagram);
+            if (datagram.size() < fuzz::kLargestMessage) traffic.add(input, datagram);
         }
         receive(datagram, *platform, model);
     }

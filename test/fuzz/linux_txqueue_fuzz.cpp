@@ -26,9 +26,9 @@ using Record = st_pktd_shm_queue_entry_data_t;
 
 namespace {
 
-constexpr int postsPerInput = 16;
-constexpr int packetSocket = 1000;
-constexpr size_t largestFrame = 9000;
+constexpr int kPostsPerInput = 16;
+constexpr int kPacketSocket = 1000;
+constexpr size_t kLargestFrame = 9000;
 
 struct Interface {
     int index;
@@ -37,24 +37,24 @@ struct Interface {
 };
 
 // Names that are a VLAN's, nearly one's, and as long as they may be.
-constexpr std::array<Interface, 7> interfaces = {{{1, "lo", 0},
-                                                  {2, "bcm0.1", 1},
-                                                  {3, "bcm0.20", 20},
-                                                  {4, "bcm0.020", 0},
-                                                  {40000, "bcm0.4094", 4094},
-                                                  {2147483647, "bcm0.77", 77},
-                                                  {70000, "bcm0.4095", 0}}};
+constexpr std::array<Interface, 7> kInterfaces = {{{1, "lo", 0},
+                                                   {2, "bcm0.1", 1},
+                                                   {3, "bcm0.20", 20},
+                                                   {4, "bcm0.020", 0},
+                                                   {40000, "bcm0.4094", 4094},
+                                                   {2147483647, "bcm0.77", 77},
+                                                   {70000, "bcm0.4095", 0}}};
 
 const Interface* byIndex(int index) {
     const auto isIt = [&](const Interface& one) { return one.index == index; };
-    const auto found = std::find_if(interfaces.begin(), interfaces.end(), isIt);
-    return found == interfaces.end() ? nullptr : found;
+    const auto found = std::find_if(kInterfaces.begin(), kInterfaces.end(), isIt);
+    return found == kInterfaces.end() ? nullptr : found;
 }
 
 const Interface* byName(const std::string& name) {
     const auto isIt = [&](const Interface& one) { return one.name == name; };
-    const auto found = std::find_if(interfaces.begin(), interfaces.end(), isIt);
-    return found == interfaces.end() ? nullptr : found;
+    const auto found = std::find_if(kInterfaces.begin(), kInterfaces.end(), isIt);
+    return found == kInterfaces.end() ? nullptr : found;
 }
 
 // The kernel's side.
@@ -101,7 +101,7 @@ const Interface* egressOf(const Record& record) {
 
 Expected expect(const Record& record, size_t length) {
     if (length < 14) return {-EINVAL, {}};
-    if (length > largestFrame) return {-EMSGSIZE, {}};
+    if (length > kLargestFrame) return {-EMSGSIZE, {}};
     if (!kernel->isOpen && kernel->socketError != 0) return {-kernel->socketError, {}};
     const Interface* const egress = egressOf(record);
     if (egress == nullptr) return {-ENODEV, {}};
@@ -118,38 +118,39 @@ Expected expect(const Record& record, size_t length) {
 
 void draw(Input& input, Record& record) {
     auto& control = record.ctrl;
-    constexpr std::array<int, 8> numbers = {0, 1, 20, 77, 4094, 4095, -1, 2147483647};
-    control.vid = input.oneOf(numbers);
+    constexpr std::array<int, 8> kNumbers = {0, 1, 20, 77, 4094, 4095, -1, 2147483647};
+    control.vid = input.oneOf(kNumbers);
     control.dst_valid = static_cast<decltype(control.dst_valid)>(input.byte() % 3);
     control.dst_unit = input.byte() % 8 == 0 ? input.number<int8_t>() : 0;
-    constexpr std::array<int, 10> ports = {0, 1, 2, 3, 39999, 69999, 2147483646, 2147483647, -1, 5};
-    control.dst_port = input.oneOf(ports);
+    constexpr std::array<int, 10> kPorts = {0,     1,          2,          3,  39999,
+                                            69999, 2147483646, 2147483647, -1, 5};
+    control.dst_port = input.oneOf(kPorts);
     uint8_t* const frame = record.opaque_0;
     for (int i = 0; i < 12; ++i) frame[i] = input.byte();
-    constexpr std::array<uint16_t, 4> types = {0x8100, 0x0800, 0x8101, 0x88a8};
-    const uint16_t type = input.oneOf(types);
+    constexpr std::array<uint16_t, 4> kTypes = {0x8100, 0x0800, 0x8101, 0x88a8};
+    const uint16_t type = input.oneOf(kTypes);
     frame[12] = static_cast<uint8_t>(type >> 8);
     frame[13] = static_cast<uint8_t>(type);
-    const auto vlan = static_cast<uint16_t>(input.oneOf(numbers) | (input.byte() << 12));
+    const auto vlan = static_cast<uint16_t>(input.oneOf(kNumbers) | (input.byte() << 12));
     frame[14] = static_cast<uint8_t>(vlan >> 8);
     frame[15] = static_cast<uint8_t>(vlan);
     for (int i = 16; i < 24; ++i) frame[i] = input.byte();
-    frame[largestFrame - 1] = input.byte();
+    frame[kLargestFrame - 1] = input.byte();
 }
 
 size_t drawLength(Input& input) {
-    constexpr std::array<size_t, 12> lengths = {0,    13,   14,   17,   18,          19,
-                                                1518, 8999, 9000, 9001, 1ULL << 32U, SIZE_MAX};
-    return input.oneOf(lengths);
+    constexpr std::array<size_t, 12> kLengths = {0,    13,   14,   17,   18,          19,
+                                                 1518, 8999, 9000, 9001, 1ULL << 32U, SIZE_MAX};
+    return input.oneOf(kLengths);
 }
 
 void post(Input& input, TxQueue& queue, Record& record) {
     draw(input, record);
     const size_t length = drawLength(input);
-    constexpr std::array<int, 8> errors = {0, 0, 0, 0, EPERM, EMFILE, EAFNOSUPPORT, ENOMEM};
-    constexpr std::array<int, 8> refusals = {0, 0, 0, 0, EAGAIN, ENOBUFS, ENETDOWN, EMSGSIZE};
-    kernel->socketError = input.oneOf(errors);
-    kernel->sendError = input.oneOf(refusals);
+    constexpr std::array<int, 8> kErrors = {0, 0, 0, 0, EPERM, EMFILE, EAFNOSUPPORT, ENOMEM};
+    constexpr std::array<int, 8> kRefusals = {0, 0, 0, 0, EAGAIN, ENOBUFS, ENETDOWN, EMSGSIZE};
+    kernel->socketError = input.oneOf(kErrors);
+    kernel->sendError = input.oneOf(kRefusals);
     kernel->sent.reset();
     const Expected expected = expect(record, length);
     uint32_t out = 0xdeadbeef;
@@ -174,17 +175,17 @@ int __wrap_socket(int domain, int type, int protocol) {
     require(!kernel->isOpen, "one socket");
     if (kernel->socketError != 0) return fail(kernel->socketError);
     kernel->isOpen = true;
-    return packetSocket;
+    return kPacketSocket;
 }
 
 int __wrap_close(int fd) {
-    require(fd == packetSocket && kernel->isOpen, "only what is the queue's is closed");
+    require(fd == kPacketSocket && kernel->isOpen, "only what is the queue's is closed");
     kernel->isOpen = false;
     return 0;
 }
 
 int __wrap_ioctl(int fd, unsigned long request, ...) {
-    require(fd == packetSocket && kernel->isOpen, "the queue's own socket");
+    require(fd == kPacketSocket && kernel->isOpen, "the queue's own socket");
     std::va_list arguments;
     va_start(arguments, request);
     auto& about = *va_arg(arguments, ifreq*);
@@ -205,7 +206,7 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
 }
 
 ssize_t __wrap_sendmsg(int fd, const msghdr* message, int flags) {
-    require(fd == packetSocket && kernel->isOpen, "the queue's own socket");
+    require(fd == kPacketSocket && kernel->isOpen, "the queue's own socket");
     require(flags == (MSG_DONTWAIT | MSG_NOSIGNAL), "nothing waits");
     if (kernel->sendError != 0) return fail(kernel->sendError);
     sockaddr_ll to{};
@@ -228,7 +229,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const auto record = std::make_unique<Record>();
     {
         TxQueue queue;
-        for (int count = 0; count < postsPerInput && !input.exhausted(); ++count)
+        for (int count = 0; count < kPostsPerInput && !input.exhausted(); ++count)
             post(input, queue, *record);
     }
     require(!fresh.isOpen, "the socket is closed with the queue");

@@ -21,8 +21,8 @@
 
 namespace fuzz {
 
-constexpr uint16_t logPacketType = 0x0400;
-constexpr std::size_t logHeaders = messageHeader + sizeof(nfgenmsg);
+constexpr uint16_t kLogPacketType = 0x0400;
+constexpr std::size_t kLogHeaders = kMessageHeader + sizeof(nfgenmsg);
 
 /// What is to be read in a message, by the rules of the format alone.
 struct Message {
@@ -57,10 +57,10 @@ inline bool take(Message& message, uint16_t type, Span payload) {
 
 /// Of a whole message that has the type of a logged packet.
 inline std::optional<Message> expectedMessage(Span padded) {
-    if (load<uint32_t>(padded) < logHeaders) return std::nullopt;
+    if (load<uint32_t>(padded) < kLogHeaders) return std::nullopt;
     Message message;
     const auto takeOne = [&](uint16_t type, Span payload) { return take(message, type, payload); };
-    if (!forEachAttribute(padded.subspan(logHeaders), takeOne)) return std::nullopt;
+    if (!forEachAttribute(padded.subspan(kLogHeaders), takeOne)) return std::nullopt;
     return message;
 }
 
@@ -138,8 +138,8 @@ class Traffic {
             const Span raw = input.bytes(input.byte());
             return {raw.begin(), raw.end()};
         }
-        Bytes message(logHeaders);
-        store(message, 4, kind == 30 ? input.number<uint16_t>() : logPacketType);
+        Bytes message(kLogHeaders);
+        store(message, 4, kind == 30 ? input.number<uint16_t>() : kLogPacketType);
         addAttributes(input,
                       {NFULA_PREFIX, NFULA_IFINDEX_INDEV, NFULA_IFINDEX_OUTDEV, NFULA_MARK,
                        NFULA_SEQ, NFULA_HWHEADER, NFULA_PAYLOAD},
@@ -183,20 +183,20 @@ class Traffic {
 
     static Bytes drawPacket(Input& input, uint8_t kind) {
         const uint8_t shape = input.byte();
-        constexpr std::array<std::size_t, 8> sizes = {1500, 1500, 1500, 1499, 600, 64, 44, 1501};
-        std::size_t size = sizes[shape % 8];
+        constexpr std::array<std::size_t, 8> kSizes = {1500, 1500, 1500, 1499, 600, 64, 44, 1501};
+        std::size_t size = kSizes[shape % 8];
         std::size_t claimed = shape % 8 < 3 ? 1500 + shape : size;
         if (kind == 5) claimed = input.number<uint16_t>();
         if (kind == 6) size = input.number<uint16_t>() % 1600;
         const unsigned version = shape / 8 % 2 == 0 ? 4 : 6;
-        constexpr std::array<unsigned, 4> words = {5, 6, 15, 4};
-        const unsigned low = version == 4 ? words[kind % 4] : 0;
+        constexpr std::array<unsigned, 4> kWords = {5, 6, 15, 4};
+        const unsigned low = version == 4 ? kWords[kind % 4] : 0;
         return makePacket(kind == 7 ? shape / 16U : version, low, size, claimed, input.byte());
     }
 
     Bytes start() const {
-        Bytes message(logHeaders);
-        store(message, 4, logPacketType);
+        Bytes message(kLogHeaders);
+        store(message, 4, kLogPacketType);
         return message;
     }
 
@@ -218,9 +218,9 @@ class Traffic {
         if (choice == 0xDF) ingress = input.number<uint32_t>();
         if (choice != 0xDE) addNumber(message, NFULA_IFINDEX_INDEV, ingress);
         addSequence(message, kind / 8 % 4);
-        constexpr std::array<std::size_t, 4> known = {14, 14, 6, 0};
+        constexpr std::array<std::size_t, 4> kNown = {14, 14, 6, 0};
         Bytes addresses;
-        for (std::size_t i = 0; i < known[choice % 4]; ++i)
+        for (std::size_t i = 0; i < kNown[choice % 4]; ++i)
             addresses.push_back(static_cast<uint8_t>(0x40 + i + ingress));
         if (!addresses.empty()) addAttribute(message, NFULA_HWHEADER, addresses);
         addAttribute(message, NFULA_PAYLOAD, sent.packet);
@@ -247,8 +247,8 @@ class Traffic {
         const Sent sent = drawSent(input);
         const uint8_t choice = input.byte();
         Bytes quote = sent.packet;
-        constexpr std::array<std::size_t, 4> quoted = {28, 48, 548, 1232};
-        quote.resize(std::min(quote.size(), quoted[choice % 4]));
+        constexpr std::array<std::size_t, 4> kQuoted = {28, 48, 548, 1232};
+        quote.resize(std::min(quote.size(), kQuoted[choice % 4]));
         alter(quote, choice / 4 % 8, input);
         const bool isIpv6 = headerOf(sent.packet) == 40;
         const unsigned words = choice >= 0xF0 ? 6 : 5;

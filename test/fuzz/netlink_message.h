@@ -17,11 +17,11 @@ namespace fuzz {
 
 using Bytes = std::vector<uint8_t>;
 
-constexpr std::size_t messageHeader = 16;
-constexpr std::size_t attributeHeader = 4;
+constexpr std::size_t kMessageHeader = 16;
+constexpr std::size_t kAttributeHeader = 4;
 
 /// A message is no larger, whatever the input wants.
-constexpr std::size_t largestMessage = 200000;
+constexpr std::size_t kLargestMessage = 200000;
 
 constexpr std::size_t aligned(std::size_t size) { return (size + 3) / 4 * 4; }
 
@@ -40,8 +40,8 @@ void store(Bytes& bytes, std::size_t offset, T value) {
 
 inline void addAttribute(Bytes& bytes, uint16_t type, Span payload) {
     const std::size_t start = bytes.size();
-    bytes.resize(start + attributeHeader);
-    store(bytes, start, static_cast<uint16_t>(attributeHeader + payload.size()));
+    bytes.resize(start + kAttributeHeader);
+    store(bytes, start, static_cast<uint16_t>(kAttributeHeader + payload.size()));
     store(bytes, start + 2, type);
     bytes.insert(bytes.end(), payload.begin(), payload.end());
     bytes.resize(aligned(bytes.size()));
@@ -67,16 +67,16 @@ inline uint16_t attributeType(uint16_t type, const std::vector<uint16_t>& known,
 
 /// Adds attributes of these types, mostly; some that claim another length than they have.
 inline void addAttributes(Input& input, const std::vector<uint16_t>& known, Bytes& bytes) {
-    constexpr std::size_t largestAttribute = 0x10010;
+    constexpr std::size_t kLargestAttribute = 0x10010;
     unsigned left = input.byte() % 16;
-    for (; left > 0 && bytes.size() < largestMessage - largestAttribute; --left) {
+    for (; left > 0 && bytes.size() < kLargestMessage - kLargestAttribute; --left) {
         const uint8_t choice = input.byte();
         const uint16_t type = attributeType(choice % 16, known, input);
         std::size_t size = input.byte();
         if (size >= 250) size = input.number<uint16_t>();
         const Span given = input.bytes(size);
         const std::size_t start = bytes.size();
-        bytes.resize(start + attributeHeader);
+        bytes.resize(start + kAttributeHeader);
         // Zeros if a large attribute is wanted and the input does not give it.
         bytes.insert(bytes.end(), given.begin(), given.end());
         if ((choice & 0x40) != 0 && size > given.size())
@@ -105,9 +105,9 @@ inline void closeMessage(Input& input, Bytes& message) {
 /// datagram has it.  `padded` is the datagram and what fills it up to the next boundary.
 inline std::vector<Span> messagesOf(Span padded, std::size_t size) {
     std::vector<Span> messages;
-    for (std::size_t start = 0; start < size && size - start >= messageHeader;) {
+    for (std::size_t start = 0; start < size && size - start >= kMessageHeader;) {
         const std::size_t claimed = load<uint32_t>(padded, start);
-        if (claimed < messageHeader || claimed > size - start) break;
+        if (claimed < kMessageHeader || claimed > size - start) break;
         messages.push_back(padded.subspan(start, aligned(claimed)));
         start += aligned(claimed);
     }
@@ -122,11 +122,11 @@ inline std::string textOf(Span bytes) {
 /// in, which ends the attributes, or `take` answers false, which is the result.
 template <typename Take>
 bool forEachAttribute(Span space, Take take) {
-    while (space.size() >= attributeHeader) {
+    while (space.size() >= kAttributeHeader) {
         const auto length = load<uint16_t>(space);
-        if (length < attributeHeader || length > space.size()) return true;
+        if (length < kAttributeHeader || length > space.size()) return true;
         const auto type = static_cast<uint16_t>(load<uint16_t>(space, 2) & 0x3FFF);
-        if (!take(type, space.subspan(attributeHeader, length - attributeHeader))) return false;
+        if (!take(type, space.subspan(kAttributeHeader, length - kAttributeHeader))) return false;
         space = space.subspan(std::min(aligned(length), space.size()));
     }
     return true;

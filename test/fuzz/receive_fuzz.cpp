@@ -32,8 +32,8 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 using Lines = std::vector<std::string>;
 
-constexpr int framesPerInput = 8;
-constexpr std::size_t largestFrame = 18 + 65575;
+constexpr int kFramesPerInput = 8;
+constexpr std::size_t kLargestFrame = 18 + 65575;
 
 bool addressesFail = false;
 
@@ -57,13 +57,13 @@ namespace {
 struct Answers {
     explicit Answers(Input& input) {
         const uint8_t choice = input.byte();
-        constexpr std::array<int, 7> vlans = {100, 1, 4094, 0, 4095, -1, INT_MIN};
-        vlan = choice % 8 == 7 ? input.number<int32_t>() : vlans[choice % 8];
-        constexpr std::array<uint32_t, 15> mtus = {1500, 576,        16383,      1280,       9000,
-                                                   575,  16384,      0,          1499,       1501,
-                                                   577,  4294967295, 2147483648, 2147483647, 65535};
+        constexpr std::array<int, 7> kVlans = {100, 1, 4094, 0, 4095, -1, INT_MIN};
+        vlan = choice % 8 == 7 ? input.number<int32_t>() : kVlans[choice % 8];
+        constexpr std::array<uint32_t, 15> kMtus = {
+            1500, 576,  16383, 1280,       9000,       575,        16384, 0,
+            1499, 1501, 577,   4294967295, 2147483648, 2147483647, 65535};
         const unsigned mtuChoice = choice / 8 % 16;
-        mtu = mtuChoice == 15 ? input.number<uint32_t>() : mtus[mtuChoice];
+        mtu = mtuChoice == 15 ? input.number<uint32_t>() : kMtus[mtuChoice];
 
         const uint8_t failing = input.byte();
         socket = (failing & 0x01) != 0 ? -1 : 404;
@@ -286,8 +286,8 @@ void checkDebugLines(const FrameBytes& frame, const Answers& answers, std::size_
 
 // Every line says when it was written and, of the levels that are reported, one.
 void checkLog(const std::string& text, const Channel& channel, bool clockFails) {
-    constexpr std::array<const char*, 8> names = {"ERROR",  "WARNING", "INFO",   "DEBUG",
-                                                  "DEBUG1", "DEBUG2",  "DEBUG3", "DEBUG4"};
+    constexpr std::array<const char*, 8> kNames = {"ERROR",  "WARNING", "INFO",   "DEBUG",
+                                                   "DEBUG1", "DEBUG2",  "DEBUG3", "DEBUG4"};
     require(text.empty() || text.ends_with("\r\n"), "the log ends with a line's end");
     for (const std::string& line : linesOf(text)) {
         if (clockFails) {
@@ -297,7 +297,7 @@ void checkLog(const std::string& text, const Channel& channel, bool clockFails) 
         bool reported = false;
         for (int32_t level = 0; level <= channel.level; ++level) {
             const std::string begin =
-                std::string("14:03:07.2 ") + names[static_cast<std::size_t>(level)] + ": [";
+                std::string("14:03:07.2 ") + kNames[static_cast<std::size_t>(level)] + ": [";
             if (line.starts_with(begin)) reported = true;
         }
         require(reported, "a line of the log is of a level that is reported");
@@ -321,8 +321,8 @@ int verdictOfStoredAction(SHM_Wrapper_App& adapter) {
 }
 
 int codeOf(int32_t action) {
-    constexpr std::array<int, 3> codes = {7, 8, 9};
-    return action >= 0 && action <= 2 ? codes[static_cast<std::size_t>(action)] : 1;
+    constexpr std::array<int, 3> kCodes = {7, 8, 9};
+    return action >= 0 && action <= 2 ? kCodes[static_cast<std::size_t>(action)] : 1;
 }
 
 void checkFrameInfo(const PktdFrameInfo& info, const st_pktd_shm_queue_entry_ctrl_t& ctrl) {
@@ -349,7 +349,7 @@ Outcome receive(const st_pktd_shm_queue_entry_data_t* record, uint8_t* frame, in
 }
 
 void handleOne(Input& input, const Channel& channel) {
-    static GuardedMemory frameMemory(largestFrame);
+    static GuardedMemory frameMemory(kLargestFrame);
     static GuardedMemory recordMemory(sizeof(st_pktd_shm_queue_entry_data_t));
     static VlanConfig config;
     fake::resetPlatform();
@@ -416,7 +416,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Input input(data, size);
     const Channel channel(input.byte());
     handleOne(input, channel);
-    for (int frame = 1; frame < framesPerInput && !input.exhausted(); ++frame)
+    for (int frame = 1; frame < kFramesPerInput && !input.exhausted(); ++frame)
         handleOne(input, channel);
     return 0;
 }

@@ -100,7 +100,7 @@ class RulesModel {
  private:
     using Rules = std::vector<std::string>;
 
-    static constexpr std::string_view allowed =
+    static constexpr std::string_view kAllowed =
         "abcdefghijklmnopqrstuvwxyz0123456789 \".,;@!-<>=_{}:/&";
 
     // A block's kind and name, of `kind name {`.
@@ -118,7 +118,7 @@ class RulesModel {
     }
 
     void runLine(const std::string& line) {
-        require(line.find_first_not_of(allowed) == line.npos, "characters of a command");
+        require(line.find_first_not_of(kAllowed) == line.npos, "characters of a command");
         std::istringstream words(line);
         std::string verb;
         std::string kind;

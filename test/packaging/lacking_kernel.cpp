@@ -22,9 +22,9 @@
 
 namespace {
 
-constexpr int noProtocol = 31;   // of netlink: the last, which nobody has
-constexpr uint8_t noPart = 255;  // of nfnetlink: beyond all that there are
-constexpr uint16_t noBatch = 0;  // of a batch, where those beyond are another error
+constexpr int kNoProtocol = 31;   // of netlink: the last, which nobody has
+constexpr uint8_t kNoPart = 255;  // of nfnetlink: beyond all that there are
+constexpr uint16_t kNoBatch = 0;  // of a batch, where those beyond are another error
 
 std::string_view lacking() {
     const char* const name = std::getenv("PMTUD_LACKING");
@@ -39,11 +39,12 @@ int lackingPart() {
 
 void redirect(nlmsghdr& message, char* payload) {
     if (NFNL_SUBSYS_ID(message.nlmsg_type) == lackingPart())
-        message.nlmsg_type = static_cast<uint16_t>(noPart << 8 | NFNL_MSG_TYPE(message.nlmsg_type));
+        message.nlmsg_type =
+            static_cast<uint16_t>(kNoPart << 8 | NFNL_MSG_TYPE(message.nlmsg_type));
     if (message.nlmsg_type != NFNL_MSG_BATCH_BEGIN) return;
     nfgenmsg batch;
     std::memcpy(&batch, payload, sizeof batch);
-    if (ntohs(batch.res_id) == lackingPart()) batch.res_id = htons(noBatch);
+    if (ntohs(batch.res_id) == lackingPart()) batch.res_id = htons(kNoBatch);
     std::memcpy(payload, &batch, sizeof batch);
 }
 
@@ -63,13 +64,13 @@ void rename(std::vector<char>& bytes) {
 void changeKey(std::vector<char>& bytes) {
     if (lacking() != "skuid") return;
     // The name "meta", and in the data that follow its padding the key in network byte order.
-    constexpr std::string_view name("\x09\0\x01\0meta\0", 9);
-    constexpr std::string_view key("\x08\0\x02\0\0\0\0\x0a", 8);
-    constexpr size_t data = NLA_ALIGN(name.size()) + sizeof(nlattr);
-    for (size_t at = 0; at + data + key.size() <= bytes.size(); ++at) {
-        if (std::memcmp(&bytes[at], name.data(), name.size()) != 0) continue;
-        if (std::memcmp(&bytes[at + data], key.data(), key.size()) == 0)
-            bytes[at + data + key.size() - 1] = '\x7f';
+    constexpr std::string_view kName("\x09\0\x01\0meta\0", 9);
+    constexpr std::string_view kEy("\x08\0\x02\0\0\0\0\x0a", 8);
+    constexpr size_t kData = NLA_ALIGN(kName.size()) + sizeof(nlattr);
+    for (size_t at = 0; at + kData + kEy.size() <= bytes.size(); ++at) {
+        if (std::memcmp(&bytes[at], kName.data(), kName.size()) != 0) continue;
+        if (std::memcmp(&bytes[at + kData], kEy.data(), kEy.size()) == 0)
+            bytes[at + kData + kEy.size() - 1] = '\x7f';
     }
 }
 
@@ -107,7 +108,7 @@ Function next(const char* name) {
 extern "C" int socket(int domain, int type, int protocol) noexcept {
     static const auto real = next<int (*)(int, int, int)>("socket");
     const bool lacks = lacking() == "netfilter" && domain == AF_NETLINK;
-    return real(domain, type, lacks && protocol == NETLINK_NETFILTER ? noProtocol : protocol);
+    return real(domain, type, lacks && protocol == NETLINK_NETFILTER ? kNoProtocol : protocol);
 }
 
 extern "C" ssize_t sendmsg(int fd, const msghdr* message, int flags) {
@@ -128,12 +129,12 @@ extern "C" ssize_t sendmsg(int fd, const msghdr* message, int flags) {
 }
 
 extern "C" ssize_t sendto(int fd, const void* buf, size_t n, int flags, const sockaddr* addr,
-                          socklen_t addr_len) {
+                          socklen_t addrLen) {
     static const auto real =
         next<ssize_t (*)(int, const void*, size_t, int, const sockaddr*, socklen_t)>("sendto");
-    if (!isNetfilter(fd)) return real(fd, buf, n, flags, addr, addr_len);
+    if (!isNetfilter(fd)) return real(fd, buf, n, flags, addr, addrLen);
     const char* const start = static_cast<const char*>(buf);
     std::vector<char> bytes(start, start + n);
     change(bytes);
-    return real(fd, bytes.data(), bytes.size(), flags, addr, addr_len);
+    return real(fd, bytes.data(), bytes.size(), flags, addr, addrLen);
 }

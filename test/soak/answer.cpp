@@ -8,7 +8,7 @@ namespace soak {
 
 namespace {
 
-constexpr size_t ipAt = 14;
+constexpr size_t kIpAt = 14;
 
 // The checksum of the message as it is with one fold only.
 uint32_t foldedOnce(std::span<const uint8_t> message) {
@@ -76,10 +76,10 @@ std::optional<Answer> readAnswer6(std::span<const uint8_t> packet) {
 }  // namespace
 
 std::optional<Answer> readAnswer(std::span<const uint8_t> frame) {
-    if (frame.size() < ipAt) return std::nullopt;
+    if (frame.size() < kIpAt) return std::nullopt;
     const uint32_t type = get16(&frame[12]);
-    if (type == 0x0800) return readAnswer4(frame.subspan(ipAt));
-    if (type == 0x86dd) return readAnswer6(frame.subspan(ipAt));
+    if (type == 0x0800) return readAnswer4(frame.subspan(kIpAt));
+    if (type == 0x86dd) return readAnswer6(frame.subspan(kIpAt));
     return std::nullopt;
 }
 

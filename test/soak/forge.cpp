@@ -11,20 +11,20 @@ namespace soak {
 
 namespace {
 
-constexpr size_t ipAt = 14;
-constexpr uint8_t udp = 17;
-constexpr uint8_t icmp = 1;
-constexpr uint8_t icmp6 = 58;
-constexpr uint8_t hopByHop = 0;
-constexpr uint8_t routing = 43;
-constexpr uint8_t fragment = 44;
-constexpr uint8_t noNextHeader = 59;
-constexpr uint8_t destinationOptions = 60;
+constexpr size_t kIpAt = 14;
+constexpr uint8_t kUdp = 17;
+constexpr uint8_t kIcmp = 1;
+constexpr uint8_t kIcmp6 = 58;
+constexpr uint8_t kHopByHop = 0;
+constexpr uint8_t kRouting = 43;
+constexpr uint8_t kFragment = 44;
+constexpr uint8_t kNoNextHeader = 59;
+constexpr uint8_t kDestinationOptions = 60;
 
 using Address4 = std::array<uint8_t, 4>;
 using Address6 = std::array<uint8_t, 16>;
 
-uint8_t* ip(Frame& frame) { return &frame.bytes[ipAt]; }
+uint8_t* ip(Frame& frame) { return &frame.bytes[kIpAt]; }
 
 template <size_t Size>
 void put(uint8_t* to, const std::array<uint8_t, Size>& bytes) {
@@ -121,14 +121,14 @@ void shortIhl4(Forge& forge, Frame& frame) {
 
 void wrongVersion4(Forge& forge, Frame& frame) {
     forge.ipv4(frame, forge.oversize());
-    constexpr std::array<uint8_t, 6> versions{0, 1, 5, 6, 7, 15};
-    ip(frame)[0] = static_cast<uint8_t>(versions[forge.below(versions.size())] << 4 | 5);
+    constexpr std::array<uint8_t, 6> kVersions{0, 1, 5, 6, 7, 15};
+    ip(frame)[0] = static_cast<uint8_t>(kVersions[forge.below(kVersions.size())] << 4 | 5);
     seal(frame);
 }
 
 void claimsMore4(Forge& forge, Frame& frame) {
     forge.ipv4(frame, forge.oversize());
-    const size_t length = frame.size - ipAt;
+    const size_t length = frame.size - kIpAt;
     put16(ip(frame) + 2, length + 1 + forge.below(0xffff - length));
     seal(frame);
 }
@@ -142,7 +142,7 @@ void claimsLess4(Forge& forge, Frame& frame) {
 
 void truncated4(Forge& forge, Frame& frame) {
     plain4(forge, frame);
-    frame.size = ipAt + forge.below(20);
+    frame.size = kIpAt + forge.below(20);
 }
 
 void wrongChecksum4(Forge& forge, Frame& frame) {
@@ -151,16 +151,16 @@ void wrongChecksum4(Forge& forge, Frame& frame) {
 }
 
 void noHostAsSource4(Forge& forge, Frame& frame) {
-    constexpr std::array<Address4, 8> sources{{{0, 0, 0, 0},
-                                               {0, 1, 2, 3},
-                                               {127, 0, 0, 1},
-                                               {224, 0, 0, 1},
-                                               {239, 255, 255, 250},
-                                               {240, 0, 0, 1},
-                                               {255, 255, 255, 255},
-                                               {10, 0, 20, 255}}};
+    constexpr std::array<Address4, 8> kSources{{{0, 0, 0, 0},
+                                                {0, 1, 2, 3},
+                                                {127, 0, 0, 1},
+                                                {224, 0, 0, 1},
+                                                {239, 255, 255, 250},
+                                                {240, 0, 0, 1},
+                                                {255, 255, 255, 255},
+                                                {10, 0, 20, 255}}};
     forge.ipv4(frame, forge.oversize());
-    from(frame, sources[forge.below(sources.size())]);
+    from(frame, kSources[forge.below(kSources.size())]);
     seal(frame);
 }
 
@@ -171,17 +171,17 @@ void broadcastAsSource4(Forge& forge, Frame& frame) {
 }
 
 void icmpError4(Forge& forge, Frame& frame) {
-    constexpr std::array<uint8_t, 5> types{3, 4, 5, 11, 12};
+    constexpr std::array<uint8_t, 5> kTypes{3, 4, 5, 11, 12};
     forge.ipv4(frame, forge.oversize());
-    ip(frame)[20] = types[forge.below(types.size())];
-    setProtocol4(frame, icmp);
+    ip(frame)[20] = kTypes[forge.below(kTypes.size())];
+    setProtocol4(frame, kIcmp);
 }
 
 void icmpQuery4(Forge& forge, Frame& frame) {
-    constexpr std::array<uint8_t, 4> types{0, 8, 13, 17};
+    constexpr std::array<uint8_t, 4> kTypes{0, 8, 13, 17};
     forge.ipv4(frame, forge.oversize());
-    ip(frame)[20] = types[forge.below(types.size())];
-    setProtocol4(frame, icmp);
+    ip(frame)[20] = kTypes[forge.below(kTypes.size())];
+    setProtocol4(frame, kIcmp);
 }
 
 void lastHop4(Forge& forge, Frame& frame) {
@@ -191,10 +191,10 @@ void lastHop4(Forge& forge, Frame& frame) {
 }
 
 void toNoSingleHost4(Forge& forge, Frame& frame) {
-    constexpr std::array<Address4, 4> destinations{
+    constexpr std::array<Address4, 4> kDestinations{
         {{224, 0, 0, 1}, {239, 1, 2, 3}, {255, 255, 255, 255}, {10, 0, 20, 255}}};
     forge.ipv4(frame, forge.oversize());
-    to(frame, destinations[forge.below(destinations.size())]);
+    to(frame, kDestinations[forge.below(kDestinations.size())]);
     seal(frame);
 }
 
@@ -252,14 +252,14 @@ void extend6(Forge& forge, Frame& frame, uint8_t type, uint8_t next) {
     put(ip(frame) + 40, std::array<uint8_t, 8>{next, 0, 1, 4, 0, 0, 0, 0});
 }
 
-void hopByHop6(Forge& forge, Frame& frame) { extend6(forge, frame, hopByHop, udp); }
+void hopByHop6(Forge& forge, Frame& frame) { extend6(forge, frame, kHopByHop, kUdp); }
 
 void destinationOptions6(Forge& forge, Frame& frame) {
-    extend6(forge, frame, destinationOptions, udp);
+    extend6(forge, frame, kDestinationOptions, kUdp);
 }
 
 void routing6(Forge& forge, Frame& frame) {
-    extend6(forge, frame, routing, udp);
+    extend6(forge, frame, kRouting, kUdp);
     put(ip(frame) + 42, std::array<uint8_t, 2>{253, 0});  // experimental type, none left
 }
 
@@ -270,34 +270,34 @@ void unknownHeader6(Forge& forge, Frame& frame) {
 
 void noNextHeader6(Forge& forge, Frame& frame) {
     forge.ipv6(frame, forge.oversize());
-    ip(frame)[6] = noNextHeader;
+    ip(frame)[6] = kNoNextHeader;
 }
 
 void firstFragment6(Forge& forge, Frame& frame) {
-    extend6(forge, frame, fragment, udp);
+    extend6(forge, frame, kFragment, kUdp);
     put(ip(frame) + 42, std::array<uint8_t, 2>{0, 1});
 }
 
 void laterFragment6(Forge& forge, Frame& frame) {
-    extend6(forge, frame, fragment, udp);
+    extend6(forge, frame, kFragment, kUdp);
     put16(ip(frame) + 42, (1 + forge.below(0x1fff)) << 3 | forge.below(2));
 }
 
 // Headers that say that they go on behind the packet's end.
 void endlessHeader6(Forge& forge, Frame& frame) {
-    extend6(forge, frame, destinationOptions, destinationOptions);
+    extend6(forge, frame, kDestinationOptions, kDestinationOptions);
     ip(frame)[41] = 255;
 }
 
 void wrongVersion6(Forge& forge, Frame& frame) {
     forge.ipv6(frame, forge.oversize());
-    constexpr std::array<uint8_t, 6> versions{0, 1, 4, 5, 7, 15};
-    ip(frame)[0] = static_cast<uint8_t>(versions[forge.below(versions.size())] << 4);
+    constexpr std::array<uint8_t, 6> kVersions{0, 1, 4, 5, 7, 15};
+    ip(frame)[0] = static_cast<uint8_t>(kVersions[forge.below(kVersions.size())] << 4);
 }
 
 void claimsMore6(Forge& forge, Frame& frame) {
     forge.ipv6(frame, forge.oversize());
-    const size_t length = frame.size - ipAt - 40;
+    const size_t length = frame.size - kIpAt - 40;
     put16(ip(frame) + 4, length + 1 + forge.below(0xffff - length));
 }
 
@@ -308,17 +308,17 @@ void claimsLess6(Forge& forge, Frame& frame) {
 
 void truncated6(Forge& forge, Frame& frame) {
     plain6(forge, frame);
-    frame.size = ipAt + forge.below(40);
+    frame.size = kIpAt + forge.below(40);
 }
 
 void noNodeAsSource6(Forge& forge, Frame& frame) {
-    constexpr std::array<Address6, 4> sources{
+    constexpr std::array<Address6, 4> kSources{
         {{},
          {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1},
          {0xff, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1},
          {0xff, 0x0e, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 1}}};
     forge.ipv6(frame, forge.oversize());
-    from(frame, sources[forge.below(sources.size())]);
+    from(frame, kSources[forge.below(kSources.size())]);
 }
 
 void linkLocalSource6(Forge& forge, Frame& frame) {
@@ -328,24 +328,24 @@ void linkLocalSource6(Forge& forge, Frame& frame) {
 
 void icmpError6(Forge& forge, Frame& frame) {
     forge.ipv6(frame, forge.oversize());
-    ip(frame)[6] = icmp6;
+    ip(frame)[6] = kIcmp6;
     ip(frame)[40] = static_cast<uint8_t>(forge.below(128));
 }
 
 void icmpErrorBehindOptions6(Forge& forge, Frame& frame) {
-    extend6(forge, frame, destinationOptions, icmp6);
+    extend6(forge, frame, kDestinationOptions, kIcmp6);
     ip(frame)[48] = static_cast<uint8_t>(forge.below(128));
 }
 
 void redirect6(Forge& forge, Frame& frame) {
     forge.ipv6(frame, forge.oversize());
-    ip(frame)[6] = icmp6;
+    ip(frame)[6] = kIcmp6;
     ip(frame)[40] = 137;
 }
 
 void icmpQuery6(Forge& forge, Frame& frame) {
     forge.ipv6(frame, forge.oversize());
-    ip(frame)[6] = icmp6;
+    ip(frame)[6] = kIcmp6;
     ip(frame)[40] = static_cast<uint8_t>(128 + forge.below(2));
 }
 
@@ -376,7 +376,7 @@ void linkMulticast6(Forge& forge, Frame& frame) {
 
 // A jumbo payload (RFC 2675) that is not there.
 void jumbo6(Forge& forge, Frame& frame) {
-    extend6(forge, frame, hopByHop, udp);
+    extend6(forge, frame, kHopByHop, kUdp);
     put16(ip(frame) + 4, 0);
     put(ip(frame) + 42, std::array<uint8_t, 6>{0xc2, 4, 0, 1, 0, 0});
 }
@@ -427,87 +427,87 @@ void otherEtherType(Forge& forge, Frame& frame) {
 
 void garbage4(Forge& forge, Frame& frame) {
     forge.ipv4(frame, forge.oversize());
-    forge.fillRandomly({ip(frame), frame.size - ipAt});
+    forge.fillRandomly({ip(frame), frame.size - kIpAt});
 }
 
 void garbage6(Forge& forge, Frame& frame) {
     forge.ipv6(frame, forge.oversize());
-    forge.fillRandomly({ip(frame), frame.size - ipAt});
+    forge.fillRandomly({ip(frame), frame.size - kIpAt});
     if (forge.below(2) == 0) ip(frame)[0] = 0x60;
 }
 
-constexpr Outcome answered = Outcome::answered;
-constexpr Outcome kernels = Outcome::kernels;
-constexpr Outcome elsewhere = Outcome::elsewhere;
-constexpr Outcome unanswered = Outcome::unanswered;
+constexpr Outcome kAnswered = Outcome::kAnswered;
+constexpr Outcome kKernels = Outcome::kKernels;
+constexpr Outcome kElsewhere = Outcome::kElsewhere;
+constexpr Outcome kUnanswered = Outcome::kUnanswered;
 
-constexpr Kind allKinds[] = {
-    {"plain", 4, answered, plain4},
-    {"plain", 6, answered, plain6},
-    {"any protocol", 4, answered, anyProtocol4},
-    {"options", 4, answered, options4},
-    {"options that the router writes into", 4, answered, recordRoute4},
-    {"broken options", 4, unanswered, brokenOptions4},
-    {"first fragment with DF", 4, answered, firstFragment4},
-    {"later fragment with DF", 4, unanswered, laterFragment4},
-    {"without DF", 4, unanswered, withoutDf4},
-    {"IHL below 5", 4, unanswered, shortIhl4},
-    {"wrong version", 4, unanswered, wrongVersion4},
-    {"claims more than it is", 4, unanswered, claimsMore4},
-    {"claims less than it is", 4, unanswered, claimsLess4},
-    {"header cut short", 4, unanswered, truncated4},
-    {"wrong checksum", 4, unanswered, wrongChecksum4},
-    {"source is no host", 4, unanswered, noHostAsSource4},
-    {"source is A's broadcast address", 4, kernels, broadcastAsSource4},
-    {"ICMP error", 4, unanswered, icmpError4},
-    {"ICMP query", 4, answered, icmpQuery4},
-    {"time to live 0 or 1", 4, unanswered, lastHop4},
-    {"to multicast or broadcast", 4, unanswered, toNoSingleHost4},
-    {"to the switch", 4, unanswered, toSwitch4},
-    {"to nowhere", 4, unanswered, toNowhere4},
-    {"link broadcast", 4, unanswered, linkBroadcast4},
-    {"to another station", 4, unanswered, otherStation4},
-    {"fits", 4, unanswered, fits4},
-    {"spoofed neighbour", 4, answered, spoofed4},
-    {"spoofed host B", 4, elsewhere, fromB4},
-    {"from nowhere", 4, unanswered, fromNowhere4},
-    {"hop-by-hop options", 6, answered, hopByHop6},
-    {"destination options", 6, answered, destinationOptions6},
-    {"routing header", 6, answered, routing6},
-    {"unknown next header", 6, answered, unknownHeader6},
-    {"no next header", 6, answered, noNextHeader6},
-    {"first fragment", 6, answered, firstFragment6},
-    {"later fragment", 6, answered, laterFragment6},
-    {"endless header", 6, answered, endlessHeader6},
-    {"wrong version", 6, unanswered, wrongVersion6},
-    {"claims more than it is", 6, unanswered, claimsMore6},
-    {"claims less than it is", 6, unanswered, claimsLess6},
-    {"header cut short", 6, unanswered, truncated6},
-    {"source is no node", 6, unanswered, noNodeAsSource6},
-    {"link-local source", 6, unanswered, linkLocalSource6},
-    {"ICMPv6 error", 6, unanswered, icmpError6},
-    {"ICMPv6 error behind options", 6, unanswered, icmpErrorBehindOptions6},
-    {"redirect", 6, answered, redirect6},
-    {"ICMPv6 query", 6, answered, icmpQuery6},
-    {"hop limit 0 or 1", 6, unanswered, lastHop6},
-    {"to multicast", 6, unanswered, toMulticast6},
-    {"to the switch", 6, unanswered, toSwitch6},
-    {"to nowhere", 6, unanswered, toNowhere6},
-    {"link multicast", 6, unanswered, linkMulticast6},
-    {"jumbo payload that lies", 6, unanswered, jumbo6},
-    {"fits", 6, unanswered, fits6},
-    {"spoofed neighbour", 6, answered, spoofed6},
-    {"from nowhere", 6, unanswered, fromNowhere6},
-    {"tagged", 0, unanswered, tagged},
-    {"doubly tagged", 0, unanswered, doublyTagged},
-    {"other EtherType", 0, unanswered, otherEtherType},
-    {"garbage as IPv4", 0, unanswered, garbage4},
-    {"garbage as IPv6", 0, unanswered, garbage6},
+constexpr Kind kAllKinds[] = {
+    {"plain", 4, kAnswered, plain4},
+    {"plain", 6, kAnswered, plain6},
+    {"any protocol", 4, kAnswered, anyProtocol4},
+    {"options", 4, kAnswered, options4},
+    {"options that the router writes into", 4, kAnswered, recordRoute4},
+    {"broken options", 4, kUnanswered, brokenOptions4},
+    {"first fragment with DF", 4, kAnswered, firstFragment4},
+    {"later fragment with DF", 4, kUnanswered, laterFragment4},
+    {"without DF", 4, kUnanswered, withoutDf4},
+    {"IHL below 5", 4, kUnanswered, shortIhl4},
+    {"wrong version", 4, kUnanswered, wrongVersion4},
+    {"claims more than it is", 4, kUnanswered, claimsMore4},
+    {"claims less than it is", 4, kUnanswered, claimsLess4},
+    {"header cut short", 4, kUnanswered, truncated4},
+    {"wrong checksum", 4, kUnanswered, wrongChecksum4},
+    {"source is no host", 4, kUnanswered, noHostAsSource4},
+    {"source is A's broadcast address", 4, kKernels, broadcastAsSource4},
+    {"ICMP error", 4, kUnanswered, icmpError4},
+    {"ICMP query", 4, kAnswered, icmpQuery4},
+    {"time to live 0 or 1", 4, kUnanswered, lastHop4},
+    {"to multicast or broadcast", 4, kUnanswered, toNoSingleHost4},
+    {"to the switch", 4, kUnanswered, toSwitch4},
+    {"to nowhere", 4, kUnanswered, toNowhere4},
+    {"link broadcast", 4, kUnanswered, linkBroadcast4},
+    {"to another station", 4, kUnanswered, otherStation4},
+    {"fits", 4, kUnanswered, fits4},
+    {"spoofed neighbour", 4, kAnswered, spoofed4},
+    {"spoofed host B", 4, kElsewhere, fromB4},
+    {"from nowhere", 4, kUnanswered, fromNowhere4},
+    {"hop-by-hop options", 6, kAnswered, hopByHop6},
+    {"destination options", 6, kAnswered, destinationOptions6},
+    {"routing header", 6, kAnswered, routing6},
+    {"unknown next header", 6, kAnswered, unknownHeader6},
+    {"no next header", 6, kAnswered, noNextHeader6},
+    {"first fragment", 6, kAnswered, firstFragment6},
+    {"later fragment", 6, kAnswered, laterFragment6},
+    {"endless header", 6, kAnswered, endlessHeader6},
+    {"wrong version", 6, kUnanswered, wrongVersion6},
+    {"claims more than it is", 6, kUnanswered, claimsMore6},
+    {"claims less than it is", 6, kUnanswered, claimsLess6},
+    {"header cut short", 6, kUnanswered, truncated6},
+    {"source is no node", 6, kUnanswered, noNodeAsSource6},
+    {"link-local source", 6, kUnanswered, linkLocalSource6},
+    {"ICMPv6 error", 6, kUnanswered, icmpError6},
+    {"ICMPv6 error behind options", 6, kUnanswered, icmpErrorBehindOptions6},
+    {"redirect", 6, kAnswered, redirect6},
+    {"ICMPv6 query", 6, kAnswered, icmpQuery6},
+    {"hop limit 0 or 1", 6, kUnanswered, lastHop6},
+    {"to multicast", 6, kUnanswered, toMulticast6},
+    {"to the switch", 6, kUnanswered, toSwitch6},
+    {"to nowhere", 6, kUnanswered, toNowhere6},
+    {"link multicast", 6, kUnanswered, linkMulticast6},
+    {"jumbo payload that lies", 6, kUnanswered, jumbo6},
+    {"fits", 6, kUnanswered, fits6},
+    {"spoofed neighbour", 6, kAnswered, spoofed6},
+    {"from nowhere", 6, kUnanswered, fromNowhere6},
+    {"tagged", 0, kUnanswered, tagged},
+    {"doubly tagged", 0, kUnanswered, doublyTagged},
+    {"other EtherType", 0, kUnanswered, otherEtherType},
+    {"garbage as IPv4", 0, kUnanswered, garbage4},
+    {"garbage as IPv6", 0, kUnanswered, garbage6},
 };
 
 }  // namespace
 
-std::span<const Kind> kinds() { return allKinds; }
+std::span<const Kind> kinds() { return kAllKinds; }
 
 void Forge::make(const Kind& kind, uint32_t serial, Frame& frame) {
     m_serial = serial;
@@ -516,7 +516,7 @@ void Forge::make(const Kind& kind, uint32_t serial, Frame& frame) {
 
 size_t Forge::chooseKind() {
     const size_t dice = below(4);
-    return dice < 2 ? dice : below(std::size(allKinds));
+    return dice < 2 ? dice : below(std::size(kAllKinds));
 }
 
 void Forge::fillRandomly(std::span<uint8_t> bytes) {
@@ -534,7 +534,7 @@ void Forge::ethernet(Frame& frame, uint16_t type) const {
 }
 
 void Forge::ipv4(Frame& frame, size_t length) {
-    frame.size = ipAt + length;
+    frame.size = kIpAt + length;
     ethernet(frame, 0x0800);
     uint8_t* const header = ip(frame);
     fillRandomly({header + 20, length - 20});
@@ -544,13 +544,13 @@ void Forge::ipv4(Frame& frame, size_t length) {
     put16(header + 4, m_serial & 0xffff);
     put16(header + 6, 0x4000);
     header[8] = 64;
-    header[9] = udp;
+    header[9] = kUdp;
     from(frame, Address4{10, 0, 10, 2});
     to(frame, Address4{10, 0, 20, 2});
 }
 
 void Forge::ipv6(Frame& frame, size_t length) {
-    frame.size = ipAt + length;
+    frame.size = kIpAt + length;
     ethernet(frame, 0x86dd);
     uint8_t* const header = ip(frame);
     fillRandomly({header + 40, length - 40});
@@ -558,7 +558,7 @@ void Forge::ipv6(Frame& frame, size_t length) {
     header[1] = static_cast<uint8_t>(m_serial >> 16 & 15);
     put16(header + 2, m_serial & 0xffff);
     put16(header + 4, length - 40);
-    header[6] = udp;
+    header[6] = kUdp;
     header[7] = 64;
     from(frame, documentation(0x10, 2));
     to(frame, documentation(0x20, 2));

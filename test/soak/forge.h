@@ -13,16 +13,16 @@ namespace soak {
 
 /// What a router's kernel makes of a packet, with the daemon and without it.
 enum class Outcome {
-    answered,    ///< one answer reaches host A
-    kernels,     ///< the same, and always the kernel's: the daemon does not send to a broadcast
-    elsewhere,   ///< one answer, which goes to another host than A
-    unanswered,  ///< no path-MTU answer: it fits, is dropped, or must not be answered
+    kAnswered,    ///< one answer reaches host A
+    kKernels,     ///< the same, and always the kernel's: the daemon does not send to a broadcast
+    kElsewhere,   ///< one answer, which goes to another host than A
+    kUnanswered,  ///< no path-MTU answer: it fits, is dropped, or must not be answered
 };
 
 struct Frame {
-    static constexpr size_t capacity = 14 + 1500;
+    static constexpr size_t kCapacity = 14 + 1500;
 
-    std::array<uint8_t, capacity> bytes{};
+    std::array<uint8_t, kCapacity> bytes{};
     size_t size = 0;
 };
 

@@ -28,16 +28,16 @@ namespace {
 
 // Half of what the kernel has room for: all its IPv6 answers, of 2 KiB each with their bookkeeping,
 // share one socket of 128 KiB, and on a busy machine a whole window waits in it.
-constexpr size_t window = 24;
-constexpr size_t pacedWindow = 16;
+constexpr size_t kWindow = 24;
+constexpr size_t kPacedWindow = 16;
 
-constexpr std::chrono::seconds patience(10);
+constexpr std::chrono::seconds kPatience(10);
 
 // Answers that are larger than their link would come in fragments.
-constexpr uint32_t smallestMtu = 1280;
-constexpr uint32_t largestMtu = 1460;
+constexpr uint32_t kSmallestMtu = 1280;
+constexpr uint32_t kLargestMtu = 1460;
 
-constexpr uint64_t faultsSaid = 20;
+constexpr uint64_t kFaultsSaid = 20;
 
 [[noreturn]] void fail(const char* what) {
     throw std::system_error(errno, std::generic_category(), what);
@@ -82,11 +82,11 @@ bool isBy(Answerer answerer, const Answer& answer) {
     const bool isKernels = answer.packetLength == (answer.family == 4 ? 576 : 1280);
     const bool isDaemons = answer.messageLength == (answer.family == 4 ? 68 : answer.mtu);
     switch (answerer) {
-        case Answerer::kernel:
+        case Answerer::kKernel:
             return isKernels;
-        case Answerer::daemon:
+        case Answerer::kDaemon:
             return isDaemons;
-        case Answerer::either:
+        case Answerer::kEither:
             break;
     }
     return isKernels || isDaemons;
@@ -115,7 +115,7 @@ bool equal(const Bytes& bytes, const Others& others) {
 Host::Host(uint64_t seed, const char* interface, const char* switchNamespace)
     : m_mac(macOf(interface, interface)),
       m_forge(seed, m_mac, gatewayMac(switchNamespace)),
-      m_ring(ringSize),
+      m_ring(kRingSize),
       m_figures(kinds().size()) {
     openSockets(interface, switchNamespace);
     ifreq request = egress();
@@ -137,10 +137,10 @@ void Host::openSockets(const char* interface, const char* switchNamespace) {
 
     m_in = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (m_in < 0) fail("packet socket");
-    constexpr int room = 64 << 20;
-    constexpr int yes = 1;
-    if (setsockopt(m_in, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room) != 0 ||
-        setsockopt(m_in, SOL_PACKET, PACKET_IGNORE_OUTGOING, &yes, sizeof yes) != 0)
+    constexpr int kRoom = 64 << 20;
+    constexpr int kYes = 1;
+    if (setsockopt(m_in, SOL_SOCKET, SO_RCVBUFFORCE, &kRoom, sizeof kRoom) != 0 ||
+        setsockopt(m_in, SOL_PACKET, PACKET_IGNORE_OUTGOING, &kYes, sizeof kYes) != 0)
         fail("packet socket");
     link.sll_protocol = htons(ETH_P_ALL);
     if (bind(m_in, reinterpret_cast<const sockaddr*>(&link), sizeof link) != 0) fail(interface);
@@ -151,14 +151,14 @@ void Host::openSockets(const char* interface, const char* switchNamespace) {
 }
 
 Host::Sent& Host::prepare(size_t kind, Answerer answerer, bool awaited) {
-    Sent& sent = m_ring[m_serial % ringSize];
+    Sent& sent = m_ring[m_serial % kRingSize];
     const Outcome outcome = kinds()[kind].outcome;
     sent.serial = m_serial;
     sent.kind = kind;
     sent.mtuThen = m_mtus.size() - 1;
     sent.answerer = answerer;
-    const bool isKernels = outcome == Outcome::kernels && answerer != Answerer::daemon;
-    sent.mayBeAnswered = outcome == Outcome::answered || isKernels;
+    const bool isKernels = outcome == Outcome::kKernels && answerer != Answerer::kDaemon;
+    sent.mayBeAnswered = outcome == Outcome::kAnswered || isKernels;
     sent.awaited = awaited && sent.mayBeAnswered;
     sent.answered = false;
     m_forge.make(kinds()[kind], m_serial, sent.frame);
@@ -169,13 +169,13 @@ Host::Sent& Host::prepare(size_t kind, Answerer answerer, bool awaited) {
 }
 
 void Host::sendWindow(size_t first, size_t count) {
-    std::array<iovec, batch> pieces;
-    std::array<mmsghdr, batch> messages{};
+    std::array<iovec, kBatch> pieces;
+    std::array<mmsghdr, kBatch> messages{};
     size_t done = 0;
     while (done < count) {
-        const size_t now = std::min(batch, count - done);
+        const size_t now = std::min(kBatch, count - done);
         for (size_t i = 0; i < now; ++i) {
-            Frame& frame = m_ring[(first + done + i) % ringSize].frame;
+            Frame& frame = m_ring[(first + done + i) % kRingSize].frame;
             pieces[i] = {frame.bytes.data(), frame.size};
             messages[i].msg_hdr.msg_iov = &pieces[i];
             messages[i].msg_hdr.msg_iovlen = 1;
@@ -189,15 +189,15 @@ void Host::sendWindow(size_t first, size_t count) {
 }
 
 bool Host::receive() {
-    static std::array<std::array<uint8_t, 2048>, batch> frames;
-    std::array<iovec, batch> pieces;
-    std::array<mmsghdr, batch> messages{};
-    for (size_t i = 0; i < batch; ++i) {
+    static std::array<std::array<uint8_t, 2048>, kBatch> frames;
+    std::array<iovec, kBatch> pieces;
+    std::array<mmsghdr, kBatch> messages{};
+    for (size_t i = 0; i < kBatch; ++i) {
         pieces[i] = {frames[i].data(), frames[i].size()};
         messages[i].msg_hdr.msg_iov = &pieces[i];
         messages[i].msg_hdr.msg_iovlen = 1;
     }
-    const int count = recvmmsg(m_in, messages.data(), batch, MSG_DONTWAIT, nullptr);
+    const int count = recvmmsg(m_in, messages.data(), kBatch, MSG_DONTWAIT, nullptr);
     if (count < 0 && errno != EAGAIN && errno != EINTR) fail("receive");
     for (size_t i = 0; count > 0 && i < static_cast<size_t>(count); ++i) {
         if (const auto answer = readAnswer({frames[i].data(), messages[i].msg_len})) judge(*answer);
@@ -206,7 +206,7 @@ bool Host::receive() {
 }
 
 void Host::awaitAnswers() {
-    auto deadline = std::chrono::steady_clock::now() + patience;
+    auto deadline = std::chrono::steady_clock::now() + kPatience;
     while (m_awaited > 0) {
         pollfd readable{m_in, POLLIN, 0};
         poll(&readable, 1, 100);
@@ -214,7 +214,7 @@ void Host::awaitAnswers() {
         while (receive()) {
         }
         const auto now = std::chrono::steady_clock::now();
-        if (m_awaited < before) deadline = now + patience;
+        if (m_awaited < before) deadline = now + kPatience;
         if (now < deadline) continue;
         countMissing();
     }
@@ -223,7 +223,7 @@ void Host::awaitAnswers() {
 void Host::countMissing() {
     for (Sent& sent : m_ring) {
         if (!sent.awaited || sent.answered) continue;
-        if (++m_missing <= faultsSaid)
+        if (++m_missing <= kFaultsSaid)
             std::fprintf(stderr, "MISSING: the answer to number %u, IPv%d %s\n", sent.serial,
                          kinds()[sent.kind].family, kinds()[sent.kind].name);
         sent.awaited = false;
@@ -233,7 +233,7 @@ void Host::countMissing() {
 
 void Host::judge(const Answer& answer) {
     const uint32_t mask = answer.family == 4 ? 0xffff : 0xfffff;
-    Sent& sent = m_ring[answer.serial % ringSize];
+    Sent& sent = m_ring[answer.serial % kRingSize];
     const Kind& kind = kinds()[sent.kind];
     const auto wrong = [&](const std::string& what) {
         fault("answer to number " + std::to_string(sent.serial) + ", IPv" +
@@ -254,15 +254,15 @@ void Host::judge(const Answer& answer) {
     if (std::find(now, m_mtus.end(), answer.mtu) == m_mtus.end())
         wrong("that MTU was not in force");
     if (!isBy(sent.answerer, answer)) wrong("the answer is not its answerer's");
-    if (isBy(Answerer::daemon, answer)) ++m_byDaemon;
+    if (isBy(Answerer::kDaemon, answer)) ++m_byDaemon;
     const auto packet =
         std::span<const uint8_t>(sent.frame.bytes).subspan(14, sent.frame.size - 14);
     const auto source = answer.family == 4 ? packet.subspan(12, 4) : packet.subspan(8, 16);
     if (!equal(answer.destination, source)) wrong("it goes to another than the sender");
-    constexpr std::array<uint8_t, 4> gateway4{10, 0, 10, 1};
-    constexpr std::array<uint8_t, 16> gateway6{0x20, 0x01, 0x0d, 0xb8, 0, 0x10, 0, 0,
-                                               0,    0,    0,    0,    0, 0,    0, 1};
-    if (answer.family == 4 ? !equal(answer.source, gateway4) : !equal(answer.source, gateway6))
+    constexpr std::array<uint8_t, 4> kGateway4{10, 0, 10, 1};
+    constexpr std::array<uint8_t, 16> kGateway6{0x20, 0x01, 0x0d, 0xb8, 0, 0x10, 0, 0,
+                                                0,    0,    0,    0,    0, 0,    0, 1};
+    if (answer.family == 4 ? !equal(answer.source, kGateway4) : !equal(answer.source, kGateway6))
         wrong("it does not come from the switch's address of VLAN 10");
     if (!isQuoteOf(answer.quote, packet, answer.family)) wrong("the quote is not of the packet");
 }
@@ -271,7 +271,7 @@ void Host::sendAndAwait(uint64_t count, bool allKinds, Answerer answerer, uint64
     using std::chrono::steady_clock;
     m_forge.setSmallest(m_mtus.back() + 1);
     const steady_clock::time_point start = steady_clock::now();
-    const size_t atOnce = rate == 0 ? window : pacedWindow;
+    const size_t atOnce = rate == 0 ? kWindow : kPacedWindow;
     for (uint64_t sent = 0; sent < count;) {
         if (rate != 0)
             std::this_thread::sleep_until(start + std::chrono::milliseconds(1000 * sent / rate));
@@ -287,17 +287,17 @@ void Host::sendAndAwait(uint64_t count, bool allKinds, Answerer answerer, uint64
 }
 
 void Host::sendWhileMtuChanges(uint64_t count) {
-    m_forge.setSmallest(largestMtu + 1);
+    m_forge.setSmallest(kLargestMtu + 1);
     while (count > 0) {
         const size_t first = m_serial;
-        const auto made = static_cast<size_t>(std::min<uint64_t>(count, window));
-        for (size_t i = 0; i < made; ++i) prepare(m_serial % 2, Answerer::either, true);
+        const auto made = static_cast<size_t>(std::min<uint64_t>(count, kWindow));
+        for (size_t i = 0; i < made; ++i) prepare(m_serial % 2, Answerer::kEither, true);
         const size_t before = m_forge.below(made + 1);
         sendWindow(first, before);
         changeMtuRandomly();
         // Those that are still to be sent meet the new MTU.
         for (size_t i = before; i < made; ++i)
-            m_ring[(first + i) % ringSize].mtuThen = m_mtus.size() - 1;
+            m_ring[(first + i) % kRingSize].mtuThen = m_mtus.size() - 1;
         sendWindow(first + before, made - before);
         awaitAnswers();
         count -= made;
@@ -312,7 +312,7 @@ void Host::sendAndForget(uint64_t count, Answerer answerer, uint64_t rate) {
         if (rate != 0)
             std::this_thread::sleep_until(start + std::chrono::milliseconds(1000 * sent / rate));
         const size_t first = m_serial;
-        const auto made = static_cast<size_t>(std::min<uint64_t>(count - sent, batch));
+        const auto made = static_cast<size_t>(std::min<uint64_t>(count - sent, kBatch));
         for (size_t i = 0; i < made; ++i) prepare(m_serial % 2, answerer, false);
         sendWindow(first, made);
         sent += made;
@@ -328,7 +328,7 @@ void Host::settle(std::chrono::milliseconds quiet) {
 }
 
 void Host::changeMtuRandomly() {
-    setMtu(smallestMtu + static_cast<uint32_t>(m_forge.below(largestMtu - smallestMtu + 1)));
+    setMtu(kSmallestMtu + static_cast<uint32_t>(m_forge.below(kLargestMtu - kSmallestMtu + 1)));
 }
 
 void Host::setMtu(uint32_t mtu) {
@@ -340,7 +340,7 @@ void Host::setMtu(uint32_t mtu) {
 }
 
 void Host::fault(const std::string& what) {
-    if (++m_faults <= faultsSaid) std::fprintf(stderr, "FAULT: %s\n", what.c_str());
+    if (++m_faults <= kFaultsSaid) std::fprintf(stderr, "FAULT: %s\n", what.c_str());
 }
 
 uint64_t Host::answered(Outcome outcome) const {

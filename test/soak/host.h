@@ -16,7 +16,7 @@ namespace soak {
 
 /// Who is to answer.  The kernel fills its answers up to 576 and 1,280 bytes; the daemon's are
 /// 88 bytes for IPv4, and for IPv6 an ICMPv6 message as long as the MTU.
-enum class Answerer { daemon, kernel, either };  // either: one of them, once
+enum class Answerer { kDaemon, kKernel, kEither };  // either: one of them, once
 
 struct KindFigures {
     uint64_t sent = 0;
@@ -72,15 +72,15 @@ class Host {
         uint32_t serial = 0;
         size_t kind = 0;
         size_t mtuThen = 0;  // in m_mtus
-        Answerer answerer = Answerer::either;
+        Answerer answerer = Answerer::kEither;
         bool mayBeAnswered = false;
         bool awaited = false;
         bool answered = false;
         Frame frame;
     };
     // More than are ever on their way, and a divisor of 2^16.
-    static constexpr size_t ringSize = 32768;
-    static constexpr size_t batch = 64;
+    static constexpr size_t kRingSize = 32768;
+    static constexpr size_t kBatch = 64;
 
     void openSockets(const char* interface, const char* switchNamespace);
     Sent& prepare(size_t kind, Answerer answerer, bool awaited);

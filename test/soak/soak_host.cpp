@@ -32,21 +32,21 @@ using soak::Outcome;
 using soak::SystemLog;
 
 soak::Answerer answererOf(const std::string& name) {
-    if (name == "daemon") return soak::Answerer::daemon;
-    if (name == "kernel") return soak::Answerer::kernel;
-    if (name == "either") return soak::Answerer::either;
+    if (name == "daemon") return soak::Answerer::kDaemon;
+    if (name == "kernel") return soak::Answerer::kKernel;
+    if (name == "either") return soak::Answerer::kEither;
     throw std::invalid_argument("no such answerer: " + name);
 }
 
 const char* outcomeName(Outcome outcome) {
     switch (outcome) {
-        case Outcome::answered:
+        case Outcome::kAnswered:
             return "answered";
-        case Outcome::kernels:
+        case Outcome::kKernels:
             return "answered by the kernel";
-        case Outcome::elsewhere:
+        case Outcome::kElsewhere:
             return "answered elsewhere";
-        case Outcome::unanswered:
+        case Outcome::kUnanswered:
             break;
     }
     return "never";
@@ -54,11 +54,11 @@ const char* outcomeName(Outcome outcome) {
 
 std::string figures(Host& host, const SystemLog::Counts& log) {
     std::ostringstream line;
-    line << "sent=" << host.sent(Outcome::answered)
-         << " answered=" << host.answered(Outcome::answered) + host.answered(Outcome::kernels)
-         << " kernels=" << host.sent(Outcome::kernels)
-         << " elsewhere=" << host.sent(Outcome::elsewhere)
-         << " never=" << host.sent(Outcome::unanswered) << " faults=" << host.faults()
+    line << "sent=" << host.sent(Outcome::kAnswered)
+         << " answered=" << host.answered(Outcome::kAnswered) + host.answered(Outcome::kKernels)
+         << " kernels=" << host.sent(Outcome::kKernels)
+         << " elsewhere=" << host.sent(Outcome::kElsewhere)
+         << " never=" << host.sent(Outcome::kUnanswered) << " faults=" << host.faults()
          << " mtu_changes=" << host.mtuChanges() << " missed=" << host.missedByReceiver()
          << " carries_dropped=" << host.carriesDropped() << " log_lines=" << log.lines
          << " log_lines_lost=" << log.linesLost << " log_received=" << log.received

@@ -66,11 +66,11 @@ void SystemLog::wake() const { eventfd_write(m_wake, 1); }
 void SystemLog::read() {
     // The daemon never waits for its log: what is not read soon is lost.
     setpriority(PRIO_PROCESS, 0, -15);
-    constexpr size_t batch = 64;
-    std::array<std::array<char, 1100>, batch> lines;
-    std::array<iovec, batch> pieces;
-    std::array<mmsghdr, batch> messages{};
-    for (size_t i = 0; i < batch; ++i) {
+    constexpr size_t kBatch = 64;
+    std::array<std::array<char, 1100>, kBatch> lines;
+    std::array<iovec, kBatch> pieces;
+    std::array<mmsghdr, kBatch> messages{};
+    for (size_t i = 0; i < kBatch; ++i) {
         pieces[i] = {lines[i].data(), lines[i].size()};
         messages[i].msg_hdr.msg_iov = &pieces[i];
         messages[i].msg_hdr.msg_iovlen = 1;
@@ -82,7 +82,7 @@ void SystemLog::read() {
         if (ready[1].revents != 0) eventfd_read(m_wake, &ignored);
         if (m_ending) return;
         if (!m_reading) continue;
-        const int count = recvmmsg(m_socket, messages.data(), batch, MSG_DONTWAIT, nullptr);
+        const int count = recvmmsg(m_socket, messages.data(), kBatch, MSG_DONTWAIT, nullptr);
         for (size_t i = 0; count > 0 && i < static_cast<size_t>(count); ++i)
             take({lines[i].data(), messages[i].msg_len});
     }

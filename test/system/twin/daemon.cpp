@@ -39,9 +39,10 @@ Descriptor ruleEvents() {
     sockaddr_nl any{};
     any.nl_family = AF_NETLINK;
     check(bind(events.get(), reinterpret_cast<const sockaddr*>(&any), sizeof any) == 0, "bind");
-    constexpr int group = NFNLGRP_NFTABLES;
-    check(setsockopt(events.get(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) == 0,
-          "nftables events");
+    constexpr int kGroup = NFNLGRP_NFTABLES;
+    check(
+        setsockopt(events.get(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &kGroup, sizeof kGroup) == 0,
+        "nftables events");
     return events;
 }
 

@@ -98,11 +98,11 @@ Bytes icmp(uint8_t type, uint8_t code, size_t size) {
 
 Bytes icmp6(uint8_t type, uint8_t code, size_t size, const std::string& from,
             const std::string& to) {
-    constexpr uint8_t icmpv6 = 58;
-    Bytes packet = bytesOf(Ipv6{.size = 40 + size, .from = from, .to = to, .nextHeader = icmpv6});
+    constexpr uint8_t kIcmpv6 = 58;
+    Bytes packet = bytesOf(Ipv6{.size = 40 + size, .from = from, .to = to, .nextHeader = kIcmpv6});
     packet[40] = type;
     packet[41] = code;
-    put16(&packet[42], transportChecksum(packet, 40, icmpv6));
+    put16(&packet[42], transportChecksum(packet, 40, kIcmpv6));
     return {packet.begin() + 40, packet.end()};
 }
 

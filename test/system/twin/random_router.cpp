@@ -173,7 +173,7 @@ void RandomRouter::addForged(Twins& twins) {
     m_forge.make(kind, m_serial++, frame);
     // The link takes no frame without a payload, and few bytes more than its MTU.
     const size_t largest = static_cast<size_t>(m_mtus.a) + 14;
-    const bool isForeign = kind.outcome == soak::Outcome::elsewhere;
+    const bool isForeign = kind.outcome == soak::Outcome::kElsewhere;
     if (frame.size <= 14 || frame.size > largest || (m_isStrict && isForeign))
         return addPlain(twins);
     twins.sendFrame({frame.bytes.begin(), frame.bytes.begin() + static_cast<ptrdiff_t>(frame.size)},

@@ -38,7 +38,7 @@ void put32(uint8_t* at, uint32_t value) {
 }
 
 void complete(Bytes& frame, const Offload& offload) {
-    if ((offload.flags & Offload::needsChecksum) == 0) return;
+    if ((offload.flags & Offload::kNeedsChecksum) == 0) return;
     const size_t field = size_t{offload.checksumStart} + offload.checksumOffset;
     if (field + 2 > frame.size()) return;
     const std::span<const uint8_t> covered(&frame[offload.checksumStart],
@@ -112,27 +112,27 @@ Bytes bytesOf(const Merged& merged) {
 Offload offloadOf(const Merged& merged, const Bytes& packet) {
     Offload offload{};
     const size_t header = headerOf(merged);
-    offload.flags = Offload::needsChecksum;
+    offload.flags = Offload::kNeedsChecksum;
     if (!merged.isTcp)
-        offload.type = Offload::udp;
+        offload.type = Offload::kUdp;
     else
-        offload.type = packet[0] >> 4 == 4 ? Offload::tcp4 : Offload::tcp6;
+        offload.type = packet[0] >> 4 == 4 ? Offload::kTcp4 : Offload::kTcp6;
     offload.checksumStart = static_cast<uint16_t>(kEthernet + header);
     offload.checksumOffset = merged.isTcp ? 16 : 6;
     offload.headerSize = static_cast<uint16_t>(kEthernet + header + (merged.isTcp ? 20 : 8));
     offload.segmentSize = static_cast<uint16_t>(merged.each);
-    if (merged.bytes <= merged.each) offload.type = Offload::none;
+    if (merged.bytes <= merged.each) offload.type = Offload::kNone;
     return offload;
 }
 
 std::vector<Bytes> segmentsOf(const Bytes& frame, const Offload& offload) {
-    const unsigned int type = offload.type & ~unsigned{Offload::congestion};
-    if (type == Offload::none || offload.segmentSize == 0) {
+    const unsigned int type = offload.type & ~unsigned{Offload::kCongestion};
+    if (type == Offload::kNone || offload.segmentSize == 0) {
         Bytes whole = frame;
         complete(whole, offload);
         return {whole};
     }
-    const bool isTcp = type == Offload::tcp4 || type == Offload::tcp6;
+    const bool isTcp = type == Offload::kTcp4 || type == Offload::kTcp6;
     const size_t transport = offload.checksumStart;
     const size_t headers = transport + (isTcp ? size_t{4} * (frame.at(transport + 12) >> 4) : 8);
     std::vector<Bytes> all;

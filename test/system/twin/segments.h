@@ -14,16 +14,16 @@ namespace twin {
 /// What a packet socket with PACKET_VNET_HDR puts before a frame; linux/virtio_net.h does not
 /// compile as C++.
 struct Offload {
-    static constexpr uint8_t needsChecksum = 1;
+    static constexpr uint8_t kNeedsChecksum = 1;
 
-    static constexpr uint8_t none = 0;
-    static constexpr uint8_t tcp4 = 1;
-    static constexpr uint8_t tcp6 = 4;
-    static constexpr uint8_t udp = 5;
-    static constexpr uint8_t congestion = 0x80;  // ORed to a type
+    static constexpr uint8_t kNone = 0;
+    static constexpr uint8_t kTcp4 = 1;
+    static constexpr uint8_t kTcp6 = 4;
+    static constexpr uint8_t kUdp = 5;
+    static constexpr uint8_t kCongestion = 0x80;  // ORed to a type
 
     uint8_t flags = 0;
-    uint8_t type = none;
+    uint8_t type = kNone;
     uint16_t headerSize = 0;
     uint16_t segmentSize = 0;
     uint16_t checksumStart = 0;

@@ -110,16 +110,16 @@ int walk(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    constexpr char usage[] = "usage: twin_walk --daemon PATH [--seed N] [--packets N]\n";
+    constexpr char kUsage[] = "usage: twin_walk --daemon PATH [--seed N] [--packets N]\n";
     if (argc == 2 && std::string(argv[1]) == "--help") {
-        std::cout << usage;
+        std::cout << kUsage;
         return EXIT_SUCCESS;
     }
     Options options;
     try {
         options = parse(argc, argv);
     } catch (const std::exception& error) {
-        std::cerr << usage << error.what() << '\n';
+        std::cerr << kUsage << error.what() << '\n';
         return 2;
     }
     try {

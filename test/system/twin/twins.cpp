@@ -179,12 +179,12 @@ void Site::open() {
     m_hosts.run([this] {
         m_socket.reset(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
         check(m_socket.valid(), "packet socket");
-        constexpr int yes = 1;
-        constexpr int room = 256 << 20;
+        constexpr int kYes = 1;
+        constexpr int kRoom = 256 << 20;
         for (const int option : {PACKET_IGNORE_OUTGOING, PACKET_VNET_HDR})
-            check(setsockopt(m_socket.get(), SOL_PACKET, option, &yes, sizeof yes) == 0,
+            check(setsockopt(m_socket.get(), SOL_PACKET, option, &kYes, sizeof kYes) == 0,
                   "packet socket");
-        check(setsockopt(m_socket.get(), SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room) == 0,
+        check(setsockopt(m_socket.get(), SOL_SOCKET, SO_RCVBUFFORCE, &kRoom, sizeof kRoom) == 0,
               "packet socket");
         sockaddr_ll any{};
         any.sll_family = AF_PACKET;

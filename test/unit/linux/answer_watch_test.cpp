@@ -131,7 +131,7 @@ class AnswerWatching : public testing::Test {
     AnswerWatch m_watch;
 };
 
-constexpr AnswerNews::Clock::time_point start{1000s};
+constexpr AnswerNews::Clock::time_point kStart{1000s};
 
 }  // namespace
 
@@ -187,26 +187,26 @@ TEST_F(AnswerWatching, HoldsNothingAgainstAnswersWhileTheCounterCannotBeRead) {
 
 TEST(AnswersThatDoNotLeave, AreNewsOnce) {
     AnswerNews news;
-    EXPECT_TRUE(news.lost(7, start));
-    EXPECT_FALSE(news.lost(7, start + 1h));
+    EXPECT_TRUE(news.lost(7, kStart));
+    EXPECT_FALSE(news.lost(7, kStart + 1h));
 }
 
 // A stateful policy lets the answers about known flows pass and drops the others.
 TEST(AnswersThatDoNotLeave, LeaveAgainIfNoneIsLostFor30Seconds) {
     AnswerNews news;
-    EXPECT_TRUE(news.lost(7, start));
-    EXPECT_FALSE(news.left(7, start + 29999ms));
-    EXPECT_FALSE(news.lost(7, start + 30s));
-    EXPECT_FALSE(news.left(7, start + 59999ms));
-    EXPECT_TRUE(news.left(7, start + 60s));
-    EXPECT_FALSE(news.left(7, start + 61s));
-    EXPECT_TRUE(news.lost(7, start + 62s));
+    EXPECT_TRUE(news.lost(7, kStart));
+    EXPECT_FALSE(news.left(7, kStart + 29999ms));
+    EXPECT_FALSE(news.lost(7, kStart + 30s));
+    EXPECT_FALSE(news.left(7, kStart + 59999ms));
+    EXPECT_TRUE(news.left(7, kStart + 60s));
+    EXPECT_FALSE(news.left(7, kStart + 61s));
+    EXPECT_TRUE(news.lost(7, kStart + 62s));
 }
 
 TEST(AnswersThatDoNotLeave, AreOneInterfacesNews) {
     AnswerNews news;
-    EXPECT_TRUE(news.lost(7, start));
-    EXPECT_FALSE(news.left(8, start + 30s));
-    EXPECT_TRUE(news.lost(8, start + 30s));
-    EXPECT_TRUE(news.left(7, start + 30s));
+    EXPECT_TRUE(news.lost(7, kStart));
+    EXPECT_FALSE(news.left(8, kStart + 30s));
+    EXPECT_TRUE(news.lost(8, kStart + 30s));
+    EXPECT_TRUE(news.left(7, kStart + 30s));
 }

@@ -15,16 +15,16 @@
 
 namespace {
 
-constexpr char lostLine[] =
+constexpr char kLostLine[] =
     "89 PMTUD-Linux: bcm0.10: the answers do not leave this router, so the kernel answers; allow "
     "them in the output hook: icmp type destination-unreachable accept; icmpv6 type "
     "packet-too-big accept";
 
-constexpr size_t icmpHeaderAt = 20;
-constexpr size_t quoteAt = icmpHeaderAt + 8;
+constexpr size_t kIcmpHeaderAt = 20;
+constexpr size_t kQuoteAt = kIcmpHeaderAt + 8;
 
 bool isTooBig4(const Bytes& bytes) {
-    return bytes.size() >= quoteAt + 20 && bytes[0] == 0x45 && bytes[9] == 1 && bytes[20] == 3 &&
+    return bytes.size() >= kQuoteAt + 20 && bytes[0] == 0x45 && bytes[9] == 1 && bytes[20] == 3 &&
            bytes[21] == 4;
 }
 
@@ -37,9 +37,9 @@ uint16_t bigEndian(const Bytes& bytes, size_t at) {
 }
 
 // The MTU tells who answered: only the client answers with its own.
-uint16_t mtuOf4(const Bytes& tooBig) { return bigEndian(tooBig, icmpHeaderAt + 6); }
+uint16_t mtuOf4(const Bytes& tooBig) { return bigEndian(tooBig, kIcmpHeaderAt + 6); }
 uint16_t mtuOf6(const Bytes& tooBig) { return bigEndian(tooBig, 46); }
-uint16_t quotedIdentification(const Bytes& tooBig) { return bigEndian(tooBig, quoteAt + 4); }
+uint16_t quotedIdentification(const Bytes& tooBig) { return bigEndian(tooBig, kQuoteAt + 4); }
 
 // UDP that connection tracking takes for valid, without checksum.
 Bytes numbered(uint16_t identification, const std::string& source = "10.0.10.2") {
@@ -120,12 +120,12 @@ TEST_F(Answers, AreTheClientsAlone) {
     Capture atA("a");
     // Each answer but the last is followed by the next: there is no second one in between.
     for (uint16_t identification = 1; identification <= 3; ++identification)
-        EXPECT_EQ(answerTo(atA, identification), answeredMtu);
+        EXPECT_EQ(answerTo(atA, identification), kAnsweredMtu);
     for (int i = 0; i < 2; ++i) {
         send(packet(Ipv6{}));
         EXPECT_EQ(mtuOf6(atA.next(
                       [](const Bytes& bytes) { return isTooBig4(bytes) || isTooBig6(bytes); })),
-                  answeredMtu);
+                  kAnsweredMtu);
     }
 }
 
@@ -190,18 +190,18 @@ TEST_F(Answers, BeyondTheRateAreTheKernelsAndEveryPacketHasOne) {
     options.countsOnly = true;
     Client client(options);
     Capture atA("a");
-    constexpr uint16_t packets = 1000;
+    constexpr uint16_t kPackets = 1000;
     const auto start = std::chrono::steady_clock::now();
-    for (uint16_t number = 0; number < packets; ++number) send(numbered(number));
+    for (uint16_t number = 0; number < kPackets; ++number) send(numbered(number));
 
     std::map<uint16_t, int> answers;
     uint64_t clients = 0;
-    for (uint16_t i = 0; i < packets; ++i) {
+    for (uint16_t i = 0; i < kPackets; ++i) {
         const Bytes answer = atA.next(isTooBig4);
         ++answers[quotedIdentification(answer)];
-        clients += mtuOf4(answer) == answeredMtu ? 1 : 0;
+        clients += mtuOf4(answer) == kAnsweredMtu ? 1 : 0;
     }
-    EXPECT_EQ(answers.size(), packets);
+    EXPECT_EQ(answers.size(), kPackets);
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
     EXPECT_EQ(client.count(), clients);
     EXPECT_GE(clients, 250U);
@@ -235,7 +235,7 @@ TEST_F(Answers, ThatDoNotLeaveAreMadeGoodByTheKernelsOwn) {
         EXPECT_EQ(atA.etherType(), 0x0800);
         client.next();
     }
-    EXPECT_EQ(lineOf(log.next()), lostLine);
+    EXPECT_EQ(lineOf(log.next()), kLostLine);
     EXPECT_FALSE(log.poll());
 }
 
@@ -258,7 +258,7 @@ TEST_F(Answers, ThatLeaveAgainAreTheClientsAgain) {
     Capture atA("a");
     EXPECT_EQ(answerTo(atA, 1), 1280);
     unblockOutput();
-    EXPECT_EQ(answerTo(atA, 2), answeredMtu);
+    EXPECT_EQ(answerTo(atA, 2), kAnsweredMtu);
 }
 
 // The message is withdrawn, as its header is that of a packet that was copied.
@@ -268,12 +268,12 @@ TEST_F(Answers, ToAPacketThatWasNotCopiedAreTheKernels) {
     options.countsOnly = true;
     Client client(options);
     Capture atA("a");
-    const auto deadline = std::chrono::steady_clock::now() + patience;
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
     uint16_t identification = 0;
     // Until the second one comes in while the header of the first is remembered.
     while (handedOver("bcm0.20") == identification / 2) {
         ASSERT_LT(std::chrono::steady_clock::now(), deadline);
-        EXPECT_EQ(answerTo(atA, ++identification), answeredMtu);
+        EXPECT_EQ(answerTo(atA, ++identification), kAnsweredMtu);
         sendIntoPlain(numbered(++identification));
         const Bytes answer = atA.next(isTooBig4);
         EXPECT_EQ(quotedIdentification(answer), identification);
@@ -288,13 +288,13 @@ TEST_F(Answers, OfIpv6ToAPacketThatWasNotCopiedAreTheKernels) {
     options.countsOnly = true;
     Client client(options);
     Capture atA("a");
-    const auto deadline = std::chrono::steady_clock::now() + patience;
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
     uint64_t pairs = 0;
     while (handedOver("bcm0.20") == pairs) {
         ASSERT_LT(std::chrono::steady_clock::now(), deadline);
         ++pairs;
         send(validIpv6());
-        EXPECT_EQ(mtuOf6(atA.next(isTooBig6)), answeredMtu);
+        EXPECT_EQ(mtuOf6(atA.next(isTooBig6)), kAnsweredMtu);
         sendIntoPlain(validIpv6());
         const Bytes answer = atA.next(isTooBig6);
         EXPECT_EQ(mtuOf6(answer), 1280);

@@ -77,7 +77,7 @@ Bytes receivePacketTooBig(const Descriptor& receiver) {
 // The kernel accepts packets to a new address once it has added the route for it, which it does
 // after the command that adds the address has ended, also without duplicate address detection.
 void awaitAddress(const std::string& address) {
-    const auto limit = std::chrono::steady_clock::now() + patience;
+    const auto limit = std::chrono::steady_clock::now() + kPatience;
     while (output("ip -6 route show table local " + address).empty()) {
         if (std::chrono::steady_clock::now() > limit)
             throw std::runtime_error("timed out waiting for " + address);

@@ -31,7 +31,7 @@ bool exists(const char* path) {
     return lstat(path, &status) == 0;
 }
 
-constexpr const char* record = "/run/pmtud.registered";
+constexpr const char* kRecord = "/run/pmtud.registered";
 
 }  // namespace
 
@@ -39,7 +39,7 @@ class Configuration : public World {
  protected:
     void SetUp() override {
         World::SetUp();
-        unlink(record);
+        unlink(kRecord);
     }
 };
 
@@ -109,9 +109,9 @@ TEST_F(Configuration, TakesTheTimeZone) { EXPECT_EQ(updateTZ(), 0); }
 TEST_F(Configuration, RecordsTheRegistrationUntilItIsWithdrawn) {
     inOwnProcess([] {
         ASSERT_EQ(cfg_add_pid("pmtud"), 0);
-        EXPECT_EQ(contents(record), std::to_string(getpid()) + "\n");
+        EXPECT_EQ(contents(kRecord), std::to_string(getpid()) + "\n");
         EXPECT_EQ(cfg_clear_pid(), 0);
-        EXPECT_FALSE(exists(record));
+        EXPECT_FALSE(exists(kRecord));
         EXPECT_EQ(cfg_clear_pid(), -ENOENT);
     });
 }
@@ -124,28 +124,28 @@ TEST_F(Configuration, LeavesThePidFileToTheDaemon) {
 }
 
 TEST_F(Configuration, ReplacesTheRecordOfAProcessThatWasKilled) {
-    std::ofstream(record) << "1\n";
+    std::ofstream(kRecord) << "1\n";
     inOwnProcess([] {
         ASSERT_EQ(cfg_add_pid("pmtud"), 0);
-        EXPECT_EQ(contents(record), std::to_string(getpid()) + "\n");
+        EXPECT_EQ(contents(kRecord), std::to_string(getpid()) + "\n");
     });
 }
 
 TEST_F(Configuration, LeavesTheRecordOfAnotherProcessAlone) {
     inOwnProcess([] {
         ASSERT_EQ(cfg_add_pid("pmtud"), 0);
-        std::ofstream(record) << "1\n";
+        std::ofstream(kRecord) << "1\n";
         EXPECT_EQ(cfg_clear_pid(), -EEXIST);
-        EXPECT_EQ(contents(record), "1\n");
+        EXPECT_EQ(contents(kRecord), "1\n");
     });
 }
 
 TEST_F(Configuration, DoesNotWriteThroughALink) {
-    ASSERT_EQ(symlink("/run/victim", record), 0);
+    ASSERT_EQ(symlink("/run/victim", kRecord), 0);
     inOwnProcess([] {
         ASSERT_EQ(cfg_add_pid("pmtud"), 0);
         EXPECT_FALSE(exists("/run/victim"));
-        EXPECT_EQ(contents(record), std::to_string(getpid()) + "\n");
+        EXPECT_EQ(contents(kRecord), std::to_string(getpid()) + "\n");
     });
 }
 

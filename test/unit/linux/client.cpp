@@ -31,10 +31,10 @@
 
 namespace {
 
-constexpr size_t largestFrame = 65593;
+constexpr size_t kLargestFrame = 65593;
 
-constexpr char askCount = 'c';
-constexpr char askGate = 'g';
+constexpr char kAskCount = 'c';
+constexpr char kAskGate = 'g';
 
 // One datagram from the process: the results of the two calls, or a frame behind this.
 struct Report {
@@ -67,9 +67,9 @@ void report(const Report& head, const uint8_t* frame, size_t size) {
 // kernel does with it is the test's matter.
 void answer(const uint8_t* frame) {
     const uint8_t* const packet = frame + 18;
-    constexpr uint8_t mtu[] = {answeredMtu >> 8, answeredMtu & 0xff};
+    constexpr uint8_t kMtu[] = {kAnsweredMtu >> 8, kAnsweredMtu & 0xff};
     if (packet[0] >> 4 == 4) {
-        Bytes message = {3, 4, 0, 0, 0, 0, mtu[0], mtu[1]};
+        Bytes message = {3, 4, 0, 0, 0, 0, kMtu[0], kMtu[1]};
         message.insert(message.end(), packet, packet + 28);
         const uint16_t sum = checksum(message);
         message[2] = static_cast<uint8_t>(sum >> 8);
@@ -82,7 +82,7 @@ void answer(const uint8_t* frame) {
         return;
     }
     // The kernel fills in the checksum of this one.
-    Bytes message = {2, 0, 0, 0, 0, 0, mtu[0], mtu[1]};
+    Bytes message = {2, 0, 0, 0, 0, 0, kMtu[0], kMtu[1]};
     message.insert(message.end(), packet, packet + 48);
     sockaddr_in6 to{};
     to.sin6_family = AF_INET6;
@@ -101,7 +101,7 @@ int callback(const st_pktd_shm_queue_entry_data_t* entry, uint8_t* frame, int le
     Report head;
     head.control = entry->ctrl;
     head.zeroBehind =
-        std::all_of(frame + len, frame + largestFrame, [](uint8_t byte) { return byte == 0; });
+        std::all_of(frame + len, frame + kLargestFrame, [](uint8_t byte) { return byte == 0; });
     sigset_t blocked;
     pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
     head.signalsBlocked = true;
@@ -156,7 +156,7 @@ void refuseThreads() {
     report(head, nullptr, 0);
     char command = 0;
     while (read(channel, &command, 1) > 0) {
-        if (command == askCount) {
+        if (command == kAskCount) {
             head.attached = frames;
             report(head, nullptr, 0);
             continue;
@@ -199,7 +199,7 @@ Client::~Client() {
 
 Delivered Client::next() {
     awaitReadable(m_channel.get(), "a frame");
-    Bytes bytes(sizeof(Report) + largestFrame);
+    Bytes bytes(sizeof(Report) + kLargestFrame);
     const ssize_t length = recv(m_channel.get(), bytes.data(), bytes.size(), 0);
     if (length < static_cast<ssize_t>(sizeof(Report))) throw std::runtime_error("the client died");
     Report head;
@@ -209,12 +209,12 @@ Delivered Client::next() {
 }
 
 void Client::openGate() {
-    if (send(m_channel.get(), &askGate, 1, MSG_NOSIGNAL) != 1)
+    if (send(m_channel.get(), &kAskGate, 1, MSG_NOSIGNAL) != 1)
         throw std::system_error(errno, std::generic_category(), "gate");
 }
 
 uint64_t Client::count() {
-    if (send(m_channel.get(), &askCount, 1, MSG_NOSIGNAL) != 1)
+    if (send(m_channel.get(), &kAskCount, 1, MSG_NOSIGNAL) != 1)
         throw std::system_error(errno, std::generic_category(), "count");
     Report head;
     if (recv(m_channel.get(), &head, sizeof head, 0) != sizeof head)

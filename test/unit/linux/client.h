@@ -13,7 +13,7 @@
 #include "pktd.h"
 
 /// The MTU in the answers that the client sends; nothing else here has it.
-constexpr uint16_t answeredMtu = 1111;
+constexpr uint16_t kAnsweredMtu = 1111;
 
 /// What the receive callback was given.
 struct Delivered {

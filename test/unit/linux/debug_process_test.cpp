@@ -25,7 +25,7 @@ int line(const char* text) { return debug_process(89, "%s", text); }
 // Lets the log daemon read until a line that is sent is taken again; the library tries to
 // reach a log that was missing once a second.
 int lineOnceTaken(const char* text) {
-    const auto limit = std::chrono::steady_clock::now() + patience;
+    const auto limit = std::chrono::steady_clock::now() + kPatience;
     int result = line(text);
     while (result != 0 && std::chrono::steady_clock::now() < limit) result = line(text);
     return result;
@@ -146,15 +146,15 @@ TEST(DebugProcess, FindsALogThatWasMissingAndSaysWhatItMissed) {
 TEST(DebugProcess, TakesLinesFromAllThreads) {
     inOwnProcess([] {
         LogDaemon log;
-        constexpr int each = 200;
+        constexpr int kEach = 200;
         int taken = 0;
         std::vector<std::thread> writers;
         for (int i = 0; i < 4; ++i)
             writers.emplace_back([] {
-                for (int n = 0; n < each; ++n)
+                for (int n = 0; n < kEach; ++n)
                     while (line(" from a thread") != 0) std::this_thread::yield();
             });
-        for (; taken < 4 * each;) {
+        for (; taken < 4 * kEach;) {
             const std::string got = lineOf(log.next());
             if (got == "89 from a thread")
                 ++taken;

@@ -73,7 +73,7 @@ ssize_t receiveDatagram(int fd) {
 }
 
 // UDP to port 5000 that fills a packet of 1,400 bytes; IPv4 goes without checksum.
-const Bytes udpToPort5000 = {0x13, 0x88, 0x13, 0x88, 0x05, 0x64, 0x00, 0x00};
+const Bytes kUdpToPort5000 = {0x13, 0x88, 0x13, 0x88, 0x05, 0x64, 0x00, 0x00};
 
 }  // namespace
 
@@ -272,20 +272,20 @@ TEST_F(Dispatch, LeavesWhatReceiveOffloadMergedToTheKernel) {
     Capture atTheSwitch("", "bcm0.10");
     const auto receiver = udpSocket("b", AF_INET, 5000);
     const auto sender = udpSocket("a", AF_INET, 5000);
-    constexpr int segment = 1200;
-    constexpr int dontFragment = IP_PMTUDISC_DO;
-    ASSERT_EQ(setsockopt(sender.get(), SOL_UDP, UDP_SEGMENT, &segment, sizeof segment), 0);
+    constexpr int kSegment = 1200;
+    constexpr int kDontFragment = IP_PMTUDISC_DO;
+    ASSERT_EQ(setsockopt(sender.get(), SOL_UDP, UDP_SEGMENT, &kSegment, sizeof kSegment), 0);
     ASSERT_EQ(
-        setsockopt(sender.get(), IPPROTO_IP, IP_MTU_DISCOVER, &dontFragment, sizeof dontFragment),
+        setsockopt(sender.get(), IPPROTO_IP, IP_MTU_DISCOVER, &kDontFragment, sizeof kDontFragment),
         0);
     sockaddr_in to{};
     to.sin_family = AF_INET;
     to.sin_port = htons(5000);
     inet_pton(AF_INET, "10.0.20.2", &to.sin_addr);
-    const Bytes four(4 * segment, 0xa5);
+    const Bytes four(4 * kSegment, 0xa5);
     ASSERT_EQ(sendto(sender.get(), four.data(), four.size(), 0,
                      reinterpret_cast<const sockaddr*>(&to), sizeof to),
-              4 * segment);
+              4 * kSegment);
     for (int i = 0; i < 4; ++i) EXPECT_EQ(receiveDatagram(receiver.get()), 1200);
     sendFence();
     EXPECT_TRUE(isFence(client.next()));
@@ -340,7 +340,7 @@ TEST_P(DispatchOf, WhatTheKernelDoesNotAnswerDeliversNothing) {
 
 namespace {
 
-constexpr const char* bcm10 = "02:00:00:00:10:01";
+constexpr const char* kBcm10 = "02:00:00:00:10:01";
 
 Bytes timeExceeded() {
     Ipv4 ipv4;
@@ -372,9 +372,9 @@ Bytes fromNobody() {
 
 INSTANTIATE_TEST_SUITE_P(
     Never, DispatchOf,
-    testing::Values(Unanswerable{"IcmpError", timeExceeded(), bcm10},
-                    Unanswerable{"LaterFragment", laterFragment(), bcm10},
+    testing::Values(Unanswerable{"IcmpError", timeExceeded(), kBcm10},
+                    Unanswerable{"LaterFragment", laterFragment(), kBcm10},
                     Unanswerable{"LinkBroadcast", packet(Ipv4{}), "ff:ff:ff:ff:ff:ff"},
-                    Unanswerable{"Icmp6Error", icmp6Error(), bcm10},
-                    Unanswerable{"Ipv6SourceUnspecified", fromNobody(), bcm10}),
+                    Unanswerable{"Icmp6Error", icmp6Error(), kBcm10},
+                    Unanswerable{"Ipv6SourceUnspecified", fromNobody(), kBcm10}),
     [](const auto& parameter) { return std::string(parameter.param.name); });

@@ -132,7 +132,7 @@ TEST(FrameLines, OfOtherThreadsAndThePlatformsOwnAreNotKept) {
         line(" kept");
         std::thread([] { line(" of another thread"); }).join();
         EXPECT_EQ(lineOf(log.next()), "89 of another thread");
-        pmtud_linux::say(pmtud_linux::Priority::warning, "of the platform");
+        pmtud_linux::say(pmtud_linux::Priority::kWarning, "of the platform");
         EXPECT_EQ(lineOf(log.next()), "89 PMTUD-Linux: of the platform");
         EXPECT_FALSE(log.poll());
     });
@@ -221,7 +221,7 @@ TEST(FrameLines, WithoutALogAreCounted) {
         }
         LogDaemon log;
         // The next attempt to reach the log is a second after the last.
-        const auto limit = std::chrono::steady_clock::now() + patience;
+        const auto limit = std::chrono::steady_clock::now() + kPatience;
         int lost = 2;
         for (; line(" taken") != 0; ++lost) ASSERT_LT(std::chrono::steady_clock::now(), limit);
         EXPECT_EQ(lineOf(log.next()), "89 PMTUD-Linux: " + std::to_string(lost) + " lines lost");
@@ -248,15 +248,15 @@ TEST(FrameLines, AreWrittenWhenAnExceptionEndsTheFrame) {
 // The first line's conversion fails: if it were formatted, it would be refused and counted as lost.
 TEST(FrameLines, ThatAreIgnoredAreNotEvenFormatted) {
     inOwnProcess([] {
-        constexpr wchar_t beyondAscii[] = L"\u2260";
+        constexpr wchar_t kBeyondAscii[] = L"\u2260";
         LogDaemon log;
-        ASSERT_EQ(debug_process(89, "%ls", beyondAscii), -EINVAL);
+        ASSERT_EQ(debug_process(89, "%ls", kBeyondAscii), -EINVAL);
         line(" next");
         ASSERT_EQ(lineOf(log.next()), "89 PMTUD-Linux: 1 lines lost");
         ASSERT_EQ(lineOf(log.next()), "89 next");
         {
             const FrameLines lines(false);
-            EXPECT_EQ(debug_process(89, "%ls", beyondAscii), 0);
+            EXPECT_EQ(debug_process(89, "%ls", kBeyondAscii), 0);
             EXPECT_EQ(line(" ignored"), 0);
         }
         EXPECT_FALSE(log.poll());
@@ -267,7 +267,7 @@ TEST(FrameLines, ThatAreIgnoredAreNotEvenFormatted) {
 
 namespace {
 
-constexpr LineBudget::Clock::time_point start{1000s};
+constexpr LineBudget::Clock::time_point kStart{1000s};
 
 int taken(LineBudget& budget, LineBudget::Clock::time_point now) {
     int count = 0;
@@ -279,7 +279,7 @@ int taken(LineBudget& budget, LineBudget::Clock::time_point now) {
 
 TEST(LineBudget, IsABurstOfAHundredFramesAtFirst) {
     LineBudget budget;
-    EXPECT_EQ(taken(budget, start), 100);
+    EXPECT_EQ(taken(budget, kStart), 100);
 }
 
 // The clock starts with the machine.
@@ -290,20 +290,20 @@ TEST(LineBudget, IsTheSameBurstRightAfterTheMachineHasStarted) {
 
 TEST(LineBudget, GrowsByTwentyFramesASecond) {
     LineBudget budget;
-    taken(budget, start);
-    EXPECT_EQ(taken(budget, start + 49ms), 0);
-    EXPECT_EQ(taken(budget, start + 50ms), 1);
-    EXPECT_EQ(taken(budget, start + 99ms), 0);
-    EXPECT_EQ(taken(budget, start + 100ms), 1);
-    EXPECT_EQ(taken(budget, start + 1100ms), 20);
-    EXPECT_EQ(taken(budget, start + 4100ms), 60);
+    taken(budget, kStart);
+    EXPECT_EQ(taken(budget, kStart + 49ms), 0);
+    EXPECT_EQ(taken(budget, kStart + 50ms), 1);
+    EXPECT_EQ(taken(budget, kStart + 99ms), 0);
+    EXPECT_EQ(taken(budget, kStart + 100ms), 1);
+    EXPECT_EQ(taken(budget, kStart + 1100ms), 20);
+    EXPECT_EQ(taken(budget, kStart + 4100ms), 60);
 }
 
 TEST(LineBudget, NeverGrowsBeyondTheBurst) {
     LineBudget budget;
-    taken(budget, start);
-    EXPECT_EQ(taken(budget, start + 1h), 100);
-    EXPECT_EQ(taken(budget, start + 1h), 0);
+    taken(budget, kStart);
+    EXPECT_EQ(taken(budget, kStart + 1h), 100);
+    EXPECT_EQ(taken(budget, kStart + 1h), 0);
 }
 
 TEST(LineBudget, IsKeptInAFloodThatLasts) {
@@ -311,15 +311,15 @@ TEST(LineBudget, IsKeptInAFloodThatLasts) {
     int logged = 0;
     for (int millisecond = 0; millisecond < 60000; ++millisecond)
         for (int frame = 0; frame < 3; ++frame)
-            logged += budget.take(start + millisecond * 1ms) ? 1 : 0;
+            logged += budget.take(kStart + millisecond * 1ms) ? 1 : 0;
     EXPECT_EQ(logged, 100 + 20 * 60 - 1);
 }
 
 TEST(LineBudget, IsNotExceededWhenTheClockJumps) {
     LineBudget budget;
-    EXPECT_EQ(taken(budget, start), 100);
-    EXPECT_EQ(taken(budget, start + 24h * 365 * 100), 100);
-    EXPECT_EQ(taken(budget, start), 0);
-    EXPECT_EQ(taken(budget, start + 24h * 365 * 100), 0);
-    EXPECT_EQ(taken(budget, start + 24h * 365 * 100 + 50ms), 1);
+    EXPECT_EQ(taken(budget, kStart), 100);
+    EXPECT_EQ(taken(budget, kStart + 24h * 365 * 100), 100);
+    EXPECT_EQ(taken(budget, kStart), 0);
+    EXPECT_EQ(taken(budget, kStart + 24h * 365 * 100), 0);
+    EXPECT_EQ(taken(budget, kStart + 24h * 365 * 100 + 50ms), 1);
 }

@@ -19,13 +19,13 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 
 // 24 bytes of IPv4, header and four bytes.
-const Bytes ipv4 = {0x45, 0x00, 0x00, 0x18, 0x12, 0x34, 0x40, 0x00, 0x40, 0x11, 0xfd, 0x9a,
-                    0x0a, 0x00, 0x0a, 0x02, 0x0a, 0x00, 0x14, 0x02, 0xde, 0xad, 0xbe, 0xef};
+const Bytes kIpv4 = {0x45, 0x00, 0x00, 0x18, 0x12, 0x34, 0x40, 0x00, 0x40, 0x11, 0xfd, 0x9a,
+                     0x0a, 0x00, 0x0a, 0x02, 0x0a, 0x00, 0x14, 0x02, 0xde, 0xad, 0xbe, 0xef};
 
 // 42 bytes of IPv6, header and two bytes.
-const Bytes ipv6 = {0x60, 0, 0, 0, 0, 2, 59, 64, 0xfd, 0, 0,    0x10, 0,    0,
-                    0,    0, 0, 0, 0, 0, 0,  0,  0,    2, 0xfd, 0,    0,    0x20,
-                    0,    0, 0, 0, 0, 0, 0,  0,  0,    0, 0,    2,    0xca, 0xfe};
+const Bytes kIpv6 = {0x60, 0, 0, 0, 0, 2, 59, 64, 0xfd, 0, 0,    0x10, 0,    0,
+                     0,    0, 0, 0, 0, 0, 0,  0,  0,    2, 0xfd, 0,    0,    0x20,
+                     0,    0, 0, 0, 0, 0, 0,  0,  0,    0, 0,    2,    0xca, 0xfe};
 
 Copy copyOf(const Bytes& packet) {
     Copy copy;
@@ -40,7 +40,7 @@ Copy copyOf(const Bytes& packet) {
 // A packet of 9,000 bytes of which 1,500 were copied, all the same but for the header.
 Bytes jumbo() {
     Bytes bytes(1500, 0xa5);
-    std::copy_n(ipv4.begin(), 20, bytes.begin());
+    std::copy_n(kIpv4.begin(), 20, bytes.begin());
     bytes[2] = 0x23;
     bytes[3] = 0x28;
     return bytes;
@@ -56,7 +56,7 @@ Bytes cut(Frame& frame, size_t from, size_t to) { return {frame.data() + from, f
 
 TEST(Frame, OfIpv4IsTaggedWithTheIngressVlan) {
     Frame frame;
-    build(frame, ipv4);
+    build(frame, kIpv4);
     ASSERT_EQ(frame.size(), 42U);
     EXPECT_THAT(cut(frame, 0, 42),
                 ElementsAre(0x02, 0x00, 0x00, 0x00, 0x10, 0x01,  // destination
@@ -69,17 +69,17 @@ TEST(Frame, OfIpv4IsTaggedWithTheIngressVlan) {
 
 TEST(Frame, OfIpv6IsTaggedWithTheIngressVlan) {
     Frame frame;
-    build(frame, ipv6, 4094);
+    build(frame, kIpv6, 4094);
     ASSERT_EQ(frame.size(), 60U);
     EXPECT_THAT(cut(frame, 0, 20),
                 ElementsAre(0x02, 0x00, 0x00, 0x00, 0x10, 0x01, 0x02, 0x00, 0x00, 0x00, 0x10, 0x02,
                             0x81, 0x00, 0x0f, 0xfe, 0x86, 0xdd, 0x60, 0x00));
-    EXPECT_THAT(cut(frame, 18, 60), ElementsAreArray(ipv6));
+    EXPECT_THAT(cut(frame, 18, 60), ElementsAreArray(kIpv6));
 }
 
 TEST(Frame, HasARecordThatCountsPortsFromZero) {
     Frame frame;
-    build(frame, ipv4);
+    build(frame, kIpv4);
     // The plus reads the unaligned member as a value.
     const st_pktd_shm_queue_entry_ctrl_t& control = frame.record().ctrl;
     EXPECT_EQ(+control.unit, 0);
@@ -96,7 +96,7 @@ TEST(Frame, HasARecordThatCountsPortsFromZero) {
 
 TEST(Frame, OfIpv6HasItsEtherTypeInTheRecord) {
     Frame frame;
-    build(frame, ipv6);
+    build(frame, kIpv6);
     EXPECT_EQ(+frame.record().ctrl.proto, 0x86dd);
 }
 
@@ -111,7 +111,7 @@ TEST(Frame, IsAsLongAsThePacketWithZerosInPlaceOfWhatWasNotCopied) {
 
 TEST(Frame, OfTheLargestPacketFillsTheCapacity) {
     Bytes largest(1500, 0xa5);
-    std::copy_n(ipv6.begin(), 40, largest.begin());
+    std::copy_n(kIpv6.begin(), 40, largest.begin());
     largest[4] = largest[5] = 0xff;
     Frame frame;
     build(frame, largest);
@@ -121,14 +121,14 @@ TEST(Frame, OfTheLargestPacketFillsTheCapacity) {
 TEST(Frame, ThatIsShorterThanTheOneBeforeIsFollowedByZeros) {
     Frame frame;
     build(frame, jumbo());
-    build(frame, ipv4);
+    build(frame, kIpv4);
     EXPECT_EQ(frame.size(), 42U);
     EXPECT_THAT(cut(frame, 42, 65593), Each(0));
 }
 
 TEST(Frame, ThatIsLongerThanTheOneBeforeIsWhole) {
     Frame frame;
-    build(frame, ipv4);
+    build(frame, kIpv4);
     build(frame, jumbo());
     EXPECT_THAT(cut(frame, 38, 1518), Each(0xa5));
     EXPECT_THAT(cut(frame, 1518, 65593), Each(0));

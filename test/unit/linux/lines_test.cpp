@@ -26,15 +26,15 @@ TEST(PlatformLine, HasItsPriority) {
             EXPECT_EQ(lineOf(datagram), "89 PMTUD-Linux: what happened");
             return priorityOf(datagram);
         };
-        EXPECT_EQ(priorityOfLine(Priority::error), "<27>");
-        EXPECT_EQ(priorityOfLine(Priority::warning), "<28>");
-        EXPECT_EQ(priorityOfLine(Priority::info), "<30>");
-        EXPECT_EQ(priorityOfLine(Priority::debug), "<31>");
+        EXPECT_EQ(priorityOfLine(Priority::kError), "<27>");
+        EXPECT_EQ(priorityOfLine(Priority::kWarning), "<28>");
+        EXPECT_EQ(priorityOfLine(Priority::kInfo), "<30>");
+        EXPECT_EQ(priorityOfLine(Priority::kDebug), "<31>");
     });
 }
 
 TEST(PlatformLine, ThatNoLogTakesIsReportedToTheCaller) {
-    inOwnProcess([] { EXPECT_FALSE(say(Priority::error, "what happened")); });
+    inOwnProcess([] { EXPECT_FALSE(say(Priority::kError, "what happened")); });
 }
 
 TEST(SystemLog, CountsALineThatCannotBeFormatted) {
@@ -53,9 +53,9 @@ TEST(SystemLog, CountsALineThatCannotBeFormatted) {
 // The socket is opened when it is first needed; until then no descriptor is the log's.
 TEST(SystemLog, LeavesTheProcessesDescriptorsAlone) {
     inOwnProcess([] {
-        constexpr int count = 16;
-        std::array<struct stat, count> before{};
-        for (int fd = 0; fd < count; ++fd) {
+        constexpr int kCount = 16;
+        std::array<struct stat, kCount> before{};
+        for (int fd = 0; fd < kCount; ++fd) {
             const int file = open("/dev", O_TMPFILE | O_RDWR, 0600);
             ASSERT_GE(file, 0);
             // Standard output is the test's own way to report; it is put back below.
@@ -63,14 +63,14 @@ TEST(SystemLog, LeavesTheProcessesDescriptorsAlone) {
             if (fd == 2) dup2(2, 101);
             if (file != fd) {
                 ASSERT_EQ(dup2(file, fd), fd);
-                if (file >= count) close(file);
+                if (file >= kCount) close(file);
             }
         }
-        for (int fd = 0; fd < count; ++fd) fstat(fd, &before[static_cast<size_t>(fd)]);
+        for (int fd = 0; fd < kCount; ++fd) fstat(fd, &before[static_cast<size_t>(fd)]);
         LogDaemon log;
         const int result = debug_process(89, " first");
-        std::array<bool, count> same{};
-        for (int fd = 0; fd < count; ++fd) {
+        std::array<bool, kCount> same{};
+        for (int fd = 0; fd < kCount; ++fd) {
             struct stat after {};
             const auto& file = before[static_cast<size_t>(fd)];
             same[static_cast<size_t>(fd)] = fstat(fd, &after) == 0 && after.st_ino == file.st_ino;
@@ -79,7 +79,7 @@ TEST(SystemLog, LeavesTheProcessesDescriptorsAlone) {
         dup2(101, 2);
         EXPECT_EQ(result, 0);
         EXPECT_EQ(lineOf(log.next()), "89 first");
-        for (int fd = 0; fd < count; ++fd)
+        for (int fd = 0; fd < kCount; ++fd)
             EXPECT_TRUE(same[static_cast<size_t>(fd)]) << "descriptor " << fd;
     });
 }

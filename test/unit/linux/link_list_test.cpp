@@ -211,7 +211,7 @@ TEST_F(ListOfLinks, ThatChangesWhileAProcessAttachesIsFollowed) {
             ASSERT_EQ(attach(), 0);
             ASSERT_EQ(start(), 0);
             churn.end();
-            const auto limit = std::chrono::steady_clock::now() + patience;
+            const auto limit = std::chrono::steady_clock::now() + kPatience;
             const auto isComplete = [] {
                 const std::string rules = output("nft list map inet pmtud egress");
                 return rules.find("to-bcm0.200") != std::string::npos &&
@@ -232,8 +232,8 @@ TEST_F(ListOfLinks, ThatChangesWhileAProcessAttachesIsFollowed) {
 // libnftables reads numbers in several bases.
 TEST_F(ListOfLinks, TakesInIndexesOfAnyDigits) {
     inOwnProcess([] {
-        constexpr int indexes[] = {100, 107, 108, 110, 111, 119, 777, 1000, 1009};
-        for (const int index : indexes) {
+        constexpr int kIndexes[] = {100, 107, 108, 110, 111, 119, 777, 1000, 1009};
+        for (const int index : kIndexes) {
             const std::string number = std::to_string(index);
             run("ip link add bcm0." + number + " index " + number + " type veth peer name peer" +
                 number);
@@ -241,7 +241,7 @@ TEST_F(ListOfLinks, TakesInIndexesOfAnyDigits) {
         ASSERT_EQ(attach(), 0);
         const std::string ingress = output("nft list set inet pmtud vlans");
         const std::string egress = output("nft list map inet pmtud egress");
-        for (const int index : indexes) {
+        for (const int index : kIndexes) {
             const std::string name = "bcm0." + std::to_string(index);
             EXPECT_THAT(ingress, HasSubstr('"' + name + '"'));
             EXPECT_THAT(egress, HasSubstr('"' + name + "\" : goto to-" + name));

@@ -23,7 +23,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-const Bytes linkHeader = {0x02, 0, 0, 0, 0x10, 0x01, 0x02, 0, 0, 0, 0x10, 0x02, 0x08, 0x00};
+const Bytes kLinkHeader = {0x02, 0, 0, 0, 0x10, 0x01, 0x02, 0, 0, 0, 0x10, 0x02, 0x08, 0x00};
 
 // One message of the log group, as the kernel writes it.
 class Message {
@@ -63,7 +63,7 @@ Message whole() {
         .put(NFULA_MARK, {0, 0, 2, 1})
         .put(NFULA_HWTYPE, {0, 1})
         .put(NFULA_HWLEN, {0, 14})
-        .put(NFULA_HWHEADER, linkHeader)
+        .put(NFULA_HWHEADER, kLinkHeader)
         .put(NFULA_SEQ, {0, 0, 1, 2})
         .put(NFULA_PAYLOAD, {0x45, 0x00, 0xbe, 0xef});
     return message;
@@ -80,7 +80,7 @@ TEST(LogMessage, TellsPrefixInterfacesMarkSequenceLinkHeaderAndPacket) {
     EXPECT_EQ(message->egress, 263U);
     EXPECT_EQ(message->mark, 513U);
     EXPECT_EQ(message->sequence, 258U);
-    EXPECT_THAT(message->linkHeader, ElementsAreArray(linkHeader));
+    EXPECT_THAT(message->linkHeader, ElementsAreArray(kLinkHeader));
     EXPECT_THAT(message->payload, ElementsAre(0x45, 0x00, 0xbe, 0xef));
 }
 

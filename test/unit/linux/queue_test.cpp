@@ -45,12 +45,13 @@ unsigned long long numberIn(const std::string& line, const std::string& text) {
     return std::stoull(line.substr(text.size()));
 }
 
-const std::string ignored = "89 PMTUD-Linux: log group 89: messages not from this table, ignored: ";
-const std::string lost = "89 PMTUD-Linux: the receive queue overran, messages lost: ";
+const std::string kIgnored =
+    "89 PMTUD-Linux: log group 89: messages not from this table, ignored: ";
+const std::string kLost = "89 PMTUD-Linux: the receive queue overran, messages lost: ";
 
 // More than the socket holds.  Other rules' messages are not policed; the kernel does not trim
 // the buffers of long ones.
-constexpr unsigned long long flood = 9000;
+constexpr unsigned long long kFlood = 9000;
 
 }  // namespace
 
@@ -73,7 +74,7 @@ class Queue : public World {
     void overrun() {
         logForeign("");
         sendFence();
-        for (unsigned long long i = 0; i < flood; ++i) sendForeign();
+        for (unsigned long long i = 0; i < kFlood; ++i) sendForeign();
     }
 };
 
@@ -88,8 +89,8 @@ TEST_F(Queue, CountsWhatItLostWhenItOverran) {
     // The flood may take more than one line, if it lasts for more than a second.
     unsigned long long seen = 0;
     std::string line = lineOf(log.next());
-    while (line.starts_with(ignored)) {
-        seen += numberIn(line, ignored);
+    while (line.starts_with(kIgnored)) {
+        seen += numberIn(line, kIgnored);
         line = lineOf(log.next());
     }
     EXPECT_EQ(line,
@@ -97,11 +98,11 @@ TEST_F(Queue, CountsWhatItLostWhenItOverran) {
               "the next one");
     while (!queuesAreEmpty()) continue;
     sendFence();
-    for (line = lineOf(log.next()); line.starts_with(ignored); line = lineOf(log.next()))
-        seen += numberIn(line, ignored);
-    const unsigned long long missing = numberIn(line, lost);
+    for (line = lineOf(log.next()); line.starts_with(kIgnored); line = lineOf(log.next()))
+        seen += numberIn(line, kIgnored);
+    const unsigned long long missing = numberIn(line, kLost);
     EXPECT_GT(missing, 0U);
-    EXPECT_EQ(seen + missing, flood);
+    EXPECT_EQ(seen + missing, kFlood);
 
     // It goes on as before, without another line.
     client.next();
@@ -126,10 +127,10 @@ TEST_F(Queue, SaysALossOnceTheLogTakesIt) {
     unsigned long long missing = 0;
     while (seen == 0 || missing == 0) {
         const std::string line = lineOf(log.next());
-        if (line.starts_with(ignored)) seen += numberIn(line, ignored);
-        if (line.starts_with(lost)) missing += numberIn(line, lost);
+        if (line.starts_with(kIgnored)) seen += numberIn(line, kIgnored);
+        if (line.starts_with(kLost)) missing += numberIn(line, kLost);
     }
-    EXPECT_EQ(seen + missing, flood);
+    EXPECT_EQ(seen + missing, kFlood);
 }
 
 TEST_F(Queue, IgnoresAndCountsWhatRulesOfOthersLogToTheGroup) {
@@ -137,7 +138,7 @@ TEST_F(Queue, IgnoresAndCountsWhatRulesOfOthersLogToTheGroup) {
     LogDaemon log;
     Client client;
     sendForeign();
-    EXPECT_EQ(lineOf(log.next()), ignored + "1");
+    EXPECT_EQ(lineOf(log.next()), kIgnored + "1");
     sendFence();
     EXPECT_EQ(client.next().frame.size(), 1019U);
 }
@@ -148,7 +149,7 @@ TEST_F(Queue, IgnoresAndCountsAForgedRefusalWithoutAMark) {
     LogDaemon log;
     Client client;
     sendForeign();
-    EXPECT_EQ(lineOf(log.next()), ignored + "1");
+    EXPECT_EQ(lineOf(log.next()), kIgnored + "1");
     sendFence();
     EXPECT_EQ(client.next().frame.size(), 1019U);
 }
@@ -167,7 +168,7 @@ TEST_F(Queue, IgnoresAndCountsAForgedCopyWithoutAPacket) {
         ASSERT_EQ(inet_pton(AF_INET, "10.0.30.9", &to.sin_addr), 1);
         sendto(udp.get(), "x", 1, 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
     });
-    EXPECT_EQ(lineOf(log.next()), ignored + "1");
+    EXPECT_EQ(lineOf(log.next()), kIgnored + "1");
 }
 
 TEST_F(Queue, IgnoresAndCountsMessagesThatTheKernelDidNotSend) {
@@ -193,7 +194,7 @@ TEST_F(Queue, IgnoresAndCountsMessagesThatTheKernelDidNotSend) {
     ASSERT_EQ(sendto(intruder.get(), message, message->nlmsg_len, 0,
                      reinterpret_cast<const sockaddr*>(&to), sizeof to),
               static_cast<ssize_t>(message->nlmsg_len));
-    EXPECT_EQ(lineOf(log.next()), ignored + "1");
+    EXPECT_EQ(lineOf(log.next()), kIgnored + "1");
     // Nor does its sequence number count.
     sendFence();
     client.next();

@@ -109,7 +109,7 @@ TEST_F(Refusal, OfAChangeOfTheRulesIsLoggedOnceAndTriedAgainEachSecond) {
 
         // The changes themselves may cause more than one try; those after them are due to time.
         const size_t atOnce = rules.tries().size();
-        const auto limit = std::chrono::steady_clock::now() + patience;
+        const auto limit = std::chrono::steady_clock::now() + kPatience;
         while (rules.tries().size() < atOnce + 4 && std::chrono::steady_clock::now() < limit)
             std::this_thread::yield();
         const auto tries = rules.tries();
@@ -178,8 +178,8 @@ TEST_F(Refusal, OfAReceiveCallThatASignalInterruptsIsNone) {
         makeReadable(true, false);
         int call = 0;
         calls.recvmmsg = [&](int, mmsghdr*, unsigned int, int) {
-            constexpr int answers[] = {EINTR, EAGAIN, ENOBUFS, EAGAIN, EBADF};
-            errno = answers[call++];
+            constexpr int kAnswers[] = {EINTR, EAGAIN, ENOBUFS, EAGAIN, EBADF};
+            errno = kAnswers[call++];
             return -1;
         };
         EXPECT_EQ(failureOf(*dispatcher), "log group: Bad file descriptor");

@@ -83,10 +83,10 @@ TEST_F(AllVlans, LeaveLittleOfTheMemoryThatTheirRulesTook) {
     run("ip link set bcm0.20 mtu 1300");
     changes.await();
     // In KiB; with what the C library would keep it is over 90,000.
-    constexpr long enough = 48L * 1024;
+    constexpr long kEnough = 48L * 1024;
     const steady_clock::time_point deadline = steady_clock::now() + std::chrono::seconds(10);
-    while (client.anonymousMemory() > enough && steady_clock::now() < deadline) continue;
-    EXPECT_LE(client.anonymousMemory(), enough);
+    while (client.anonymousMemory() > kEnough && steady_clock::now() < deadline) continue;
+    EXPECT_LE(client.anonymousMemory(), kEnough);
 }
 #endif
 

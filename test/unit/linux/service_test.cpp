@@ -73,9 +73,9 @@ Vlans vlans(const std::vector<uint32_t>& mtus) {
     return all;
 }
 
-constexpr Service::Clock::time_point start{1000s};
+constexpr Service::Clock::time_point kStart{1000s};
 
-const char* const nothing = "STATUS=no interface is named bcm0.N with an MTU from 576 to 16383";
+const char* const kNothing = "STATUS=no interface is named bcm0.N with an MTU from 576 to 16383";
 
 }  // namespace
 
@@ -103,7 +103,7 @@ TEST(Service, ReportsEachChangeOfWhatItServesOnce) {
         service.serves(vlans({1400, 1400, 1400}));
         EXPECT_EQ(manager.next(), "STATUS=serving 3 VLANs");
         service.serves(vlans({}));
-        EXPECT_EQ(manager.next(), nothing);
+        EXPECT_EQ(manager.next(), kNothing);
         service.serves(vlans({1280}));
         EXPECT_EQ(manager.next(), "STATUS=serving 1 VLAN");
         EXPECT_FALSE(manager.poll());
@@ -125,7 +125,7 @@ TEST(Service, ThatServesNothingIsReadyAndSaysSoInTheLog) {
         Manager manager;
         Service service;
         service.ready(vlans({575}));
-        EXPECT_EQ(manager.next(), nothing);
+        EXPECT_EQ(manager.next(), kNothing);
         EXPECT_EQ(manager.next(), "READY=1");
         const std::string datagram = log.next();
         EXPECT_EQ(lineOf(datagram),
@@ -152,15 +152,15 @@ TEST(Service, GivesThreeSignsOfLifePerIntervalOfTheWatchdog) {
         EXPECT_EQ(service.interval(), 3333);
         manager.next();
         EXPECT_EQ(manager.next(), "READY=1");
-        service.keepAlive(start);
+        service.keepAlive(kStart);
         EXPECT_EQ(manager.next(), "WATCHDOG=1");
-        service.keepAlive(start + 3332ms);
+        service.keepAlive(kStart + 3332ms);
         EXPECT_FALSE(manager.poll());
-        service.keepAlive(start + 3333ms);
+        service.keepAlive(kStart + 3333ms);
         EXPECT_EQ(manager.next(), "WATCHDOG=1");
-        service.keepAlive(start + 6665ms);
+        service.keepAlive(kStart + 6665ms);
         EXPECT_FALSE(manager.poll());
-        service.keepAlive(start + 6666ms);
+        service.keepAlive(kStart + 6666ms);
         EXPECT_EQ(manager.next(), "WATCHDOG=1");
     });
 }
@@ -193,8 +193,8 @@ TEST(Service, GivesNoSignOfLifeWithoutAWatchdog) {
         EXPECT_EQ(service.interval(), -1);
         manager.next();
         EXPECT_EQ(manager.next(), "READY=1");
-        service.keepAlive(start);
-        service.keepAlive(start + 1h);
+        service.keepAlive(kStart);
+        service.keepAlive(kStart + 1h);
         EXPECT_FALSE(manager.poll());
     });
 }
@@ -250,7 +250,7 @@ TEST_F(ServiceOfTheReceiveThread, IsReadyAndFollowsTheInterfaces) {
         EXPECT_EQ(manager.next(), "STATUS=serving 1 VLAN");
         run("ip link set bcm0.10 down");
         run("ip link set bcm0.10 name uplink");
-        EXPECT_EQ(manager.next(), nothing);
+        EXPECT_EQ(manager.next(), kNothing);
         run("ip link set uplink name bcm0.4094");
         EXPECT_EQ(manager.next(), "STATUS=serving 1 VLAN");
         EXPECT_FALSE(manager.poll());

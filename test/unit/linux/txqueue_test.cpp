@@ -15,7 +15,7 @@ namespace {
 
 using Record = st_pktd_shm_queue_entry_data_t;
 
-void* const queue = pktd_tx_queue_pool + 8;
+void* const kQueue = pktd_tx_queue_pool + 8;
 
 void attach() {
     ASSERT_EQ(pktd_shm_queue_init("pmtud", 0, 1, pktd_tx_queue_pool, pktd_rx_queue_pool), 0);
@@ -82,7 +82,7 @@ TEST_F(TransmitQueue, PostsOutOfTheVlanWithoutItsTag) {
         const Bytes bytes = frame(10);
         const auto record = recordOf(bytes, 10);
         uint32_t out = 0;
-        EXPECT_EQ(shm_data_entry_post(queue, record.get(), bytes.size(), &out), 0);
+        EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), bytes.size(), &out), 0);
         EXPECT_EQ(out, 74U);
         EXPECT_EQ(atA.next(isPosted)[0], 0x45);
     });
@@ -94,7 +94,7 @@ TEST_F(TransmitQueue, PostsAnUntaggedFrameAsItStands) {
         Capture atA("a");
         const Bytes bytes = frame(0);
         const auto record = recordOf(bytes, 10);
-        EXPECT_EQ(shm_data_entry_post(queue, record.get(), bytes.size(), nullptr), 0);
+        EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), bytes.size(), nullptr), 0);
         EXPECT_EQ(atA.next(isPosted)[0], 0x45);
     });
 }
@@ -105,7 +105,7 @@ TEST_F(TransmitQueue, KeepsTheTagOfAnotherVlan) {
         const Bytes bytes = frame(11);
         const auto record = recordOf(bytes, 10);
         uint32_t out = 0;
-        EXPECT_EQ(shm_data_entry_post(queue, record.get(), bytes.size(), &out), 0);
+        EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), bytes.size(), &out), 0);
         EXPECT_EQ(out, 78U);
     });
 }
@@ -120,7 +120,7 @@ TEST_F(TransmitQueue, PostsOutOfTheUnitAndPort) {
         record->ctrl.dst_port = static_cast<int32_t>(if_nametoindex("bcm0.10")) - 1;
         record->ctrl.dst_valid = 1;
         uint32_t out = 0;
-        EXPECT_EQ(shm_data_entry_post(queue, record.get(), bytes.size(), &out), 0);
+        EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), bytes.size(), &out), 0);
         EXPECT_EQ(out, 74U);
         EXPECT_EQ(atA.next(isPosted)[0], 0x45);
     });
@@ -134,7 +134,7 @@ TEST_F(TransmitQueue, KeepsTheTagOutOfAPortThatIsNoVlan) {
         record->ctrl.dst_port = static_cast<int32_t>(if_nametoindex("fence")) - 1;
         record->ctrl.dst_valid = 1;
         uint32_t out = 0;
-        EXPECT_EQ(shm_data_entry_post(queue, record.get(), bytes.size(), &out), 0);
+        EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), bytes.size(), &out), 0);
         EXPECT_EQ(out, 78U);
     });
 }
@@ -149,7 +149,7 @@ TEST_F(TransmitQueue, KeepsTheTagThatOnlyHasAPriority) {
         record->ctrl.dst_port = static_cast<int32_t>(if_nametoindex("fence")) - 1;
         record->ctrl.dst_valid = 1;
         uint32_t out = 0;
-        EXPECT_EQ(shm_data_entry_post(queue, record.get(), bytes.size(), &out), 0);
+        EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), bytes.size(), &out), 0);
         EXPECT_EQ(out, 78U);
     });
 }
@@ -160,19 +160,19 @@ TEST_F(TransmitQueue, RefusesWhereThereIsNoSuchVlanOrPort) {
         const Bytes bytes = frame(0);
         uint32_t out = 77;
         for (const int vid : {-1, 0, 99, 4095})
-            EXPECT_EQ(shm_data_entry_post(queue, recordOf(bytes, vid).get(), bytes.size(), &out),
+            EXPECT_EQ(shm_data_entry_post(kQueue, recordOf(bytes, vid).get(), bytes.size(), &out),
                       -ENODEV)
                 << vid;
         const auto record = recordOf(bytes, 10);
         record->ctrl.dst_valid = 1;
         for (const int port : {-1, 9998, 2147483647}) {
             record->ctrl.dst_port = port;
-            EXPECT_EQ(shm_data_entry_post(queue, record.get(), bytes.size(), &out), -ENODEV)
+            EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), bytes.size(), &out), -ENODEV)
                 << port;
         }
         record->ctrl.dst_port = static_cast<int32_t>(if_nametoindex("bcm0.10")) - 1;
         record->ctrl.dst_unit = 1;
-        EXPECT_EQ(shm_data_entry_post(queue, record.get(), bytes.size(), &out), -ENODEV);
+        EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), bytes.size(), &out), -ENODEV);
         EXPECT_EQ(out, 77U);
     });
 }
@@ -181,11 +181,11 @@ TEST_F(TransmitQueue, RefusesWhatIsNoFrame) {
     inOwnProcess([] {
         attach();
         const auto record = recordOf(frame(0), 10);
-        EXPECT_EQ(shm_data_entry_post(queue, record.get(), 13, nullptr), -EINVAL);
-        EXPECT_EQ(shm_data_entry_post(queue, record.get(), 9001, nullptr), -EMSGSIZE);
-        EXPECT_EQ(shm_data_entry_post(queue, nullptr, 74, nullptr), -EINVAL);
+        EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), 13, nullptr), -EINVAL);
+        EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), 9001, nullptr), -EMSGSIZE);
+        EXPECT_EQ(shm_data_entry_post(kQueue, nullptr, 74, nullptr), -EINVAL);
         // More than the VLAN takes.
-        EXPECT_EQ(shm_data_entry_post(queue, record.get(), 1519, nullptr), -EMSGSIZE);
+        EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), 1519, nullptr), -EMSGSIZE);
     });
 }
 
@@ -202,6 +202,6 @@ TEST_F(TransmitQueue, BeginsEightBytesIntoItsPool) {
 TEST_F(TransmitQueue, IsReachedByAttaching) {
     inOwnProcess([] {
         const auto record = recordOf(frame(0), 10);
-        EXPECT_EQ(shm_data_entry_post(queue, record.get(), 74, nullptr), -ENOTCONN);
+        EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), 74, nullptr), -ENOTCONN);
     });
 }

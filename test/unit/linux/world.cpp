@@ -81,7 +81,7 @@ void isolate() {
 
 void awaitReadable(int fd, const char* what) {
     pollfd readable{fd, POLLIN, 0};
-    const int limit = static_cast<int>(std::chrono::milliseconds(patience).count());
+    const int limit = static_cast<int>(std::chrono::milliseconds(kPatience).count());
     const int result = poll(&readable, 1, limit);
     check(result >= 0, "poll");
     if (result == 0) throw std::runtime_error(std::string("waited in vain for ") + what);
@@ -132,12 +132,13 @@ Capture::Capture(const std::string& host, const std::string& interface) {
     const auto open = [&] {
         m_socket.reset(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         check(m_socket.valid(), "packet socket");
-        constexpr int room = 32 << 20;
-        check(setsockopt(m_socket.get(), SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room) == 0,
+        constexpr int kRoom = 32 << 20;
+        check(setsockopt(m_socket.get(), SOL_SOCKET, SO_RCVBUFFORCE, &kRoom, sizeof kRoom) == 0,
               "room of a capture");
-        constexpr int yes = 1;
-        check(setsockopt(m_socket.get(), SOL_PACKET, PACKET_IGNORE_OUTGOING, &yes, sizeof yes) == 0,
-              "incoming packets only");
+        constexpr int kYes = 1;
+        check(
+            setsockopt(m_socket.get(), SOL_PACKET, PACKET_IGNORE_OUTGOING, &kYes, sizeof kYes) == 0,
+            "incoming packets only");
         const sockaddr_ll link = address(static_cast<int>(if_nametoindex(interface.c_str())));
         check(bind(m_socket.get(), reinterpret_cast<const sockaddr*>(&link), sizeof link) == 0,
               "bind");
@@ -171,10 +172,10 @@ RuleChanges::RuleChanges() {
     sockaddr_nl any{};
     any.nl_family = AF_NETLINK;
     check(bind(m_socket.get(), reinterpret_cast<const sockaddr*>(&any), sizeof any) == 0, "bind");
-    constexpr int group = NFNLGRP_NFTABLES;
-    check(
-        setsockopt(m_socket.get(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) == 0,
-        "nftables events");
+    constexpr int kGroup = NFNLGRP_NFTABLES;
+    check(setsockopt(m_socket.get(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &kGroup, sizeof kGroup) ==
+              0,
+          "nftables events");
 }
 
 void RuleChanges::await() {
@@ -301,8 +302,8 @@ void World::sendFence() {
 
 uint64_t handedOver(const std::string& interface) {
     const std::string text = output("nft list counter inet pmtud " + interface);
-    constexpr std::string_view before = "packets ";
-    const size_t at = text.find(before);
+    constexpr std::string_view kBefore = "packets ";
+    const size_t at = text.find(kBefore);
     if (at == std::string::npos) throw std::runtime_error("no counter " + interface);
-    return std::stoull(text.substr(at + before.size()));
+    return std::stoull(text.substr(at + kBefore.size()));
 }

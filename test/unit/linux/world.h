@@ -26,7 +26,7 @@
 void isolate();
 
 /// How long a test waits for an event before it fails: twice what all VLANs take under valgrind.
-constexpr std::chrono::seconds patience{45};
+constexpr std::chrono::seconds kPatience{45};
 
 /// Waits until the descriptor is readable; throws std::runtime_error naming `what` when
 /// patience runs out.

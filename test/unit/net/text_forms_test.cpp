@@ -51,8 +51,8 @@ TEST(ByteDump, HasNoLeadingZerosAndNoTrailingBlank) {
 }
 
 TEST(ByteDump, KeepsAZeroThatIsNotLeading) {
-    constexpr std::array<uint8_t, 2> bytes = {0x10, 0xF0};
-    EXPECT_EQ(byteDump(bytes.data(), 2), "10 f0");
+    constexpr std::array<uint8_t, 2> kPair = {0x10, 0xF0};
+    EXPECT_EQ(byteDump(kPair.data(), 2), "10 f0");
 }
 
 TEST(ByteDump, WritesEveryDigitInLowerCase) {
@@ -62,8 +62,8 @@ TEST(ByteDump, WritesEveryDigitInLowerCase) {
 TEST(ByteDump, OfOneByteHasNoBlank) { EXPECT_EQ(byteDump(kBytes.data(), 1), "0"); }
 
 TEST(ByteDump, WritesFifteenAsOneDigitAndSixteenAsTwo) {
-    constexpr std::array<uint8_t, 2> bytes = {0x0F, 0x10};
-    EXPECT_EQ(byteDump(bytes.data(), 2), "f 10");
+    constexpr std::array<uint8_t, 2> kPair = {0x0F, 0x10};
+    EXPECT_EQ(byteDump(kPair.data(), 2), "f 10");
 }
 
 TEST(ByteDump, OfNoBytesIsEmpty) { EXPECT_EQ(byteDump(kBytes.data(), 0), ""); }

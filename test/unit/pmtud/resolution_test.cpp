@@ -166,7 +166,7 @@ struct Answer {
 using VlanCase = std::tuple<Family, Answer<int>>;
 using MtuCase = std::tuple<Family, Answer<uint32_t>>;
 
-const auto caseName = [](const auto& row) {
+const auto kCaseName = [](const auto& row) {
     return std::string(std::get<0>(row.param).name) + std::get<1>(row.param).name;
 };
 
@@ -186,7 +186,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Combine(testing::ValuesIn(kFamilies),
                      testing::Values(Answer<int>{"Vlan1", 1}, Answer<int>{"Vlan2", 2},
                                      Answer<int>{"Vlan4093", 4093}, Answer<int>{"Vlan4094", 4094})),
-    caseName);
+    kCaseName);
 
 class InvalidVlanTest : public EngineTest, public testing::WithParamInterface<VlanCase> {};
 
@@ -207,7 +207,7 @@ INSTANTIATE_TEST_SUITE_P(
                                      Answer<int>{"VlanMinus65535", -65535},
                                      Answer<int>{"TheSmallestVlan", kSmallest},
                                      Answer<int>{"TheLargestVlan", kLargest})),
-    caseName);
+    kCaseName);
 
 class ValidMtuTest : public EngineTest, public testing::WithParamInterface<MtuCase> {};
 
@@ -228,7 +228,7 @@ INSTANTIATE_TEST_SUITE_P(Mtus, ValidMtuTest,
                                                           Answer<uint32_t>{"Mtu9000", 9000},
                                                           Answer<uint32_t>{"Mtu16382", 16382},
                                                           Answer<uint32_t>{"Mtu16383", 16383})),
-                         caseName);
+                         kCaseName);
 
 class InvalidMtuTest : public EngineTest, public testing::WithParamInterface<MtuCase> {};
 
@@ -250,7 +250,7 @@ INSTANTIATE_TEST_SUITE_P(
                                      Answer<uint32_t>{"Mtu67036", 67036},
                                      Answer<uint32_t>{"Mtu2147485148", 2147485148U},
                                      Answer<uint32_t>{"Mtu4294967295", 4294967295U})),
-    caseName);
+    kCaseName);
 
 // The line of a successful resolution.
 

@@ -21,9 +21,9 @@ int counted = 0;
 constexpr int kDepth = 16;
 std::array<std::array<void*, kDepth>, 64> callers;
 
-void* allocate(std::size_t size) {
+void* allocate(size_t size) {
     if (counting && counted < static_cast<int>(callers.size())) {
-        auto& stack = callers[static_cast<std::size_t>(counted++)];
+        auto& stack = callers[static_cast<size_t>(counted++)];
         stack.fill(nullptr);
         backtrace(stack.data(), kDepth);
     }
@@ -37,7 +37,7 @@ std::string nearestCaller(const std::array<void*, kDepth>& stack) {
     Dl_info self;
     dladdr(reinterpret_cast<void*>(&bench::printAllocations), &self);
     // The first is operator new itself.
-    for (std::size_t i = 2; i < stack.size() && stack[i] != nullptr; ++i) {
+    for (size_t i = 2; i < stack.size() && stack[i] != nullptr; ++i) {
         Dl_info info;
         if (dladdr(stack[i], &info) == 0 || info.dli_fbase != self.dli_fbase) continue;
         std::array<char, 32> offset;
@@ -50,10 +50,10 @@ std::string nearestCaller(const std::array<void*, kDepth>& stack) {
 
 }  // namespace
 
-void* operator new(std::size_t size) { return allocate(size); }
+void* operator new(size_t size) { return allocate(size); }
 // Not inline: GCC 12 at -O1 would take free for the counterpart of an operator new of its own.
 [[gnu::noinline]] void operator delete(void* memory) noexcept { free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { operator delete(memory); }
+void operator delete(void* memory, size_t) noexcept { operator delete(memory); }
 
 namespace bench {
 
@@ -66,8 +66,7 @@ void printAllocations(int family) {
     reply(family, 1);
     counting = false;
     std::map<std::string, int> byCaller;
-    for (int i = 0; i < counted; ++i)
-        ++byCaller[nearestCaller(callers[static_cast<std::size_t>(i)])];
+    for (int i = 0; i < counted; ++i) ++byCaller[nearestCaller(callers[static_cast<size_t>(i)])];
     for (const auto& [caller, count] : byCaller) printf("%d %s\n", count, caller.c_str());
     counted = 0;
 }

@@ -10,9 +10,9 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
 namespace bench {
 
@@ -20,8 +20,8 @@ namespace {
 
 void enterNewNetwork() {
     if (unshare(CLONE_NEWNET) == 0) return;
-    throw std::runtime_error(std::string("no network namespace to be had (") + strerror(errno) +
-                             "): run as root, or with CAP_SYS_ADMIN");
+    throw std::system_error(errno, std::generic_category(),
+                            "no network namespace: run as root, or with CAP_SYS_ADMIN");
 }
 
 void run(const std::string& command) {

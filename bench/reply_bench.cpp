@@ -52,8 +52,8 @@ __attribute__((format(printf, 1, 2))) void line(const char* format, ...) {
     const int name = snprintf(text.data(), text.size(), " %s: ", "PMTUD-Prot");
     va_list arguments;
     va_start(arguments, format);
-    vsnprintf(&text[static_cast<std::size_t>(name)], text.size() - static_cast<std::size_t>(name),
-              format, arguments);
+    vsnprintf(&text[static_cast<size_t>(name)], text.size() - static_cast<size_t>(name), format,
+              arguments);
     va_end(arguments);
     debug_process(89, "%s", text.data());
 }

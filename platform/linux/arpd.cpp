@@ -26,7 +26,7 @@ int arpd_icmp6_socket_create(int32_t* fd, const char* ifname) {
     if (setsockopt(raw.get(), IPPROTO_ICMPV6, ICMP6_FILTER, &nothing, sizeof nothing) != 0)
         return -errno;
 
-    const auto length = static_cast<socklen_t>(std::strlen(ifname));
+    const auto length = static_cast<socklen_t>(strlen(ifname));
     if (setsockopt(raw.get(), SOL_SOCKET, SO_BINDTODEVICE, ifname, length) != 0) return -errno;
 
     *fd = raw.release();
@@ -55,7 +55,7 @@ int arpd_ipv6_pkt_send(int32_t fd, const sockaddr_in6* to, const iovec* iov, int
         header->cmsg_len = CMSG_LEN(sizeof(in6_pktinfo));
         in6_pktinfo info{};
         info.ipi6_ifindex = ifindex;
-        std::memcpy(CMSG_DATA(header), &info, sizeof info);
+        memcpy(CMSG_DATA(header), &info, sizeof info);
     }
 
     const ssize_t sent = sendmsg(fd, &message, MSG_NOSIGNAL);

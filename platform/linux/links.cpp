@@ -75,7 +75,7 @@ std::optional<Link> decodeLink(const nlmsghdr& message) {
     if (message.nlmsg_type != RTM_NEWLINK && message.nlmsg_type != RTM_DELLINK) return std::nullopt;
     if (mnl_nlmsg_get_payload_len(&message) < sizeof(ifinfomsg)) return std::nullopt;
     ifinfomsg header;
-    std::memcpy(&header, mnl_nlmsg_get_payload(&message), sizeof header);
+    memcpy(&header, mnl_nlmsg_get_payload(&message), sizeof header);
     // A bridge announces its ports with messages of its own family; there, "deleted"
     // means that the interface left the bridge.
     if (header.ifi_family != AF_UNSPEC) return std::nullopt;

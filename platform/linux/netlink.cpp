@@ -13,7 +13,7 @@ size_t wholeMessages(const char* bytes, size_t length) {
     size_t whole = 0;
     while (length - whole >= sizeof(nlmsghdr)) {
         nlmsghdr header;
-        std::memcpy(&header, bytes + whole, sizeof header);
+        memcpy(&header, bytes + whole, sizeof header);
         const size_t claimed = header.nlmsg_len;
         if (claimed < sizeof header || claimed > length - whole) break;
         // The last one may end without the padding of the others.

@@ -223,10 +223,11 @@ std::string changeSmallest(const std::set<uint32_t>& before, const std::set<uint
     const std::string chain = "fits-every-vlan";
     const uint32_t smallest = after.empty() ? 0 : *after.begin();
     if (smallest == (before.empty() ? 0 : *before.begin())) return {};
-    const std::string flush = command("flush chain", chain);
-    if (smallest == 0) return flush;
-    return flush +
-           command("add rule", chain + " meta length <= " + std::to_string(smallest) + " accept");
+    std::string commands = command("flush chain", chain);
+    if (smallest != 0)
+        commands +=
+            command("add rule", chain + " meta length <= " + std::to_string(smallest) + " accept");
+    return commands;
 }
 
 }  // namespace

@@ -3,7 +3,7 @@
 #include "start_problem.h"
 
 #include <cerrno>
-#include <cstring>
+#include <system_error>
 
 namespace pmtud_linux {
 
@@ -30,7 +30,7 @@ std::string causeOf(int error) {
         case ENOBUFS:
             return "out of memory";
         default:
-            return strerror(error);
+            return std::generic_category().message(error);
     }
 }
 

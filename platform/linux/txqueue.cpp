@@ -52,8 +52,8 @@ int fillRecord(st_pktd_shm_queue_entry_data_t* record, int proto, int vid, const
                size_t length) {
     if (record == nullptr || frame == nullptr) return -EINVAL;
     if (length > sizeof record->opaque_0) return -EMSGSIZE;
-    std::memset(record, 0, sizeof *record);
-    std::memcpy(record->opaque_0, frame, length);
+    memset(record, 0, sizeof *record);
+    memcpy(record->opaque_0, frame, length);
     record->ctrl.proto = proto;
     record->ctrl.vid = vid;
     return 0;
@@ -88,7 +88,7 @@ int TxQueue::post(const st_pktd_shm_queue_entry_data_t& record, size_t length, u
     sockaddr_ll to{};
     to.sll_family = AF_PACKET;
     to.sll_ifindex = egress.ifindex;
-    std::memcpy(&to.sll_protocol, frame + rest, sizeof to.sll_protocol);
+    memcpy(&to.sll_protocol, frame + rest, sizeof to.sll_protocol);
     msghdr message{};
     message.msg_name = &to;
     message.msg_namelen = sizeof to;

@@ -37,8 +37,8 @@ std::string nameOfInterface(int socket, int ifindex) {
 
 bool putName(ifreq& request, std::string_view name) {
     if (name.size() >= sizeof request.ifr_name) return false;
-    std::memset(request.ifr_name, 0, sizeof request.ifr_name);
-    std::memcpy(request.ifr_name, name.data(), name.size());
+    memset(request.ifr_name, 0, sizeof request.ifr_name);
+    memcpy(request.ifr_name, name.data(), name.size());
     return true;
 }
 

@@ -29,7 +29,7 @@ class FinishedLine {
     FinishedLine& operator=(const FinishedLine&) = delete;
     ~FinishedLine() {
         // A dump of a whole packet takes some 200 KiB; that much is not kept.
-        constexpr std::size_t kKept = 4096;
+        constexpr size_t kKept = 4096;
         if (m_text.capacity() > kKept) return;
         m_text.clear();
         idleStream.str(std::move(m_text));
@@ -61,7 +61,7 @@ std::string nowTime() {
     const auto milliseconds = static_cast<long>(now.tv_usec / 1000);
 
     // The limit of 11 is meant: it leaves the tenth of a second and cuts the rest.
-    constexpr std::size_t kLimit = 11;
+    constexpr size_t kLimit = 11;
     std::array<char, 100> text{};
     snprintf(text.data(), kLimit, "%s.%03ld", clock.data(), milliseconds);
     return text.data();
@@ -70,7 +70,7 @@ std::string nowTime() {
 std::string toString(LogLevel level) {
     static constexpr std::array<const char*, 8> kNames = {"ERROR",  "WARNING", "INFO",   "DEBUG",
                                                           "DEBUG1", "DEBUG2",  "DEBUG3", "DEBUG4"};
-    return kNames[static_cast<std::size_t>(level)];
+    return kNames[static_cast<size_t>(level)];
 }
 
 void Output2FilePolicy::output(uint32_t /*channel*/, std::ostringstream& os, int32_t /*reserved*/) {

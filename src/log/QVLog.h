@@ -100,12 +100,12 @@ class QVDebugProcLog : public Log<Output2DebugProcessPolicy> {
 namespace detail {
 
 /// A source file's name without its extension, as a constant of its own.
-template <std::size_t Size>
+template <size_t Size>
 struct BaseName {
     consteval BaseName(const char (&fileName)[Size]) {
         const std::string_view stem =
             std::string_view(fileName).substr(0, std::string_view(fileName).rfind('.'));
-        for (std::size_t i = 0; i < stem.size(); ++i) text[i] = stem[i];
+        for (size_t i = 0; i < stem.size(); ++i) text[i] = stem[i];
     }
     std::array<char, Size> text{};
 };

@@ -29,12 +29,12 @@
 ///     +-------------------------------+
 class EthVlanHeader {
  public:
-    static constexpr std::size_t kSize = 18;
+    static constexpr size_t kSize = 18;
 
     explicit EthVlanHeader(const uint8_t* bytes) : m_bytes(bytes) {}
 
     const uint8_t* data() const { return m_bytes; }
-    static constexpr std::size_t size() { return kSize; }
+    static constexpr size_t size() { return kSize; }
     const uint8_t* payload() const { return m_bytes + kSize; }
 
     const ether_addr* dest() const { return address(kDest); }
@@ -51,14 +51,14 @@ class EthVlanHeader {
     uint16_t proto() const { return big_endian::load16(m_bytes + kProto); }
 
  private:
-    static constexpr std::size_t kDest = 0;
-    static constexpr std::size_t kSource = 6;
-    static constexpr std::size_t kTpid = 12;
-    static constexpr std::size_t kTci = 14;
-    static constexpr std::size_t kProto = 16;
+    static constexpr size_t kDest = 0;
+    static constexpr size_t kSource = 6;
+    static constexpr size_t kTpid = 12;
+    static constexpr size_t kTci = 14;
+    static constexpr size_t kProto = 16;
 
     static_assert(alignof(ether_addr) == 1 && sizeof(ether_addr) == 6);
-    const ether_addr* address(std::size_t offset) const {
+    const ether_addr* address(size_t offset) const {
         return reinterpret_cast<const ether_addr*>(m_bytes + offset);
     }
 

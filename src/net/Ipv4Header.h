@@ -30,12 +30,12 @@ class Ipv4Header {
  public:
     /// The largest header that IHL can describe, on purpose whatever this header's IHL
     /// says: dump and quote take this many bytes.  The true length is ihl().
-    static constexpr std::size_t kSize = 60;
+    static constexpr size_t kSize = 60;
 
     explicit Ipv4Header(const uint8_t* bytes) : m_bytes(bytes) {}
 
     const uint8_t* data() const { return m_bytes; }
-    static constexpr std::size_t size() { return kSize; }
+    static constexpr size_t size() { return kSize; }
 
     uint8_t version() const { return m_bytes[kVersionIhl] >> 4 & 0xF; }
     /// Header length in 32-bit words, 0 to 15.
@@ -59,18 +59,18 @@ class Ipv4Header {
     boost::asio::ip::address_v4 dst() const { return address(kDst); }
 
  private:
-    static constexpr std::size_t kVersionIhl = 0;
-    static constexpr std::size_t kTos = 1;
-    static constexpr std::size_t kTotalLength = 2;
-    static constexpr std::size_t kId = 4;
-    static constexpr std::size_t kFlags = 6;
-    static constexpr std::size_t kTtl = 8;
-    static constexpr std::size_t kProtocol = 9;
-    static constexpr std::size_t kChecksum = 10;
-    static constexpr std::size_t kSrc = 12;
-    static constexpr std::size_t kDst = 16;
+    static constexpr size_t kVersionIhl = 0;
+    static constexpr size_t kTos = 1;
+    static constexpr size_t kTotalLength = 2;
+    static constexpr size_t kId = 4;
+    static constexpr size_t kFlags = 6;
+    static constexpr size_t kTtl = 8;
+    static constexpr size_t kProtocol = 9;
+    static constexpr size_t kChecksum = 10;
+    static constexpr size_t kSrc = 12;
+    static constexpr size_t kDst = 16;
 
-    boost::asio::ip::address_v4 address(std::size_t offset) const {
+    boost::asio::ip::address_v4 address(size_t offset) const {
         return boost::asio::ip::address_v4(big_endian::load32(m_bytes + offset));
     }
 

@@ -29,7 +29,7 @@
 ///     +---------------------------------------------------------------+
 class Ipv6Header {
  public:
-    static constexpr std::size_t kSize = 40;
+    static constexpr size_t kSize = 40;
 
     explicit Ipv6Header(const uint8_t* bytes) : m_bytes(bytes) {}
 
@@ -49,14 +49,14 @@ class Ipv6Header {
     uint32_t totalLength() const { return payloadLength() + uint32_t{kSize}; }
 
  private:
-    static constexpr std::size_t kVersion = 0;
-    static constexpr std::size_t kPayloadLength = 4;
-    static constexpr std::size_t kNextHeader = 6;
-    static constexpr std::size_t kHopLimit = 7;
-    static constexpr std::size_t kSrc = 8;
-    static constexpr std::size_t kDst = 24;
+    static constexpr size_t kVersion = 0;
+    static constexpr size_t kPayloadLength = 4;
+    static constexpr size_t kNextHeader = 6;
+    static constexpr size_t kHopLimit = 7;
+    static constexpr size_t kSrc = 8;
+    static constexpr size_t kDst = 24;
 
-    boost::asio::ip::address_v6 address(std::size_t offset) const {
+    boost::asio::ip::address_v6 address(size_t offset) const {
         boost::asio::ip::address_v6::bytes_type bytes;
         std::copy_n(m_bytes + offset, bytes.size(), bytes.begin());
         return boost::asio::ip::address_v6(bytes);

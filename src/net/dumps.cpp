@@ -38,20 +38,20 @@ std::string decHex(int32_t value) {
     return os.str();
 }
 
-std::string hexDump(const uint8_t* bytes, std::size_t count) {
+std::string hexDump(const uint8_t* bytes, size_t count) {
     std::string text;
     text.reserve(count * 3);
-    for (std::size_t i = 0; i < count; ++i) {
+    for (size_t i = 0; i < count; ++i) {
         if (i != 0) text += ' ';
         appendHexByte(text, bytes[i]);
     }
     return text;
 }
 
-std::string byteDump(const void* start, std::size_t count) {
+std::string byteDump(const void* start, size_t count) {
     const auto* const bytes = static_cast<const uint8_t*>(start);
     std::string text;
-    for (std::size_t i = 0; i < count; ++i) {
+    for (size_t i = 0; i < count; ++i) {
         if (i != 0) text += ' ';
         if (bytes[i] >= 0x10) text += kHexDigits[bytes[i] >> 4];
         text += kHexDigits[bytes[i] & 0xF];

@@ -19,11 +19,11 @@
 std::string decHex(int32_t value);
 
 /// Two lower-case digits a byte, a blank between bytes: "00 0a ff".  No bytes: "".
-std::string hexDump(const uint8_t* bytes, std::size_t count);
+std::string hexDump(const uint8_t* bytes, size_t count);
 
 /// Lower-case digits without leading zeros, a blank between bytes: "0 a ff".  No bytes: "".
 /// The form of the queue record's control block.
-std::string byteDump(const void* start, std::size_t count);
+std::string byteDump(const void* start, size_t count);
 
 /// Two lower-case digits a byte, joined by colons: "00:1a:2b:3c:4d:5e".
 std::string macToString(const ether_addr& address);

@@ -40,10 +40,10 @@ constexpr uint32_t kMaxMessage = 1500;
 //   4 |            unused             |         Next-hop MTU          |
 //     +-------------------------------+-------------------------------+
 constexpr uint32_t kIcmpHeaderSize = 8;
-constexpr std::size_t kIcmpType = 0;
-constexpr std::size_t kIcmpCode = 1;
-constexpr std::size_t kIcmpChecksum = 2;
-constexpr std::size_t kIcmpNextHopMtu = 6;
+constexpr size_t kIcmpType = 0;
+constexpr size_t kIcmpCode = 1;
+constexpr size_t kIcmpChecksum = 2;
+constexpr size_t kIcmpNextHopMtu = 6;
 constexpr uint8_t kDestinationUnreachable = 3;
 constexpr uint8_t kFragmentationNeeded = 4;
 constexpr uint8_t kReplyTtl = 64;
@@ -58,9 +58,9 @@ constexpr uint8_t kReplyTtl = 64;
 //   4 |                              MTU                              |
 //     +---------------------------------------------------------------+
 constexpr uint32_t kIcmp6HeaderSize = 8;
-constexpr std::size_t kIcmp6Type = 0;
-constexpr std::size_t kIcmp6Code = 1;
-constexpr std::size_t kIcmp6Mtu = 4;
+constexpr size_t kIcmp6Type = 0;
+constexpr size_t kIcmp6Code = 1;
+constexpr size_t kIcmp6Mtu = 4;
 constexpr uint8_t kPacketTooBig = 2;
 constexpr int kScatterEntries = 1;
 

@@ -15,18 +15,18 @@ class SHM_Handler {
 
     /// Handles the frame that begins at `frame` and is `len` bytes long.  True: handled, the
     /// post action that is set applies.  False: the frame is to be discarded.
-    virtual bool handleFrame(uint8_t& frame, std::size_t len) = 0;
+    virtual bool handleFrame(uint8_t& frame, size_t len) = 0;
 };
 
 /// Makes a handler of an object, which it does not own, and one of its member functions.
 template <typename T>
 class SHM_HandlerImpl : public SHM_Handler {
  public:
-    using Handler = bool (T::*)(uint8_t&, std::size_t);
+    using Handler = bool (T::*)(uint8_t&, size_t);
 
     SHM_HandlerImpl(T* object, Handler handler) : m_object(object), m_handler(handler) {}
 
-    bool handleFrame(uint8_t& frame, std::size_t len) override {
+    bool handleFrame(uint8_t& frame, size_t len) override {
         return (m_object->*m_handler)(frame, len);
     }
 

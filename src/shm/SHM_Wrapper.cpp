@@ -13,7 +13,7 @@ namespace {
 
 constexpr char kClientName[] = "pmtud";
 constexpr uint16_t kTpid8021Q = 0x8100;
-constexpr std::size_t kTxQueueInPool = 8;
+constexpr size_t kTxQueueInPool = 8;
 constexpr uint32_t kPostKind = 4;
 
 /// A number that the record counts from 0, as the front panel counts it, from 1.

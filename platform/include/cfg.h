@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* The configuration service: what the daemon asks of the switch's configuration. */
+/* The configuration service: the daemon's queries to the switch's configuration. */
 #ifndef PMTUD_PLATFORM_CFG_H
 #define PMTUD_PLATFORM_CFG_H
 
@@ -10,35 +10,35 @@ extern "C" {
 #endif
 
 /*
- * Start-up calls, made once each and in this order on the main thread before
- * any frame is handled.  The daemon does not look at their results: an
- * implementation that fails must leave the calls below answering "nothing".
+ * Start-up calls, made once each, in this order, on the main thread before any
+ * frame is handled. The daemon ignores their results: after a failure, the
+ * queries below must answer "none".
  */
 
-/* Attach to the service.  0, or a negative errno value. */
+/* Attach to the service. 0, or a negative errno value. */
 int cfg_init(void);
 
-/* Register this process under the NUL-terminated name.  0, or a negative errno value. */
+/* Register this process under the NUL-terminated name. 0, or a negative errno value. */
 int cfg_add_pid(const char* process);
 
-/* Bring the process's time zone up to date.  0, or a negative errno value. */
+/* Update the process's time zone. 0, or a negative errno value. */
 int updateTZ(void);
 
-/* Withdraw the registration of cfg_add_pid; called on the main thread on the way out. */
+/* Undo cfg_add_pid; called on the main thread before the process exits. */
 int cfg_clear_pid(void);
 
 /*
- * Questions, asked afresh for every frame on the receive thread.  Each answers
- * from the configuration as it is at that moment and must not block for long.
+ * Queries, repeated for every frame on the receive thread. Each answers from the
+ * configuration at that moment and must not block for long.
  */
 
-/* The VLAN (1 to 4094) by which this egress leaves; any other value: unknown egress. */
+/* The VLAN (1 to 4094) via which this egress leaves; any other value: unknown egress. */
 int cfg_vlan_l3_get_dest_vlan(int egress);
 
-/* The MTU of this layer-3 VLAN in bytes, IP header included; 0: no such VLAN. */
+/* The MTU of this layer-3 VLAN in bytes, including the IP header; 0: no such VLAN. */
 uint32_t cfg_vlan_l3_get_mtu(int vlan);
 
-/* The VLAN whose MTU setting holds for this VLAN; any value outside 1 to 4094: none. */
+/* The VLAN whose MTU setting applies to this VLAN; any value outside 1 to 4094: none. */
 int cfg_vlan_l3_get_mtu_vlan(int vlan);
 
 #ifdef __cplusplus

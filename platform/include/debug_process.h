@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* The debug process: where ungated diagnostic lines go. */
+/* The debug process, which receives diagnostic lines of every level. */
 #ifndef PMTUD_PLATFORM_DEBUG_PROCESS_H
 #define PMTUD_PLATFORM_DEBUG_PROCESS_H
 
@@ -10,10 +10,10 @@ extern "C" {
 #endif
 
 /*
- * Hand over one line, printf-style, for the module numbered `channel`.  Called
- * several times a frame on the receive thread, so it must not block; it must be
- * callable from any thread.  The line carries no line end.  The result is 0 where the
- * line was taken and a negative errno value where it was lost; the daemon ignores it.
+ * Log one line, printf-style, for module number `channel`. The daemon calls it
+ * several times per frame on the receive thread, so it must not block. It must be
+ * callable from any thread. The line has no line end. Returns 0 if the line was
+ * accepted and a negative errno value if it was lost; the daemon ignores the result.
  */
 int debug_process(uint32_t channel, const char* format, ...) __attribute__((format(printf, 2, 3)));
 

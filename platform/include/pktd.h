@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* The packet-dispatch queue: how frames reach the daemon and how it posts its own. */
+/* The packet-dispatch queue: delivers frames to the daemon and accepts frames from it. */
 #ifndef PMTUD_PLATFORM_PKTD_H
 #define PMTUD_PLATFORM_PKTD_H
 
@@ -12,7 +12,7 @@
 extern "C" {
 #endif
 
-/* What the receive callback answers for its frame. */
+/* The receive callback's verdicts. */
 enum {
     PKTD_VERDICT_INVALID = 1, /* no valid action had been set */
     PKTD_VERDICT_DISCARD = 7, /* drop the frame */
@@ -21,54 +21,55 @@ enum {
 };
 
 /*
- * The queues' memory.  The daemon only passes the addresses; the transmit queue
- * proper begins 8 bytes into its pool.
+ * The queues' memory. The daemon only passes the addresses on. The transmit queue
+ * itself begins 8 bytes into its pool.
  */
 extern uint8_t pktd_tx_queue_pool[25980];
 extern uint8_t pktd_rx_queue_pool[25980];
 extern uint8_t pktd_rx_wl_pool[25980];
 
 /*
- * The receive callback: record, first byte of the frame (destination MAC), length
- * of the frame in bytes; it answers a verdict code.  The library calls it on one
- * thread, one frame at a time.  Record and frame stay the library's and need to hold
- * only until it returns.  The callback trusts the library in this:
- *   - at least 18 bytes of frame are readable (Ethernet header with one tag);
- *   - for EtherType 0x0800, 78 bytes; for 0x86DD, 58 bytes and, as far as the IPv6
- *     payload length says so, up to 1,510 - whatever the length argument says.  With
- *     the DEBUG level on, the IPv6 dump reads the whole packet that the payload
- *     length names: 18 + 40 + 65,535 bytes at most.
- * Bytes behind the received frame may be quoted to its sender, so they must not
- * hold anybody else's data.
+ * The receive callback takes the record, the frame (from its destination MAC) and
+ * the frame's length in bytes, and returns a verdict. The library calls it on one
+ * thread, one frame at a time. The library owns record and frame; they must stay
+ * valid only until the callback returns. The callback relies on these bytes being
+ * readable, whatever the length argument is:
+ *   - the first 18 of every frame (Ethernet header with one tag);
+ *   - for EtherType 0x0800, the first 78;
+ *   - for EtherType 0x86DD, the first 58 and as many more as the IPv6 payload length
+ *     gives, up to 1,510. At level DEBUG, the IPv6 dump reads the whole packet that the
+ *     payload length gives: at most 18 + 40 + 65,535 bytes.
+ * Bytes after the received frame may be quoted to its sender, so they must not
+ * contain anybody else's data.
  */
 typedef int (*pktd_rx_cb_t)(const st_pktd_shm_queue_entry_data_t* entry, uint8_t* frame, int len);
 
 /*
- * Attach the client to its transmit and receive queues.  Main thread, once; the
- * daemon passes 0 and 1, whose meaning is the library's.  0: attached, until the
- * process ends.  Any other value: failure (on Linux a negative errno value).
+ * Attach the client to its transmit and receive queues. Called once, on the main
+ * thread. The daemon passes 0 and 1, whose meaning is the library's. 0: attached
+ * until the process ends. Any other value: failure (on Linux a negative errno value).
  */
 int pktd_shm_queue_init(const char* client, int, int, void* tx_pool, void* rx_pool);
 
 /*
  * Start the thread that calls `callback` for every received frame until the process
- * ends.  The daemon passes 32 and 32, whose meaning is the library's, and no
- * user argument.  0: running.  Any other value: failure, and no thread was left running.
+ * ends. The daemon passes 32 and 32, whose meaning is the library's, and no user
+ * argument. 0: running. Any other value: failure, with no thread left running.
  */
 int pktd_shm_rx_thread_init(const char* client, void* rx_pool, void* rx_wl_pool, int, int,
                             pktd_rx_cb_t callback, void* user);
 
 /*
  * Fill a record for transmitting `frame` (len bytes, untagged or tagged) on VLAN
- * `vid`.  The whole record is written; it may keep the pointer only until the
- * record is posted.  0, or any other value for failure.
+ * `vid`. The whole record is written. It may keep the pointer only until it is
+ * posted. 0, or any other value for failure.
  */
 int pktd_queue_entry_data_vlan_based_init(st_pktd_shm_queue_entry_data_t* entry, int proto, int vid,
                                           const uint8_t* frame, size_t len);
 
 /*
- * Post the record, with a frame of len bytes, to the queue (the address 8 bytes into
- * pktd_tx_queue_pool).  *out is the library's to write.  0, or any other value for failure.
+ * Post the record, with a frame of len bytes, to the queue (8 bytes into
+ * pktd_tx_queue_pool). The library may write *out. 0, or any other value for failure.
  */
 int shm_data_entry_post(void* queue, st_pktd_shm_queue_entry_data_t* entry, size_t len,
                         uint32_t* out);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The qv logging framework: the line's time and level texts, and the two sinks.
+// The qv logging framework: a line's time and level, and the two sinks.
 #include "QVLog.h"
 
 #include <sys/time.h>
@@ -15,20 +15,20 @@ namespace qv {
 
 namespace {
 
-// What each line's stream is moved from: moving one looks up the facets of its locale once,
-// constructing one does so twice.  It carries the memory of the thread's last line as well.
-// An empty one allocates nothing, so it cannot fail.
+// Each line's stream is moved from this one: moving looks up the locale's facets once, constructing
+// twice. It also carries over the memory of the thread's previous line. An empty one allocates
+// nothing, so it cannot fail.
 // NOLINTNEXTLINE(cert-err58-cpp)
 thread_local std::ostringstream idleStream(std::ios_base::out);
 
-/// A line taken out of its stream; gives its memory to the thread's next line.
+/// A line taken out of its stream. Its memory goes to the thread's next line.
 class FinishedLine {
  public:
     explicit FinishedLine(std::ostringstream& os) : m_text(std::move(os).str()) {}
     FinishedLine(const FinishedLine&) = delete;
     FinishedLine& operator=(const FinishedLine&) = delete;
     ~FinishedLine() {
-        // A dump of a whole packet takes some 200 KiB; that much is not kept.
+        // A dump of a whole packet takes some 200 KiB, too much to keep.
         constexpr size_t kKept = 4096;
         if (m_text.capacity() > kKept) return;
         m_text.clear();
@@ -60,7 +60,7 @@ std::string nowTime() {
     gettimeofday(&now, nullptr);
     const auto milliseconds = static_cast<long>(now.tv_usec / 1000);
 
-    // The limit of 11 is meant: it leaves the tenth of a second and cuts the rest.
+    // 11 is intentional: it keeps tenths of a second and cuts the rest.
     constexpr size_t kLimit = 11;
     std::array<char, 100> text{};
     snprintf(text.data(), kLimit, "%s.%03ld", clock.data(), milliseconds);

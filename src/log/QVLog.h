@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The qv logging framework: levels, the gate of a statement, loggers and their sinks.
+// The qv logging framework: levels, the level check, loggers and their sinks.
 #ifndef PMTUD_QV_LOG_H
 #define PMTUD_QV_LOG_H
 
@@ -30,26 +30,24 @@ namespace detail {
 inline int32_t reportingLevelSetting = WARNING;
 }
 
-/// The least severe level that is still written to the file channel, for the whole process.
+/// The least severe level that the file channel still writes, process-wide.
 inline int32_t& reportingLevel() { return detail::reportingLevelSetting; }
 
-/// The file channel's stream: the process's standard error unless set otherwise; null
-/// switches the channel off.
+/// The file channel's stream: standard error unless set otherwise. Null turns the channel off.
 FILE*& stream();
 
 /// Whether the file channel writes statements of this level.
 inline bool isReported(LogLevel level) { return level <= reportingLevel() && stream() != nullptr; }
 
-/// The local time as "HH:MM:SS.t", t being tenths of a second.  Throws
-/// std::runtime_error where the time cannot be converted.
+/// The local time as "HH:MM:SS.t", where t is tenths of a second. Throws std::runtime_error if
+/// the time cannot be converted.
 std::string nowTime();
 
 /// The level's name; `level` must be one of the enumerators.
 std::string toString(LogLevel level);
 
-/// A logger lives for one statement: `get` begins the line, the statement inserts its
-/// message, and the destructor hands the line to Policy::output, also when an
-/// exception passes through the statement.
+/// A logger lives for one statement: `get` begins the line, the statement inserts its message, and
+/// the destructor passes the line to Policy::output, even if an exception leaves the statement.
 template <typename Policy>
 class Log {
  public:
@@ -58,9 +56,8 @@ class Log {
     Log& operator=(const Log&) = delete;
     virtual ~Log();
 
-    /// Begins a line of the file channel: time, level, and where the statement stands.
-    /// `file` is the source file's base name, `function` the compiler's pretty-function
-    /// text.
+    /// Begins a line of the file channel: time, level and the statement's place. `file` is the
+    /// source file's base name, `function` the compiler's text for the function.
     std::ostream& get(const char* file, int line, const char* function, LogLevel level);
 
     /// Begins a line for the debug process's module number `module`.
@@ -73,13 +70,13 @@ class Log {
     std::ostringstream m_os;
 };
 
-/// Writes the line, ended by CR LF, to stream().
+/// Writes the line, followed by CR LF, to stream().
 class Output2FilePolicy {
  public:
     static void output(uint32_t channel, std::ostringstream& os, int32_t reserved);
 };
 
-/// Hands the line, without a line end, to the platform's debug process.
+/// Passes the line, without a line end, to the platform's debug process.
 class Output2DebugProcessPolicy {
  public:
     static void output(uint32_t channel, std::ostringstream& os, int32_t reserved);
@@ -99,7 +96,7 @@ class QVDebugProcLog : public Log<Output2DebugProcessPolicy> {
 
 namespace detail {
 
-/// A source file's name without its extension, as a constant of its own.
+/// A source file's name without its extension, as a compile-time constant.
 template <size_t Size>
 struct BaseName {
     consteval BaseName(const char (&fileName)[Size]) {
@@ -113,7 +110,8 @@ struct BaseName {
 template <BaseName Name>
 inline constexpr auto kBaseName = Name.text;
 
-/// Ends a statement: turns the stream into void, binding weaker than << and tighter than ?:.
+/// Ends a statement: turns the stream into void. & binds more loosely than << and more tightly than
+/// ?:.
 struct EndOfStatement {
     void operator&(const std::ostream&) const {}
 };
@@ -122,12 +120,12 @@ struct EndOfStatement {
 }  // namespace qv
 
 /// A statement with a level: QV_LOG(WARNING, 40) << "text " << value;
-/// The line number is stated, not taken from the source: log lines are matched on it, so it
-/// stays when the code moves.  Nothing behind the gate is evaluated where the file channel
-/// does not report the level.
+/// The line number is stated rather than taken from the source, because log lines are matched by
+/// it: it must not change when the code moves. If the file channel does not report the level, no
+/// argument is evaluated.
 #define QV_LOG(LEVEL, LINE) QV_LOG_IN(LEVEL, LINE, __PRETTY_FUNCTION__)
 
-/// The same, for where the compiler's text of the function is not the one that lines show.
+/// The same, for functions whose lines must show a text other than the compiler's.
 #define QV_LOG_IN(LEVEL, LINE, FUNCTION)                                                  \
     !::qv::isReported(::qv::LogLevel::LEVEL)                                              \
         ? static_cast<void>(0)                                                            \

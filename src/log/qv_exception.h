@@ -7,7 +7,7 @@
 
 namespace qv {
 
-/// Deliberately no public std::exception: only a handler that names qv::exception catches it.
+/// Deliberately not a public std::exception: only a handler that names qv::exception catches it.
 class exception : private std::runtime_error {
  public:
     using std::runtime_error::runtime_error;

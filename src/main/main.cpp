@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The process entry: one life of the daemon, from PID file to parked main thread.
+// The daemon's entry point: from the PID file to the parked main thread.
 #include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>
@@ -16,10 +16,10 @@
 int main() {
     int exitStatus = 0;
 
-    // Only its lock matters, and the lock goes with the process: never closed, never written.
+    // Only the lock matters, and it ends with the process: the file is never written or closed.
     const int pidFile = open("/var/run/pmtud.pid", O_RDWR | O_CREAT, 0666);
     if (flock(pidFile, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
-        // Said, and no more: a second instance runs as well.
+        // Only reported: the second instance runs too.
         QV_LOG(ERROR, 52) << "another instance is already running";
     }
 
@@ -30,7 +30,8 @@ int main() {
     try {
         VlanConfig cfg;
         PMTUDApp app(&cfg, getShmWrapperApp());
-        // A process that could not attach its queues stays, without frames, until it is killed.
+        // If the queues cannot be attached, the process stays, receiving nothing, until it is
+        // killed.
         app.run();
         while (true) usleep(500);
     } catch (qv::exception& e) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The view of an Ethernet II header with one IEEE 802.1Q tag.
+// A view of an Ethernet II header with one IEEE 802.1Q tag.
 #ifndef PMTUD_ETH_VLAN_HEADER_H
 #define PMTUD_ETH_VLAN_HEADER_H
 
@@ -10,9 +10,9 @@
 
 #include "BigEndian.h"
 
-/// A read-only view over the first byte of an Ethernet II header with exactly one
-/// 802.1Q tag.  It owns nothing and checks nothing: whoever reads a field must know that
-/// the buffer holds it.  The bytes may stand at any address.
+/// A read-only view of an Ethernet II header with exactly one 802.1Q tag, from its first byte. It
+/// owns nothing and checks nothing: callers must know that the buffer holds the field they read.
+/// The bytes may be at any address.
 ///
 ///      0                   1                   2                   3
 ///      0 1 2 3 4 5 6 7 8 9 0 1 2 3 4 5 6 7 8 9 0 1 2 3 4 5 6 7 8 9 0 1

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The view of the fixed part of an IPv4 header.
+// A view of the fixed part of an IPv4 header.
 #ifndef PMTUD_IPV4_HEADER_H
 #define PMTUD_IPV4_HEADER_H
 
@@ -9,9 +9,9 @@
 
 #include "BigEndian.h"
 
-/// A read-only view over the first byte of an IPv4 header (RFC 791 section 3.1); options
-/// are not modelled.  It owns nothing and checks nothing: whoever reads a field must know
-/// that the buffer holds it.  The bytes may stand at any address.
+/// A read-only view of an IPv4 header (RFC 791 section 3.1), from its first byte, without its
+/// options. It owns nothing and checks nothing: callers must know that the buffer holds the field
+/// they read. The bytes may be at any address.
 ///
 ///      0                   1                   2                   3
 ///      0 1 2 3 4 5 6 7 8 9 0 1 2 3 4 5 6 7 8 9 0 1 2 3 4 5 6 7 8 9 0 1
@@ -28,8 +28,8 @@
 ///     +---------------------------------------------------------------+
 class Ipv4Header {
  public:
-    /// The largest header that IHL can describe, on purpose whatever this header's IHL
-    /// says: dump and quote take this many bytes.  The true length is ihl().
+    /// The largest header that IHL can describe. Dump and quote deliberately take this many bytes,
+    /// whatever this header's IHL is. The true length is ihl().
     static constexpr size_t kSize = 60;
 
     explicit Ipv4Header(const uint8_t* bytes) : m_bytes(bytes) {}
@@ -45,7 +45,7 @@ class Ipv4Header {
     uint8_t tos() const { return m_bytes[kTos]; }
     uint16_t totalLength() const { return big_endian::load16(m_bytes + kTotalLength); }
     uint16_t id() const { return big_endian::load16(m_bytes + kId); }
-    /// All three flag bits, the reserved one included: 0 to 7.
+    /// All three flag bits, including the reserved one: 0 to 7.
     uint8_t flags() const { return m_bytes[kFlags] >> 5; }
     bool df() const { return (m_bytes[kFlags] >> 6 & 1) != 0; }
     bool mf() const { return (m_bytes[kFlags] >> 5 & 1) != 0; }
@@ -53,7 +53,7 @@ class Ipv4Header {
     uint16_t fragmentOffset() const { return big_endian::load16(m_bytes + kFlags) & 0x1FFF; }
     uint8_t ttl() const { return m_bytes[kTtl]; }
     uint8_t protocol() const { return m_bytes[kProtocol]; }
-    /// As it stands in the header; nothing verifies it.
+    /// As found in the header; nothing verifies it.
     uint16_t checksum() const { return big_endian::load16(m_bytes + kChecksum); }
     boost::asio::ip::address_v4 src() const { return address(kSrc); }
     boost::asio::ip::address_v4 dst() const { return address(kDst); }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The view of the fixed IPv6 header.
+// A view of the fixed IPv6 header.
 #ifndef PMTUD_IPV6_HEADER_H
 #define PMTUD_IPV6_HEADER_H
 
@@ -10,9 +10,9 @@
 
 #include "BigEndian.h"
 
-/// A read-only view over the first byte of an IPv6 header (RFC 8200 section 3); extension
-/// headers are not modelled.  It owns nothing and checks nothing: whoever reads a field
-/// must know that the buffer holds it.  The bytes may stand at any address.
+/// A read-only view of the fixed IPv6 header (RFC 8200 section 3), from its first byte, without
+/// extension headers. It owns nothing and checks nothing: callers must know that the buffer holds
+/// the field they read. The bytes may be at any address.
 ///
 ///      0                   1                   2                   3
 ///      0 1 2 3 4 5 6 7 8 9 0 1 2 3 4 5 6 7 8 9 0 1 2 3 4 5 6 7 8 9 0 1
@@ -39,7 +39,7 @@ class Ipv6Header {
     /// Deliberately not read: 0 for every header.
     static constexpr uint8_t trafficClass() { return 0; }
     uint32_t flowLabel() const { return big_endian::load32(m_bytes + kVersion) & 0xFFFFF; }
-    /// Bytes behind this header, extension headers included.
+    /// Bytes after this header, including extension headers.
     uint16_t payloadLength() const { return big_endian::load16(m_bytes + kPayloadLength); }
     uint8_t nextHeader() const { return m_bytes[kNextHeader]; }
     uint8_t hopLimit() const { return m_bytes[kHopLimit]; }

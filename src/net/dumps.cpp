@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The text forms of header fields, addresses and whole headers that log messages share.
+// Header fields, addresses and whole headers as text, for log messages.
 #include "dumps.h"
 
 #include <netinet/ether.h>
@@ -18,8 +18,8 @@ void appendHexByte(std::string& text, uint8_t byte) {
     text += kHexDigits[byte & 0xF];
 }
 
-/// Where an address cannot be converted, the rest of its dump is lost and the line goes out
-/// with what stands before.  Some versions of Boost.Asio throw there instead.
+/// If an address cannot be converted, the rest of its dump is lost and the line goes out with what
+/// precedes it. Some versions of Boost.Asio throw instead; this makes them do the same.
 template <typename Address>
 std::ostream& insertAddress(std::ostream& os, const Address& address) {
     try {
@@ -96,7 +96,7 @@ std::string ipv4Dump(const Ipv4Header& header) {
     os << "data[" << header.size() << "]: [" << hexDump(header.data(), header.size()) << "]"
        << std::endl;
     os << "Version: " << decHex(header.version()) << std::endl;
-    // No blank before the slash: the line is matched as it stands.
+    // The missing blank before the slash is intentional: scripts match this line.
     os << "IHL raw: " << decHex(header.ihlRaw())
        << "/ IHL: " << decHex(static_cast<int32_t>(header.ihl())) << std::endl;
     os << "TOS: " << decHex(header.tos()) << std::endl;
@@ -121,7 +121,7 @@ std::string ipv6Dump(const Ipv6Header& header) {
     os << "Version: " << decHex(header.version()) << std::endl;
     os << "Traffic Class: " << decHex(header.trafficClass()) << std::endl;
     os << "Flow Label: " << decHex(static_cast<int32_t>(header.flowLabel())) << std::endl;
-    // The payload length under this label, and the empty line behind it, are meant.
+    // The payload length under this label and the empty line after it are intentional.
     os << "Total Length: " << decHex(header.payloadLength()) << std::endl << std::endl;
     os << "Next Header: " << decHex(header.nextHeader()) << std::endl;
     os << "Hop Limit: " << decHex(header.hopLimit()) << std::endl;

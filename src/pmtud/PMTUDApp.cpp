@@ -26,11 +26,11 @@ namespace {
 constexpr uint16_t kEtherTypeIpv4 = 0x0800;
 constexpr uint16_t kEtherTypeIpv6 = 0x86DD;
 
-/// The longest ICMP or ICMPv6 message, whatever the MTU.
+/// The longest ICMP or ICMPv6 message, whatever the MTU, in bytes.
 constexpr uint32_t kMaxMessage = 1500;
 
-// Destination Unreachable, code "fragmentation needed and DF set": RFC 792, with the next-hop
-// MTU of RFC 1191 section 4.
+// Destination Unreachable, code "fragmentation needed and DF set": RFC 792, with RFC 1191 section
+// 4's next-hop MTU.
 //
 //      0                   1                   2                   3
 //      0 1 2 3 4 5 6 7 8 9 0 1 2 3 4 5 6 7 8 9 0 1 2 3 4 5 6 7 8 9 0 1
@@ -68,7 +68,7 @@ constexpr char kInterfacePrefix[] = "bcm0.";
 
 bool isValidVlan(int vlan) { return vlan > 0 && vlan <= 4094; }
 
-// The lower bound is IPv4's for IPv6 too: a VLAN may be set below IPv6's minimum of 1280.
+// IPv4's lower bound applies to IPv6 too: a VLAN's MTU may be set below IPv6's minimum of 1280.
 bool isValidMtu(uint32_t mtu) { return mtu > 575 && mtu <= 16383; }
 
 }  // namespace
@@ -95,7 +95,7 @@ bool PMTUDApp::handleFrame(uint8_t& frame, size_t len) {
     QV_LOG(DEBUG, 280) << "recvd frame len " << len;
     qv::QVDebugProcLog().get(m_logId, m_logName) << "Received frame of size: " << len;
 
-    // Before anything is parsed, and for good: no frame that gets here is forwarded.
+    // Set before anything is parsed, and never reset: no frame that gets here is forwarded.
     m_shm->setPostAction(SHM_Wrapper::eDiscard);
 
     const EthVlanHeader eth(&frame);
@@ -144,7 +144,7 @@ bool PMTUDApp::sendICMP4PacketTooBig(uint8_t* frame, size_t len) {
             << " VLAN MTU: " << mtu;
         return false;
     }
-    // The VLAN shown is the tag that the frame came in with; no blank before it.
+    // Logs the tag with which the frame arrived. The missing blank before it is intentional.
     QV_LOG(DEBUG, 127) << "MTU VLAN: " << mtu << " VLAN:" << eth.vlan_id();
 
     qv::QVDebugProcLog().get(m_logId, m_logName) << "Received IPv4 packet len " << len << ":";
@@ -155,7 +155,8 @@ bool PMTUDApp::sendICMP4PacketTooBig(uint8_t* frame, size_t len) {
     qv::QVDebugProcLog().get(m_logId, m_logName) << "   Dest VLAN ID: " << vlan;
     qv::QVDebugProcLog().get(m_logId, m_logName) << "   Dest VLAN MTU: " << mtu;
 
-    // Always 68 while the smallest valid MTU is 576; the cap is stated for the day it is not.
+    // Always 68 as long as the smallest valid MTU is 576; the cap is kept in case that minimum
+    // changes.
     uint32_t messageLen = std::min(mtu, kMaxMessage);
     messageLen = std::min(static_cast<uint32_t>(ip.size()) + kIcmpHeaderSize, messageLen);
     QV_LOG(DEBUG, 142) << "Src: " << macToString(*eth.source())
@@ -168,7 +169,7 @@ bool PMTUDApp::sendICMP4PacketTooBig(uint8_t* frame, size_t len) {
         qv::QVDebugProcLog().get(m_logId, m_logName) << "Error creating socket";
         return false;
     }
-    // One byte is meant: the host takes this option as a byte as well as an int.
+    // One byte is intentional: the kernel accepts this option as a byte as well as an int.
     setsockopt(fd, IPPROTO_IP, IP_TTL, &kReplyTtl, sizeof kReplyTtl);
 
     header[kIcmpType] = kDestinationUnreachable;
@@ -207,8 +208,8 @@ bool PMTUDApp::sendICMP6PacketTooBig(const uint8_t& frame, size_t len) {
     const int egress = m_shm->frameInfo().egress;
     const int vlan = m_cfg->getDestVlan(egress);
     if (!isValidVlan(vlan)) {
-        // A blank before the parenthesis in the first and none in the second: field scripts
-        // match on both.
+        // A blank before the parenthesis in the first and none in the second: field scripts match
+        // both.
         QV_LOG(DEBUG, 211) << "Invalid VLAN ID: " << vlan << " (Egress ID: " << egress << ")";
         qv::QVDebugProcLog().get(m_logId, m_logName)
             << "Invalid VLAN ID: " << vlan << "(Egress ID: " << egress << ")";
@@ -223,7 +224,7 @@ bool PMTUDApp::sendICMP6PacketTooBig(const uint8_t& frame, size_t len) {
             << ")";
         return false;
     }
-    // The VLAN shown is the tag that the frame came in with; no blank before it.
+    // Logs the tag with which the frame arrived. The missing blank before it is intentional.
     QV_LOG(DEBUG, 223) << "MTU VLAN: " << mtu << " VLAN:" << eth.vlan_id();
 
     qv::QVDebugProcLog().get(m_logId, m_logName) << "Received IPv6 packet len " << len << ":";
@@ -234,14 +235,14 @@ bool PMTUDApp::sendICMP6PacketTooBig(const uint8_t& frame, size_t len) {
     qv::QVDebugProcLog().get(m_logId, m_logName) << "   Dest VLAN ID: " << vlan;
     qv::QVDebugProcLog().get(m_logId, m_logName) << "   Dest VLAN MTU: " << mtu;
 
-    // Not the 1280 bytes of RFC 4443 section 3.2: hosts are sent as much of their packet as the
-    // VLAN's MTU lets through.
+    // Deliberately not the 1280 bytes of RFC 4443 section 3.2: hosts get as much of their packet
+    // back as the VLAN's MTU allows.
     uint32_t messageLen = std::min(mtu, kMaxMessage);
     messageLen = std::min(ip.totalLength() + kIcmp6HeaderSize, messageLen);
     std::array<uint8_t, kMaxMessage> message;
     const iovec scatter{message.data(), messageLen};
 
-    // Out of the VLAN that the frame came in by: that is the way back to its sender.
+    // The reply leaves via the VLAN on which the frame arrived: its sender is there.
     std::array<char, IF_NAMESIZE> interfaceName;
     snprintf(interfaceName.data(), interfaceName.size(), "%s%d", kInterfacePrefix, eth.vlan_id());
     QV_LOG(DEBUG, 237) << "Src: " << macToString(*eth.source())
@@ -249,7 +250,7 @@ bool PMTUDApp::sendICMP6PacketTooBig(const uint8_t& frame, size_t len) {
                        << " packet_len: " << messageLen;
     const boost::asio::ip::address_v6::bytes_type sourceBytes = ip.src().to_bytes();
 
-    // The checksum stays 0: the send library fills it in, with the pseudo-header it chooses.
+    // The checksum stays 0: the send library chooses the source address and fills it in.
     std::array<uint8_t, kIcmp6HeaderSize> header{};
     header[kIcmp6Type] = kPacketTooBig;
     header[kIcmp6Code] = 0;
@@ -257,7 +258,7 @@ bool PMTUDApp::sendICMP6PacketTooBig(const uint8_t& frame, size_t len) {
     memcpy(message.data(), header.data(), header.size());
     memcpy(&message[kIcmp6HeaderSize], ip.data(), messageLen - kIcmp6HeaderSize);
 
-    // 0, for no such interface, is passed on: the send library says what it thinks of it.
+    // 0, for no such interface, is passed on: the send library decides.
     const uint32_t ifindex = if_nametoindex(interfaceName.data());
     qv::QVDebugProcLog().get(m_logId, m_logName)
         << "Creating ICMPv6 Packet Too Big message. MTU size: " << mtu;

@@ -11,33 +11,33 @@
 #include "SHM_Wrapper.h"
 #include "VlanConfig.h"
 
-/// The daemon's one application object.  Its fields never change after construction; frames
-/// are handled on the adapter's receive thread, so it must live as long as that thread.
+/// The daemon's only application object. Its fields never change after construction. Frames are
+/// handled on the adapter's receive thread, so it must outlive that thread.
 class PMTUDApp {
  public:
-    /// Registers itself as the adapter's frame handler.  Neither object is owned.
+    /// Registers itself as the adapter's frame handler. It owns neither object.
     PMTUDApp(VlanConfig* cfg, SHM_Wrapper* shm);
     PMTUDApp(const PMTUDApp&) = delete;
     PMTUDApp& operator=(const PMTUDApp&) = delete;
     ~PMTUDApp();
 
-    /// Attaches the queues and returns at once; false: that failed, and frames won't come.
+    /// Attaches the queues and returns at once. False: that failed, and no frames will arrive.
     bool run() const;
 
-    /// Answers the Ethernet frame, with one 802.1Q tag, that begins at `frame` and was
-    /// received with `len` bytes.  Every frame's verdict is discard.  The result is
-    /// that of the reply below; false for a frame that is neither IPv4 nor IPv6.
-    /// The queue decides which frames are too large: all IP frames given here are answered.
+    /// Answers the Ethernet frame with one 802.1Q tag that begins at `frame` and was received with
+    /// `len` bytes. Every frame's verdict is discard. Returns the result of the reply below, or
+    /// false for a frame that is neither IPv4 nor IPv6. The queue decides which frames are too
+    /// large: every IP frame passed here is answered.
     bool handleFrame(uint8_t& frame, size_t len);
 
-    /// Sends ICMP Destination Unreachable, code 4 (RFC 792; next-hop MTU: RFC 1191 section
-    /// 4), to the source of the frame's IPv4 packet.  Reads 78 bytes of frame whatever `len`
-    /// says.  True: handed to the socket, even if the send failed.
+    /// Sends ICMP Destination Unreachable, code 4 (RFC 792; next-hop MTU: RFC 1191 section 4), to
+    /// the source of the frame's IPv4 packet. Reads 78 bytes of the frame, whatever `len` is. True:
+    /// passed to the socket, even if sending failed.
     bool sendICMP4PacketTooBig(uint8_t* frame, size_t len);
 
-    /// Sends ICMPv6 Packet Too Big (RFC 4443 section 3.2) to the source of the frame's IPv6
-    /// packet, by the VLAN that the frame came in on.  Reads as much of the frame as the
-    /// packet's own length says, up to 1,510 bytes, whatever `len` says.  True: sent.
+    /// Sends ICMPv6 Packet Too Big (RFC 4443 section 3.2) to the source of the frame's IPv6 packet,
+    /// via the VLAN on which the frame arrived. Reads as much of the frame as the packet's length
+    /// field gives, up to 1,510 bytes, whatever `len` is. True: sent.
     bool sendICMP6PacketTooBig(const uint8_t& frame, size_t len);
 
  private:
@@ -46,7 +46,7 @@ class PMTUDApp {
     VlanConfig* m_cfg;
     SHM_Wrapper* m_shm;
     SHM_Handler* m_handler = nullptr;
-    // Nothing reads these two; they belong to the object's layout.
+    // Nothing reads these two; they are part of the object's layout.
     [[maybe_unused]] std::array<uint8_t, 12> m_spare;
     [[maybe_unused]] int32_t m_fd = -1;
     uint32_t m_logId;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The engine's questions to the switch configuration.
+// The engine's queries to the switch configuration.
 #include "VlanConfig.h"
 
 #include "cfg.h"

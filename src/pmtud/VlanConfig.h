@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: MIT
-// The engine's questions to the switch configuration.
+// The engine's queries to the switch configuration.
 #ifndef PMTUD_VLAN_CONFIG_H
 #define PMTUD_VLAN_CONFIG_H
 
 #include <cstdint>
 
-/// Hands each question to the configuration service and its answer back unchanged.  It
-/// keeps nothing, so a change of configuration holds from the next frame on; answers
-/// outside the valid range mean "none".
+/// Passes each query to the configuration service and returns its answer unchanged. Nothing is
+/// cached, so a configuration change takes effect with the next frame. Answers outside the valid
+/// range mean "none".
 class VlanConfig {
  public:
-    /// The VLAN by which this egress leaves the switch; valid: 1 to 4094.
+    /// The VLAN via which this egress leaves the switch; valid: 1 to 4094.
     int getDestVlan(int egress);
 
     /// The VLAN's MTU in bytes; valid: 576 to 16383.

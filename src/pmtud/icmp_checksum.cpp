@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The checksum of the ICMP messages that the daemon builds.
+// The checksum of ICMP messages.
 #include "icmp_checksum.h"
 
 #include "BigEndian.h"

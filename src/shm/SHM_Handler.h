@@ -13,12 +13,12 @@ class SHM_Handler {
     SHM_Handler& operator=(const SHM_Handler&) = delete;
     virtual ~SHM_Handler() = default;
 
-    /// Handles the frame that begins at `frame` and is `len` bytes long.  True: handled, the
-    /// post action that is set applies.  False: the frame is to be discarded.
+    /// Handles the frame of `len` bytes that begins at `frame`. True: handled; the current post
+    /// action applies. False: discard the frame.
     virtual bool handleFrame(uint8_t& frame, size_t len) = 0;
 };
 
-/// Makes a handler of an object, which it does not own, and one of its member functions.
+/// A handler that calls a member function of an object. It does not own the object.
 template <typename T>
 class SHM_HandlerImpl : public SHM_Handler {
  public:

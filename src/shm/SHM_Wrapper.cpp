@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The packet-queue adapter: from received frame to verdict, and frames out to the queue.
+// The packet-queue adapter: returns a verdict for each received frame, and posts frames to the
+// queue.
 #include "SHM_Wrapper.h"
 
 #include <cstring>
@@ -16,7 +17,7 @@ constexpr uint16_t kTpid8021Q = 0x8100;
 constexpr size_t kTxQueueInPool = 8;
 constexpr uint32_t kPostKind = 4;
 
-/// A number that the record counts from 0, as the front panel counts it, from 1.
+/// Converts a number that the record counts from 0 to the front panel's, which counts from 1.
 int32_t countedFromOne(int32_t number) {
     return static_cast<int32_t>(static_cast<uint32_t>(number) + 1);
 }
@@ -37,7 +38,7 @@ void SHM_Wrapper::setFrameInfo(int unit, int port, int tid, int vid, int proto, 
 }
 
 void SHM_Wrapper::setPostAction(SHM_Wrapper::eActions action) {
-    // GCC 12 leaves out the class of a parameter whose type is the class's own.
+    // GCC 12 omits the class name from a parameter whose type belongs to that class.
     QV_LOG_IN(DEBUG, 71, "void SHM_Wrapper::setPostAction(SHM_Wrapper::eActions)")
         << "action " << int32_t{action};
     m_action = action;
@@ -71,11 +72,11 @@ int SHM_Wrapper::handleFrame(uint8_t* frame, size_t len) {
             QV_LOG(DEBUG, 60) << "Reposting packet";
             break;
         default:
-            // DEBUG is meant: an invalid code shows only to those who look for it.
+            // DEBUG is intentional: an invalid code shows only to those who look for it.
             QV_LOG(DEBUG, 63) << "Error! Invalid post action code " << int32_t{m_action};
             break;
     }
-    // Not reset: the action holds for later frames until it is set again.
+    // Intentionally not reset: the action applies to later frames until it is set again.
     return queueActionCode(m_action);
 }
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The packet-queue adapter: from received frame to verdict, and frames out to the queue.
+// The packet-queue adapter: returns a verdict for each received frame, and posts frames to the
+// queue.
 #ifndef PMTUD_SHM_WRAPPER_H
 #define PMTUD_SHM_WRAPPER_H
 
@@ -9,8 +10,8 @@
 #include "SHM_Handler.h"
 #include "pktd_record.h"
 
-/// Where the frame that is being handled came from, as its queue record says.  Every field
-/// is -1 until the first frame arrives.
+/// Where the frame being handled came from, according to its queue record. All fields are -1 until
+/// the first frame arrives.
 struct PktdFrameInfo {
     PktdFrameInfo();
 
@@ -22,11 +23,11 @@ struct PktdFrameInfo {
     int32_t egress;  ///< egress identifier, a key for the configuration service
 };
 
-/// Decides what becomes of a received frame.  Frames are handled on the queue library's
-/// receive thread, one at a time, so nothing here is locked; setHandler comes before.
+/// Decides what happens to a received frame. Frames are handled one at a time on the queue
+/// library's receive thread, so nothing here is locked; call setHandler before it starts.
 class SHM_Wrapper {
  public:
-    /// What becomes of a frame that the handler has accepted.
+    /// What happens to a frame that the handler has accepted.
     enum eActions : int32_t {
         eDiscard = 0,  ///< drop it
         eAccept = 1,   ///< let it through
@@ -38,7 +39,7 @@ class SHM_Wrapper {
     SHM_Wrapper& operator=(const SHM_Wrapper&) = delete;
     virtual ~SHM_Wrapper() = default;
 
-    /// Attaches the queues and starts the receive thread.  False: failed, and logged.
+    /// Attaches the queues and starts the receive thread. False: failed and logged.
     virtual bool init() = 0;
 
     /// The queue library's verdict code for an action.
@@ -53,8 +54,8 @@ class SHM_Wrapper {
     /// Sets the action for this and all later frames that the handler accepts.
     void setPostAction(SHM_Wrapper::eActions action);
 
-    /// Has the frame handled, if it carries an 802.1Q tag, and answers its verdict code.  At
-    /// least the 18 bytes of a tagged Ethernet header must be readable.
+    /// Passes the frame to the handler if it carries an 802.1Q tag, and returns its verdict code.
+    /// At least the 18 bytes of a tagged Ethernet header must be readable.
     int handleFrame(uint8_t* frame, size_t len);
 
  protected:
@@ -66,7 +67,7 @@ class SHM_Wrapper {
     eActions m_action = eDiscard;
 };
 
-/// The adapter on the platform's packet-dispatch queue library.
+/// The adapter for the platform's packet-dispatch queue library.
 class SHM_Wrapper_App : public SHM_Wrapper {
  public:
     bool init() override;
@@ -74,17 +75,17 @@ class SHM_Wrapper_App : public SHM_Wrapper {
     /// 7 discard, 8 accept, 9 repost, 1 for any other action.
     int queueActionCode(eActions action) override;
 
-    /// Posts a frame to the transmit queue, tagged for the VLAN of the frame being handled
-    /// and, if `directed`, out of the unit and port that it came in on.  True: posted.
-    /// To be called on the receive thread, while a frame is being handled.
+    /// Posts a frame to the transmit queue, tagged for the VLAN of the frame being handled; if
+    /// `directed`, it leaves by the unit and port on which that frame arrived. True: posted. Call
+    /// it on the receive thread while a frame is being handled.
     bool pktdTxQueuePost(const uint8_t* frame, size_t len, bool directed);
 
-    /// The queue library's receive callback (pktd_rx_cb_t): answers the frame's verdict code.
+    /// The queue library's receive callback (pktd_rx_cb_t): returns the frame's verdict code.
     static int pkt_rx_cb(const st_pktd_shm_queue_entry_data_t* pktd_entry_data, uint8_t* frame,
                          int len);
 };
 
-/// The process's one adapter, created on the first call and destroyed at normal exit.
+/// The process's only adapter, created on the first call and destroyed at normal exit.
 SHM_Wrapper_App* getShmWrapperApp();
 
 #endif

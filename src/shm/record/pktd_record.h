@@ -8,12 +8,12 @@
 #include <stdint.h>
 
 /*
- * The packet-dispatch service's shared-memory format, laid out byte by byte:
- * fields are packed (not aligned) and multi-byte fields are in the processor's
- * own byte order.  Read and write fields as members, never through a pointer to
- * one: only the member access tells the compiler that it is unaligned.
+ * The packet-dispatch service's shared-memory format. Fields are packed without
+ * alignment, and multi-byte fields are in the processor's byte order. Read and
+ * write fields as members, never through a pointer to one: only the member
+ * access tells the compiler that it is unaligned.
  *
- * Bytes called "opaque" belong to the service.
+ * Bytes named "opaque" belong to the service.
  */
 #pragma pack(push, 1)
 
@@ -22,11 +22,11 @@ typedef struct st_pktd_shm_queue_entry_ctrl_t {
     int32_t port; /* ingress port, counted from 0 */
     uint8_t opaque_8[9];
     uint8_t is_trunk; /* non-zero: the frame came in on a trunk */
-    int32_t tid;      /* trunk id, counted from 0; holds only where is_trunk is set */
+    int32_t tid;      /* trunk id, counted from 0; valid only if is_trunk is set */
     uint8_t opaque_22[12];
     int32_t dst_unit;  /* transmit: the unit to send from, counted from 0 */
     int32_t dst_port;  /* transmit: the port to send from, counted from 0 */
-    uint8_t dst_valid; /* transmit: 1 where dst_unit and dst_port hold */
+    uint8_t dst_valid; /* transmit: 1 if dst_unit and dst_port are valid */
     uint8_t opaque_43[28];
     int32_t proto; /* the dispatch service's protocol identifier */
     uint8_t opaque_75[14];
@@ -36,7 +36,7 @@ typedef struct st_pktd_shm_queue_entry_ctrl_t {
     uint8_t opaque_97[14];
     int32_t egress; /* egress identifier, a key for the configuration service */
     uint8_t opaque_115[241];
-    uint32_t post_kind; /* transmit: what the service is to do with the entry */
+    uint32_t post_kind; /* transmit: what the service does with the entry */
     uint8_t opaque_360[4];
 } st_pktd_shm_queue_entry_ctrl_t;
 
@@ -47,7 +47,7 @@ typedef struct st_pktd_shm_queue_entry_data_t {
 
 #pragma pack(pop)
 
-/* Where each field that the daemon uses lies, and how wide it is. */
+/* The offset and width of each field that the daemon uses. */
 static_assert(offsetof(st_pktd_shm_queue_entry_ctrl_t, unit) == 0 &&
                   sizeof(((st_pktd_shm_queue_entry_ctrl_t*)0)->unit) == 4,
               "unit");

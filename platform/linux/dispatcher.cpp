@@ -16,6 +16,7 @@
 #include "ip_packet.h"
 #include "kernel_features.h"
 #include "ruleset.h"
+#include "say.h"
 #include "start_problem.h"
 #include "vlan_name.h"
 
@@ -33,7 +34,7 @@ constexpr int kRetryInterval = 1000;  // milliseconds
 constexpr std::chrono::seconds kLeftToKernel(30);
 
 // What the log does not accept is said later.
-void sayBurst(Burst& burst, Priority priority, const char* what, bool over,
+void sayBurst(Burst& burst, Priority priority, const std::string& what, bool over,
               Burst::Clock::time_point now) {
     const uint64_t count = burst.due(over, now);
     if (count != 0 && !say(priority, what + std::to_string(count))) burst.count(count);
@@ -298,7 +299,8 @@ void Dispatcher::sayBursts(bool over) {
     // Once a second at most, even if each frame is a burst by itself: the line is to spare lines.
     sayBurst(m_unlogged, Priority::kInfo, "answered without log lines, frames: ", false, now);
     sayBurst(m_foreign, Priority::kWarning,
-             "log group 89: messages not from this table, ignored: ", over, now);
+             "log group " + std::to_string(kLogGroup) + ": messages not from this table, ignored: ",
+             over, now);
 }
 
 }  // namespace pmtud_linux

@@ -39,9 +39,8 @@ int askGeneration(const MnlSocket& socket) {
 }  // namespace
 
 int LogGroup::open(uint16_t group, uint32_t snapLength) {
-    MnlSocket opened(mnl_socket_open2(NETLINK_NETFILTER, SOCK_CLOEXEC | SOCK_NONBLOCK));
-    if (!opened) return -errno;
-    if (mnl_socket_bind(opened.get(), 0, MNL_SOCKET_AUTOPID) < 0) return -errno;
+    MnlSocket opened;
+    if (const int result = openSocket(opened, NETLINK_NETFILTER, 0); result != 0) return result;
     const int socket = mnl_socket_get_fd(opened.get());
     setsockopt(socket, SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer, sizeof kReceiveBuffer);
 

@@ -5,7 +5,7 @@
 
 #include <libmnl/libmnl.h>
 
-#include "links.h"
+#include "mnl_socket.h"
 
 namespace pmtud_linux {
 

@@ -4,33 +4,12 @@
 #define PMTUD_LINUX_VLAN_TABLE_H
 
 #include <cstdint>
-#include <map>
-#include <string>
 #include <unordered_map>
 
+#include "link.h"
+#include "vlan.h"
+
 namespace pmtud_linux {
-
-/// One network interface as a link message of the kernel describes it.
-struct Link {
-    uint32_t ifindex = 0;
-    bool gone = false;      ///< the message says that it was removed
-    bool ethernet = false;  ///< ARPHRD_ETHER
-    std::string name;
-    uint32_t mtu = 0;
-    bool inVrf = false;  ///< enslaved to a VRF, which has its own routing table
-};
-
-/// One layer-3 VLAN interface.
-struct Vlan {
-    uint32_t ifindex = 0;
-    uint32_t mtu = 0;
-    bool inVrf = false;
-
-    friend bool operator==(const Vlan&, const Vlan&) = default;
-};
-
-/// By VLAN, 1 to 4094.
-using Vlans = std::map<int, Vlan>;
 
 class VlanTable {
  public:

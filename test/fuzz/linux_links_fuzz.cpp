@@ -19,8 +19,8 @@
 
 #include "guarded_memory.h"
 #include "input.h"
+#include "link.h"
 #include "link_message.h"
-#include "links.h"
 #include "netlink_message.h"
 #include "rules_model.h"
 #include "ruleset.h"

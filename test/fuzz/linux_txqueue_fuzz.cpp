@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "input.h"
-#include "txqueue.h"
+#include "tx_queue.h"
 
 using fuzz::Input;
 using fuzz::require;

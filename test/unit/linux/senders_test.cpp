@@ -14,7 +14,7 @@
 #include <string>
 
 #include "calls.h"
-#include "links.h"
+#include "link_monitor.h"
 #include "netfilter_request.h"
 #include "vlan_table.h"
 #include "world.h"

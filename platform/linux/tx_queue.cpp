@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // The transmit queue: frames posted through a packet socket.
-#include "txqueue.h"
+#include "tx_queue.h"
 
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>

@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "descriptor.h"
+#include "interface_vlan.h"
 #include "seam.h"
 #include "vlan_name.h"
 
@@ -102,7 +103,7 @@ int cfg_clear_pid(void) {
 }
 
 int cfg_vlan_l3_get_dest_vlan(int egress) {
-    const int vlan = pmtud_linux::vlanOfName(pmtud_linux::nameOfInterface(querySocket, egress));
+    const int vlan = pmtud_linux::vlanOfInterface(querySocket, egress);
     return vlan != 0 ? vlan : -1;
 }
 

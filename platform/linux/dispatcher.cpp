@@ -15,6 +15,7 @@
 #include "frame_lines.h"
 #include "ip_packet.h"
 #include "kernel_features.h"
+#include "known_vlans.h"
 #include "ruleset.h"
 #include "say.h"
 #include "start_problem.h"
@@ -90,11 +91,23 @@ int Dispatcher::openAll() {
 int Dispatcher::installRules() {
     const int result = m_rules.run(tableText() + changeText({}, m_table.vlans()));
     if (result == 0) {
-        m_installed = m_table.vlans();
+        noteInstalled();
         return 0;
     }
     say(Priority::kError, "the rules could not be installed: " + refusalOfRules());
     return result;
+}
+
+void Dispatcher::noteInstalled() {
+    for (const auto& [number, vlan] : m_table.vlans()) {
+        const auto before = m_installed.find(number);
+        if (vlan.alsoNamed == 0) continue;
+        if (before != m_installed.end() && before->second.alsoNamed == vlan.alsoNamed) continue;
+        say(Priority::kWarning, nameOfVlan(number) + ": the interface is also named " +
+                                    nameOfVlan(vlan.alsoNamed) +
+                                    "; only the lower VLAN is served, so remove one of the names");
+    }
+    m_installed = m_table.vlans();
 }
 
 std::string Dispatcher::refusalOfRules() {
@@ -112,6 +125,7 @@ void Dispatcher::detach() {
 }
 
 void Dispatcher::run(pktd_rx_cb_t callback) {
+    const KnownVlans known(m_table);
     m_service.ready(m_installed);
     for (;;) {
         pollfd ready[] = {{m_group.fd(), POLLIN, 0}, {m_links.fd(), POLLIN, 0}};
@@ -150,7 +164,7 @@ void Dispatcher::applyRules() {
         m_rulesRefused = true;
         return;
     }
-    m_installed = m_table.vlans();
+    noteInstalled();
     m_rulesRefused = false;
     m_service.serves(m_installed);
 }

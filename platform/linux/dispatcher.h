@@ -44,6 +44,7 @@ class Dispatcher {
  private:
     int openAll();
     int installRules();
+    void noteInstalled();
     std::string refusalOfRules();
     int timeout() const;
     void followLinks();

@@ -29,6 +29,12 @@ int readMasterKind(const nlattr* attribute, void* data) {
     return MNL_CB_OK;
 }
 
+int readAlternativeName(const nlattr* attribute, void* data) {
+    if (mnl_attr_get_type(attribute) == IFLA_ALT_IFNAME)
+        static_cast<Link*>(data)->alternativeNames.emplace_back(textOf(attribute));
+    return MNL_CB_OK;
+}
+
 int readAttribute(const nlattr* attribute, void* data) {
     Link& link = *static_cast<Link*>(data);
     switch (mnl_attr_get_type(attribute)) {
@@ -39,6 +45,8 @@ int readAttribute(const nlattr* attribute, void* data) {
             return readNumber(attribute, link.mtu) ? MNL_CB_OK : MNL_CB_ERROR;
         case IFLA_LINKINFO:
             return mnl_attr_parse_nested(attribute, readMasterKind, &link);
+        case IFLA_PROP_LIST:
+            return mnl_attr_parse_nested(attribute, readAlternativeName, &link);
         default:
             return MNL_CB_OK;
     }

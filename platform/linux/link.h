@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace pmtud_linux {
 
@@ -16,6 +17,7 @@ struct Link {
     bool gone = false;      ///< the message says that it was removed
     bool ethernet = false;  ///< ARPHRD_ETHER
     std::string name;
+    std::vector<std::string> alternativeNames;
     uint32_t mtu = 0;
     bool inVrf = false;  ///< enslaved to a VRF, which has its own routing table
 };

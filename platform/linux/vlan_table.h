@@ -13,8 +13,9 @@ namespace pmtud_linux {
 
 class VlanTable {
  public:
-    /// True if the message changed the table.  Interfaces that are not Ethernet, or whose
-    /// name is not exactly "bcm0.N", are left out.
+    /// True if the message changed the table.  Interfaces that are not Ethernet, or without a name,
+    /// their own or an alternative one, that is exactly "bcm0.N", are left out.  One with several
+    /// such names is the lowest of these VLANs.
     bool apply(const Link& link);
 
     const Vlans& vlans() const { return m_vlans; }

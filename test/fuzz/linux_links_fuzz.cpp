@@ -55,6 +55,7 @@ void checkLink(const std::optional<Link>& read, const std::optional<Link>& expec
     require(read->ifindex == expected->ifindex && read->gone == expected->gone, "which one");
     require(read->ethernet == expected->ethernet, "its hardware");
     require(read->name == expected->name, "its name");
+    require(read->alternativeNames == expected->alternativeNames, "its alternative names");
     require(read->mtu == expected->mtu && read->inVrf == expected->inVrf, "its MTU and its master");
 }
 

@@ -13,7 +13,7 @@
 #include <cstring>
 #include <utility>
 
-#include "netfilter_request.h"
+#include "netlink_request.h"
 #include "ruleset.h"
 
 namespace pmtud_linux {
@@ -45,13 +45,7 @@ int readObject(const nlmsghdr* message, void* data) {
 
 }  // namespace
 
-int AnswerWatch::open() {
-    MnlSocket opened(mnl_socket_open2(NETLINK_NETFILTER, SOCK_CLOEXEC | SOCK_NONBLOCK));
-    if (!opened) return -errno;
-    if (mnl_socket_bind(opened.get(), 0, MNL_SOCKET_AUTOPID) < 0) return -errno;
-    m_socket = std::move(opened);
-    return 0;
-}
+int AnswerWatch::open() { return openSocket(m_socket, NETLINK_NETFILTER, 0); }
 
 std::optional<uint64_t> AnswerWatch::readCounter() const {
     alignas(nlmsghdr) std::array<char, 256> buffer{};
@@ -64,24 +58,13 @@ std::optional<uint64_t> AnswerWatch::readCounter() const {
     mnl_attr_put_strz(request, NFTA_OBJ_NAME, kAnswersCounter);
     mnl_attr_put_u32(request, NFTA_OBJ_TYPE, htonl(NFT_OBJECT_COUNTER));
     std::optional<uint64_t> packets;
-    if (requestOfNetfilter(m_socket, request, readObject, &packets) != 0) return std::nullopt;
+    if (requestOfKernel(m_socket, request, readObject, &packets) != 0) return std::nullopt;
     return packets;
 }
 
 bool AnswerWatch::hasLeft() {
     const std::optional<uint64_t> left = readCounter();
     return !left || std::exchange(m_left, *left) != *left;
-}
-
-bool AnswerNews::lost(uint32_t ifindex, Clock::time_point now) {
-    return m_lastLost.insert_or_assign(ifindex, now).second;
-}
-
-bool AnswerNews::left(uint32_t ifindex, Clock::time_point now) {
-    const auto found = m_lastLost.find(ifindex);
-    if (found == m_lastLost.end() || now - found->second < kQuiet) return false;
-    m_lastLost.erase(found);
-    return true;
 }
 
 }  // namespace pmtud_linux

@@ -7,13 +7,13 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdio>
 #include <ctime>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "descriptor.h"
+#include "interface_vlan.h"
 #include "seam.h"
 #include "vlan_name.h"
 
@@ -32,7 +32,7 @@ std::array<char, 128> registration{};
 std::optional<uint32_t> mtuOf(int vlan) {
     if (vlan < pmtud_linux::kFirstVlan || vlan > pmtud_linux::kLastVlan) return std::nullopt;
     ifreq request{};
-    std::snprintf(request.ifr_name, sizeof request.ifr_name, "bcm0.%d", vlan);
+    if (!pmtud_linux::putName(request, pmtud_linux::nameOfVlan(vlan))) return std::nullopt;
     if (ioctl(querySocket, SIOCGIFMTU, &request) != 0) return std::nullopt;
     return static_cast<uint32_t>(request.ifr_mtu);
 }
@@ -103,11 +103,7 @@ int cfg_clear_pid(void) {
 }
 
 int cfg_vlan_l3_get_dest_vlan(int egress) {
-    ifreq request{};
-    request.ifr_ifindex = egress;
-    if (ioctl(querySocket, SIOCGIFNAME, &request) != 0) return -1;
-    request.ifr_name[sizeof request.ifr_name - 1] = '\0';
-    const int vlan = pmtud_linux::vlanOfName(request.ifr_name);
+    const int vlan = pmtud_linux::vlanOfInterface(querySocket, egress);
     return vlan != 0 ? vlan : -1;
 }
 

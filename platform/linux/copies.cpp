@@ -31,8 +31,6 @@ bool matches(std::span<const uint8_t> packet, std::span<const uint8_t> quote) {
 
 }  // namespace
 
-size_t Copy::packetSize() const { return std::max(size, claimedSize(packet())); }
-
 bool Copies::keep(const LogMessage& message, int egressVlan) {
     const std::span<const uint8_t> packet = message.payload;
     if (!isInterface(message.ingress) || ipHeaderSize(packet) == 0) return false;

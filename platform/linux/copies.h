@@ -3,31 +3,15 @@
 #ifndef PMTUD_LINUX_COPIES_H
 #define PMTUD_LINUX_COPIES_H
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
 #include <vector>
 
+#include "copy.h"
 #include "log_message.h"
-#include "ruleset.h"
 
 namespace pmtud_linux {
-
-/// The start of one candidate, as it arrived.
-struct Copy {
-    uint32_t ingress = 0;  ///< interface index
-    int egressVlan = 0;
-    std::array<uint8_t, 12> addresses{};  ///< destination and source MAC; zero if unknown
-    size_t size = 0;                      ///< of what is kept in `bytes`
-    bool taken = true;
-    std::array<uint8_t, kCopySize> bytes{};
-
-    std::span<const uint8_t> packet() const { return {bytes.data(), size}; }
-
-    /// As the packet's own header claims, or that of the copy if it is longer.
-    size_t packetSize() const;
-};
 
 /// A ring: the oldest copy makes room for the newest.  Most copies are never asked for, since
 /// the kernel forwards most candidates.  Those that it refuses it refuses within microseconds;

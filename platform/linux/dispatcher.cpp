@@ -15,7 +15,9 @@
 #include "frame_lines.h"
 #include "ip_packet.h"
 #include "kernel_features.h"
+#include "known_vlans.h"
 #include "ruleset.h"
+#include "say.h"
 #include "start_problem.h"
 #include "vlan_name.h"
 
@@ -33,7 +35,7 @@ constexpr int kRetryInterval = 1000;  // milliseconds
 constexpr std::chrono::seconds kLeftToKernel(30);
 
 // What the log does not accept is said later.
-void sayBurst(Burst& burst, Priority priority, const char* what, bool over,
+void sayBurst(Burst& burst, Priority priority, const std::string& what, bool over,
               Burst::Clock::time_point now) {
     const uint64_t count = burst.due(over, now);
     if (count != 0 && !say(priority, what + std::to_string(count))) burst.count(count);
@@ -89,11 +91,23 @@ int Dispatcher::openAll() {
 int Dispatcher::installRules() {
     const int result = m_rules.run(tableText() + changeText({}, m_table.vlans()));
     if (result == 0) {
-        m_installed = m_table.vlans();
+        noteInstalled();
         return 0;
     }
     say(Priority::kError, "the rules could not be installed: " + refusalOfRules());
     return result;
+}
+
+void Dispatcher::noteInstalled() {
+    for (const auto& [number, vlan] : m_table.vlans()) {
+        const auto before = m_installed.find(number);
+        if (vlan.alsoNamed == 0) continue;
+        if (before != m_installed.end() && before->second.alsoNamed == vlan.alsoNamed) continue;
+        say(Priority::kWarning, nameOfVlan(number) + ": the interface is also named " +
+                                    nameOfVlan(vlan.alsoNamed) +
+                                    "; only the lower VLAN is served, so remove one of the names");
+    }
+    m_installed = m_table.vlans();
 }
 
 std::string Dispatcher::refusalOfRules() {
@@ -111,6 +125,7 @@ void Dispatcher::detach() {
 }
 
 void Dispatcher::run(pktd_rx_cb_t callback) {
+    const KnownVlans known(m_table);
     m_service.ready(m_installed);
     for (;;) {
         pollfd ready[] = {{m_group.fd(), POLLIN, 0}, {m_links.fd(), POLLIN, 0}};
@@ -149,7 +164,7 @@ void Dispatcher::applyRules() {
         m_rulesRefused = true;
         return;
     }
-    m_installed = m_table.vlans();
+    noteInstalled();
     m_rulesRefused = false;
     m_service.serves(m_installed);
 }
@@ -298,7 +313,8 @@ void Dispatcher::sayBursts(bool over) {
     // Once a second at most, even if each frame is a burst by itself: the line is to spare lines.
     sayBurst(m_unlogged, Priority::kInfo, "answered without log lines, frames: ", false, now);
     sayBurst(m_foreign, Priority::kWarning,
-             "log group 89: messages not from this table, ignored: ", over, now);
+             "log group " + std::to_string(kLogGroup) + ": messages not from this table, ignored: ",
+             over, now);
 }
 
 }  // namespace pmtud_linux

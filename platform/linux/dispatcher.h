@@ -9,16 +9,17 @@
 #include <string>
 #include <unordered_map>
 
+#include "answer_news.h"
 #include "answer_watch.h"
+#include "burst.h"
 #include "copies.h"
-#include "frame_lines.h"
-#include "frames.h"
+#include "frame.h"
 #include "kernel_answer.h"
-#include "links.h"
+#include "line_budget.h"
+#include "link_monitor.h"
 #include "log_group.h"
 #include "log_message.h"
-#include "nft_table.h"
-#include "say.h"
+#include "nft_connection.h"
 #include "seam.h"
 #include "service.h"
 #include "vlan_table.h"
@@ -43,6 +44,7 @@ class Dispatcher {
  private:
     int openAll();
     int installRules();
+    void noteInstalled();
     std::string refusalOfRules();
     int timeout() const;
     void followLinks();

@@ -2,8 +2,6 @@
 // The debug lines of one frame: written together after its answer, or not at all.
 #include "frame_lines.h"
 
-#include <algorithm>
-
 #include "system_log.h"
 
 namespace pmtud_linux {
@@ -19,13 +17,6 @@ FrameLines::FrameLines(bool logged) { fate = logged ? LineFate::kKept : LineFate
 FrameLines::~FrameLines() {
     if (fate == LineFate::kKept) SystemLog::instance().flush();
     fate = LineFate::kWritten;
-}
-
-bool LineBudget::take(Clock::time_point now) {
-    m_spent = std::max(m_spent, now - kBurst * kInterval);
-    if (m_spent + kInterval > now) return false;
-    m_spent += kInterval;
-    return true;
 }
 
 }  // namespace pmtud_linux

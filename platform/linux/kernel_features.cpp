@@ -2,7 +2,7 @@
 // What the running kernel lacks, in an operator's words.
 #include "kernel_features.h"
 
-#include "nft_table.h"
+#include "nft_connection.h"
 
 namespace pmtud_linux {
 
@@ -24,7 +24,7 @@ constexpr Feature kFeatures[] = {
     {"matching the user who sent a packet (nf_tables)", "chain c { meta skuid 0; }"},
     {"route lookups (nft_fib_inet)", "chain c { fib daddr . mark oif 1; }"},
     {"limits (nft_limit)", "chain c { limit rate 1/second; }"},
-    {"logging (nft_log)", "chain c { log group 89; }"},
+    {"logging (nft_log)", "chain c { log group 1; }"},
     {"named counters and limits (nft_objref)", "counter n { }; chain c { counter name n; }"},
 };
 

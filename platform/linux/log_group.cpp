@@ -11,8 +11,8 @@
 #include <cerrno>
 #include <utility>
 
-#include "netfilter_request.h"
 #include "netlink.h"
+#include "netlink_request.h"
 
 namespace pmtud_linux {
 
@@ -33,15 +33,14 @@ int askGeneration(const MnlSocket& socket) {
     nlmsghdr* const message = mnl_nlmsg_put_header(buffer.data());
     message->nlmsg_type = (NFNL_SUBSYS_NFTABLES << 8) | NFT_MSG_GETGEN;
     mnl_nlmsg_put_extra_header(message, sizeof(nfgenmsg));
-    return requestOfNetfilter(socket, message, nullptr, nullptr);
+    return requestOfKernel(socket, message, nullptr, nullptr);
 }
 
 }  // namespace
 
 int LogGroup::open(uint16_t group, uint32_t snapLength) {
-    MnlSocket opened(mnl_socket_open2(NETLINK_NETFILTER, SOCK_CLOEXEC | SOCK_NONBLOCK));
-    if (!opened) return -errno;
-    if (mnl_socket_bind(opened.get(), 0, MNL_SOCKET_AUTOPID) < 0) return -errno;
+    MnlSocket opened;
+    if (const int result = openSocket(opened, NETLINK_NETFILTER, 0); result != 0) return result;
     const int socket = mnl_socket_get_fd(opened.get());
     setsockopt(socket, SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer, sizeof kReceiveBuffer);
 
@@ -53,7 +52,7 @@ int LogGroup::open(uint16_t group, uint32_t snapLength) {
     mnl_attr_put_u32(message, NFULA_CFG_NLBUFSIZ, htonl(kCollected));
     mnl_attr_put_u32(message, NFULA_CFG_QTHRESH, htonl(kCollectedMessages));
     mnl_attr_put_u16(message, NFULA_CFG_FLAGS, htons(NFULNL_CFG_F_SEQ));
-    const int result = requestOfNetfilter(opened, message, nullptr, nullptr);
+    const int result = requestOfKernel(opened, message, nullptr, nullptr);
     // The kernel refuses another process's group with EPERM too.
     if (result == -EPERM && askGeneration(opened) != -EPERM) return -EBUSY;
     if (result != 0) return result;

@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <span>
 
-#include "links.h"
+#include "mnl_socket.h"
 
 namespace pmtud_linux {
 

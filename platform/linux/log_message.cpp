@@ -6,8 +6,7 @@
 #include <libnetfilter_log/linux_nfnetlink_log.h>
 #include <linux/netfilter/nfnetlink.h>
 
-#include <cstring>
-
+#include "netlink.h"
 #include "ruleset.h"
 #include "vlan_name.h"
 
@@ -26,17 +25,12 @@ std::span<const uint8_t> view(const nlattr* attribute) {
             mnl_attr_get_payload_len(attribute)};
 }
 
-std::string_view text(const nlattr* attribute) {
-    const auto* const start = static_cast<const char*>(mnl_attr_get_payload(attribute));
-    return {start, strnlen(start, mnl_attr_get_payload_len(attribute))};
-}
-
 int readAttribute(const nlattr* attribute, void* data) {
     LogMessage& message = *static_cast<LogMessage*>(data);
     bool read = true;
     switch (mnl_attr_get_type(attribute)) {
         case NFULA_PREFIX:
-            message.prefix = text(attribute);
+            message.prefix = textOf(attribute);
             break;
         case NFULA_IFINDEX_INDEV:
             read = readNumber(attribute, message.ingress);

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// Netlink datagrams: validating their sender and their lengths.
+// Netlink datagrams: validating their sender and their lengths, and the text of an attribute.
 #include "netlink.h"
 
-#include <linux/netlink.h>
+#include <libmnl/libmnl.h>
 
 #include <algorithm>
 #include <cstring>
@@ -21,6 +21,11 @@ size_t wholeMessages(const char* bytes, size_t length) {
         whole += claimed + std::min(padding, length - whole - claimed);
     }
     return whole;
+}
+
+std::string_view textOf(const nlattr* attribute) {
+    const auto* const start = static_cast<const char*>(mnl_attr_get_payload(attribute));
+    return {start, strnlen(start, mnl_attr_get_payload_len(attribute))};
 }
 
 }  // namespace pmtud_linux

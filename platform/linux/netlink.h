@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Netlink datagrams: validating their sender and their lengths.
+// Netlink datagrams: validating their sender and their lengths, and the text of an attribute.
 #ifndef PMTUD_LINUX_NETLINK_H
 #define PMTUD_LINUX_NETLINK_H
 
@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 
 #include <cstddef>
+#include <string_view>
 
 namespace pmtud_linux {
 
@@ -19,6 +20,9 @@ inline bool isFromKernel(const sockaddr_nl& sender, socklen_t size) {
 /// not be shown to libmnl, whose own check takes a length of 2 GiB and more for a negative
 /// number, which fits anywhere.  `bytes` is aligned as a message is.
 size_t wholeMessages(const char* bytes, size_t length);
+
+/// The attribute's payload up to its first zero, which need not be there.
+std::string_view textOf(const nlattr* attribute);
 
 }  // namespace pmtud_linux
 

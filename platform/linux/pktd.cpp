@@ -16,7 +16,7 @@
 #include "say.h"
 #include "seam.h"
 #include "start_problem.h"
-#include "txqueue.h"
+#include "tx_queue.h"
 
 using pmtud_linux::Descriptor;
 using pmtud_linux::Dispatcher;

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-#include "vlan_table.h"
+#include "vlan.h"
 
 namespace pmtud_linux {
 

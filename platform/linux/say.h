@@ -3,35 +3,15 @@
 #ifndef PMTUD_LINUX_SAY_H
 #define PMTUD_LINUX_SAY_H
 
-#include <chrono>
-#include <cstdint>
 #include <string>
 
-#include "system_log.h"
+#include "priority.h"
 
 namespace pmtud_linux {
 
 /// Writes " PMTUD-Linux: " and the text to the system log under the daemon's module number.
 /// False if the log did not accept the line.
 bool say(Priority priority, const std::string& text);
-
-/// Counts events of one kind so that a burst of them is logged in one line.
-class Burst {
- public:
-    using Clock = std::chrono::steady_clock;
-
-    void count(uint64_t events) { m_unsaid += events; }
-
-    /// How many events to log now, 0 for none: all that were counted since the last
-    /// line, once the burst is over or, while it lasts, once a second.
-    uint64_t due(bool over, Clock::time_point now);
-
-    bool pending() const { return m_unsaid != 0; }
-
- private:
-    uint64_t m_unsaid = 0;
-    Clock::time_point m_said{};
-};
 
 }  // namespace pmtud_linux
 

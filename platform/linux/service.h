@@ -5,7 +5,7 @@
 
 #include <chrono>
 
-#include "vlan_table.h"
+#include "vlan.h"
 
 namespace pmtud_linux {
 

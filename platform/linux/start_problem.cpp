@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <system_error>
 
+#include "ruleset.h"
+
 namespace pmtud_linux {
 
 namespace {
@@ -15,8 +17,9 @@ std::string causeOf(int error) {
             return "CAP_NET_ADMIN or CAP_NET_RAW is missing; give the process both, in the user "
                    "namespace that owns the network";
         case EBUSY:
-            return "log group 89 belongs to another process, which "
-                   "/proc/net/netfilter/nfnetlink_log names; end it";
+            return "log group " + std::to_string(kLogGroup) +
+                   " belongs to another process, which /proc/net/netfilter/nfnetlink_log names; "
+                   "end it";
         case EINVAL:
             return "the kernel has no log target; modprobe nfnetlink_log";
         case EPROTONOSUPPORT:

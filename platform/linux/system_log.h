@@ -20,11 +20,11 @@
 #include <mutex>
 #include <span>
 
+#include "priority.h"
+
 namespace pmtud_linux {
 
-/// Facility daemon (3) with a severity (RFC 3164 section 4.1.1).
-enum class Priority { kError = 27, kWarning = 28, kInfo = 30, kDebug = 31 };
-
+/// The daemon's module number, under which the platform logs too.
 constexpr uint32_t kOwnModule = 89;
 
 class SystemLog {

@@ -35,6 +35,12 @@ std::string nameOfInterface(int socket, int ifindex) {
     return {request.ifr_name, strnlen(request.ifr_name, sizeof request.ifr_name)};
 }
 
+int indexOfInterface(int socket, std::string_view name) {
+    ifreq request{};
+    if (!putName(request, name)) return 0;
+    return ioctl(socket, SIOCGIFINDEX, &request) == 0 ? request.ifr_ifindex : 0;
+}
+
 bool putName(ifreq& request, std::string_view name) {
     if (name.size() >= sizeof request.ifr_name) return false;
     memset(request.ifr_name, 0, sizeof request.ifr_name);

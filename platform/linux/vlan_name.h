@@ -23,9 +23,13 @@ int vlanOfName(std::string_view name);
 /// The name of the VLAN's interface.
 std::string nameOfVlan(int vlan);
 
-/// The name of the interface numbered ifindex, asked of the kernel through any socket;
+/// The own name of the interface numbered ifindex, asked of the kernel through any socket;
 /// empty where there is none.
 std::string nameOfInterface(int socket, int ifindex);
+
+/// The number of the interface so named, by its own name or an alternative one, asked of the
+/// kernel through any socket; 0 if there is none.
+int indexOfInterface(int socket, std::string_view name);
 
 /// Writes the name into a request of the interface ioctls; false where it is too long.
 bool putName(ifreq& request, std::string_view name);

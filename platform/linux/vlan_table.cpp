@@ -2,15 +2,33 @@
 // Which layer-3 VLAN interfaces there are, according to link messages.
 #include "vlan_table.h"
 
+#include <iterator>
+#include <set>
+#include <string>
+
 #include "vlan_name.h"
 
 namespace pmtud_linux {
 
-bool VlanTable::apply(const Link& link) {
-    const int vlan = link.gone || !link.ethernet ? 0 : vlanOfName(link.name);
-    if (vlan == 0) return remove(link.ifindex);
+namespace {
 
-    const Vlan now{link.ifindex, link.mtu, link.inVrf};
+// The VLANs that the interface has a name of.
+std::set<int> vlansNamedBy(const Link& link) {
+    std::set<int> vlans{vlanOfName(link.name)};
+    for (const std::string& name : link.alternativeNames) vlans.insert(vlanOfName(name));
+    vlans.erase(0);
+    return vlans;
+}
+
+}  // namespace
+
+bool VlanTable::apply(const Link& link) {
+    const std::set<int> named = vlansNamedBy(link);
+    if (link.gone || !link.ethernet || named.empty()) return remove(link.ifindex);
+
+    const int vlan = *named.begin();
+    const int next = named.size() > 1 ? *std::next(named.begin()) : 0;
+    const Vlan now{link.ifindex, link.mtu, link.inVrf, next};
     const auto known = m_vlans.find(vlan);
     if (known != m_vlans.end() && known->second == now) return false;
     // The name may have been another interface's, and the interface may have had another name.

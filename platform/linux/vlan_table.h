@@ -4,38 +4,18 @@
 #define PMTUD_LINUX_VLAN_TABLE_H
 
 #include <cstdint>
-#include <map>
-#include <string>
 #include <unordered_map>
+
+#include "link.h"
+#include "vlan.h"
 
 namespace pmtud_linux {
 
-/// One network interface as a link message of the kernel describes it.
-struct Link {
-    uint32_t ifindex = 0;
-    bool gone = false;      ///< the message says that it was removed
-    bool ethernet = false;  ///< ARPHRD_ETHER
-    std::string name;
-    uint32_t mtu = 0;
-    bool inVrf = false;  ///< enslaved to a VRF, which has its own routing table
-};
-
-/// One layer-3 VLAN interface.
-struct Vlan {
-    uint32_t ifindex = 0;
-    uint32_t mtu = 0;
-    bool inVrf = false;
-
-    friend bool operator==(const Vlan&, const Vlan&) = default;
-};
-
-/// By VLAN, 1 to 4094.
-using Vlans = std::map<int, Vlan>;
-
 class VlanTable {
  public:
-    /// True if the message changed the table.  Interfaces that are not Ethernet, or whose
-    /// name is not exactly "bcm0.N", are left out.
+    /// True if the message changed the table.  Interfaces that are not Ethernet, or without a name,
+    /// their own or an alternative one, that is exactly "bcm0.N", are left out.  One with several
+    /// such names is the lowest of these VLANs.
     bool apply(const Link& link);
 
     const Vlans& vlans() const { return m_vlans; }

@@ -14,7 +14,9 @@
 #include <cstring>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "input.h"
 #include "netlink_message.h"
@@ -35,7 +37,15 @@ inline Bytes drawInterface(Input& input, uint8_t kind) {
     link.ifi_index = 1 + kind / 8 % 8;
     memcpy(message.data() + kMessageHeader, &link, sizeof link);
     const int vlan = choice % 4 == 3 ? link.ifi_index : 1 + choice % 4;
-    addText(message, IFLA_IFNAME, "bcm0." + std::to_string(vlan));
+    const bool hasOther = kind >= 0xA0;
+    addText(message, IFLA_IFNAME, (hasOther ? "eth0." : "bcm0.") + std::to_string(vlan));
+    if (kind >= 0x80) {
+        Bytes names;
+        addText(names, IFLA_ALT_IFNAME, "uplink");
+        addText(names, IFLA_ALT_IFNAME, "bcm0." + std::to_string(1 + choice / 32 % 4));
+        if (hasOther) addText(names, IFLA_ALT_IFNAME, "bcm0." + std::to_string(vlan));
+        addAttribute(message, IFLA_PROP_LIST, names);
+    }
     Bytes mtu(4);
     store(mtu, 0, kMtus[choice / 4 % 8]);
     addAttribute(message, IFLA_MTU, mtu);
@@ -64,7 +74,7 @@ inline Bytes drawLinkMessage(Input& input) {
     const uint8_t index = input.byte();
     link.ifi_index = index == 0xFF ? input.number<int32_t>() : index % 8;
     memcpy(message.data() + kMessageHeader, &link, sizeof link);
-    addAttributes(input, {IFLA_IFNAME, IFLA_MTU, IFLA_LINKINFO}, message);
+    addAttributes(input, {IFLA_IFNAME, IFLA_MTU, IFLA_LINKINFO, IFLA_PROP_LIST}, message);
     closeMessage(input, message);
     return message;
 }
@@ -73,9 +83,12 @@ inline bool take(pmtud_linux::Link& link, uint16_t type, Span payload) {
     if (type == IFLA_MTU && payload.size() != 4) return false;
     if (type == IFLA_IFNAME) link.name = textOf(payload);
     if (type == IFLA_MTU) link.mtu = load<uint32_t>(payload);
-    if (type != IFLA_LINKINFO) return true;
+    if (type != IFLA_LINKINFO && type != IFLA_PROP_LIST) return true;
     return forEachAttribute(payload, [&](uint16_t nested, Span text) {
-        if (nested == IFLA_INFO_SLAVE_KIND) link.inVrf = textOf(text) == "vrf";
+        if (type == IFLA_PROP_LIST && nested == IFLA_ALT_IFNAME)
+            link.alternativeNames.push_back(textOf(text));
+        if (type == IFLA_LINKINFO && nested == IFLA_INFO_SLAVE_KIND)
+            link.inVrf = textOf(text) == "vrf";
         return true;
     });
 }
@@ -106,12 +119,24 @@ inline const std::map<std::string, int>& vlansByName() {
     return vlans;
 }
 
-/// A name leads to one interface, and an interface has one name.
+/// The VLANs that the interface's names stand for, the lowest first.
+inline std::set<int> vlansOf(const pmtud_linux::Link& link) {
+    std::set<int> vlans;
+    std::vector<std::string> names = link.alternativeNames;
+    names.push_back(link.name);
+    for (const std::string& name : names)
+        if (const auto found = vlansByName().find(name); found != vlansByName().end())
+            vlans.insert(found->second);
+    return vlans;
+}
+
+/// A name leads to one interface, and an interface is the lowest VLAN that it has a name of.
 inline void follow(pmtud_linux::Vlans& vlans, const pmtud_linux::Link& link) {
     std::erase_if(vlans, [&](const auto& known) { return known.second.ifindex == link.ifindex; });
-    const auto vlan = vlansByName().find(link.name);
-    if (link.gone || !link.ethernet || vlan == vlansByName().end()) return;
-    vlans[vlan->second] = {link.ifindex, link.mtu, link.inVrf};
+    const std::set<int> named = vlansOf(link);
+    if (link.gone || !link.ethernet || named.empty()) return;
+    const int next = named.size() == 1 ? 0 : *++named.begin();
+    vlans[*named.begin()] = {link.ifindex, link.mtu, link.inVrf, next};
 }
 
 /// The VLAN of the interface, or 0.

@@ -138,8 +138,9 @@ struct Deeds {
 
 /// What the kernel says of the interface that a packet was to leave by.
 struct Egress {
-    std::string name;  // empty: it is gone
-    int mtu = 0;       // 0: it is gone
+    std::string name;                 // empty: it is gone
+    bool hasAlternativeName = false;  // that of the VLAN
+    int mtu = 0;                      // 0: it is gone
 };
 
 /// Events that are counted and logged in bursts.
@@ -434,9 +435,8 @@ std::string nameOf(uint32_t ifindex) {
 // As the daemon sees it, from the kernel's answers.
 bool isRefusedStill(const Refused& refused) {
     const Egress& egress = world->egress;
-    const std::string vlan =
-        "bcm0." + std::to_string(fuzz::vlanOf(world->list.vlans(), refused.vlanEgress));
-    if (egress.name != vlan || egress.mtu < 576 || egress.mtu > 16383) return false;
+    const bool isVlan = egress.name == nameOf(refused.vlanEgress) || egress.hasAlternativeName;
+    if (!isVlan || egress.mtu < 576 || egress.mtu > 16383) return false;
     return refused.frame.bytes.size() > static_cast<std::size_t>(egress.mtu) + 18;
 }
 
@@ -599,6 +599,7 @@ void drawEgress(const Refused& refused) {
     constexpr std::array<const char*, 4> kNames = {"", "eth0", "bcm0.0", "bcm0.4095"};
     const int vlan = fuzz::vlanOf(world->list.vlans(), refused.vlanEgress);
     world->egress.name = choice % 8 < 4 ? "bcm0." + std::to_string(vlan) : kNames[choice % 8 - 4];
+    world->egress.hasAlternativeName = choice % 8 > 4 && choice >= 0x80;
     constexpr std::array<int, 8> kMtus = {576, 576, 1280, 1499, 1500, 575, 16384, 0};
     world->egress.mtu = choice < 0xF0 ? kMtus[choice / 8 % 8] : world->input.number<uint16_t>();
 }
@@ -664,7 +665,17 @@ bool takeLineOfCounts(std::string_view line) {
            takeNumber(line, "log group 89: messages not from this table, ignored: ", sums.foreign);
 }
 
+bool isOfTwoNames(std::string_view line) {
+    const Vlans& vlans = world->list.vlans();
+    return std::any_of(vlans.begin(), vlans.end(), [&](const auto& one) {
+        return line == "bcm0." + std::to_string(one.first) + ": the interface is also named bcm0." +
+                           std::to_string(one.second.alsoNamed) +
+                           "; only the lower VLAN is served, so remove one of the names";
+    });
+}
+
 bool takeWarning(std::string_view line) {
+    if (isOfTwoNames(line)) return true;
     if (takeLineOfCounts(line)) return true;
     if (line.starts_with("the verdict ")) {
         require(world->linesOfVerdict.emplace(line).second, "a verdict is logged once");
@@ -739,8 +750,10 @@ bool takeLine(Priority priority, std::string_view line) {
 // What the rules depend on.
 Vlans asRulesSeeIt(const Vlans& vlans) {
     Vlans seen = vlans;
-    for (auto& [number, vlan] : seen)
+    for (auto& [number, vlan] : seen) {
         if (vlan.mtu < 576 || vlan.mtu > 16383) vlan.mtu = 0;
+        vlan.alsoNamed = 0;
+    }
     return seen;
 }
 
@@ -1017,7 +1030,14 @@ int __wrap_ioctl(int, unsigned long request, void* argument) {
         egress.name.copy(answer.ifr_name, sizeof answer.ifr_name - 1);
         return 0;
     }
-    require(request == SIOCGIFMTU && answer.ifr_name == egress.name, "the MTU of the VLAN");
+    if (request == SIOCGIFINDEX) {
+        require(answer.ifr_name == nameOf(world->current->vlanEgress), "which VLAN");
+        if (!egress.hasAlternativeName) return fail(ENODEV);
+        answer.ifr_ifindex = static_cast<int>(world->current->vlanEgress);
+        return 0;
+    }
+    require(request == SIOCGIFMTU && answer.ifr_name == nameOf(world->current->vlanEgress),
+            "the MTU of the VLAN");
     if (egress.mtu == 0) return fail(ENODEV);
     answer.ifr_mtu = egress.mtu;
     return 0;

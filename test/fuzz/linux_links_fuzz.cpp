@@ -19,8 +19,8 @@
 
 #include "guarded_memory.h"
 #include "input.h"
+#include "link.h"
 #include "link_message.h"
-#include "links.h"
 #include "netlink_message.h"
 #include "rules_model.h"
 #include "ruleset.h"
@@ -55,6 +55,7 @@ void checkLink(const std::optional<Link>& read, const std::optional<Link>& expec
     require(read->ifindex == expected->ifindex && read->gone == expected->gone, "which one");
     require(read->ethernet == expected->ethernet, "its hardware");
     require(read->name == expected->name, "its name");
+    require(read->alternativeNames == expected->alternativeNames, "its alternative names");
     require(read->mtu == expected->mtu && read->inVrf == expected->inVrf, "its MTU and its master");
 }
 

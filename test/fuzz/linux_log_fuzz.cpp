@@ -13,7 +13,7 @@
 
 #include "copies.h"
 #include "copies_model.h"
-#include "frames.h"
+#include "frame.h"
 #include "guarded_memory.h"
 #include "input.h"
 #include "ip_packet.h"

@@ -96,7 +96,7 @@ EachLineOfThePlatformInTheSystemLogIsExplained() {
     expect_explained 'PMTUD-Linux: .* lines lost$'
     expect_explained 'PMTUD-Linux: nothing is served \('
     expect_explained 'PMTUD-Linux: no receive thread \('
-    expect_count 15
+    expect_count 16
 }
 
 EachResultOfAFailedStartHasItsRemedy() {

@@ -13,6 +13,8 @@
 #include <cstring>
 #include <vector>
 
+#include "answer_news.h"
+
 using namespace std::chrono_literals;
 using pmtud_linux::AnswerNews;
 using pmtud_linux::AnswerWatch;

@@ -13,6 +13,7 @@
 
 #include "calls.h"
 #include "debug_process.h"
+#include "line_budget.h"
 #include "log_daemon.h"
 #include "say.h"
 #include "world.h"

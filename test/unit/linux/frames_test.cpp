@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // From a copy and the quote that refuses it to record and frame.
-#include "frames.h"
+#include "frame.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -18,7 +18,7 @@
 
 #include "calls.h"
 #include "cfg.h"
-#include "links.h"
+#include "link_monitor.h"
 #include "pktd.h"
 #include "ruleset.h"
 #include "world.h"

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
 // What is read from the kernel's link messages.
-#include "links.h"
+#include "link.h"
 
 #include <gtest/gtest.h>
+#include <libmnl/libmnl.h>
 #include <linux/if_link.h>
 #include <linux/rtnetlink.h>
 #include <net/if_arp.h>

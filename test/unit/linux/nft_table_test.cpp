@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // What error a message of libnftables stands for.
-#include "nft_table.h"
+#include "nft_connection.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -22,7 +22,7 @@
 #include "kernel_answer.h"
 #include "log_daemon.h"
 #include "pktd.h"
-#include "txqueue.h"
+#include "tx_queue.h"
 #include "vlan_name.h"
 #include "world.h"
 

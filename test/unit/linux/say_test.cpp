@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // When a burst of events is said.
-#include "say.h"
+#include "burst.h"
 
 #include <gtest/gtest.h>
 

@@ -10,26 +10,8 @@ if [[ ${1:-} == --help || $# -ne 2 ]]; then
     exit 2
 fi
 
-expected=$(sort <<'END'
-arpd_icmp6_socket_create
-arpd_ipv6_pkt_send
-cfg_add_pid
-cfg_clear_pid
-cfg_init
-cfg_vlan_l3_get_dest_vlan
-cfg_vlan_l3_get_mtu
-cfg_vlan_l3_get_mtu_vlan
-debug_process
-pktd_queue_entry_data_vlan_based_init
-pktd_rx_queue_pool
-pktd_rx_wl_pool
-pktd_shm_queue_init
-pktd_shm_rx_thread_init
-pktd_tx_queue_pool
-shm_data_entry_post
-updateTZ
-END
-)
+readonly project=${BASH_SOURCE[0]%/*}/../../..
+expected=$("$project/test/support/platform_symbols" | sort)
 
 # The C and C++ libraries' symbols carry their version; weak ones (w) are the start-up code's.
 symbols=$("$1" --dynamic --undefined-only "$2")

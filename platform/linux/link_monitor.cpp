@@ -1,19 +1,17 @@
 // SPDX-License-Identifier: MIT
 // The kernel's link messages (rtnetlink): what interfaces there are, and what changes.
-#include "links.h"
+#include "link_monitor.h"
 
 #include <linux/if_link.h>
 #include <linux/rtnetlink.h>
-#include <net/if_arp.h>
 #include <poll.h>
 #include <sys/socket.h>
 
 #include <array>
 #include <cerrno>
-#include <cstring>
-#include <string_view>
 #include <system_error>
 
+#include "link.h"
 #include "netlink.h"
 
 namespace pmtud_linux {
@@ -29,39 +27,6 @@ constexpr int kReceiveBuffer = 1 << 20;
 // The kernel answers at once; this is for the case that the end of its list was lost.
 constexpr int kAnswerTimeout = 1000;
 
-bool readNumber(const nlattr* attribute, uint32_t& number) {
-    if (mnl_attr_validate(attribute, MNL_TYPE_U32) < 0) return false;
-    number = mnl_attr_get_u32(attribute);
-    return true;
-}
-
-std::string_view text(const nlattr* attribute) {
-    const auto* const start = static_cast<const char*>(mnl_attr_get_payload(attribute));
-    return {start, strnlen(start, mnl_attr_get_payload_len(attribute))};
-}
-
-// The kind of the interface that this one is enslaved to.
-int readMasterKind(const nlattr* attribute, void* data) {
-    if (mnl_attr_get_type(attribute) == IFLA_INFO_SLAVE_KIND)
-        static_cast<Link*>(data)->inVrf = text(attribute) == "vrf";
-    return MNL_CB_OK;
-}
-
-int readAttribute(const nlattr* attribute, void* data) {
-    Link& link = *static_cast<Link*>(data);
-    switch (mnl_attr_get_type(attribute)) {
-        case IFLA_IFNAME:
-            link.name = text(attribute);
-            return MNL_CB_OK;
-        case IFLA_MTU:
-            return readNumber(attribute, link.mtu) ? MNL_CB_OK : MNL_CB_ERROR;
-        case IFLA_LINKINFO:
-            return mnl_attr_parse_nested(attribute, readMasterKind, &link);
-        default:
-            return MNL_CB_OK;
-    }
-}
-
 // The negative errno value that the kernel answers with; 0 for any other message.
 int errorOf(const nlmsghdr& message) {
     if (message.nlmsg_type != NLMSG_ERROR) return 0;
@@ -71,31 +36,11 @@ int errorOf(const nlmsghdr& message) {
 
 }  // namespace
 
-std::optional<Link> decodeLink(const nlmsghdr& message) {
-    if (message.nlmsg_type != RTM_NEWLINK && message.nlmsg_type != RTM_DELLINK) return std::nullopt;
-    if (mnl_nlmsg_get_payload_len(&message) < sizeof(ifinfomsg)) return std::nullopt;
-    ifinfomsg header;
-    memcpy(&header, mnl_nlmsg_get_payload(&message), sizeof header);
-    // A bridge announces its ports with messages of its own family; there, "deleted"
-    // means that the interface left the bridge.
-    if (header.ifi_family != AF_UNSPEC) return std::nullopt;
-
-    Link link;
-    if (mnl_attr_parse(&message, sizeof header, readAttribute, &link) < 0) return std::nullopt;
-    link.ifindex = static_cast<uint32_t>(header.ifi_index);
-    link.gone = message.nlmsg_type == RTM_DELLINK;
-    link.ethernet = header.ifi_type == ARPHRD_ETHER;
-    return link;
-}
-
 int LinkMonitor::open() {
-    MnlSocket opened(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC | SOCK_NONBLOCK));
-    if (!opened) return -errno;
-    if (mnl_socket_bind(opened.get(), RTMGRP_LINK, MNL_SOCKET_AUTOPID) < 0) return -errno;
+    if (const int result = openSocket(m_socket, NETLINK_ROUTE, RTMGRP_LINK); result != 0)
+        return result;
     // Without the privilege the system's own limit has to do: an overrun is made good.
-    const int socket = mnl_socket_get_fd(opened.get());
-    setsockopt(socket, SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer, sizeof kReceiveBuffer);
-    m_socket = std::move(opened);
+    setsockopt(fd(), SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer, sizeof kReceiveBuffer);
     return 0;
 }
 

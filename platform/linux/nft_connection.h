@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // A connection to nftables through libnftables: what it installs is gone when it closes.
-#ifndef PMTUD_LINUX_NFT_TABLE_H
-#define PMTUD_LINUX_NFT_TABLE_H
+#ifndef PMTUD_LINUX_NFT_CONNECTION_H
+#define PMTUD_LINUX_NFT_CONNECTION_H
 
 #include <nftables/libnftables.h>
 

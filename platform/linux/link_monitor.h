@@ -1,26 +1,16 @@
 // SPDX-License-Identifier: MIT
 // The kernel's link messages (rtnetlink): what interfaces there are, and what changes.
-#ifndef PMTUD_LINUX_LINKS_H
-#define PMTUD_LINUX_LINKS_H
+#ifndef PMTUD_LINUX_LINK_MONITOR_H
+#define PMTUD_LINUX_LINK_MONITOR_H
 
-#include <libmnl/libmnl.h>
+#include <linux/netlink.h>
 
 #include <functional>
-#include <memory>
-#include <optional>
 
+#include "mnl_socket.h"
 #include "vlan_table.h"
 
 namespace pmtud_linux {
-
-struct MnlSocketClose {
-    void operator()(mnl_socket* socket) const { mnl_socket_close(socket); }
-};
-using MnlSocket = std::unique_ptr<mnl_socket, MnlSocketClose>;
-
-/// The interface that a whole RTM_NEWLINK or RTM_DELLINK message describes; nothing
-/// for any other message, and for what a bridge tells about its ports.
-std::optional<Link> decodeLink(const nlmsghdr& message);
 
 class LinkMonitor {
  public:

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
 // What the receive callback is given: queue record and tagged frame.
-#ifndef PMTUD_LINUX_FRAMES_H
-#define PMTUD_LINUX_FRAMES_H
+#ifndef PMTUD_LINUX_FRAME_H
+#define PMTUD_LINUX_FRAME_H
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
 
-#include "copies.h"
+#include "copy.h"
 #include "pktd_record.h"
 
 namespace pmtud_linux {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // The transmit queue: frames posted through a packet socket.
-#ifndef PMTUD_LINUX_TXQUEUE_H
-#define PMTUD_LINUX_TXQUEUE_H
+#ifndef PMTUD_LINUX_TX_QUEUE_H
+#define PMTUD_LINUX_TX_QUEUE_H
 
 #include <cstddef>
 #include <cstdint>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // What the receive callback is given: queue record and tagged frame.
-#include "frames.h"
+#include "frame.h"
 
 #include <linux/if_ether.h>
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// One request to the kernel's netfilter, and its answer.
-#include "netfilter_request.h"
+// One netlink request to the kernel, and its answer.
+#include "netlink_request.h"
 
 #include <array>
 #include <cerrno>
@@ -9,7 +9,7 @@
 
 namespace pmtud_linux {
 
-int requestOfNetfilter(const MnlSocket& socket, nlmsghdr* request, mnl_cb_t take, void* data) {
+int requestOfKernel(const MnlSocket& socket, nlmsghdr* request, mnl_cb_t take, void* data) {
     // If receiving an answer failed, the rest of it arrives ahead of the next one.
     static unsigned int sequence = 0;
     request->nlmsg_flags |= NLM_F_REQUEST;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // A connection to nftables through libnftables: what it installs is gone when it closes.
-#include "nft_table.h"
+#include "nft_connection.h"
 
 #include <malloc.h>
 

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: MIT
 // The transmit queue: frames posted through a packet socket.
-#include "txqueue.h"
+#include "tx_queue.h"
 
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
@@ -12,6 +11,7 @@
 #include <cstring>
 #include <limits>
 
+#include "interface_vlan.h"
 #include "vlan_name.h"
 
 namespace pmtud_linux {
@@ -25,17 +25,13 @@ struct Egress {
 
 Egress portEgress(int socket, int unit, int port) {
     if (unit != 0 || port < 0 || port == std::numeric_limits<int>::max()) return {};
-    const std::string name = nameOfInterface(socket, port + 1);
-    if (name.empty()) return {};
-    return {port + 1, vlanOfName(name)};
+    if (nameOfInterface(socket, port + 1).empty()) return {};
+    return {port + 1, vlanOfInterface(socket, port + 1)};
 }
 
 Egress vlanEgress(int socket, int vlan) {
     if (vlan < kFirstVlan || vlan > kLastVlan) return {};
-    ifreq request{};
-    if (!putName(request, nameOfVlan(vlan))) return {};
-    if (ioctl(socket, SIOCGIFINDEX, &request) != 0) return {};
-    return {request.ifr_ifindex, vlan};
+    return {indexOfInterface(socket, nameOfVlan(vlan)), vlan};
 }
 
 // A tag of VLAN 0 only has a priority (IEEE 802.1Q), and belongs to no VLAN.

@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: MIT
+// Counts events of one kind so that a burst of them is logged in one line.
+#include "burst.h"
+
+#include <utility>
+
+namespace pmtud_linux {
+
+uint64_t Burst::due(bool over, Clock::time_point now) {
+    if (m_unsaid == 0) return 0;
+    if (!over && now - m_said < std::chrono::seconds(1)) return 0;
+    m_said = now;
+    return std::exchange(m_unsaid, 0);
+}
+
+}  // namespace pmtud_linux

@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: MIT
+// Counts events of one kind so that a burst of them is logged in one line.
+#ifndef PMTUD_LINUX_BURST_H
+#define PMTUD_LINUX_BURST_H
+
+#include <chrono>
+#include <cstdint>
+
+namespace pmtud_linux {
+
+class Burst {
+ public:
+    using Clock = std::chrono::steady_clock;
+
+    void count(uint64_t events) { m_unsaid += events; }
+
+    /// How many events to log now, 0 for none: all that were counted since the last
+    /// line, once the burst is over or, while it lasts, once a second.
+    uint64_t due(bool over, Clock::time_point now);
+
+    bool pending() const { return m_unsaid != 0; }
+
+ private:
+    uint64_t m_unsaid = 0;
+    Clock::time_point m_said{};
+};
+
+}  // namespace pmtud_linux
+
+#endif

@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: MIT
+// The VLAN of an interface as the kernel names it at the moment.
+#include "interface_vlan.h"
+
+#include <libmnl/libmnl.h>
+#include <linux/if_link.h>
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cstdint>
+#include <string>
+
+#include "known_vlans.h"
+#include "link.h"
+#include "mnl_socket.h"
+#include "netlink_request.h"
+#include "vlan_name.h"
+
+namespace pmtud_linux {
+
+namespace {
+
+int applyLink(const nlmsghdr* message, void* data) {
+    const auto link = decodeLink(*message);
+    if (!link) return MNL_CB_OK;
+    static_cast<VlanTable*>(data)->apply(*link);
+    return MNL_CB_STOP;
+}
+
+// Alternative names are told by link messages only.  The kernel builds one under its lock of the
+// interfaces, which others may hold for long.
+int askVlan(int ifindex) {
+    MnlSocket socket;
+    if (openSocket(socket, NETLINK_ROUTE, 0) != 0) return 0;
+    alignas(nlmsghdr) std::array<char, 256> buffer{};
+    nlmsghdr* const request = mnl_nlmsg_put_header(buffer.data());
+    request->nlmsg_type = RTM_GETLINK;
+    auto* const header =
+        static_cast<ifinfomsg*>(mnl_nlmsg_put_extra_header(request, sizeof(ifinfomsg)));
+    header->ifi_index = ifindex;
+    mnl_attr_put_u32(request, IFLA_EXT_MASK, RTEXT_FILTER_SKIP_STATS);
+    VlanTable table;
+    if (requestOfKernel(socket, request, applyLink, &table) != 0) return 0;
+    return table.vlanOf(static_cast<uint32_t>(ifindex));
+}
+
+}  // namespace
+
+int vlanOfInterface(int socket, int ifindex) {
+    const std::string name = nameOfInterface(socket, ifindex);
+    if (name.empty()) return 0;
+    const int own = vlanOfName(name);
+    const VlanTable* const table = KnownVlans::table();
+    const int known =
+        table != nullptr ? table->vlanOf(static_cast<uint32_t>(ifindex)) : askVlan(ifindex);
+    if (known == own || known == 0) return own;
+    // The table may be older than a change of the names.
+    return indexOfInterface(socket, nameOfVlan(known)) == ifindex ? known : own;
+}
+
+}  // namespace pmtud_linux

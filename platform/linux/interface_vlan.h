@@ -1,0 +1,15 @@
+// SPDX-License-Identifier: MIT
+// The VLAN of an interface as the kernel names it at the moment.
+#ifndef PMTUD_LINUX_INTERFACE_VLAN_H
+#define PMTUD_LINUX_INTERFACE_VLAN_H
+
+namespace pmtud_linux {
+
+/// The VLAN (1 to 4094) of the interface, according to its own name and its alternative ones; 0 if
+/// it is not a VLAN, or there is no such interface.  `socket` may be any.  Does not wait for the
+/// kernel's lock of the interfaces on a thread on which there are KnownVlans.
+int vlanOfInterface(int socket, int ifindex);
+
+}  // namespace pmtud_linux
+
+#endif

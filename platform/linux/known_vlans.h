@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: MIT
+// The table of VLANs that a thread keeps up to date.
+#ifndef PMTUD_LINUX_KNOWN_VLANS_H
+#define PMTUD_LINUX_KNOWN_VLANS_H
+
+#include "vlan_table.h"
+
+namespace pmtud_linux {
+
+/// While it exists, whatever asks on the calling thread is given the table.
+class KnownVlans {
+ public:
+    explicit KnownVlans(const VlanTable& table);
+    KnownVlans(const KnownVlans&) = delete;
+    KnownVlans& operator=(const KnownVlans&) = delete;
+    ~KnownVlans();
+
+    /// That of the calling thread; null: none.
+    static const VlanTable* table();
+};
+
+}  // namespace pmtud_linux
+
+#endif

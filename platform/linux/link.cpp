@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: MIT
+// One network interface as a link message of the kernel describes it (rtnetlink).
+#include "link.h"
+
+#include <libmnl/libmnl.h>
+#include <linux/if_link.h>
+#include <linux/rtnetlink.h>
+#include <net/if_arp.h>
+#include <sys/socket.h>
+
+#include <cstring>
+
+#include "netlink.h"
+
+namespace pmtud_linux {
+
+namespace {
+
+bool readNumber(const nlattr* attribute, uint32_t& number) {
+    if (mnl_attr_validate(attribute, MNL_TYPE_U32) < 0) return false;
+    number = mnl_attr_get_u32(attribute);
+    return true;
+}
+
+// The kind of the interface that this one is enslaved to.
+int readMasterKind(const nlattr* attribute, void* data) {
+    if (mnl_attr_get_type(attribute) == IFLA_INFO_SLAVE_KIND)
+        static_cast<Link*>(data)->inVrf = textOf(attribute) == "vrf";
+    return MNL_CB_OK;
+}
+
+int readAlternativeName(const nlattr* attribute, void* data) {
+    if (mnl_attr_get_type(attribute) == IFLA_ALT_IFNAME)
+        static_cast<Link*>(data)->alternativeNames.emplace_back(textOf(attribute));
+    return MNL_CB_OK;
+}
+
+int readAttribute(const nlattr* attribute, void* data) {
+    Link& link = *static_cast<Link*>(data);
+    switch (mnl_attr_get_type(attribute)) {
+        case IFLA_IFNAME:
+            link.name = textOf(attribute);
+            return MNL_CB_OK;
+        case IFLA_MTU:
+            return readNumber(attribute, link.mtu) ? MNL_CB_OK : MNL_CB_ERROR;
+        case IFLA_LINKINFO:
+            return mnl_attr_parse_nested(attribute, readMasterKind, &link);
+        case IFLA_PROP_LIST:
+            return mnl_attr_parse_nested(attribute, readAlternativeName, &link);
+        default:
+            return MNL_CB_OK;
+    }
+}
+
+}  // namespace
+
+std::optional<Link> decodeLink(const nlmsghdr& message) {
+    if (message.nlmsg_type != RTM_NEWLINK && message.nlmsg_type != RTM_DELLINK) return std::nullopt;
+    if (mnl_nlmsg_get_payload_len(&message) < sizeof(ifinfomsg)) return std::nullopt;
+    ifinfomsg header;
+    memcpy(&header, mnl_nlmsg_get_payload(&message), sizeof header);
+    // A bridge announces its ports with messages of its own family; there, "deleted"
+    // means that the interface left the bridge.
+    if (header.ifi_family != AF_UNSPEC) return std::nullopt;
+
+    Link link;
+    if (mnl_attr_parse(&message, sizeof header, readAttribute, &link) < 0) return std::nullopt;
+    link.ifindex = static_cast<uint32_t>(header.ifi_index);
+    link.gone = message.nlmsg_type == RTM_DELLINK;
+    link.ethernet = header.ifi_type == ARPHRD_ETHER;
+    return link;
+}
+
+}  // namespace pmtud_linux

@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: MIT
+// One network interface as a link message of the kernel describes it (rtnetlink).
+#ifndef PMTUD_LINUX_LINK_H
+#define PMTUD_LINUX_LINK_H
+
+#include <linux/netlink.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace pmtud_linux {
+
+struct Link {
+    uint32_t ifindex = 0;
+    bool gone = false;      ///< the message says that it was removed
+    bool ethernet = false;  ///< ARPHRD_ETHER
+    std::string name;
+    std::vector<std::string> alternativeNames;
+    uint32_t mtu = 0;
+    bool inVrf = false;  ///< enslaved to a VRF, which has its own routing table
+};
+
+/// The interface that a whole RTM_NEWLINK or RTM_DELLINK message describes; nothing
+/// for any other message, and for what a bridge tells about its ports.
+std::optional<Link> decodeLink(const nlmsghdr& message);
+
+}  // namespace pmtud_linux
+
+#endif

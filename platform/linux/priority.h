@@ -1,0 +1,13 @@
+// SPDX-License-Identifier: MIT
+// What a line of the system log begins with: facility daemon (3) with a severity.
+#ifndef PMTUD_LINUX_PRIORITY_H
+#define PMTUD_LINUX_PRIORITY_H
+
+namespace pmtud_linux {
+
+/// RFC 3164 section 4.1.1.
+enum class Priority { kError = 27, kWarning = 28, kInfo = 30, kDebug = 31 };
+
+}  // namespace pmtud_linux
+
+#endif

@@ -1,0 +1,80 @@
+// SPDX-License-Identifier: MIT
+// The VLAN of an interface on a thread that keeps a table of them.
+#include "known_vlans.h"
+
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <sys/socket.h>
+
+#include "interface_vlan.h"
+#include "link.h"
+#include "world.h"
+
+using pmtud_linux::Descriptor;
+using pmtud_linux::KnownVlans;
+using pmtud_linux::Link;
+using pmtud_linux::vlanOfInterface;
+using pmtud_linux::VlanTable;
+
+// The kernel calls it fence, and bcm0.40 by an alternative name.
+class InterfaceOfAKnownVlan : public World {
+ protected:
+    void SetUp() override {
+        World::SetUp();
+        run("ip link property add dev fence altname bcm0.40");
+        m_link.ifindex = if_nametoindex("fence");
+        m_link.name = "fence";
+        m_link.ethernet = true;
+        m_link.alternativeNames = {"bcm0.40"};
+        m_socket.reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    }
+
+    int vlan() const { return vlanOfInterface(m_socket.get(), static_cast<int>(m_link.ifindex)); }
+
+    Link m_link;
+    VlanTable m_table;
+    Descriptor m_socket;
+};
+
+TEST_F(InterfaceOfAKnownVlan, IsThatVlanWhileTheKernelHasTheName) {
+    m_table.apply(m_link);
+    const KnownVlans known(m_table);
+    EXPECT_EQ(vlan(), 40);
+    run("ip link property del dev fence altname bcm0.40");
+    EXPECT_EQ(vlan(), 0);
+}
+
+TEST_F(InterfaceOfAKnownVlan, IsNotThatVlanIfAnotherInterfaceHasTakenTheName) {
+    m_table.apply(m_link);
+    const KnownVlans known(m_table);
+    run("ip link property del dev fence altname bcm0.40");
+    run("ip link property add dev bcm0.30 altname bcm0.40");
+    EXPECT_EQ(vlan(), 0);
+}
+
+TEST_F(InterfaceOfAKnownVlan, FallsBackToItsOwnName) {
+    m_link.name = "bcm0.50";
+    run("ip link set fence down");
+    run("ip link set fence name bcm0.50");
+    m_table.apply(m_link);
+    const KnownVlans known(m_table);
+    EXPECT_EQ(vlan(), 40);
+    run("ip link property del dev bcm0.50 altname bcm0.40");
+    EXPECT_EQ(vlan(), 50);
+}
+
+// Asking the kernel could take long.
+TEST_F(InterfaceOfAKnownVlan, IsLookedUpInTheTableAlone) {
+    {
+        const KnownVlans known(m_table);
+        EXPECT_EQ(vlan(), 0);
+    }
+    EXPECT_EQ(vlan(), 40);
+}
+
+TEST_F(InterfaceOfAKnownVlan, IsNoneOnceItIsGone) {
+    m_table.apply(m_link);
+    const KnownVlans known(m_table);
+    run("ip link del fence");
+    EXPECT_EQ(vlan(), 0);
+}

@@ -10,6 +10,18 @@
 
 #include "QVLog.h"
 
+/// Function texts as GCC spells them: Clang writes a blank before an asterisk or an ampersand.
+inline std::string asGccSpells(std::string text) {
+#ifdef __clang__
+    for (const char* const apart : {"_t *", "_t &"}) {
+        for (auto at = text.find(apart); at != text.npos; at = text.find(apart, at)) {
+            text.erase(at + 2, 1);
+        }
+    }
+#endif
+    return text;
+}
+
 /// While it lives, the file channel writes here, at this threshold.
 class CapturedLog {
  public:
@@ -30,16 +42,7 @@ class CapturedLog {
     /// All that was written so far, with function texts as GCC spells them.
     std::string text() const {
         fflush(m_file);
-        std::string text(m_text, m_size);
-#ifdef __clang__
-        // Clang writes a blank before an asterisk or an ampersand.
-        for (const char* const apart : {"_t *", "_t &"}) {
-            for (auto at = text.find(apart); at != text.npos; at = text.find(apart, at)) {
-                text.erase(at + 2, 1);
-            }
-        }
-#endif
-        return text;
+        return asGccSpells({m_text, m_size});
     }
 
  private:

@@ -1,65 +1,126 @@
 // SPDX-License-Identifier: MIT
-// System calls that a test must see or fail: the network's.
+// System calls that a test must see or fail: the network's and the clock's.
 #include "fake_syscalls.h"
 
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include <cstring>
-#include <sstream>
+#include <ctime>
+
+#include "allocations.h"
+#include "fake_calls.h"
+
+using allocations::Paused;
 
 namespace fake {
 
 namespace {
-Syscalls current;
+
+Syscalls currentSyscalls;
+Clock currentClock;
+
+/// The result of a call that failed on request, or else the test's answer.
+template <typename Answer>
+long result(const std::string& text, const std::string& detail, Answer answer) {
+    syscalls().calls.push_back(text);
+    const auto failure = made(text.substr(0, text.find('(')).c_str(), text + detail);
+    return failure ? failure->result : static_cast<long>(answer());
 }
 
-Syscalls& syscalls() { return current; }
+time_t clockSeconds() { return clock().hour * 3600 + clock().minute * 60 + clock().second; }
 
-void resetSyscalls() { current = Syscalls(); }
+}  // namespace
+
+Syscalls& syscalls() { return currentSyscalls; }
+void resetSyscalls() { currentSyscalls = Syscalls(); }
+
+Clock& clock() { return currentClock; }
+void resetClock() { currentClock = Clock(); }
 
 }  // namespace fake
+
+using fake::callText;
+using fake::syscalls;
 
 extern "C" {
 
 int __wrap_socket(int domain, int type, int protocol) {
-    std::ostringstream os;
-    os << "socket(" << domain << ", " << type << ", " << protocol << ")";
-    fake::syscalls().calls.push_back(os.str());
-    return fake::syscalls().socket();
+    const Paused paused;
+    const auto fd = static_cast<int>(
+        fake::result(callText("socket", domain, type, protocol), "", syscalls().socket));
+    if (fd >= 0) fake::openSockets.insert(fd);
+    return fd;
 }
 
 int __wrap_setsockopt(int fd, int level, int option, const void* value, socklen_t length) {
-    std::ostringstream os;
-    os << "setsockopt(" << fd << ", " << level << ", " << option << ", [";
-    const auto* const bytes = static_cast<const uint8_t*>(value);
-    for (socklen_t i = 0; i < length; ++i) os << (i == 0 ? "" : " ") << unsigned{bytes[i]};
-    os << "], " << length << ")";
-    fake::syscalls().calls.push_back(os.str());
-    return fake::syscalls().setsockopt();
+    const Paused paused;
+    std::string bytes;
+    for (socklen_t i = 0; i < length; ++i) {
+        bytes += (i == 0 ? "" : " ") + std::to_string(static_cast<const uint8_t*>(value)[i]);
+    }
+    return static_cast<int>(
+        fake::result(callText("setsockopt", fd, level, option, "[" + bytes + "]", length), "",
+                     syscalls().setsockopt));
 }
 
 ssize_t __wrap_sendto(int fd, const void* message, size_t length, int flags,
                       const struct sockaddr* to, socklen_t addressLength) {
-    std::ostringstream os;
-    os << "sendto(" << fd << ", " << length << " bytes, " << flags << ", " << addressLength << ")";
-    fake::syscalls().calls.push_back(os.str());
+    const Paused paused;
     const auto* const bytes = static_cast<const uint8_t*>(message);
     fake::SentMessage sent{fd, {bytes, bytes + length}, flags, {}, addressLength};
     memcpy(&sent.to, to, sizeof sent.to);
-    fake::syscalls().sent.push_back(sent);
-    return static_cast<ssize_t>(fake::syscalls().sendto(length));
+    syscalls().sent.push_back(sent);
+    return fake::result(
+        callText("sendto", fd, std::to_string(length) + " bytes", flags, addressLength),
+        " to " + fake::hex(&sent.to.sin_addr, 4) + ": " + fake::hex(message, length),
+        [length] { return syscalls().sendto(length); });
 }
 
+/// The descriptor is gone even if the call fails, as with the kernel.
 int __wrap_close(int fd) {
-    std::ostringstream os;
-    os << "close(" << fd << ")";
-    fake::syscalls().calls.push_back(os.str());
-    return fake::syscalls().close();
+    const Paused paused;
+    const auto found = fake::openSockets.find(fd);
+    if (found != fake::openSockets.end()) fake::openSockets.erase(found);
+    return static_cast<int>(fake::result(callText("close", fd), "", syscalls().close));
 }
 
 unsigned __wrap_if_nametoindex(const char* name) {
-    fake::syscalls().calls.push_back("if_nametoindex(\"" + std::string(name) + "\")");
-    return fake::syscalls().ifNameToIndex(name);
+    const Paused paused;
+    return static_cast<unsigned>(fake::result(callText("if_nametoindex", fake::quoted(name)), "",
+                                              [name] { return syscalls().ifNameToIndex(name); }));
+}
+
+time_t __wrap_time(time_t* out) {
+    const Paused paused;
+    const auto failure = fake::made("time", "");
+    const time_t now = failure ? failure->result : fake::clockSeconds();
+    if (out != nullptr) *out = now;
+    return now;
+}
+
+/// The time zone is UTC, whatever the machine's.
+struct tm* __wrap_localtime_r(const time_t* seconds, struct tm* result) {
+    const Paused paused;
+    if (fake::made("localtime_r", "") || fake::clock().localtimeFails) return nullptr;
+    gmtime_r(seconds, result);
+    // A leap second, which has no number of its own.
+    if (*seconds == fake::clockSeconds()) {
+        result->tm_hour = fake::clock().hour;
+        result->tm_min = fake::clock().minute;
+        result->tm_sec = fake::clock().second;
+    }
+    return result;
+}
+
+/// The second has changed since time was asked.
+int __wrap_gettimeofday(struct timeval* now, void*) {
+    const Paused paused;
+    if (const auto failure = fake::made("gettimeofday", ""))
+        return static_cast<int>(failure->result);
+    now->tv_sec = fake::clockSeconds() + 1;
+    now->tv_usec = fake::clock().microseconds;
+    return 0;
 }
 
 }  // extern "C"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The scripted fake of the switch platform, linked into the unit tests in its place.
+// The scripted platform: the seam's functions, for the unit tests and for the daemon as a process.
 #ifndef PMTUD_TEST_FAKE_PLATFORM_H
 #define PMTUD_TEST_FAKE_PLATFORM_H
 
@@ -18,7 +18,7 @@
 
 namespace fake {
 
-/// A line that debug_process was given.
+/// A line that debug_process was given.  The journal shows "89 PMTUD-Prot: text".
 struct DebugLine {
     uint32_t channel;
     std::string format;
@@ -33,6 +33,7 @@ struct Icmp6Message {
     int iovcnt;
     std::vector<uint8_t> bytes;
     uint32_t ifindex;
+    const void* handedOver;  ///< where the first piece was
 };
 
 /// A frame that shm_data_entry_post was given.
@@ -42,38 +43,34 @@ struct PostedEntry {
     std::size_t len;
 };
 
-/// What the platform answers, and what it saw.  Every answer may throw.
+/// What the platform answers unless a call is to fail, and what it saw.  Every answer may throw.
+/// Calls without a field here answer 0.
 struct Platform {
-    std::function<int()> cfgInit = [] { return 0; };
-    std::function<int()> cfgAddPid = [] { return 0; };
-    std::function<int()> updateTimeZone = [] { return 0; };
-    std::function<int()> cfgClearPid = [] { return 0; };
     std::function<int(int egress)> destVlan = [](int) { return 100; };
     std::function<uint32_t(int vlan)> vlanMtu = [](int) { return 1500U; };
     std::function<int(int vlan)> mtuVlan = [](int vlan) { return vlan; };
 
-    std::function<int()> queueInit = [] { return 0; };
+    /// Called with `callback` set.
     std::function<int()> rxThreadInit = [] { return 0; };
-    /// The record's bytes stay as they were on entry unless this changes them.
-    std::function<int(st_pktd_shm_queue_entry_data_t*)> recordInit =
-        [](st_pktd_shm_queue_entry_data_t*) { return 0; };
-    std::function<int()> post = [] { return 0; };
-
     std::function<int(int32_t* fd)> icmp6SocketCreate = [](int32_t* fd) {
         *fd = 606;
         return 0;
     };
     std::function<int()> icmp6Send = [] { return 0; };
-    std::function<void(const DebugLine&)> onDebugLine = [](const DebugLine&) {};
 
     /// Every call but debug_process, in order, as it stands in a C source:
     /// "cfg_add_pid(\"pmtud\")", "cfg_vlan_l3_get_mtu(100)",
     /// "pktd_shm_queue_init(\"pmtud\", 0, 1, pktd_tx_queue_pool, pktd_rx_queue_pool)",
     /// "arpd_icmp6_socket_create(\"bcm0.20\")", "arpd_ipv6_pkt_send(606, 3)" (fd, ifindex), ...
+    /// The journal shows address and bytes of a message as well.
     std::vector<std::string> calls;
     std::vector<DebugLine> debugLines;
     std::vector<Icmp6Message> icmp6Messages;
     std::vector<PostedEntry> posted;
+    /// What arpd_icmp6_socket_create was given.
+    std::string interface;
+    /// What pktd_queue_entry_data_vlan_based_init was given.
+    const uint8_t* frameToPost = nullptr;
     /// What pktd_shm_rx_thread_init was given.
     pktd_rx_cb_t callback = nullptr;
 

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <map>
 #include <mutex>
+#include <string_view>
 
 #include "qv_exception.h"
 
@@ -92,3 +93,14 @@ int answerOf(const char* call) {
 }
 
 }  // namespace scripted
+
+std::optional<fake::Failure> fake::made(const char* call, const std::string& entry) {
+    static std::once_flag installed;
+    std::call_once(installed, scripted::installAnswers);
+    scripted::log(entry);
+    scripted::incidentOf(call);
+    if (std::string_view(call) == "updateTZ") scripted::countAllocationsFromNow();
+    const auto answer = scripted::script().answers.find(call);
+    if (answer == scripted::script().answers.end()) return std::nullopt;
+    return fake::Failure{answer->second};
+}

@@ -4,9 +4,9 @@
 #define PMTUD_TEST_SCRIPTED_PLAY_H
 
 #include <optional>
-#include <sstream>
 #include <string>
 
+#include "fake_calls.h"
 #include "scripted_script.h"
 
 namespace scripted {
@@ -19,17 +19,6 @@ const Script& script();
 /// descriptor if that is a number, or standard error if it is not set.
 void log(const std::string& line);
 
-/// The text of a call as it stands in a C source.
-template <typename... Arguments>
-std::string callText(const char* call, const Arguments&... arguments) {
-    std::ostringstream os;
-    os << call << "(";
-    [[maybe_unused]] const char* separator = "";
-    ((os << separator << arguments, separator = ", "), ...);
-    os << ")";
-    return os.str();
-}
-
 /// Counts the call and throws if the script says that this one does.
 /// @return the errno that this one fails with, if it does
 std::optional<int> incidentOf(const char* call);
@@ -37,13 +26,8 @@ std::optional<int> incidentOf(const char* call);
 /// What the script answers to the call.
 int answerOf(const char* call);
 
-/// Logs the call, throws if the script says so, answers what it says.
-template <typename... Arguments>
-int play(const char* call, const Arguments&... arguments) {
-    log(callText(call, arguments...));
-    incidentOf(call);
-    return answerOf(call);
-}
+/// Has the scripted platform answer as the script says.
+void installAnswers();
 
 /// Has the daemon's next allocation counted as the first "new".
 void countAllocationsFromNow();

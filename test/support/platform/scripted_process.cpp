@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
 #include <ctime>
 #include <new>
 #include <optional>
@@ -67,10 +66,7 @@ int __wrap_open(const char* path, int flags, mode_t mode) {
     callsAreWrapped = true;
     // Not the daemon's call, but that of the code in it that measures coverage.
     if (std::string_view(path).ends_with(".gcda")) return open(path, flags, mode);
-    char text[64];
-    snprintf(text, sizeof text, "%#x, %#o", static_cast<unsigned>(flags),
-             static_cast<unsigned>(mode));
-    scripted::log(scripted::callText("open", '"' + std::string(path) + '"', text));
+    scripted::log(fake::openText(path, flags, mode));
     if (const std::optional<int> error = scripted::incidentOf("open")) {
         errno = *error;
         return -1;
@@ -81,8 +77,7 @@ int __wrap_open(const char* path, int flags, mode_t mode) {
 
 int __wrap_flock(int fd, int operation) {
     const bool isPidFile = fd != -1 && fd == pidFile;
-    scripted::log(
-        scripted::callText("flock", isPidFile ? "pidFile" : std::to_string(fd), operation));
+    scripted::log(fake::callText("flock", isPidFile ? "pidFile" : std::to_string(fd), operation));
     if (const std::optional<int> error = scripted::incidentOf("flock")) {
         errno = *error;
         return -1;
@@ -93,7 +88,7 @@ int __wrap_flock(int fd, int operation) {
 // Logged where the argument differs from the last one: the daemon calls this 2,000 times a second.
 int __wrap_usleep(useconds_t microseconds) {
     static std::optional<useconds_t> last;
-    if (microseconds != last) scripted::log(scripted::callText("usleep", microseconds));
+    if (microseconds != last) scripted::log(fake::callText("usleep", microseconds));
     last = microseconds;
     if (!mainThreadParked.exchange(true)) mainThreadParked.notify_all();
     scripted::incidentOf("usleep");

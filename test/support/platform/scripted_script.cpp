@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
+#include <cstring>
 #include <limits>
 #include <set>
 #include <sstream>
@@ -15,7 +16,7 @@ namespace {
 constexpr int kLeast = std::numeric_limits<int>::min();
 constexpr int kMost = std::numeric_limits<int>::max();
 
-const std::set<std::string>& answeringCalls() {
+bool answers(const std::string& call) {
     static const std::set<std::string> calls = {"cfg_init",
                                                 "cfg_add_pid",
                                                 "updateTZ",
@@ -31,7 +32,7 @@ const std::set<std::string>& answeringCalls() {
                                                 "arpd_ipv6_pkt_send",
                                                 "debug_process",
                                                 "usleep"};
-    return calls;
+    return calls.contains(call);
 }
 
 /// What is wrong with a line.
@@ -91,14 +92,14 @@ class Line {
 
 void readAnswer(Line& line, Script& script) {
     const std::string call = line.word("call");
-    if (!answeringCalls().contains(call)) throw Fault("no call '" + call + "' to answer");
+    if (!answers(call)) throw Fault("no call '" + call + "' to answer");
     script.answers[call] = line.integer("answer");
     line.ends();
 }
 
 void readThrow(Line& line, Script& script) {
     const std::string call = line.word("call");
-    if (!answeringCalls().contains(call) && call != "new") {
+    if (!answers(call) && call != "new") {
         throw Fault("no call '" + call + "' to throw from");
     }
     const int nth = static_cast<int>(line.number("count", 1, kMost));
@@ -151,23 +152,18 @@ void setField(st_pktd_shm_queue_entry_ctrl_t& ctrl, const std::string& name,
         ctrl.vtag = static_cast<uint16_t>(Line::toNumber(value, "vtag", 0, 65535));
         return;
     }
+    // By offset and memcpy: a packed field is unaligned.
+    static const std::map<std::string, std::size_t> offsets = {
+        {"unit", offsetof(st_pktd_shm_queue_entry_ctrl_t, unit)},
+        {"port", offsetof(st_pktd_shm_queue_entry_ctrl_t, port)},
+        {"tid", offsetof(st_pktd_shm_queue_entry_ctrl_t, tid)},
+        {"vid", offsetof(st_pktd_shm_queue_entry_ctrl_t, vid)},
+        {"proto", offsetof(st_pktd_shm_queue_entry_ctrl_t, proto)},
+        {"egress", offsetof(st_pktd_shm_queue_entry_ctrl_t, egress)}};
+    const auto offset = offsets.find(name);
+    if (offset == offsets.end()) throw Fault("no field '" + name + "' of a record");
     const auto number = static_cast<int32_t>(Line::toNumber(value, name.c_str(), kLeast, kMost));
-    // By member access: only that tells the compiler that a packed field is unaligned.
-    if (name == "unit") {
-        ctrl.unit = number;
-    } else if (name == "port") {
-        ctrl.port = number;
-    } else if (name == "tid") {
-        ctrl.tid = number;
-    } else if (name == "vid") {
-        ctrl.vid = number;
-    } else if (name == "proto") {
-        ctrl.proto = number;
-    } else if (name == "egress") {
-        ctrl.egress = number;
-    } else {
-        throw Fault("no field '" + name + "' of a record");
-    }
+    memcpy(reinterpret_cast<uint8_t*>(&ctrl) + offset->second, &number, sizeof number);
 }
 
 st_pktd_shm_queue_entry_ctrl_t readRecord(Line& line) {

@@ -3,8 +3,8 @@
 //
 // One statement a line; blank lines and lines that begin with # are skipped.
 //
-//   answer CALL NUMBER           every CALL returns NUMBER (0 where nothing is said); a function
-//                                of cfg, pktd or arpd, debug_process or usleep
+//   answer CALL NUMBER           every CALL returns NUMBER (0 if nothing is stated, here or by vlan
+//                                or mtu); a function of cfg, pktd or arpd, debug_process or usleep
 //   vlan EGRESS VLAN             cfg_vlan_l3_get_dest_vlan(EGRESS) returns VLAN
 //   mtu VLAN MTU                 cfg_vlan_l3_get_mtu(VLAN) returns MTU
 //   throw CALL NTH KIND TEXT     the NTH CALL, counted from 1, throws; KIND is qv (qv::exception),

@@ -47,21 +47,6 @@ void logFrom(const char* file, int line, const char* function, qv::LogLevel leve
     qv::QVDevLog().get(file, line, function, level) << message;
 }
 
-TEST_F(FileChannel, WritesTimeLevelPlaceFunctionMessageAndCrLf) {
-    const CapturedLog log(qv::WARNING);
-    logFrom("SHM_Wrapper", 40, "int SHM_Wrapper::handleFrame(uint8_t*, size_t)", qv::WARNING,
-            "message");
-    EXPECT_EQ(log.text(),
-              "14:03:07.2 WARNING: [SHM_Wrapper:40 | int SHM_Wrapper::handleFrame(uint8_t*, "
-              "size_t)] message\r\n");
-}
-
-TEST_F(FileChannel, WritesThePrefixAloneForAnEmptyMessage) {
-    const CapturedLog log(qv::WARNING);
-    logFrom("main", 84, "int main()", qv::WARNING, "");
-    EXPECT_EQ(log.text(), "14:03:07.2 WARNING: [main:84 | int main()] \r\n");
-}
-
 TEST_F(FileChannel, StatementCarriesItsFileWithoutExtensionItsNumberAndItsFunction) {
     const CapturedLog log(qv::WARNING);
     statementOfAFunction(0);
@@ -119,26 +104,18 @@ TEST_F(FileChannel, EscapesAndLimitsNothing) {
     EXPECT_EQ(log.text(), "14:03:07.2 ERROR: [f:1 | g] " + message + "\r\n");
 }
 
-TEST_F(FileChannel, ShortLineBehindALongOneShowsNothingOfIt) {
-    const CapturedLog log(qv::WARNING);
-    logFrom("f", 1, "g", qv::ERROR, std::string(10000, 'x').c_str());
-    const std::size_t first = log.text().size();
-    logFrom("f", 2, "g", qv::ERROR, "short");
-    logFrom("f", 3, "g", qv::ERROR, "");
-    EXPECT_EQ(log.text().substr(first),
-              "14:03:07.2 ERROR: [f:2 | g] short\r\n14:03:07.2 ERROR: [f:3 | g] \r\n");
-}
-
 class LineLength : public testing::TestWithParam<std::size_t> {};
 
-TEST_P(LineLength, IsKeptAndLeavesNothingToTheNextLine) {
+TEST_P(LineLength, IsKeptAndLeavesNothingToShorterLinesAfterIt) {
     fake::resetClock();
     const CapturedLog log(qv::WARNING);
     const std::string message(GetParam(), 'x');
     logFrom("f", 1, "g", qv::ERROR, message.c_str());
     logFrom("f", 2, "g", qv::ERROR, "short");
+    logFrom("f", 3, "g", qv::ERROR, "");
     EXPECT_EQ(log.text(), "14:03:07.2 ERROR: [f:1 | g] " + message +
-                              "\r\n14:03:07.2 ERROR: [f:2 | g] short\r\n");
+                              "\r\n14:03:07.2 ERROR: [f:2 | g] short\r\n"
+                              "14:03:07.2 ERROR: [f:3 | g] \r\n");
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, LineLength,
@@ -229,21 +206,16 @@ struct Level {
 
 class LevelNames : public testing::TestWithParam<Level> {};
 
-TEST_P(LevelNames, CodeAndNameOfEachAreFixed) {
-    EXPECT_EQ(static_cast<int>(GetParam().level), GetParam().code);
-    EXPECT_EQ(qv::toString(GetParam().level), GetParam().name);
-}
-
-TEST_P(LevelNames, NameIsWrittenInTheLine) {
+TEST_P(LevelNames, CodeNameAndLineOfEachAreFixed) {
     fake::resetClock();
     const CapturedLog log(qv::ERROR);
     logFrom("f", 1, "g", GetParam().level, "text");
     EXPECT_EQ(log.text(), "14:03:07.2 " + std::string(GetParam().name) + ": [f:1 | g] text\r\n");
+    EXPECT_EQ(static_cast<int>(GetParam().level), GetParam().code);
+    EXPECT_EQ(qv::toString(GetParam().level), GetParam().name);
 }
 
-TEST(LogLevels, AreASignedEnumerationOf32Bits) {
-    EXPECT_TRUE((std::is_same_v<std::underlying_type_t<qv::LogLevel>, int32_t>));
-}
+static_assert(std::is_same_v<std::underlying_type_t<qv::LogLevel>, int32_t>);
 
 INSTANTIATE_TEST_SUITE_P(
     Every, LevelNames,

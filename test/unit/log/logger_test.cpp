@@ -1,65 +1,169 @@
 // SPDX-License-Identifier: MIT
-// The logger classes: what they derive from and how they are used.
-#include <gtest/gtest.h>
-
+// The logger classes, their sinks, the debug-process channel, and the framework's error class.
 #include <memory>
+#include <sstream>
+#include <stdexcept>
 #include <type_traits>
 #include <typeinfo>
-#include <vector>
 
 #include "QVLog.h"
-#include "fake_platform.h"
+#include "daemon_test.h"
+#include "qv_exception.h"
 
 namespace {
 
+using fake::DebugLine;
 using FileLog = qv::Log<qv::Output2FilePolicy>;
 using DebugProcessLog = qv::Log<qv::Output2DebugProcessPolicy>;
 
-TEST(Loggers, DevLogDerivesPubliclyFromTheFileChannels) {
-    EXPECT_TRUE((std::is_convertible_v<qv::QVDevLog*, FileLog*>));
-}
+static_assert(std::is_convertible_v<qv::QVDevLog*, FileLog*>);
+static_assert(std::is_convertible_v<qv::QVDebugProcLog*, DebugProcessLog*>);
+static_assert(sizeof(qv::QVDevLog) == sizeof(FileLog), "no fields of its own");
+static_assert(sizeof(qv::QVDebugProcLog) == sizeof(DebugProcessLog), "no fields of its own");
+static_assert(std::is_empty_v<qv::Output2FilePolicy> &&
+              std::is_empty_v<qv::Output2DebugProcessPolicy>);
 
-TEST(Loggers, DebugProcLogDerivesPubliclyFromTheDebugProcessChannels) {
-    EXPECT_TRUE((std::is_convertible_v<qv::QVDebugProcLog*, DebugProcessLog*>));
-}
+template <typename... Loggers>
+constexpr bool kAreDestroyedByTheirBaseAndNotCopied = ((std::has_virtual_destructor_v<Loggers> &&
+                                                        !std::is_copy_constructible_v<Loggers> &&
+                                                        !std::is_copy_assignable_v<Loggers>)&&...);
+static_assert(kAreDestroyedByTheirBaseAndNotCopied<FileLog, DebugProcessLog, qv::QVDevLog,
+                                                   qv::QVDebugProcLog>);
 
-template <typename T>
-class EveryLogger : public testing::Test {};
-using LoggerTypes = testing::Types<FileLog, DebugProcessLog, qv::QVDevLog, qv::QVDebugProcLog>;
-TYPED_TEST_SUITE(EveryLogger, LoggerTypes);
+class Loggers : public daemon_test::FakesTest {
+ protected:
+    using DebugLines = std::vector<DebugLine>;
+    static const DebugLines& lines() { return fake::platform().debugLines; }
+};
 
-TYPED_TEST(EveryLogger, HasAVirtualDestructor) {
-    EXPECT_TRUE(std::has_virtual_destructor_v<TypeParam>);
-}
-
-TYPED_TEST(EveryLogger, IsNotCopied) {
-    EXPECT_FALSE(std::is_copy_constructible_v<TypeParam>);
-    EXPECT_FALSE(std::is_copy_assignable_v<TypeParam>);
-}
-
-TEST(Loggers, AddNoFieldsToTheirBases) {
-    EXPECT_EQ(sizeof(qv::QVDevLog), sizeof(FileLog));
-    EXPECT_EQ(sizeof(qv::QVDebugProcLog), sizeof(DebugProcessLog));
-}
-
-TEST(Loggers, HaveTypeInformationOfTheirOwn) {
-    EXPECT_NE(typeid(qv::QVDevLog), typeid(FileLog));
-    EXPECT_NE(typeid(qv::QVDebugProcLog), typeid(DebugProcessLog));
-}
-
-TEST(Loggers, EmitTheirLineOnceThroughAPointerToTheirBase) {
-    fake::resetPlatform();
+TEST_F(Loggers, EmitTheirLineOnceThroughAPointerToTheirBase) {
     std::unique_ptr<DebugProcessLog> logger = std::make_unique<qv::QVDebugProcLog>();
     const DebugProcessLog& base = *logger;
     EXPECT_EQ(typeid(base), typeid(qv::QVDebugProcLog));
+    EXPECT_NE(typeid(qv::QVDevLog), typeid(FileLog));
     logger->get(89, "n") << "text";
+    EXPECT_TRUE(lines().empty());
     logger.reset();
-    EXPECT_EQ(fake::platform().debugLines, std::vector<fake::DebugLine>({{89, "%s", " n: text"}}));
+    EXPECT_EQ(lines(), DebugLines({{89, "%s", " n: text"}}));
 }
 
-TEST(Loggers, HavePoliciesWithoutData) {
-    EXPECT_TRUE(std::is_empty_v<qv::Output2FilePolicy>);
-    EXPECT_TRUE(std::is_empty_v<qv::Output2DebugProcessPolicy>);
+// The debug process: the text as it is, and never gated.
+
+struct Statement {
+    const char* name;
+    void (*run)();
+    DebugLine line;
+};
+
+int throwing() { throw std::runtime_error("converted"); }
+
+class DebugProcessChannel : public Loggers, public testing::WithParamInterface<Statement> {};
+
+TEST_P(DebugProcessChannel, HandsOverItsLineAsDataOfThePlainFormat) {
+    GetParam().run();
+    EXPECT_EQ(lines(), DebugLines({GetParam().line}));
 }
+
+const Statement kStatements[] = {
+    {"OfAName",
+     [] { qv::QVDebugProcLog().get(89, "PMTUD-Prot") << "OK"; },
+     {89, "%s", " PMTUD-Prot: OK"}},
+    {"OfANameAsAString",
+     [] { qv::QVDebugProcLog().get(4294967295U, std::string("name")) << 1; },
+     {4294967295U, "%s", " name: 1"}},
+    {"OfANameWithAZeroByteUpToIt",
+     [] { qv::QVDebugProcLog().get(1, std::string("na\0me", 5)) << "text"; },
+     {1, "%s", " na: text"}},
+    {"WithAConversion",
+     [] { qv::QVDebugProcLog().get(89, "n") << "%s %n %%"; },
+     {89, "%s", " n: %s %n %%"}},
+    {"OfAnEmptyMessage", [] { qv::QVDebugProcLog().get(89, "n") << ""; }, {89, "%s", " n: "}},
+    {"ThatWasNotBegun", [] { const qv::QVDebugProcLog logger; }, {0, "%s", ""}},
+    {"ThatAnExceptionInterrupts",
+     [] {
+         EXPECT_THROW(qv::QVDebugProcLog().get(89, "n") << "   From: " << throwing(),
+                      std::runtime_error);
+     },
+     {89, "%s", " n:    From: "}},
+    {"AtNoThresholdAndWithoutAStream",
+     [] {
+         const CapturedLog log(-1);
+         FILE* const stream = std::exchange(qv::stream(), nullptr);
+         qv::QVDebugProcLog().get(89, "n") << "written";
+         qv::stream() = stream;
+     },
+     {89, "%s", " n: written"}},
+};
+
+void PrintTo(const Statement& statement, std::ostream* os) { *os << statement.name; }
+
+INSTANTIATE_TEST_SUITE_P(Line, DebugProcessChannel, testing::ValuesIn(kStatements),
+                         daemon_test::kCaseName);
+
+TEST_F(Loggers, ShowNothingOfALongLineInAShortOneAfterIt) {
+    for (const std::size_t length : {10000U, 100U, 1U}) {
+        qv::QVDebugProcLog().get(89, "n") << std::string(length, 'x');
+        EXPECT_EQ(lines().back().text, " n: " + std::string(length, 'x'));
+    }
+    EXPECT_EQ(lines().size(), 3U);
+}
+
+// The sinks by themselves, given a text as a logger's destructor gives it.
+
+TEST_F(Loggers, WriteTextAndCrLfWhateverChannelReservedAndThreshold) {
+    const CapturedLog log(-1);
+    std::ostringstream os;
+    os << "text";
+    qv::Output2FilePolicy::output(4294967295U, os, -1);
+    EXPECT_EQ(log.text(), "text\r\n");
+}
+
+TEST_F(Loggers, AppendCrLfToTheBufferEvenIfThereIsNoStream) {
+    const CapturedLog log(qv::ERROR);
+    FILE* const stream = std::exchange(qv::stream(), nullptr);
+    std::ostringstream os;
+    os << "text";
+    qv::Output2FilePolicy::output(0, os, 0);
+    qv::stream() = stream;
+    EXPECT_EQ(os.str(), "text\r\n");
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(Loggers, HandTheDebugProcessAnyTextWhateverReserved) {
+    for (const char* const text : {"text\n", ""}) {
+        std::ostringstream os;
+        os << text;
+        qv::Output2DebugProcessPolicy::output(5, os, -1);
+        EXPECT_EQ(lines().back(), (DebugLine{5, "%s", text}));
+    }
+}
+
+// The error class, which only a handler that names it catches.
+
+std::string handlerOf(void (*thrower)()) {
+    try {
+        thrower();
+    } catch (const std::runtime_error&) {
+        return "std::runtime_error";
+    } catch (const std::exception&) {
+        return "std::exception";
+    } catch (qv::exception& e) {
+        return std::string("qv::exception ") + e.what();
+    } catch (...) {
+        return "...";
+    }
+    return "none";
+}
+
+TEST(QvException, IsCaughtByItsOwnNameOnly) {
+    EXPECT_EQ(handlerOf([] { throw qv::exception("text"); }), "qv::exception text");
+    EXPECT_EQ(handlerOf([] { throw qv::exception(std::string("a text")); }),
+              "qv::exception a text");
+    EXPECT_EQ(handlerOf([] { throw std::runtime_error("text"); }), "std::runtime_error");
+}
+
+static_assert(sizeof(qv::exception) == sizeof(std::runtime_error), "no fields of its own");
+static_assert(std::is_base_of_v<std::runtime_error, qv::exception> &&
+              !std::is_convertible_v<qv::exception*, std::runtime_error*>);
 
 }  // namespace

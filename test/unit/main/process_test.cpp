@@ -35,12 +35,9 @@ const std::string kPark = "usleep(500)\n";
 const std::string kUntouchedStart =
     kOpenAndLock + kRegister + kConstruct + kAttachQueue + kStartThread + kPark;
 
-const std::string kClash =
-    "14:03:07.2 ERROR: [main:52 | int main()] another instance is already running\r\n";
 const std::string kUnknown =
     "14:03:07.2 ERROR: [main:79 | int main()] unknown exception caught\r\n";
 const std::string kExiting = "14:03:07.2 WARNING: [main:84 | int main()] Exiting app\r\n";
-const std::string kLeave = kExiting + "cfg_clear_pid()\n";
 const std::string kNotAttached =
     "14:03:07.2 ERROR: [PMTUDApp:72 | bool PMTUDApp::run() const] Could not initialize SHM\r\n";
 
@@ -64,7 +61,8 @@ class ProcessEntry : public testing::Test {
 // ---- start-up
 
 TEST_F(ProcessEntry, LocksRegistersConstructsAttachesAndParksInThisOrder) {
-    EXPECT_EQ(logOfStart(play("")),
+    DaemonProcess daemon(play(""));
+    EXPECT_EQ(daemon.logUntil("usleep(500)"),
               "open(\"/var/run/pmtud.pid\", 0x42, 0666)\n"
               "flock(pidFile, 6)\n"
               "cfg_init()\n"
@@ -75,6 +73,7 @@ TEST_F(ProcessEntry, LocksRegistersConstructsAttachesAndParksInThisOrder) {
               "pktd_shm_rx_thread_init(\"pmtud\", pktd_rx_queue_pool, pktd_rx_wl_pool, 32, 32, "
               "callback, 0)\n"
               "usleep(500)\n");
+    EXPECT_EQ(daemon.standardOutput(), "");
 }
 
 TEST_F(ProcessEntry, SleepsInStepsOf500MicrosecondsUntilAnExceptionEndsTheLoop) {
@@ -82,32 +81,7 @@ TEST_F(ProcessEntry, SleepsInStepsOf500MicrosecondsUntilAnExceptionEndsTheLoop) 
     EXPECT_EQ(endingOf("throw usleep 1000 qv woken\n"),
               (Ending{"exit status 1", kUntouchedStart + kDestroy +
                                            "14:03:07.2 ERROR: [main:75 | int main()] woken\r\n" +
-                                           kLeave}));
-}
-
-TEST_F(ProcessEntry, IgnoresTheResultOfTheSleep) {
-    EXPECT_EQ(endingOf("answer usleep -1\nthrow usleep 3 qv woken\n"),
-              (Ending{"exit status 1", kUntouchedStart + kDestroy +
-                                           "14:03:07.2 ERROR: [main:75 | int main()] woken\r\n" +
-                                           kLeave}));
-}
-
-class ProcessEntryIgnoresTheResultOf : public ProcessEntry,
-                                       public testing::WithParamInterface<const char*> {};
-
-TEST_P(ProcessEntryIgnoresTheResultOf, TheCall) {
-    EXPECT_EQ(logOfStart(play("answer " + std::string(GetParam()) + " -1\n")), kUntouchedStart);
-    EXPECT_EQ(logOfStart(play("answer " + std::string(GetParam()) + " 1\n")), kUntouchedStart);
-}
-
-INSTANTIATE_TEST_SUITE_P(StartUp, ProcessEntryIgnoresTheResultOf,
-                         testing::Values("cfg_init", "cfg_add_pid", "updateTZ"),
-                         [](const auto& instance) { return std::string(instance.param); });
-
-TEST_F(ProcessEntry, WritesNothingOnStandardOutput) {
-    DaemonProcess daemon(play(""));
-    daemon.logUntil("usleep(500)");
-    EXPECT_EQ(daemon.standardOutput(), "");
+                                           kExiting + "cfg_clear_pid()\n"}));
 }
 
 TEST_F(ProcessEntry, IgnoresItsCommandLine) {
@@ -136,36 +110,19 @@ TEST_F(ProcessEntry, IgnoresItsEnvironment) {
 class ThePidFileIsCreated : public ProcessEntry,
                             public testing::WithParamInterface<std::array<mode_t, 2>> {};
 
-TEST_P(ThePidFileIsCreated, WithMode0666LessTheUmask) {
+TEST_P(ThePidFileIsCreated, EmptyAndWithMode0666LessTheUmask) {
     const auto [umask, mode] = GetParam();
     Start start = play("");
     start.umask = umask;
     logOfStart(start);
     EXPECT_EQ(pid_file::mode(), mode);
+    EXPECT_EQ(pid_file::content(), "");
 }
 
 INSTANTIATE_TEST_SUITE_P(Umask, ThePidFileIsCreated,
                          testing::Values(std::array<mode_t, 2>{0, 0666},
                                          std::array<mode_t, 2>{022, 0644},
                                          std::array<mode_t, 2>{077, 0600}));
-
-TEST_F(ProcessEntry, LeavesAFreshPidFileEmpty) {
-    DaemonProcess daemon(play(""));
-    daemon.logUntil("usleep(500)");
-    EXPECT_EQ(pid_file::content(), "");
-}
-
-TEST_F(ProcessEntry, KeepsTheOldContentOfThePidFile) {
-    pid_file::write("4711\n");
-    EXPECT_EQ(logOfStart(play("")), kUntouchedStart);
-    EXPECT_EQ(pid_file::content(), "4711\n");
-}
-
-TEST_F(ProcessEntry, KeepsTheOldContentOfThePidFileWhenAnExceptionEndsIt) {
-    pid_file::write("4711\n");
-    EXPECT_EQ(endingOf("throw pktd_shm_queue_init 1 qv over\n").how, "exit status 1");
-    EXPECT_EQ(pid_file::content(), "4711\n");
-}
 
 TEST_F(ProcessEntry, HoldsAnExclusiveLockWhileItIsParked) {
     DaemonProcess daemon(play(""));
@@ -184,33 +141,6 @@ TEST_F(ProcessEntry, StartsInSilenceWhereVarRunIsReadOnly) {
     EXPECT_FALSE(pid_file::exists());
 }
 
-TEST_F(ProcessEntry, StartsInSilenceWhereThePidFileIsADirectory) {
-    std::filesystem::create_directory(pid_file::kPath);
-    EXPECT_EQ(logOfStart(play("")),
-              "open(\"/var/run/pmtud.pid\", 0x42, 0666)\n"
-              "flock(-1, 6)\n" +
-                  kRegister + kConstruct + kAttachQueue + kStartThread + kPark);
-}
-
-TEST_F(ProcessEntry, StartsInSilenceWhereItMayNotOpenThePidFile) {
-    EXPECT_EQ(logOfStart(play("fail open 1 13\n")),
-              "open(\"/var/run/pmtud.pid\", 0x42, 0666)\n"
-              "flock(-1, 6)\n" +
-                  kRegister + kConstruct + kAttachQueue + kStartThread + kPark);
-}
-
-// EINTR, EBADF, ENOMEM, EACCES, EINVAL, ENOLCK.
-class StartsInSilenceWhereLockingFailsFor : public ProcessEntry,
-                                            public testing::WithParamInterface<int> {};
-
-TEST_P(StartsInSilenceWhereLockingFailsFor, AnotherReasonThanAHolder) {
-    EXPECT_EQ(logOfStart(play("fail flock 1 " + std::to_string(GetParam()) + "\n")),
-              kUntouchedStart);
-}
-
-INSTANTIATE_TEST_SUITE_P(Errno, StartsInSilenceWhereLockingFailsFor,
-                         testing::Values(4, 9, 12, 13, 22, 37));
-
 // ---- a second instance
 
 TEST_F(ProcessEntry, SaysThatAnotherInstanceRunsAndStartsAllTheSame) {
@@ -218,17 +148,10 @@ TEST_F(ProcessEntry, SaysThatAnotherInstanceRunsAndStartsAllTheSame) {
     EXPECT_EQ(first.logUntil("usleep(500)"), kUntouchedStart);
     DaemonProcess second(play(""));
     EXPECT_EQ(second.logUntil("usleep(500)"),
-              "open(\"/var/run/pmtud.pid\", 0x42, 0666)\n"
-              "flock(pidFile, 6)\n"
-              "14:03:07.2 ERROR: [main:52 | int main()] another instance is already running\r\n"
-              "cfg_init()\n"
-              "cfg_add_pid(\"pmtud\")\n"
-              "updateTZ()\n"
-              "operator new\n"
-              "pktd_shm_queue_init(\"pmtud\", 0, 1, pktd_tx_queue_pool, pktd_rx_queue_pool)\n"
-              "pktd_shm_rx_thread_init(\"pmtud\", pktd_rx_queue_pool, pktd_rx_wl_pool, 32, 32, "
-              "callback, 0)\n"
-              "usleep(500)\n");
+              kOpenAndLock +
+                  "14:03:07.2 ERROR: [main:52 | int main()] another instance is already "
+                  "running\r\n" +
+                  kRegister + kConstruct + kAttachQueue + kStartThread + kPark);
     EXPECT_TRUE(first.isRunning());
 }
 
@@ -248,19 +171,6 @@ TEST_F(ProcessEntry, IsTheOnlyInstanceAgainOnceTheFirstIsKilled) {
     EXPECT_EQ(logOfStart(play("")), kUntouchedStart);
 }
 
-TEST_F(ProcessEntry, TakesEwouldblockForAnotherInstance) {
-    EXPECT_EQ(logOfStart(play("fail flock 1 11\n")),
-              kOpenAndLock + kClash + kRegister + kConstruct + kAttachQueue + kStartThread + kPark);
-}
-
-TEST_F(ProcessEntry, ExitsAfterAnExceptionAsASecondInstanceToo) {
-    EXPECT_EQ(endingOf("fail flock 1 11\nthrow usleep 1 qv woken\n"),
-              (Ending{"exit status 1", kOpenAndLock + kClash + kRegister + kConstruct +
-                                           kAttachQueue + kStartThread + kPark + kDestroy +
-                                           "14:03:07.2 ERROR: [main:75 | int main()] woken\r\n" +
-                                           kLeave}));
-}
-
 // ---- the queues cannot be attached
 
 TEST_F(ProcessEntry, ParksWithoutFramesWhereTheQueueCannotBeAttached) {
@@ -272,127 +182,58 @@ TEST_F(ProcessEntry, ParksWithoutFramesWhereTheQueueCannotBeAttached) {
                   "14:03:07.2 ERROR: [PMTUDApp:72 | bool PMTUDApp::run() const] "
                   "Could not initialize SHM\r\n"
                   "usleep(500)\n");
-    EXPECT_TRUE(daemon.isRunning());
-    daemon.signal(SIGTERM);
-    EXPECT_EQ(daemon.ending(), (Ending{"signal 15", ""}));
-}
-
-TEST_F(ProcessEntry, ParksWithoutFramesWhereTheReceiveThreadCannotBeStarted) {
-    DaemonProcess daemon(play("answer pktd_shm_rx_thread_init -12\n"));
-    EXPECT_EQ(daemon.logUntil("usleep(500)"),
-              kOpenAndLock + kRegister + kConstruct + kAttachQueue + kStartThread +
-                  "14:03:07.2 ERROR: [SHM_Wrapper:145 | virtual bool SHM_Wrapper_App::init()] "
-                  "Could not initialize SHM thread, ret=-12\r\n"
-                  "14:03:07.2 ERROR: [PMTUDApp:72 | bool PMTUDApp::run() const] "
-                  "Could not initialize SHM\r\n"
-                  "usleep(500)\n");
-    EXPECT_TRUE(daemon.isRunning());
-    daemon.signal(SIGTERM);
-    EXPECT_EQ(daemon.ending(), (Ending{"signal 15", ""}));
-}
-
-TEST_F(ProcessEntry, HoldsTheLockAlsoWithoutQueues) {
-    DaemonProcess daemon(play("answer pktd_shm_queue_init 1\n"));
-    daemon.logUntil("usleep(500)");
     EXPECT_FALSE(pid_file::isFreeFor(LOCK_EX));
-}
-
-TEST_F(ProcessEntry, GoesOnSleepingWithoutQueues) {
-    EXPECT_EQ(endingOf("answer pktd_shm_queue_init 1\nthrow usleep 200 qv woken\n").how,
-              "exit status 1");
+    daemon.signal(SIGTERM);
+    EXPECT_EQ(daemon.ending(), (Ending{"signal 15", ""}));
 }
 
 // ---- exceptions
 
-TEST_F(ProcessEntry, ReportsAQvExceptionOfTheConstructorAndExits) {
-    EXPECT_EQ(endingOf("throw new 1 qv no memory for the handler\n"),
-              (Ending{"exit status 1",
-                      "open(\"/var/run/pmtud.pid\", 0x42, 0666)\n"
-                      "flock(pidFile, 6)\n"
-                      "cfg_init()\n"
-                      "cfg_add_pid(\"pmtud\")\n"
-                      "updateTZ()\n"
-                      "operator new\n"
-                      "14:03:07.2 ERROR: [main:75 | int main()] no memory for the handler\r\n"
-                      "14:03:07.2 WARNING: [main:84 | int main()] Exiting app\r\n"
-                      "cfg_clear_pid()\n"}));
-}
+struct Exception {
+    const char* name;
+    const char* statements;
+    std::string log;  ///< between registration and exit
+};
 
-TEST_F(ProcessEntry, ReportsAnyOtherExceptionOfTheConstructorAsUnknown) {
-    EXPECT_EQ(endingOf("throw new 1 std no memory for the handler\n"),
-              (Ending{"exit status 1",
-                      "open(\"/var/run/pmtud.pid\", 0x42, 0666)\n"
-                      "flock(pidFile, 6)\n"
-                      "cfg_init()\n"
-                      "cfg_add_pid(\"pmtud\")\n"
-                      "updateTZ()\n"
-                      "operator new\n"
-                      "14:03:07.2 ERROR: [main:79 | int main()] unknown exception caught\r\n"
-                      "14:03:07.2 WARNING: [main:84 | int main()] Exiting app\r\n"
-                      "cfg_clear_pid()\n"}));
-}
+void PrintTo(const Exception& exception, std::ostream* os) { *os << exception.name; }
 
-TEST_F(ProcessEntry, ReportsAnExceptionOfNoClassAsUnknown) {
-    EXPECT_EQ(endingOf("throw new 1 int 5\n"),
-              (Ending{"exit status 1", kOpenAndLock + kRegister + kConstruct + kUnknown + kLeave}));
-}
+class AnException : public ProcessEntry, public testing::WithParamInterface<Exception> {};
 
-TEST_F(ProcessEntry, DestroysTheApplicationBeforeItReportsAQvExceptionOfTheRun) {
-    EXPECT_EQ(
-        endingOf("throw pktd_shm_queue_init 1 qv queue gone\n"),
-        (Ending{"exit status 1", kOpenAndLock + kRegister + kConstruct + kAttachQueue +
-                                     "operator delete\n"
-                                     "14:03:07.2 ERROR: [main:75 | int main()] queue gone\r\n" +
-                                     kLeave}));
-}
-
-TEST_F(ProcessEntry, DestroysTheApplicationBeforeItReportsAnyOtherExceptionOfTheRun) {
-    EXPECT_EQ(
-        endingOf("throw pktd_shm_rx_thread_init 1 std no thread\n"),
-        (Ending{"exit status 1", kOpenAndLock + kRegister + kConstruct + kAttachQueue +
-                                     kStartThread + "operator delete\n" + kUnknown + kLeave}));
-}
-
-TEST_F(ProcessEntry, ReportsAnyOtherExceptionOfTheSleepAsUnknown) {
-    EXPECT_EQ(endingOf("throw usleep 1 std woken\n"),
-              (Ending{"exit status 1", kUntouchedStart + kDestroy + kUnknown + kLeave}));
-}
-
-TEST_F(ProcessEntry, ExitsWhereTheTimeOfALogLineCannotBeRead) {
-    // The line that wanted the time ends empty, and the exception passes through run().
-    EXPECT_EQ(endingOf("answer pktd_shm_queue_init 1\nfail localtime_r 1 75\n"),
-              (Ending{"exit status 1", kOpenAndLock + kRegister + kConstruct + kAttachQueue +
-                                           "\r\n" + kDestroy + kUnknown + kLeave}));
-}
-
-TEST_F(ProcessEntry, WritesTheTextOfAQvExceptionAsItStands) {
-    EXPECT_EQ(endingOf("throw new 1 qv 100% of %s, \"%n\"  [x] \n").log,
-              kOpenAndLock + kRegister + kConstruct +
-                  "14:03:07.2 ERROR: [main:75 | int main()] 100% of %s, \"%n\"  [x] \r\n" + kLeave);
-}
-
-TEST_F(ProcessEntry, WritesALineAlsoForAQvExceptionWithoutText) {
-    EXPECT_EQ(endingOf("throw new 1 qv\n").log,
-              kOpenAndLock + kRegister + kConstruct +
-                  "14:03:07.2 ERROR: [main:75 | int main()] \r\n" + kLeave);
-}
-
-TEST_F(ProcessEntry, IgnoresTheResultOfWithdrawingItsRegistration) {
-    EXPECT_EQ(endingOf("answer cfg_clear_pid -1\nthrow new 1 qv over\n").how, "exit status 1");
-    EXPECT_EQ(endingOf("answer cfg_clear_pid 7\nthrow new 1 std over\n").how, "exit status 1");
-}
-
-TEST_F(ProcessEntry, LeavesAnUnlockedPidFileBehindOnExit) {
-    EXPECT_EQ(endingOf("throw new 1 qv over\n").how, "exit status 1");
-    EXPECT_EQ(pid_file::content(), "");
+/// The PID file stays, as it was and unlocked.
+TEST_P(AnException, IsReportedAfterTheApplicationIsDestroyedAndEndsTheProcess) {
+    pid_file::write("4711\n");
+    DaemonProcess daemon(play(GetParam().statements));
+    EXPECT_EQ(daemon.ending(),
+              (Ending{"exit status 1", kOpenAndLock + kRegister + kConstruct + GetParam().log +
+                                           kExiting + "cfg_clear_pid()\n"}));
+    EXPECT_EQ(daemon.standardOutput(), "");
+    EXPECT_EQ(pid_file::content(), "4711\n");
     EXPECT_TRUE(pid_file::isFreeFor(LOCK_EX));
 }
 
-TEST_F(ProcessEntry, WritesNothingOnStandardOutputOnExit) {
-    DaemonProcess daemon(play("throw new 1 qv over\n"));
-    EXPECT_EQ(daemon.ending().how, "exit status 1");
-    EXPECT_EQ(daemon.standardOutput(), "");
+std::string reported(const std::string& text) {
+    return "14:03:07.2 ERROR: [main:75 | int main()] " + text + "\r\n";
 }
+
+// A line whose time cannot be read ends empty, and the exception passes through run().
+INSTANTIATE_TEST_SUITE_P(
+    Of, AnException,
+    testing::Values(
+        Exception{"TheConstructor", "throw new 1 qv no memory\n", reported("no memory")},
+        Exception{"TheConstructorOfAnotherClass", "throw new 1 std no memory\n", kUnknown},
+        Exception{"TheConstructorOfNoClass", "throw new 1 int 5\n", kUnknown},
+        Exception{"NoText", "throw new 1 qv\n", reported("")},
+        Exception{"ATextThatLooksLikeAFormat", "throw new 1 qv 100% of %s, \"%n\"  [x] \n",
+                  reported("100% of %s, \"%n\"  [x] ")},
+        Exception{"TheRun", "throw pktd_shm_queue_init 1 qv queue gone\n",
+                  kAttachQueue + kDestroy + reported("queue gone")},
+        Exception{"TheRunOfAnotherClass", "throw pktd_shm_rx_thread_init 1 std no thread\n",
+                  kAttachQueue + kStartThread + kDestroy + kUnknown},
+        Exception{"TheSleepOfAnotherClass", "throw usleep 1 std woken\n",
+                  kAttachQueue + kStartThread + kPark + kDestroy + kUnknown},
+        Exception{"ALineWithoutATime", "answer pktd_shm_queue_init 1\nfail localtime_r 1 75\n",
+                  kAttachQueue + "\r\n" + kDestroy + kUnknown}),
+    [](const auto& instance) { return std::string(instance.param.name); });
 
 class AnExceptionBeforeTheGuardedRegion : public ProcessEntry,
                                           public testing::WithParamInterface<const char*> {};

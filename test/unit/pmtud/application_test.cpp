@@ -1,24 +1,13 @@
 // SPDX-License-Identifier: MIT
-// Tests of the application object: what it is made of, how it begins, runs and ends.
-#include <array>
-#include <functional>
+// Tests of the application object: what it consists of, how it begins, runs and ends.
+#include <algorithm>
 #include <memory>
-#include <stdexcept>
+#include <new>
 #include <tuple>
 #include <type_traits>
 
 #include "allocations.h"
 #include "engine_test.h"
-
-using engine_test::Bytes;
-using engine_test::EngineTest;
-using engine_test::frameOfType;
-using engine_test::FreshFakes;
-using engine_test::ipv4Frame;
-using engine_test::ipv6Frame;
-using engine_test::Journal;
-using engine_test::Lines;
-using engine_test::logAt;
 
 /// The application's fields.
 struct PMTUDAppFields {
@@ -31,6 +20,7 @@ struct PMTUDAppFields {
     static auto& logName(PMTUDApp& app) { return app.m_logName; }
 };
 
+namespace engine_test {
 namespace {
 
 using Fields = PMTUDAppFields;
@@ -74,40 +64,32 @@ class OtherHandler : public SHM_Handler {
     int* m_destroyed;
 };
 
-class ApplicationTest : public testing::Test {
+class ApplicationTest : public daemon_test::FakesTest {
  protected:
-    FreshFakes fakes;
+    int deliver() {
+        Bytes frame = ipv4Frame();
+        return adapter.handleFrame(frame.data(), frame.size());
+    }
+
     VlanConfig cfg;
     ScriptedAdapter adapter;
 };
 
-// Construction.
-
-TEST_F(ApplicationTest, KeepsTheConfigurationAndTheAdapter) {
-    PMTUDApp app(&cfg, &adapter);
-    EXPECT_EQ(Fields::cfg(app), &cfg);
-    EXPECT_EQ(Fields::shm(app), &adapter);
-}
-
-class StorageTest : public ApplicationTest, public testing::WithParamInterface<int> {};
-
-TEST_P(StorageTest, IsOverwrittenWithSpareBytesOfFFAndDescriptorMinusOne) {
-    alignas(PMTUDApp) std::array<unsigned char, sizeof(PMTUDApp)> storage;
-    storage.fill(static_cast<unsigned char>(GetParam()));
-    auto* const app = new (storage.data()) PMTUDApp(&cfg, &adapter);
-    Bytes spare(12);
-    memcpy(spare.data(), &Fields::spare(*app), 12);
-    EXPECT_EQ(spare, Bytes(12, 0xFF));
-    EXPECT_EQ(Fields::fd(*app), -1);
-    app->~PMTUDApp();
-}
-
-INSTANTIATE_TEST_SUITE_P(Fillings, StorageTest, testing::Values(0x00, 0xAA));
-
-TEST_F(ApplicationTest, WritesToTheDebugProcessUnderModule89AsPmtudProt) {
-    PMTUDApp app(&cfg, &adapter);
-    EXPECT_EQ(Fields::logId(app), 89U);
-    EXPECT_EQ(Fields::logName(app), "PMTUD-Prot");
+TEST_F(ApplicationTest, IsMadeInOverwrittenStorageOfItsArgumentsAndConstants) {
+    for (const uint8_t filling : Bytes{0x00, 0xAA}) {
+        alignas(PMTUDApp) std::array<uint8_t, sizeof(PMTUDApp)> storage;
+        storage.fill(filling);
+        auto* const app = new (storage.data()) PMTUDApp(&cfg, &adapter);
+        EXPECT_EQ(Fields::cfg(*app), &cfg);
+        EXPECT_EQ(Fields::shm(*app), &adapter);
+        Bytes spare(12);
+        memcpy(spare.data(), &Fields::spare(*app), 12);
+        EXPECT_EQ(spare, Bytes(12, 0xFF));
+        EXPECT_EQ(Fields::fd(*app), -1);
+        EXPECT_EQ(Fields::logId(*app), 89U);
+        EXPECT_EQ(Fields::logName(*app), "PMTUD-Prot");
+        app->~PMTUDApp();
+    }
 }
 
 TEST_F(ApplicationTest, HasItsFieldsInTheirOrder) {
@@ -119,47 +101,37 @@ TEST_F(ApplicationTest, HasItsFieldsInTheirOrder) {
     EXPECT_EQ(places.front(), &app);
 }
 
-TEST_F(ApplicationTest, BindsAHandlerToItself) {
+TEST_F(ApplicationTest, RegistersAHandlerBoundToItselfWithTheAdapter) {
     PMTUDApp app(&cfg, &adapter);
-    auto* const handler = dynamic_cast<SHM_HandlerImpl<PMTUDApp>*>(Fields::handler(app));
-    ASSERT_NE(handler, nullptr);
-    Bytes frame = frameOfType(0x0806);
-    EXPECT_FALSE(handler->handleFrame(frame.front(), 33));
-    EXPECT_EQ(fake::platform().debugTexts().at(0), " PMTUD-Prot: Received frame of size: 33");
-}
-
-TEST_F(ApplicationTest, RegistersItsHandlerWithTheAdapter) {
-    PMTUDApp app(&cfg, &adapter);
-    Bytes frame = ipv4Frame();
-    adapter.handleFrame(frame.data(), 1600);
+    EXPECT_NE(dynamic_cast<SHM_HandlerImpl<PMTUDApp>*>(Fields::handler(app)), nullptr);
+    deliver();
     EXPECT_EQ(fake::platform().debugTexts().at(0), " PMTUD-Prot: Received frame of size: 1600");
 }
 
-TEST_F(ApplicationTest, MakesTheHandlerItsOnlyAllocation) {
-    const long before = allocations::alive();
-    PMTUDApp app(&cfg, &adapter);
-    EXPECT_EQ(allocations::alive() - before, 1);
+TEST_F(ApplicationTest, MakesAndFreesTheHandlerAsItsOnlyAllocation) {
+    {
+        const allocations::Counted counted;
+        const PMTUDApp app(&cfg, &adapter);
+        EXPECT_EQ(allocations::alive(), 1);
+    }
+    EXPECT_EQ(allocations::alive(), 0);
 }
 
-TEST_F(ApplicationTest, LetsAFailedAllocationThrough) {
-    allocations::failNext();
-    EXPECT_THROW(PMTUDApp(&cfg, &adapter), std::bad_alloc);
-}
-
-TEST_F(ApplicationTest, RegistersNothingWhereTheAllocationFailed) {
+TEST_F(ApplicationTest, RegistersNothingIfTheAllocationFailed) {
     OtherHandler other;
     adapter.setHandler(&other);
-    allocations::failNext();
-    EXPECT_THROW(PMTUDApp(&cfg, &adapter), std::bad_alloc);
-    Bytes frame = ipv4Frame();
-    adapter.handleFrame(frame.data(), 1600);
+    {
+        const allocations::Counted counted(1);
+        EXPECT_THROW(PMTUDApp(&cfg, &adapter), std::bad_alloc);
+    }
+    deliver();
     EXPECT_EQ(other.calls, 1);
 }
 
 TEST_F(ApplicationTest, IsMadeAndDestroyedInSilence) {
     Journal journal(qv::DEBUG4);
     { const PMTUDApp app(&cfg, &adapter); }
-    EXPECT_EQ(journal.entries(), Lines{});
+    EXPECT_EQ(journal.entries, Lines{});
     EXPECT_EQ(adapter.inits, 0);
 }
 
@@ -170,68 +142,30 @@ constexpr char kStarting[] =
 constexpr char kNotInitialised[] =
     "14:03:07.2 ERROR: [PMTUDApp:72 | bool PMTUDApp::run() const] Could not initialize SHM\r\n";
 
-TEST_F(ApplicationTest, RunReturnsTrueAsSoonAsTheAdapterIsInitialised) {
+TEST_F(ApplicationTest, RunLogsItsStartInitialisesTheAdapterAndReturnsWhetherThatWorked) {
     const PMTUDApp app(&cfg, &adapter);
-    EXPECT_TRUE(app.run());
-    EXPECT_EQ(adapter.inits, 1);
+    for (const bool initialised : {true, false}) {
+        Journal journal(qv::DEBUG);
+        adapter.onInit = [&] {
+            journal.note("init");
+            return initialised;
+        };
+        EXPECT_EQ(app.run(), initialised);
+        EXPECT_EQ(journal.entries, initialised ? (Lines{kStarting, "init"})
+                                               : (Lines{kStarting, "init", kNotInitialised}));
+    }
 }
 
-TEST_F(ApplicationTest, RunReturnsFalseWhereTheAdapterFails) {
+TEST_F(ApplicationTest, RunLogsTheErrorAloneBelowDebugAndNothingBelowError) {
     const PMTUDApp app(&cfg, &adapter);
-    adapter.onInit = [] { return false; };
-    EXPECT_FALSE(app.run());
-    EXPECT_EQ(adapter.inits, 1);
-}
-
-TEST_F(ApplicationTest, RunSaysThatItStartsAndThenInitialises) {
-    const PMTUDApp app(&cfg, &adapter);
-    Journal journal(qv::DEBUG4);
-    adapter.onInit = [&journal] {
-        journal.note("init");
-        return true;
-    };
-    app.run();
-    EXPECT_EQ(journal.entries(), (Lines{kStarting, "init"}));
-}
-
-TEST_F(ApplicationTest, RunWritesTwoLinesAtDebugWhereTheAdapterFails) {
-    const PMTUDApp app(&cfg, &adapter);
-    Journal journal(qv::DEBUG);
-    adapter.onInit = [&journal] {
-        journal.note("init");
-        return false;
-    };
-    app.run();
-    EXPECT_EQ(journal.entries(), (Lines{kStarting, "init", kNotInitialised}));
-}
-
-class RunBelowDebugTest : public ApplicationTest, public testing::WithParamInterface<int32_t> {};
-
-TEST_P(RunBelowDebugTest, WritesTheErrorAlone) {
-    const PMTUDApp app(&cfg, &adapter);
-    adapter.onInit = [] { return false; };
-    EXPECT_EQ(logAt(GetParam(), [&app] { app.run(); }), Lines{kNotInitialised});
-}
-
-TEST_P(RunBelowDebugTest, IsSilentWhereTheAdapterIsInitialised) {
-    const PMTUDApp app(&cfg, &adapter);
-    EXPECT_EQ(logAt(GetParam(), [&app] { app.run(); }), Lines{});
-}
-
-INSTANTIATE_TEST_SUITE_P(Thresholds, RunBelowDebugTest,
-                         testing::Values(qv::ERROR, qv::WARNING, qv::INFO));
-
-TEST_F(ApplicationTest, RunIsSilentBelowError) {
-    const PMTUDApp app(&cfg, &adapter);
-    adapter.onInit = [] { return false; };
-    EXPECT_EQ(logAt(-1, [&app] { app.run(); }), Lines{});
-}
-
-TEST_F(ApplicationTest, RunSaysNothingToTheDebugProcess) {
-    const PMTUDApp app(&cfg, &adapter);
-    adapter.onInit = [] { return false; };
-    logAt(qv::DEBUG4, [&app] { app.run(); });
-    EXPECT_EQ(fake::platform().debugTexts(), Lines{});
+    for (const bool initialised : {true, false}) {
+        adapter.onInit = [&] { return initialised; };
+        for (const int32_t level : {qv::ERROR, qv::WARNING, qv::INFO}) {
+            EXPECT_EQ(logAt(level, [&app] { app.run(); }),
+                      initialised ? Lines{} : Lines{kNotInitialised});
+        }
+        EXPECT_EQ(logAt(-1, [&app] { app.run(); }), Lines{});
+    }
 }
 
 TEST_F(ApplicationTest, RunLetsAnExceptionOfTheAdapterThrough) {
@@ -239,28 +173,6 @@ TEST_F(ApplicationTest, RunLetsAnExceptionOfTheAdapterThrough) {
     adapter.onInit = []() -> bool { throw std::runtime_error("no queue"); };
     EXPECT_THROW(app.run(), std::runtime_error);
 }
-
-TEST_F(ApplicationTest, RunAttachesTheQueuesOfTheRealAdapter) {
-    SHM_Wrapper_App queues;
-    const PMTUDApp app(&cfg, &queues);
-    EXPECT_TRUE(app.run());
-    EXPECT_EQ(fake::platform().calls,
-              (Lines{"pktd_shm_queue_init(\"pmtud\", 0, 1, pktd_tx_queue_pool, pktd_rx_queue_pool)",
-                     "pktd_shm_rx_thread_init(\"pmtud\", pktd_rx_queue_pool, pktd_rx_wl_pool, 32, "
-                     "32, callback, 0)"}));
-}
-
-TEST_F(ApplicationTest, RunHasTheRealAdapterSayWhatFailedFirst) {
-    fake::platform().queueInit = [] { return -19; };
-    SHM_Wrapper_App queues;
-    const PMTUDApp app(&cfg, &queues);
-    EXPECT_EQ(logAt(qv::WARNING, [&app] { EXPECT_FALSE(app.run()); }),
-              (Lines{"14:03:07.2 ERROR: [SHM_Wrapper:140 | virtual bool SHM_Wrapper_App::init()] "
-                     "Could not initialize SHM queue, ret=-19\r\n",
-                     kNotInitialised}));
-}
-
-// The object is read-only from then on.
 
 class ReadOnlyTest : public EngineTest {};
 
@@ -272,19 +184,11 @@ TEST_F(ReadOnlyTest, RunningAndHandlingFramesLeaveTheObjectAsItWas) {
     };
     const auto before = fields();
     app.run();
-    handle(ipv4Frame());
-    handle(ipv6Frame(1460));
-    handle(frameOfType(0x0806));
+    for (const Bytes& frame : {ipv4Frame(), ipv6Frame(1460), frameOfType(0x0806)}) handle(frame);
     EXPECT_EQ(fields(), before);
 }
 
 // The end.
-
-TEST_F(ApplicationTest, FreesItsHandler) {
-    const long before = allocations::alive();
-    { const PMTUDApp app(&cfg, &adapter); }
-    EXPECT_EQ(allocations::alive(), before);
-}
 
 TEST_F(ApplicationTest, DestroysItsHandlerThroughTheVirtualDestructor) {
     int destroyed = 0;
@@ -297,12 +201,8 @@ TEST_F(ApplicationTest, DestroysItsHandlerThroughTheVirtualDestructor) {
 }
 
 TEST_F(ApplicationTest, EndsWithoutAHandlerAsWell) {
-    const long before = allocations::alive();
-    {
-        PMTUDApp app(&cfg, &adapter);
-        delete std::exchange(Fields::handler(app), nullptr);
-    }
-    EXPECT_EQ(allocations::alive(), before);
+    PMTUDApp app(&cfg, &adapter);
+    delete std::exchange(Fields::handler(app), nullptr);
 }
 
 TEST_F(ApplicationTest, LeavesTheAdaptersHandlerAloneAtItsEnd) {
@@ -311,9 +211,9 @@ TEST_F(ApplicationTest, LeavesTheAdaptersHandlerAloneAtItsEnd) {
         const PMTUDApp app(&cfg, &adapter);
         adapter.setHandler(&other);
     }
-    Bytes frame = ipv4Frame();
-    adapter.handleFrame(frame.data(), 1600);
+    deliver();
     EXPECT_EQ(other.calls, 1);
 }
 
 }  // namespace
+}  // namespace engine_test

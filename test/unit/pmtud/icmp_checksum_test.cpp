@@ -1,99 +1,119 @@
 // SPDX-License-Identifier: MIT
-// Tests of the checksum routine.  The sums in the comments were added up by hand.
+// Tests of the checksum routine: sums added up by hand, and its definition over random messages.
 #include "icmp_checksum.h"
 
 #include <type_traits>
 
-#include "engine_test.h"
+#include "packets.h"
+#include "random.h"
 
 namespace {
 
-using engine_test::Bytes;
-using engine_test::GuardedBytes;
+using packets::Bytes;
+using packets::operator+;
 
 static_assert(std::is_same_v<decltype(icmpChecksum), uint16_t(const uint8_t*, uint16_t)>,
               "a length of 16 bits");
 
-uint16_t checksum(const Bytes& bytes) {
-    return icmpChecksum(bytes.data(), static_cast<uint16_t>(bytes.size()));
+uint16_t checksum(const Bytes& bytes, std::size_t length) {
+    return icmpChecksum(bytes.data(), static_cast<uint16_t>(length));
 }
 
-// RFC 1071 section 3: the words sum to 2DDF0, folded DDF2.
-TEST(IcmpChecksumTest, OfTheExampleInRfc1071) {
-    EXPECT_EQ(checksum({0x00, 0x01, 0xf2, 0x03, 0xf4, 0xf5, 0xf6, 0xf7}), 0x220d);
+struct Sum {
+    const char* name;
+    Bytes bytes;
+    std::size_t length;
+    uint16_t checksum;
+};
+
+class IcmpChecksumTest : public testing::TestWithParam<Sum> {};
+
+/// At an odd address, and with no byte readable after the last.
+TEST_P(IcmpChecksumTest, IsTheComplementOfTheSumFoldedOnce) {
+    const packets::GuardedBytes odd(Bytes{0xEE} + GetParam().bytes);
+    const packets::GuardedBytes bytes(GetParam().bytes);
+    const auto length = static_cast<uint16_t>(GetParam().length);
+    EXPECT_EQ(icmpChecksum(bytes.data(), length), GetParam().checksum);
+    EXPECT_EQ(icmpChecksum(odd.data() + 1, length), GetParam().checksum);
 }
 
-TEST(IcmpChecksumTest, ReadsWordsInNetworkOrder) { EXPECT_EQ(checksum({0x01, 0x02}), 0xfefd); }
+INSTANTIATE_TEST_SUITE_P(
+    Of, IcmpChecksumTest,
+    testing::Values(
+        // RFC 1071 section 3: the words sum to 2DDF0, folded DDF2.
+        Sum{"TheExampleInRfc1071", {0x00, 0x01, 0xf2, 0x03, 0xf4, 0xf5, 0xf6, 0xf7}, 8, 0x220d},
+        Sum{"AWordInNetworkOrder", {0x01, 0x02}, 2, 0xfefd}, Sum{"Nothing", {}, 0, 0xffff},
+        // FFFF + FFFF + 0001 = 1FFFF, folded 10000; with that carry added back it would be FFFE.
+        Sum{"ASumWhoseFoldCarries", {0xff, 0xff, 0xff, 0xff, 0x00, 0x01}, 6, 0xffff},
+        // FFFF + FFFF + 0002 = 20000, folded 0002.
+        Sum{"ASumWithCarries", {0xff, 0xff, 0xff, 0xff, 0x00, 0x02}, 6, 0xfffd},
+        // FFFE + FFFF + 0002 = 1FFFF in any order.
+        Sum{"WordsInOneOrder", {0x00, 0x02, 0xff, 0xff, 0xff, 0xfe}, 6, 0xffff},
+        Sum{"WordsInAnotherOrder", {0xff, 0xfe, 0x00, 0x02, 0xff, 0xff}, 6, 0xffff},
+        // An odd length adds the last byte and the next, shifted by 8: 0102 + (0304 << 8) = 30502,
+        // folded 0505.  RFC 1071 pads with a zero byte: FBFD.
+        Sum{"ThreeBytesAndTheNext", {0x01, 0x02, 0x03, 0x04}, 3, 0xfafa},
+        // AB00 << 8 = AB0000, folded 00AB; ABCD << 8 = ABCD00, folded CD00 + AB = CDAB.
+        Sum{"OneByteBeforeZero", {0xab, 0x00}, 1, 0xff54},
+        Sum{"OneByteAndTheNext", {0xab, 0xcd}, 1, 0x3254},
+        // FFFF + (FFFF << 8) = 100FEFF, folded FEFF + 100 = FFFF.
+        Sum{"ThreeBytesOfOnes", {0xff, 0xff, 0xff, 0xff}, 3, 0x0000},
+        // 7FFF times FFFF = 7FFE8001, folded 8001 + 7FFE = FFFF.
+        Sum{"TheGreatestEvenLength", Bytes(65534, 0xff), 65534, 0x0000}),
+    [](const auto& row) { return row.param.name; });
 
-TEST(IcmpChecksumTest, OfNothingIsAllOnes) { EXPECT_EQ(icmpChecksum(nullptr, 0), 0xffff); }
-
-// FFFF + FFFF + 0001 = 1FFFF, folded 10000.  With the carry of the fold added back it were FFFE.
-TEST(IcmpChecksumTest, FoldsOnceSoThatASumOf1FFFFGivesFFFF) {
-    EXPECT_EQ(checksum({0xff, 0xff, 0xff, 0xff, 0x00, 0x01}), 0xffff);
+/// The sum of the big-endian words of `length` bytes; an odd one counts the word that begins at
+/// the last byte 256 times.
+uint64_t sumOfWords(const Bytes& bytes, std::size_t length) {
+    uint64_t sum = 0;
+    for (std::size_t i = 0; i + 1 < length; i += 2) sum += bytes[i] * 256U + bytes[i + 1];
+    if (length % 2 == 1) sum += (bytes[length - 1] * 256U + bytes[length]) * 256ULL;
+    return sum;
 }
 
-// FFFF + FFFF + 0002 = 20000, folded 0002.
-TEST(IcmpChecksumTest, AddsTheCarriesOfTheSumBackIn) {
-    EXPECT_EQ(checksum({0xff, 0xff, 0xff, 0xff, 0x00, 0x02}), 0xfffd);
+/// The words' sum with the upper half added to the lower one time.
+uint64_t foldedOnce(uint64_t sum) { return sum % 65536 + sum / 65536; }
+
+TEST(IcmpChecksum, OfRandomMessagesIsTheOnesComplementOfTheirSumFoldedOnce) {
+    tests::Random random(1071);
+    unsigned lostCarries = 0;
+    for (int round = 0; round < 8000; ++round) {
+        const std::size_t length =
+            round % 200 == 0 ? 65535 - random.below(2000) : random.below(1600);
+        const Bytes bytes = random.lopsidedBytes(length + 1);
+        const uint64_t folded = foldedOnce(sumOfWords(bytes, length));
+        ASSERT_EQ(checksum(bytes, length), 65535 - folded % 65536)
+            << "round " << round << ", length " << length;
+        if (folded > 65535) ++lostCarries;
+    }
+    // Otherwise the carry that the fold loses was never there.
+    EXPECT_GT(lostCarries, 0U);
 }
 
-// FFFE + FFFF + 0002 = 1FFFF: the order of the words does not matter.
-TEST(IcmpChecksumTest, IsTheSameInAnyOrderOfTheWords) {
-    EXPECT_EQ(checksum({0x00, 0x02, 0xff, 0xff, 0xff, 0xfe}), 0xffff);
-    EXPECT_EQ(checksum({0xff, 0xfe, 0x00, 0x02, 0xff, 0xff}), 0xffff);
+TEST(IcmpChecksum, OfRandomMessagesVerifiesByRfc1071IfOneFoldIsEnough) {
+    tests::Random random(792);
+    unsigned verified = 0;
+    for (int round = 0; round < 4000; ++round) {
+        Bytes message = random.lopsidedBytes(4 + 2 * random.below(750));
+        message[2] = message[3] = 0;
+        if (foldedOnce(sumOfWords(message, message.size())) > 65535) continue;
+        message = packets::with(message, 2, packets::bytesOf(checksum(message, message.size())));
+        ASSERT_EQ(foldedOnce(foldedOnce(sumOfWords(message, message.size()))), 65535U) << round;
+        ++verified;
+    }
+    EXPECT_GT(verified, 3000U);
 }
 
-// 0102 + (0304 << 8) = 30502, folded 0505.  RFC 1071 pads with a zero byte: FBFD.
-TEST(IcmpChecksumTest, OfAnOddLengthAddsTheLastByteAndTheNextShiftedByEight) {
-    const Bytes bytes = {0x01, 0x02, 0x03, 0x04};
-    EXPECT_EQ(icmpChecksum(bytes.data(), 3), 0xfafa);
+TEST(IcmpChecksum, OfRandomMessagesChangesWithAnyBit) {
+    tests::Random random(4443);
+    for (int round = 0; round < 4000; ++round) {
+        const std::size_t length = 1 + random.below(1600);
+        Bytes bytes = random.lopsidedBytes(length + 1);
+        const uint16_t before = checksum(bytes, length);
+        bytes[random.below(static_cast<uint32_t>(length))] ^=
+            static_cast<uint8_t>(1U << random.below(8));
+        ASSERT_NE(checksum(bytes, length), before) << "round " << round;
+    }
 }
-
-// AB00 << 8 = AB0000, folded 00AB.
-TEST(IcmpChecksumTest, OfAnOddLengthBeforeAZeroByte) {
-    const Bytes bytes = {0xab, 0x00};
-    EXPECT_EQ(icmpChecksum(bytes.data(), 1), 0xff54);
-}
-
-// ABCD << 8 = ABCD00, folded CD00 + AB = CDAB.
-TEST(IcmpChecksumTest, OfOneByte) {
-    const Bytes bytes = {0xab, 0xcd};
-    EXPECT_EQ(icmpChecksum(bytes.data(), 1), 0x3254);
-}
-
-// FFFF + (FFFF << 8) = 100FEFF, folded FEFF + 100 = FFFF.
-TEST(IcmpChecksumTest, OfAnOddLengthOfOnes) {
-    const Bytes bytes = {0xff, 0xff, 0xff, 0xff};
-    EXPECT_EQ(icmpChecksum(bytes.data(), 3), 0x0000);
-}
-
-// 7FFF times FFFF = 7FFE8001, folded 8001 + 7FFE = FFFF.
-TEST(IcmpChecksumTest, OfTheGreatestEvenLength) { EXPECT_EQ(checksum(Bytes(65534, 0xff)), 0x0000); }
-
-TEST(IcmpChecksumTest, OfAnEvenLengthReadsNoByteBehindTheMessage) {
-    const GuardedBytes bytes({0x01, 0x02, 0x03, 0x04});
-    EXPECT_EQ(icmpChecksum(bytes.data(), 4), 0xfbf9);
-}
-
-TEST(IcmpChecksumTest, OfAnOddLengthReadsOneByteBehindTheMessage) {
-    const GuardedBytes bytes({0x01, 0x02, 0x03, 0x04});
-    EXPECT_EQ(icmpChecksum(bytes.data(), 3), 0xfafa);
-}
-
-TEST(IcmpChecksumTest, TakesAMessageAtAnOddAddress) {
-    alignas(4) const uint8_t bytes[] = {0xee, 0x01, 0x02, 0x03, 0x04};
-    EXPECT_EQ(icmpChecksum(bytes + 1, 4), 0xfbf9);
-}
-
-class FlippedBitTest : public testing::TestWithParam<std::size_t> {};
-
-TEST_P(FlippedBitTest, IsNoticed) {
-    Bytes message = {0x03, 0x04, 0x00, 0x00, 0x00, 0x00, 0x05, 0xdc, 0x45, 0x00, 0x06, 0x2e};
-    ASSERT_EQ(checksum(message), 0xabf1);  // 0304 + 05DC + 4500 + 062E = 540E
-    message[GetParam() / 8] ^= static_cast<uint8_t>(0x80U >> GetParam() % 8);
-    EXPECT_NE(checksum(message), 0xabf1);
-}
-
-INSTANTIATE_TEST_SUITE_P(EachBit, FlippedBitTest, testing::Range(std::size_t{0}, std::size_t{96}));
 
 }  // namespace

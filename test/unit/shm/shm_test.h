@@ -1,41 +1,37 @@
 // SPDX-License-Identifier: MIT
-// What the tests of the packet-queue adapter share: frames, records, handlers and log lines.
+// What the tests of the packet-queue adapter share.
 #ifndef PMTUD_TEST_SHM_TEST_H
 #define PMTUD_TEST_SHM_TEST_H
 
-#include <gtest/gtest.h>
-
-#include <array>
 #include <concepts>
-#include <cstddef>
-#include <cstdint>
-#include <cstring>
 #include <functional>
-#include <string>
+#include <limits>
+#include <stdexcept>
 #include <utility>
-#include <vector>
 
 #include "SHM_Wrapper.h"
-#include "captured_log.h"
-#include "fake_platform.h"
-#include "fake_syscalls.h"
+#include "daemon_test.h"
+#include "pktd.h"
 
 namespace shm_test {
 
-using Bytes = std::vector<uint8_t>;
-using Lines = std::vector<std::string>;
+using daemon_test::Bytes;
+using daemon_test::kCaseName;
+using daemon_test::Lines;
+using daemon_test::logAt;
+using packets::QueueRecord;
+using packets::with;
+using Fields = std::array<int32_t, 6>;
 
-/// From 00:00:5e:00:53:01 to 00:1a:2b:3c:4d:5e with these bytes as TPID and TCI, then EtherType
-/// 0x0800 and the first four bytes of an IPv4 packet.
-inline Bytes frameWithTag(uint8_t tpidHigh, uint8_t tpidLow, uint8_t tciHigh, uint8_t tciLow) {
-    return {0x00, 0x1a,     0x2b,    0x3c,    0x4d,   0x5e, 0x00, 0x00, 0x5e, 0x00, 0x53,
-            0x01, tpidHigh, tpidLow, tciHigh, tciLow, 0x08, 0x00, 0x45, 0x00, 0x05, 0xdc};
+constexpr int kLeast = std::numeric_limits<int>::min();
+constexpr int kMost = std::numeric_limits<int>::max();
+
+/// Tagged for VLAN 100 and no longer than four bytes of IPv4.
+inline Bytes taggedFrame() {
+    return with(packets::slice(packets::ipv4Frame(), 0, 22), 14, {0x00, 0x64});
 }
 
-/// Tagged for VLAN 100.
-inline Bytes taggedFrame() { return frameWithTag(0x81, 0x00, 0x00, 0x64); }
-
-/// A handler that answers as it is told and counts its calls.
+/// A handler that answers what it is given and counts its calls.
 class ScriptedHandler : public SHM_Handler {
  public:
     explicit ScriptedHandler(std::same_as<bool> auto result)
@@ -52,56 +48,21 @@ class ScriptedHandler : public SHM_Handler {
     int calls = 0;
 };
 
-/// A queue record in bytes, every one 0xEE until it is set, so that a field read too wide or
-/// at another place is seen.
-class QueueRecord {
- public:
-    /// `shift` moves the record that many bytes from an aligned address.
-    explicit QueueRecord(std::size_t shift = 0) : m_shift(shift), m_bytes(shift + 9364, 0xEE) {}
-
-    /// Writes the value in the processor's byte order.
-    template <typename T>
-    QueueRecord& set(std::size_t offset, T value) {
-        memcpy(m_bytes.data() + m_shift + offset, &value, sizeof value);
-        return *this;
-    }
-
-    const st_pktd_shm_queue_entry_data_t* get() const {
-        return reinterpret_cast<const st_pktd_shm_queue_entry_data_t*>(m_bytes.data() + m_shift);
-    }
-
-    /// The bytes of an unshifted record.
-    const Bytes& bytes() const { return m_bytes; }
-
- private:
-    std::size_t m_shift;
-    Bytes m_bytes;
-};
-
 /// The six fields in their order: unit, port, tid, vid, proto, egress.
-inline std::array<int32_t, 6> fields(const PktdFrameInfo& info) {
+inline Fields fields(const PktdFrameInfo& info) {
     return {info.unit, info.port, info.tid, info.vid, info.proto, info.egress};
 }
 
-/// What the file channel is given at this threshold while `work` runs.
-inline Lines logAt(int32_t level, const std::function<void()>& work) {
-    const CapturedLog log(level);
-    work();
-    return linesOf(log.text());
-}
-
-/// Starts each test on a platform that has seen nothing, at 14:03:07.245.
-class ShmTest : public testing::Test {
- protected:
-    ShmTest() {
-        fake::resetPlatform();
-        fake::resetClock();
-    }
-    ~ShmTest() override {
-        fake::resetPlatform();
-        fake::resetClock();
-    }
+/// A result that means failure, as text in a log line.
+struct Failure {
+    const char* name;
+    int result;
+    const char* text;
 };
+
+inline const auto kFailures = testing::Values(
+    Failure{"One", 1, "1"}, Failure{"MinusTwelve", -12, "-12"},
+    Failure{"TheSmallest", kLeast, "-2147483648"}, Failure{"TheLargest", kMost, "2147483647"});
 
 }  // namespace shm_test
 

@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: MIT
+// The test program's own operator new: counts what the daemon holds, and fails on request.
+#ifndef PMTUD_TEST_ALLOCATIONS_H
+#define PMTUD_TEST_ALLOCATIONS_H
+
+#include <atomic>
+
+namespace allocations {
+
+namespace detail {
+inline thread_local bool counting = false;
+}
+
+/// Called when an allocation fails, before it throws.
+inline std::atomic<void (*)()> onFailure = nullptr;
+
+/// While it lives, what the thread allocates counts as the daemon's.
+class Counted {
+ public:
+    /// The `nth` allocation, counted from 1, throws std::bad_alloc, and so does every later one
+    /// if `onwards`; 0: none.
+    explicit Counted(int nth = 0, bool onwards = false);
+    Counted(const Counted&) = delete;
+    Counted& operator=(const Counted&) = delete;
+    ~Counted();
+
+    /// Whether an allocation has failed.
+    bool failed() const;
+};
+
+/// While it lives, what the thread allocates is the test's own: not counted, and never failed.
+class Paused {
+ public:
+    Paused() : m_counting(detail::counting) { detail::counting = false; }
+    Paused(const Paused&) = delete;
+    Paused& operator=(const Paused&) = delete;
+    ~Paused() { detail::counting = m_counting; }
+
+ private:
+    bool m_counting;
+};
+
+/// Counted blocks that have not been freed, on all threads; their bytes; how many there have been.
+long alive();
+long bytesAlive();
+long taken();
+
+}  // namespace allocations
+
+#endif

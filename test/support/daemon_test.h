@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: MIT
+// What the tests of the daemon's units share: fakes that have seen nothing, logs, the engine.
+#ifndef PMTUD_TEST_DAEMON_TEST_H
+#define PMTUD_TEST_DAEMON_TEST_H
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <functional>
+#include <string>
+
+#include "QVLog.h"
+#include "captured_log.h"
+#include "fake_platform.h"
+#include "fake_syscalls.h"
+#include "journal.h"
+#include "packets.h"
+
+namespace daemon_test {
+
+using fake::Journal;
+using packets::Bytes;
+using packets::Lines;
+
+/// The last line; "(none)" if there is none.
+inline std::string last(const Lines& lines) { return lines.empty() ? "(none)" : lines.back(); }
+
+/// What the file channel is given at this threshold while `work` runs.
+template <typename Work>
+Lines logAt(int32_t level, Work work) {
+    const CapturedLog log(level);
+    work();
+    return linesOf(log.text());
+}
+
+/// The name of a case in a table: what its member `name` says.
+constexpr auto kCaseName = [](const auto& instance) { return std::string(instance.param.name); };
+
+/// Starts each test with fakes that have seen nothing, at 14:03:07.245.
+class FakesTest : public testing::Test {
+ protected:
+    FakesTest() { fake::reset(); }
+    ~FakesTest() override { fake::reset(); }
+};
+
+}  // namespace daemon_test
+
+#endif

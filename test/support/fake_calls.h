@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: MIT
+// What all fakes do with a call: note it, and fail it if a test or a script demands that.
+#ifndef PMTUD_TEST_FAKE_CALLS_H
+#define PMTUD_TEST_FAKE_CALLS_H
+
+#include <cstddef>
+#include <optional>
+#include <set>
+#include <sstream>
+#include <string>
+
+namespace fake {
+
+/// What a call answers when it fails, and the errno that it leaves.
+struct Failure {
+    long result;
+    int error = 0;
+};
+
+/// A fake has been called.  `entry` is what the journal (journal.h) or the scripted daemon's log
+/// shows; empty: nothing.  May throw.
+/// @return how the call is to fail, if it is
+std::optional<Failure> made(const char* call, const std::string& entry);
+
+/// Sockets, of either kind, that were opened and not closed.
+inline std::multiset<int> openSockets;
+
+/// The text of a call as in C source.
+template <typename... Arguments>
+std::string callText(const char* call, const Arguments&... arguments) {
+    std::ostringstream os;
+    os << call << "(";
+    [[maybe_unused]] const char* separator = "";
+    ((os << separator << arguments, separator = ", "), ...);
+    os << ")";
+    return os.str();
+}
+
+/// An open with its flags in hexadecimal and its mode in octal.
+inline std::string openText(const char* path, int flags, unsigned mode) {
+    std::ostringstream os;
+    os << "open(\"" << path << "\", " << std::showbase << std::hex << flags << ", " << std::oct
+       << mode << ")";
+    return os.str();
+}
+
+inline std::string quoted(const std::string& text) { return '"' + text + '"'; }
+
+inline std::string hex(const void* start, std::size_t count) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    const auto* const bytes = static_cast<const unsigned char*>(start);
+    std::string text;
+    for (std::size_t i = 0; i < count; ++i) {
+        text += kDigits[bytes[i] / 16];
+        text += kDigits[bytes[i] % 16];
+    }
+    return text;
+}
+
+}  // namespace fake
+
+#endif

@@ -1,0 +1,137 @@
+// SPDX-License-Identifier: MIT
+// Frames and queue records in bytes, and memory whose end cannot be read beyond.
+#ifndef PMTUD_TEST_PACKETS_H
+#define PMTUD_TEST_PACKETS_H
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "pktd_record.h"
+
+namespace packets {
+
+using Bytes = std::vector<uint8_t>;
+using Lines = std::vector<std::string>;
+
+inline Bytes operator+(Bytes left, const Bytes& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+inline Lines operator+(Lines left, const Lines& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+/// The bytes from offset `begin` up to, not including, offset `end`.
+inline Bytes slice(const Bytes& bytes, std::size_t begin, std::size_t end) {
+    return {bytes.begin() + static_cast<std::ptrdiff_t>(begin),
+            bytes.begin() + static_cast<std::ptrdiff_t>(end)};
+}
+
+/// With these bytes from the offset on.
+inline Bytes with(Bytes bytes, std::size_t offset, const Bytes& changed) {
+    std::copy(changed.begin(), changed.end(), bytes.begin() + static_cast<std::ptrdiff_t>(offset));
+    return bytes;
+}
+
+/// The number in network order.
+inline Bytes bytesOf(uint16_t number) {
+    return {static_cast<uint8_t>(number / 256), static_cast<uint8_t>(number % 256)};
+}
+
+/// 0, 1, ... 250, 0, 1, ...: 251 is no divisor of any length in use, so a shifted copy differs.
+inline Bytes payload(std::size_t count) {
+    Bytes bytes(count);
+    for (std::size_t i = 0; i < count; ++i) bytes[i] = static_cast<uint8_t>(i % 251);
+    return bytes;
+}
+
+/// From 00:00:5e:00:53:01 to 00:1a:2b:3c:4d:5e, priority 3, drop eligible, VLAN 20 (TCI 7014).
+inline Bytes ethernet(uint16_t etherType) {
+    return Bytes{0x00, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e, 0x00, 0x00,
+                 0x5e, 0x00, 0x53, 0x01, 0x81, 0x00, 0x70, 0x14} +
+           bytesOf(etherType);
+}
+
+/// 1600 bytes from 192.0.2.10 to 198.51.100.20 with DF.
+inline Bytes ipv4Frame() {
+    return ethernet(0x0800) + Bytes{0x45, 0x00, 0x06, 0x2e, 0x12, 0x34, 0x40, 0x00, 0x40, 0x11,
+                                    0x36, 0x39, 0xc0, 0x00, 0x02, 0x0a, 0xc6, 0x33, 0x64, 0x14} +
+           payload(1562);
+}
+
+/// From 2001:db8:0:10::a to 2001:db8:0:20::14.
+inline Bytes ipv6Frame(uint16_t payloadLength) {
+    return ethernet(0x86DD) + Bytes{0x6a, 0xbc, 0xde, 0xf1} + bytesOf(payloadLength) +
+           Bytes{0x11, 0x40, 0x20, 0x01, 0x0d, 0xb8, 0, 0, 0,    0x10, 0, 0, 0, 0, 0, 0, 0,
+                 0x0a, 0x20, 0x01, 0x0d, 0xb8, 0,    0, 0, 0x20, 0,    0, 0, 0, 0, 0, 0, 0x14} +
+           payload(payloadLength);
+}
+
+/// 60 bytes with this EtherType and zeros after the Ethernet header.
+inline Bytes frameOfType(uint16_t etherType) { return ethernet(etherType) + Bytes(42); }
+
+/// A queue record in bytes, every one 0xEE until it is set, so that a field read too wide or
+/// at another place shows.
+class QueueRecord {
+ public:
+    /// `shift` moves the record that many bytes from an aligned address.
+    explicit QueueRecord(std::size_t shift = 0) : m_shift(shift), m_bytes(shift + 9364, 0xEE) {}
+
+    /// Writes the value in the processor's byte order.
+    template <typename T>
+    QueueRecord& set(std::size_t offset, T value) {
+        memcpy(m_bytes.data() + m_shift + offset, &value, sizeof value);
+        return *this;
+    }
+
+    const st_pktd_shm_queue_entry_data_t* get() const {
+        return reinterpret_cast<const st_pktd_shm_queue_entry_data_t*>(m_bytes.data() + m_shift);
+    }
+
+    /// The bytes of an unshifted record.
+    const Bytes& bytes() const { return m_bytes; }
+
+ private:
+    std::size_t m_shift;
+    Bytes m_bytes;
+};
+
+/// The bytes, placed so that the first byte after them cannot be read.
+class GuardedBytes {
+ public:
+    explicit GuardedBytes(const Bytes& bytes)
+        : m_readable((bytes.size() + m_page - 1) / m_page * m_page),
+          m_start(mmap(nullptr, m_readable + m_page, PROT_READ | PROT_WRITE,
+                       MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) {
+        if (m_start == MAP_FAILED) throw std::bad_alloc();
+        uint8_t* const guard = static_cast<uint8_t*>(m_start) + m_readable;
+        if (mprotect(guard, m_page, PROT_NONE) != 0) throw std::bad_alloc();
+        m_data = guard - bytes.size();
+        std::copy(bytes.begin(), bytes.end(), m_data);
+    }
+    GuardedBytes(const GuardedBytes&) = delete;
+    GuardedBytes& operator=(const GuardedBytes&) = delete;
+    ~GuardedBytes() { munmap(m_start, m_readable + m_page); }
+
+    uint8_t* data() const { return m_data; }
+
+ private:
+    std::size_t m_page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    std::size_t m_readable;
+    void* m_start;
+    uint8_t* m_data = nullptr;
+};
+
+}  // namespace packets
+
+#endif

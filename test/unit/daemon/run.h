@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: MIT
+// The daemon's objects, the frames that they are given, and what run.golden says of each frame.
+#ifndef PMTUD_TEST_RUN_H
+#define PMTUD_TEST_RUN_H
+
+#include <string>
+
+#include "PMTUDApp.h"
+#include "SHM_Wrapper.h"
+#include "VlanConfig.h"
+#include "daemon_test.h"
+
+namespace run {
+
+using fake::Journal;
+using packets::Bytes;
+using packets::Lines;
+using packets::operator+;
+
+/// A frame's first bytes; zeros follow, up to its length and as far as any dump reads.
+struct Frame {
+    std::string title;
+    std::size_t length;
+    Bytes bytes;
+    int egress;
+};
+
+/// All frames of the run; the first two are answered.
+const std::vector<Frame>& frames();
+inline const Frame& ipv4() { return frames()[0]; }
+inline const Frame& ipv6() { return frames()[1]; }
+
+st_pktd_shm_queue_entry_data_t recordOf(const Frame& frame);
+
+/// What run.golden says of this frame: all that leaves the daemon at DEBUG if nothing fails.
+const Lines& golden(const std::string& title);
+inline const Lines& golden(const Frame& frame) { return golden(frame.title); }
+
+/// The same at WARNING: all but the lines of the file channel.
+Lines goldenAtWarning(const Frame& frame);
+
+/// Up to the first entry that begins like this, and with it; throws std::out_of_range if there is
+/// none.
+Lines upTo(const Lines& lines, const std::string& beginning);
+
+/// Without the first entry that begins like this; throws std::out_of_range if there is none.
+Lines without(Lines lines, const std::string& beginning);
+
+/// The daemon's objects, as the process entry makes them, on fakes that have seen nothing.
+class Daemon : public testing::Test {
+ protected:
+    Daemon();
+    ~Daemon() override;
+
+    /// Has the queue deliver the frame.  The journal ends with "verdict 7" or, if an exception
+    /// leaves the callback, with "throws " and its text.
+    static void receive(Journal& journal, const Frame& frame);
+    static void receive(Journal& journal, const Frame& frame,
+                        const st_pktd_shm_queue_entry_data_t& record);
+
+    VlanConfig config;
+    PMTUDApp app{&config, getShmWrapperApp()};
+};
+
+}  // namespace run
+
+#endif

@@ -36,15 +36,21 @@ std::string callText(const char* call, const Arguments&... arguments) {
     return os.str();
 }
 
+/// An argument to be shown in quotes.
+struct Quoted {
+    const char* text;
+};
+inline std::ostream& operator<<(std::ostream& os, Quoted quoted) {
+    return os << '"' << quoted.text << '"';
+}
+
 /// An open with its flags in hexadecimal and its mode in octal.
 inline std::string openText(const char* path, int flags, unsigned mode) {
     std::ostringstream os;
-    os << "open(\"" << path << "\", " << std::showbase << std::hex << flags << ", " << std::oct
+    os << "open(" << Quoted{path} << ", " << std::showbase << std::hex << flags << ", " << std::oct
        << mode << ")";
     return os.str();
 }
-
-inline std::string quoted(const std::string& text) { return '"' + text + '"'; }
 
 inline std::string hex(const void* start, std::size_t count) {
     constexpr char kDigits[] = "0123456789abcdef";

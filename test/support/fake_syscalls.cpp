@@ -20,11 +20,14 @@ namespace {
 Syscalls currentSyscalls;
 Clock currentClock;
 
-/// The result of a call that failed on request, or else the test's answer.
-template <typename Answer>
-long result(const std::string& text, const std::string& detail, Answer answer) {
-    syscalls().calls.push_back(text);
-    const auto failure = made(text.substr(0, text.find('(')).c_str(), text + detail);
+/// The result of a call that failed on request, or else the test's answer; `detail` is for the
+/// journal alone.
+template <typename Answer, typename... Arguments>
+long play(const char* call, Answer answer, const std::string& detail,
+          const Arguments&... arguments) {
+    const Paused paused;
+    syscalls().calls.push_back(callText(call, arguments...));
+    const auto failure = made(call, syscalls().calls.back() + detail);
     return failure ? failure->result : static_cast<long>(answer());
 }
 
@@ -40,15 +43,14 @@ void resetClock() { currentClock = Clock(); }
 
 }  // namespace fake
 
-using fake::callText;
+using fake::play;
 using fake::syscalls;
 
 extern "C" {
 
 int __wrap_socket(int domain, int type, int protocol) {
     const Paused paused;
-    const auto fd = static_cast<int>(
-        fake::result(callText("socket", domain, type, protocol), "", syscalls().socket));
+    const auto fd = static_cast<int>(play("socket", syscalls().socket, {}, domain, type, protocol));
     if (fd >= 0) fake::openSockets.insert(fd);
     return fd;
 }
@@ -59,9 +61,8 @@ int __wrap_setsockopt(int fd, int level, int option, const void* value, socklen_
     for (socklen_t i = 0; i < length; ++i) {
         bytes += (i == 0 ? "" : " ") + std::to_string(static_cast<const uint8_t*>(value)[i]);
     }
-    return static_cast<int>(
-        fake::result(callText("setsockopt", fd, level, option, "[" + bytes + "]", length), "",
-                     syscalls().setsockopt));
+    return static_cast<int>(play("setsockopt", syscalls().setsockopt, {}, fd, level, option,
+                                 "[" + bytes + "]", length));
 }
 
 ssize_t __wrap_sendto(int fd, const void* message, size_t length, int flags,
@@ -71,10 +72,10 @@ ssize_t __wrap_sendto(int fd, const void* message, size_t length, int flags,
     fake::SentMessage sent{fd, {bytes, bytes + length}, flags, {}, addressLength};
     memcpy(&sent.to, to, sizeof sent.to);
     syscalls().sent.push_back(sent);
-    return fake::result(
-        callText("sendto", fd, std::to_string(length) + " bytes", flags, addressLength),
-        " to " + fake::hex(&sent.to.sin_addr, 4) + ": " + fake::hex(message, length),
-        [length] { return syscalls().sendto(length); });
+    return play(
+        "sendto", [length] { return syscalls().sendto(length); },
+        " to " + fake::hex(&sent.to.sin_addr, 4) + ": " + fake::hex(message, length), fd,
+        std::to_string(length) + " bytes", flags, addressLength);
 }
 
 /// The descriptor is gone even if the call fails, as with the kernel.
@@ -82,13 +83,12 @@ int __wrap_close(int fd) {
     const Paused paused;
     const auto found = fake::openSockets.find(fd);
     if (found != fake::openSockets.end()) fake::openSockets.erase(found);
-    return static_cast<int>(fake::result(callText("close", fd), "", syscalls().close));
+    return static_cast<int>(play("close", syscalls().close, {}, fd));
 }
 
 unsigned __wrap_if_nametoindex(const char* name) {
-    const Paused paused;
-    return static_cast<unsigned>(fake::result(callText("if_nametoindex", fake::quoted(name)), "",
-                                              [name] { return syscalls().ifNameToIndex(name); }));
+    const auto answer = [name] { return syscalls().ifNameToIndex(name); };
+    return static_cast<unsigned>(play("if_nametoindex", answer, {}, fake::Quoted{name}));
 }
 
 time_t __wrap_time(time_t* out) {

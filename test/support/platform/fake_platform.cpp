@@ -14,8 +14,36 @@ using allocations::Paused;
 namespace fake {
 
 namespace {
+
 Platform current;
+
+const char* poolName(const void* pool) {
+    if (pool == pktd_tx_queue_pool) return "pktd_tx_queue_pool";
+    if (pool == pktd_tx_queue_pool + 8) return "pktd_tx_queue_pool + 8";
+    if (pool == pktd_rx_queue_pool) return "pktd_rx_queue_pool";
+    if (pool == pktd_rx_wl_pool) return "pktd_rx_wl_pool";
+    return pool == nullptr ? "0" : "?";
 }
+
+/// The result of a call that failed on request, or else the test's answer; `detail` is for the
+/// journal alone.
+template <typename Answer, typename... Arguments>
+auto play(const char* call, Answer answer, const std::string& detail,
+          const Arguments&... arguments) {
+    const Paused paused;
+    platform().calls.push_back(callText(call, arguments...));
+    const auto failure = made(call, platform().calls.back() + detail);
+    return failure ? static_cast<decltype(answer())>(failure->result) : answer();
+}
+
+/// Of a call that succeeds with 0.
+template <typename... Arguments>
+int status(const char* call, const Arguments&... arguments) {
+    return play(
+        call, [] { return 0; }, {}, arguments...);
+}
+
+}  // namespace
 
 Platform& platform() { return current; }
 
@@ -27,39 +55,13 @@ std::vector<std::string> Platform::debugTexts() const {
     return texts;
 }
 
-namespace {
-
-std::string poolName(const void* pool) {
-    if (pool == pktd_tx_queue_pool) return "pktd_tx_queue_pool";
-    if (pool == pktd_tx_queue_pool + 8) return "pktd_tx_queue_pool + 8";
-    if (pool == pktd_rx_queue_pool) return "pktd_rx_queue_pool";
-    if (pool == pktd_rx_wl_pool) return "pktd_rx_wl_pool";
-    if (pool == nullptr) return "0";
-    return "?";
-}
-
-int zero() { return 0; }
-
-/// The result of a call that failed on request, or else the test's answer.
-template <typename Answer>
-auto result(const char* call, const std::string& text, const std::string& detail, Answer answer) {
-    platform().calls.push_back(text);
-    const auto failure = made(call, text + detail);
-    return failure ? static_cast<decltype(answer())>(failure->result) : answer();
-}
-
-template <typename... Arguments>
-int status(const char* call, const Arguments&... arguments) {
-    return result(call, callText(call, arguments...), "", zero);
-}
-
-}  // namespace
 }  // namespace fake
 
-using fake::callText;
 using fake::platform;
+using fake::play;
 using fake::poolName;
-using fake::quoted;
+using fake::Quoted;
+using fake::status;
 
 extern "C" {
 
@@ -67,90 +69,63 @@ uint8_t pktd_tx_queue_pool[25980];
 uint8_t pktd_rx_queue_pool[25980];
 uint8_t pktd_rx_wl_pool[25980];
 
-int cfg_init(void) {
-    const Paused paused;
-    return fake::status("cfg_init");
-}
-
-int cfg_add_pid(const char* process) {
-    const Paused paused;
-    return fake::status("cfg_add_pid", quoted(process));
-}
-
-int updateTZ(void) {
-    const Paused paused;
-    return fake::status("updateTZ");
-}
-
-int cfg_clear_pid(void) {
-    const Paused paused;
-    return fake::status("cfg_clear_pid");
-}
+int cfg_init(void) { return status("cfg_init"); }
+int cfg_add_pid(const char* process) { return status("cfg_add_pid", Quoted{process}); }
+int updateTZ(void) { return status("updateTZ"); }
+int cfg_clear_pid(void) { return status("cfg_clear_pid"); }
 
 int cfg_vlan_l3_get_dest_vlan(int egress) {
-    const Paused paused;
-    const char* const call = "cfg_vlan_l3_get_dest_vlan";
-    return fake::result(call, callText(call, egress), "",
-                        [egress] { return platform().destVlan(egress); });
+    const auto answer = [egress] { return platform().destVlan(egress); };
+    return play("cfg_vlan_l3_get_dest_vlan", answer, {}, egress);
 }
 
 uint32_t cfg_vlan_l3_get_mtu(int vlan) {
-    const Paused paused;
-    const char* const call = "cfg_vlan_l3_get_mtu";
-    return fake::result(call, callText(call, vlan), "",
-                        [vlan] { return platform().vlanMtu(vlan); });
+    const auto answer = [vlan] { return platform().vlanMtu(vlan); };
+    return play("cfg_vlan_l3_get_mtu", answer, {}, vlan);
 }
 
 int cfg_vlan_l3_get_mtu_vlan(int vlan) {
-    const Paused paused;
-    const char* const call = "cfg_vlan_l3_get_mtu_vlan";
-    return fake::result(call, callText(call, vlan), "",
-                        [vlan] { return platform().mtuVlan(vlan); });
+    const auto answer = [vlan] { return platform().mtuVlan(vlan); };
+    return play("cfg_vlan_l3_get_mtu_vlan", answer, {}, vlan);
 }
 
 int pktd_shm_queue_init(const char* client, int first, int second, void* tx_pool, void* rx_pool) {
-    const Paused paused;
-    return fake::status("pktd_shm_queue_init", quoted(client), first, second, poolName(tx_pool),
-                        poolName(rx_pool));
+    return status("pktd_shm_queue_init", Quoted{client}, first, second, poolName(tx_pool),
+                  poolName(rx_pool));
 }
 
 int pktd_shm_rx_thread_init(const char* client, void* rx_pool, void* rx_wl_pool, int first,
                             int second, pktd_rx_cb_t callback, void* user) {
-    const Paused paused;
-    const char* const call = "pktd_shm_rx_thread_init";
     platform().callback = callback;
-    return fake::result(
-        call,
-        callText(call, quoted(client), poolName(rx_pool), poolName(rx_wl_pool), first, second,
-                 callback == nullptr ? "0" : "callback", poolName(user)),
-        "", platform().rxThreadInit);
+    const auto answer = [] { return platform().rxThreadInit(); };
+    return play("pktd_shm_rx_thread_init", answer, {}, Quoted{client}, poolName(rx_pool),
+                poolName(rx_wl_pool), first, second, callback == nullptr ? "0" : "callback",
+                poolName(user));
 }
 
 /// Every byte is 0xEE, so that one written later shows.
 int pktd_queue_entry_data_vlan_based_init(st_pktd_shm_queue_entry_data_t* entry, int proto, int vid,
                                           const uint8_t* frame, size_t len) {
-    const Paused paused;
     memset(entry, 0xEE, sizeof *entry);
     platform().frameToPost = frame;
-    return fake::status("pktd_queue_entry_data_vlan_based_init", proto, vid,
-                        frame == nullptr ? "0" : "frame", len);
+    return status("pktd_queue_entry_data_vlan_based_init", proto, vid,
+                  frame == nullptr ? "0" : "frame", len);
 }
 
 int shm_data_entry_post(void* queue, st_pktd_shm_queue_entry_data_t* entry, size_t len,
                         uint32_t* out) {
     const Paused paused;
     const auto* const bytes = reinterpret_cast<const uint8_t*>(entry);
-    platform().posted.push_back({queue, {bytes, bytes + sizeof *entry}, len});
+    platform().posted.push_back({{bytes, bytes + sizeof *entry}, len});
     *out = 0xFFFFFFFF;
-    return fake::status("shm_data_entry_post", poolName(queue), len);
+    return status("shm_data_entry_post", poolName(queue), len);
 }
 
 int arpd_icmp6_socket_create(int32_t* fd, const char* ifname) {
     const Paused paused;
-    const char* const call = "arpd_icmp6_socket_create";
     platform().interface = ifname;
-    const int created = fake::result(call, callText(call, quoted(ifname)), "",
-                                     [fd] { return platform().icmp6SocketCreate(fd); });
+    const auto answer = [fd] { return platform().icmp6SocketCreate(fd); };
+    const int created = play("arpd_icmp6_socket_create", answer, {}, Quoted{ifname});
     if (created == 0) fake::openSockets.insert(*fd);
     return created;
 }
@@ -164,11 +139,10 @@ int arpd_ipv6_pkt_send(int32_t fd, const struct sockaddr_in6* to, const struct i
         message.bytes.insert(message.bytes.end(), bytes, bytes + iov[i].iov_len);
     }
     platform().icmp6Messages.push_back(message);
-    const char* const call = "arpd_ipv6_pkt_send";
-    return fake::result(call, callText(call, fd, ifindex),
-                        " to " + fake::hex(&to->sin6_addr, 16) + ": " +
-                            fake::hex(message.bytes.data(), message.bytes.size()),
-                        platform().icmp6Send);
+    const std::string detail = " to " + fake::hex(&to->sin6_addr, 16) + ": " +
+                               fake::hex(message.bytes.data(), message.bytes.size());
+    const auto answer = [] { return platform().icmp6Send(); };
+    return play("arpd_ipv6_pkt_send", answer, detail, fd, ifindex);
 }
 
 int debug_process(uint32_t channel, const char* format, ...) {

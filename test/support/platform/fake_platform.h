@@ -38,7 +38,6 @@ struct Icmp6Message {
 
 /// A frame that shm_data_entry_post was given.
 struct PostedEntry {
-    void* queue;
     std::vector<uint8_t> record;
     std::size_t len;
 };

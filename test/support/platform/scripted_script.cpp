@@ -2,7 +2,6 @@
 // The script of the scripted platform: reads its lines.
 #include "scripted_script.h"
 
-#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <cstring>
@@ -13,55 +12,71 @@
 namespace scripted {
 namespace {
 
-constexpr int kLeast = std::numeric_limits<int>::min();
-constexpr int kMost = std::numeric_limits<int>::max();
+constexpr int64_t kLeast = std::numeric_limits<int>::min();
+constexpr int64_t kMost = std::numeric_limits<int>::max();
 
-bool answers(const std::string& call) {
-    static const std::set<std::string> calls = {"cfg_init",
-                                                "cfg_add_pid",
-                                                "updateTZ",
-                                                "cfg_clear_pid",
-                                                "cfg_vlan_l3_get_dest_vlan",
-                                                "cfg_vlan_l3_get_mtu",
-                                                "cfg_vlan_l3_get_mtu_vlan",
-                                                "pktd_shm_queue_init",
-                                                "pktd_shm_rx_thread_init",
-                                                "pktd_queue_entry_data_vlan_based_init",
-                                                "shm_data_entry_post",
-                                                "arpd_icmp6_socket_create",
-                                                "arpd_ipv6_pkt_send",
-                                                "debug_process",
-                                                "usleep"};
-    return calls.contains(call);
-}
+const std::set<std::string> kAnswering = {"cfg_init",
+                                          "cfg_add_pid",
+                                          "updateTZ",
+                                          "cfg_clear_pid",
+                                          "cfg_vlan_l3_get_dest_vlan",
+                                          "cfg_vlan_l3_get_mtu",
+                                          "cfg_vlan_l3_get_mtu_vlan",
+                                          "pktd_shm_queue_init",
+                                          "pktd_shm_rx_thread_init",
+                                          "pktd_queue_entry_data_vlan_based_init",
+                                          "shm_data_entry_post",
+                                          "arpd_icmp6_socket_create",
+                                          "arpd_ipv6_pkt_send",
+                                          "debug_process",
+                                          "usleep"};
+const std::set<std::string> kThrowing = [] {
+    std::set<std::string> calls = kAnswering;
+    calls.insert("new");
+    return calls;
+}();
+const std::set<std::string> kFailing = {"open", "flock", "localtime_r"};
 
 /// What is wrong with a line.
 struct Fault : std::invalid_argument {
     using std::invalid_argument::invalid_argument;
 };
 
+template <typename Number>
+Number toNumber(const std::string& text, int base, int64_t least, int64_t most) {
+    int64_t value = 0;
+    const char* const end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, value, base);
+    if (error != std::errc() || rest != end || value < least || value > most) {
+        throw Fault("'" + text + "' is no number from " + std::to_string(least) + " to " +
+                    std::to_string(most));
+    }
+    return static_cast<Number>(value);
+}
+
 /// Reads one line, word by word.
 class Line {
  public:
     explicit Line(const std::string& text) : m_in(text) {}
 
-    std::optional<std::string> nextWord() {
+    bool hasWord() { return !(m_in >> std::ws).eof(); }
+
+    std::string word() {
         std::string text;
-        if (!(m_in >> text)) return std::nullopt;
+        if (!(m_in >> text)) throw Fault("a word is missing");
         return text;
     }
 
-    std::string word(const char* what) {
-        const std::optional<std::string> text = nextWord();
-        if (!text) throw Fault(std::string("missing ") + what);
-        return *text;
+    std::string oneOf(const std::set<std::string>& words) {
+        const std::string text = word();
+        if (!words.contains(text)) throw Fault("'" + text + "' does not belong here");
+        return text;
     }
 
-    int64_t number(const char* what, int64_t least, int64_t most) {
-        return toNumber(word(what), what, least, most);
+    template <typename Number = int>
+    Number number(int64_t least = kLeast, int64_t most = kMost) {
+        return toNumber<Number>(word(), 10, least, most);
     }
-
-    int integer(const char* what) { return static_cast<int>(number(what, kLeast, kMost)); }
 
     std::string rest() {
         std::string text;
@@ -69,69 +84,17 @@ class Line {
         return text;
     }
 
-    void ends() {
-        const std::optional<std::string> surplus = nextWord();
-        if (surplus) throw Fault("surplus '" + *surplus + "'");
-    }
-
-    static int64_t toNumber(const std::string& text, const char* what, int64_t least,
-                            int64_t most) {
-        int64_t value = 0;
-        const char* const end = text.data() + text.size();
-        const auto [rest, error] = std::from_chars(text.data(), end, value);
-        if (error != std::errc() || rest != end || value < least || value > most) {
-            throw Fault(std::string(what) + " '" + text + "' is no number from " +
-                        std::to_string(least) + " to " + std::to_string(most));
-        }
-        return value;
-    }
-
  private:
     std::istringstream m_in;
 };
 
-void readAnswer(Line& line, Script& script) {
-    const std::string call = line.word("call");
-    if (!answers(call)) throw Fault("no call '" + call + "' to answer");
-    script.answers[call] = line.integer("answer");
-    line.ends();
+Incident readException(Line& line) {
+    const std::string kind = line.oneOf({"qv", "std", "int"});
+    if (kind == "int") return {Incident::Kind::kThrowInt, {}, line.number()};
+    return {kind == "qv" ? Incident::Kind::kThrowQv : Incident::Kind::kThrowStd, line.rest(), 0};
 }
 
-void readThrow(Line& line, Script& script) {
-    const std::string call = line.word("call");
-    if (!answers(call) && call != "new") {
-        throw Fault("no call '" + call + "' to throw from");
-    }
-    const int nth = static_cast<int>(line.number("count", 1, kMost));
-    const std::string kind = line.word("kind of exception");
-    Incident incident{Incident::Kind::kThrowQv, {}, 0};
-    if (kind == "int") {
-        incident.kind = Incident::Kind::kThrowInt;
-        incident.number = line.integer("int");
-        line.ends();
-    } else if (kind == "qv" || kind == "std") {
-        if (kind == "std") incident.kind = Incident::Kind::kThrowStd;
-        incident.text = line.rest();
-    } else {
-        throw Fault("no kind of exception '" + kind + "'");
-    }
-    script.incidents[{call, nth}] = incident;
-}
-
-void readFail(Line& line, Script& script) {
-    const std::string call = line.word("call");
-    if (call != "open" && call != "flock" && call != "localtime_r") {
-        throw Fault("no call '" + call + "' to fail");
-    }
-    const int nth = static_cast<int>(line.number("count", 1, kMost));
-    const int number = static_cast<int>(line.number("errno", 1, 4095));
-    line.ends();
-    script.incidents[{call, nth}] = {Incident::Kind::kFail, {}, number};
-}
-
-void readClock(Line& line, Script& script) {
-    const std::string text = line.word("time");
-    line.ends();
+Clock readClock(const std::string& text) {
     Clock clock{};
     int used = 0;
     const int count = sscanf(text.c_str(), "%2d:%2d:%2d.%3d%n", &clock.hour, &clock.minute,
@@ -139,99 +102,86 @@ void readClock(Line& line, Script& script) {
     if (count != 4 || used != 12 || text.size() != 12) {
         throw Fault("'" + text + "' is no time HH:MM:SS.mmm");
     }
-    script.clock = clock;
-}
-
-void setField(st_pktd_shm_queue_entry_ctrl_t& ctrl, const std::string& name,
-              const std::string& value) {
-    if (name == "trunk") {
-        ctrl.is_trunk = static_cast<uint8_t>(Line::toNumber(value, "trunk", 0, 255));
-        return;
-    }
-    if (name == "vtag") {
-        ctrl.vtag = static_cast<uint16_t>(Line::toNumber(value, "vtag", 0, 65535));
-        return;
-    }
-    // By offset and memcpy: a packed field is unaligned.
-    static const std::map<std::string, std::size_t> offsets = {
-        {"unit", offsetof(st_pktd_shm_queue_entry_ctrl_t, unit)},
-        {"port", offsetof(st_pktd_shm_queue_entry_ctrl_t, port)},
-        {"tid", offsetof(st_pktd_shm_queue_entry_ctrl_t, tid)},
-        {"vid", offsetof(st_pktd_shm_queue_entry_ctrl_t, vid)},
-        {"proto", offsetof(st_pktd_shm_queue_entry_ctrl_t, proto)},
-        {"egress", offsetof(st_pktd_shm_queue_entry_ctrl_t, egress)}};
-    const auto offset = offsets.find(name);
-    if (offset == offsets.end()) throw Fault("no field '" + name + "' of a record");
-    const auto number = static_cast<int32_t>(Line::toNumber(value, name.c_str(), kLeast, kMost));
-    memcpy(reinterpret_cast<uint8_t*>(&ctrl) + offset->second, &number, sizeof number);
+    return clock;
 }
 
 st_pktd_shm_queue_entry_ctrl_t readRecord(Line& line) {
     st_pktd_shm_queue_entry_ctrl_t ctrl{};
-    while (const std::optional<std::string> field = line.nextWord()) {
-        const std::size_t equals = field->find('=');
-        if (equals == std::string::npos) throw Fault("'" + *field + "' is not FIELD=NUMBER");
-        setField(ctrl, field->substr(0, equals), field->substr(equals + 1));
+    while (line.hasWord()) {
+        const std::string field = line.word();
+        const std::size_t equals = field.find('=');
+        if (equals == std::string::npos) throw Fault("'" + field + "' is not FIELD=NUMBER");
+        const std::string name = field.substr(0, equals);
+        const std::string value = field.substr(equals + 1);
+        // By member access: only that tells the compiler that a packed field is unaligned.
+        if (name == "trunk") {
+            ctrl.is_trunk = toNumber<uint8_t>(value, 10, 0, 255);
+        } else if (name == "vtag") {
+            ctrl.vtag = toNumber<uint16_t>(value, 10, 0, 65535);
+        } else if (name == "unit") {
+            ctrl.unit = toNumber<int32_t>(value, 10, kLeast, kMost);
+        } else if (name == "port") {
+            ctrl.port = toNumber<int32_t>(value, 10, kLeast, kMost);
+        } else if (name == "tid") {
+            ctrl.tid = toNumber<int32_t>(value, 10, kLeast, kMost);
+        } else if (name == "vid") {
+            ctrl.vid = toNumber<int32_t>(value, 10, kLeast, kMost);
+        } else if (name == "proto") {
+            ctrl.proto = toNumber<int32_t>(value, 10, kLeast, kMost);
+        } else if (name == "egress") {
+            ctrl.egress = toNumber<int32_t>(value, 10, kLeast, kMost);
+        } else {
+            throw Fault("no field '" + name + "' of a record");
+        }
     }
     return ctrl;
 }
 
 std::vector<uint8_t> readFrame(Line& line) {
     std::string digits = line.rest();
-    digits.erase(std::remove(digits.begin(), digits.end(), ' '), digits.end());
+    std::erase(digits, ' ');
     if (digits.empty() || digits.size() % 2 != 0) throw Fault("no whole bytes");
     if (digits.size() / 2 > kFrameBuffer) throw Fault("frame too long");
-
     std::vector<uint8_t> frame;
     for (std::size_t i = 0; i < digits.size(); i += 2) {
-        unsigned byte = 0;
-        const char* const end = digits.data() + i + 2;
-        const auto [rest, error] = std::from_chars(digits.data() + i, end, byte, 16);
-        if (error != std::errc() || rest != end) {
-            throw Fault("'" + digits.substr(i, 2) + "' is no byte");
-        }
-        frame.push_back(static_cast<uint8_t>(byte));
+        frame.push_back(toNumber<uint8_t>(digits.substr(i, 2), 16, 0, 255));
     }
     return frame;
 }
 
 /// False: it was the last line.
-bool readLine(const std::string& text, st_pktd_shm_queue_entry_ctrl_t& ctrl, Script& script) {
-    Line line(text);
-    const std::string keyword = line.word("statement");
+bool readLine(Line& line, st_pktd_shm_queue_entry_ctrl_t& ctrl, Script& script) {
+    const std::string keyword = line.word();
     if (keyword == "answer") {
-        readAnswer(line, script);
+        const std::string call = line.oneOf(kAnswering);
+        script.answers[call] = line.number();
     } else if (keyword == "vlan") {
-        const int egress = line.integer("egress");
-        script.vlans[egress] = line.integer("VLAN");
-        line.ends();
+        const int egress = line.number();
+        script.vlans[egress] = line.number();
     } else if (keyword == "mtu") {
-        const int vlan = line.integer("VLAN");
-        script.mtus[vlan] =
-            static_cast<uint32_t>(line.number("MTU", 0, std::numeric_limits<uint32_t>::max()));
-        line.ends();
+        const int vlan = line.number();
+        script.mtus[vlan] = line.number<uint32_t>(0, std::numeric_limits<uint32_t>::max());
     } else if (keyword == "throw") {
-        readThrow(line, script);
+        const std::string call = line.oneOf(kThrowing);
+        const int nth = line.number(1);
+        script.incidents[{call, nth}] = readException(line);
     } else if (keyword == "fail") {
-        readFail(line, script);
+        const std::string call = line.oneOf(kFailing);
+        const int nth = line.number(1);
+        script.incidents[{call, nth}] = {Incident::Kind::kFail, {}, line.number(1, 4095)};
     } else if (keyword == "clock") {
-        readClock(line, script);
+        script.clock = readClock(line.word());
     } else if (keyword == "arpd") {
-        const std::string how = line.word("'real'");
-        if (how != "real") throw Fault("'" + how + "' is not 'real'");
-        line.ends();
-        script.sendsIcmp6 = true;
+        script.sendsIcmp6 = line.oneOf({"real"}) == "real";
     } else if (keyword == "record") {
         ctrl = readRecord(line);
     } else if (keyword == "frame") {
         script.deliveries.push_back({ctrl, readFrame(line)});
-    } else if (keyword == "end") {
-        line.ends();
-        return false;
-    } else {
+    } else if (keyword != "end") {
         throw Fault("no statement '" + keyword + "'");
     }
-    return true;
+    if (line.hasWord()) throw Fault("surplus '" + line.word() + "'");
+    return keyword != "end";
 }
 
 }  // namespace
@@ -245,9 +195,10 @@ Script readScript(std::istream& in) {
         ++number;
         const std::size_t begin = text.find_first_not_of(" \t");
         if (begin == std::string::npos || text[begin] == '#') continue;
-        if (ended) throw BadLine(number, "a line behind 'end'");
+        if (ended) throw BadLine(number, "a line after 'end'");
         try {
-            ended = !readLine(text, ctrl, script);
+            Line line(text);
+            ended = !readLine(line, ctrl, script);
         } catch (const Fault& fault) {
             throw BadLine(number, fault.what());
         }

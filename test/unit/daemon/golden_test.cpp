@@ -35,7 +35,7 @@ st_pktd_shm_queue_entry_data_t symmetricRecord() {
 TEST_F(GoldenRun, HasEveryLineEveryCallAndEveryMessageInTheSameOrderOnEveryMachine) {
     std::string text;
     for (const Frame& frame : run::frames()) {
-        text += received(frame, recordOf(frame), frame.title.c_str(), qv::DEBUG);
+        text += received(frame, recordOf(frame), frame.title.c_str(), frame.threshold);
     }
     text += received(run::ipv4(), symmetricRecord(), "the first packet at DEBUG4", qv::DEBUG4);
 

@@ -268,31 +268,6 @@ TEST(TheAdapter, IsMadeWithoutMemory) {
 
 class TheApplication : public run::Daemon {};
 
-TEST_F(TheApplication, IsNotMadeAndNotRegisteredWithoutMemoryForItsHandler) {
-    Journal journal(qv::DEBUG4);
-    getShmWrapperApp()->setHandler(nullptr);
-    {
-        const Counted counted(1);
-        EXPECT_THROW(PMTUDApp(&config, getShmWrapperApp()), std::bad_alloc);
-    }
-    EXPECT_EQ(journal.take(), Lines{kFails});
-    EXPECT_EQ(allocations::alive(), 0);
-    receive(journal, ipv4());
-    // No handler: not one line of the engine.
-    for (const std::string& entry : journal.entries) EXPECT_EQ(entry.find("PMTUD"), entry.npos);
-    EXPECT_EQ(journal.entries.back(), "verdict 7");
-}
-
-TEST_F(TheApplication, IsMadeByOneAllocationAndHoldsNothingAfterItsEnd) {
-    {
-        const Counted counted(2);
-        const PMTUDApp other(&config, getShmWrapperApp());
-        EXPECT_FALSE(counted.failed());
-        EXPECT_EQ(allocations::alive(), 1);
-    }
-    EXPECT_EQ(allocations::alive(), 0);
-}
-
 TEST_F(TheApplication, LosesTheEndOfItsFirstLineIfMemoryIsShortAndAttachesAllTheSame) {
     Journal journal(qv::DEBUG4);
     onAFreshThread([&] {

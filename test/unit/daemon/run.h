@@ -23,6 +23,7 @@ struct Frame {
     std::size_t length;
     Bytes bytes;
     int egress;
+    int32_t threshold = qv::DEBUG;
 };
 
 /// All frames of the run; the first two are answered.
@@ -32,7 +33,7 @@ inline const Frame& ipv6() { return frames()[1]; }
 
 st_pktd_shm_queue_entry_data_t recordOf(const Frame& frame);
 
-/// What run.golden says of this frame: all that leaves the daemon at DEBUG if nothing fails.
+/// What run.golden says of this frame: all that leaves the daemon at its threshold.
 const Lines& golden(const std::string& title);
 inline const Lines& golden(const Frame& frame) { return golden(frame.title); }
 

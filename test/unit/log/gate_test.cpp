@@ -16,35 +16,12 @@ int evaluations = 0;
 
 int evaluated() { return ++evaluations; }
 
-// A level is a word of the statement, so that each has one of its own.
-void logAt(int32_t level) {
-    switch (level) {
-        case 0:
-            QV_LOG(ERROR, 1) << evaluated();
-            return;
-        case 1:
-            QV_LOG(WARNING, 1) << evaluated();
-            return;
-        case 2:
-            QV_LOG(INFO, 1) << evaluated();
-            return;
-        case 3:
-            QV_LOG(DEBUG, 1) << evaluated();
-            return;
-        case 4:
-            QV_LOG(DEBUG1, 1) << evaluated();
-            return;
-        case 5:
-            QV_LOG(DEBUG2, 1) << evaluated();
-            return;
-        case 6:
-            QV_LOG(DEBUG3, 1) << evaluated();
-            return;
-        case 7:
-            QV_LOG(DEBUG4, 1) << evaluated();
-            return;
-    }
-}
+// A level is a word of the statement, so that each has its own.
+constexpr void (*kStatements[])() = {
+    [] { QV_LOG(ERROR, 1) << evaluated(); },  [] { QV_LOG(WARNING, 1) << evaluated(); },
+    [] { QV_LOG(INFO, 1) << evaluated(); },   [] { QV_LOG(DEBUG, 1) << evaluated(); },
+    [] { QV_LOG(DEBUG1, 1) << evaluated(); }, [] { QV_LOG(DEBUG2, 1) << evaluated(); },
+    [] { QV_LOG(DEBUG3, 1) << evaluated(); }, [] { QV_LOG(DEBUG4, 1) << evaluated(); }};
 
 class Gate : public testing::Test {
  protected:
@@ -59,7 +36,7 @@ class GateMatrix : public Gate, public testing::WithParamInterface<std::tuple<in
 TEST_P(GateMatrix, StatementIsWrittenAndEvaluatedOnlyUpToTheThreshold) {
     const auto [level, threshold] = GetParam();
     const CapturedLog log(threshold);
-    logAt(level);
+    kStatements[level]();
     EXPECT_EQ(evaluations, level <= threshold ? 1 : 0);
     EXPECT_EQ(linesOf(log.text()).size(), level <= threshold ? 1U : 0U);
 }
@@ -74,7 +51,7 @@ TEST_P(GateWithoutAStream, IsClosedForEveryLevelAndEvaluatesNothing) {
     const CapturedLog log(qv::DEBUG4);
     FILE* const stream = qv::stream();
     qv::stream() = nullptr;
-    logAt(GetParam());
+    kStatements[GetParam()]();
     qv::stream() = stream;
     EXPECT_EQ(evaluations, 0);
     EXPECT_EQ(log.text(), "");
@@ -113,7 +90,7 @@ TEST_F(Gate, DoesNotEvaluateTheLineOrTheFunctionOfASuppressedStatement) {
     EXPECT_EQ(evaluations, 0);
 }
 
-TEST_F(Gate, BindsWeakerThanTheInsertionsBehindIt) {
+TEST_F(Gate, BindsWeakerThanTheInsertionsAfterIt) {
     const CapturedLog log(qv::ERROR);
     QV_LOG(ERROR, 1) << 1 + 1 << (2 > 1 ? "yes" : "no") << (6 & 2);
     EXPECT_EQ(log.text().substr(log.text().size() - 7), "2yes2\r\n");

@@ -1,18 +1,8 @@
 // SPDX-License-Identifier: MIT
 // The whole daemon at work: frames in by the queue, and what the platform is asked to send.
 #include <gtest/gtest.h>
-#include <net/if.h>
-#include <netinet/if_ether.h>
-#include <netinet/in.h>
-#include <netpacket/packet.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <array>
 #include <csignal>
-#include <cstdint>
-#include <cstdlib>
 #include <string>
 
 #include "daemon_process.h"
@@ -94,73 +84,6 @@ TEST_F(DaemonAtWork, StaysParkedBehindItsFrames) {
     EXPECT_TRUE(daemon.isRunning());
     daemon.signal(SIGTERM);
     EXPECT_EQ(daemon.ending(), (Ending{"signal 15", ""}));
-}
-
-// A pair of interfaces, of which the platform sends by bcm0.10 and the test listens at host10.
-class DaemonOnARealInterface : public DaemonAtWork {
- protected:
-    void SetUp() override {
-        DaemonAtWork::SetUp();
-        ASSERT_EQ(system("set -e\n"
-                         "sysctl -qw net.ipv6.conf.default.accept_dad=0 "
-                         "net.ipv6.conf.default.router_solicitations=0\n"
-                         "ip link add bcm0.10 address 02:00:00:00:00:01 type veth "
-                         "peer name host10 address 02:00:00:00:00:0a\n"
-                         "sysctl -qw net.ipv6.conf.host10.disable_ipv6=1\n"
-                         "ip link set bcm0.10 up\n"
-                         "ip link set host10 up\n"
-                         "ip address add fd00:10::1/64 dev bcm0.10 nodad\n"
-                         "ip neighbour add fd00:10::2 lladdr 02:00:00:00:00:0a dev bcm0.10\n"),
-                  0);
-        m_socket = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_IPV6));
-        ASSERT_NE(m_socket, -1);
-        sockaddr_ll address{};
-        address.sll_family = AF_PACKET;
-        address.sll_protocol = htons(ETH_P_IPV6);
-        address.sll_ifindex = static_cast<int>(if_nametoindex("host10"));
-        ASSERT_EQ(bind(m_socket, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    }
-    void TearDown() override { close(m_socket); }
-
-    /// The next frame whose ICMPv6 message is of this type, in hexadecimal; "" after 10 s.
-    std::string nextIcmp6Frame(uint8_t type) const {
-        std::array<uint8_t, 2048> bytes{};
-        pollfd readable{m_socket, POLLIN, 0};
-        while (poll(&readable, 1, 10000) == 1) {
-            const auto length = recv(m_socket, bytes.data(), bytes.size(), 0);
-            if (length < 58 || bytes[20] != IPPROTO_ICMPV6 || bytes[54] != type) continue;
-            std::string text;
-            for (std::size_t i = 0; i < static_cast<std::size_t>(length); ++i) {
-                constexpr char kDigits[] = "0123456789abcdef";
-                text += kDigits[bytes[i] / 16];
-                text += kDigits[bytes[i] % 16];
-            }
-            return text;
-        }
-        return "";
-    }
-
- private:
-    int m_socket = -1;
-};
-
-TEST_F(DaemonOnARealInterface, SendsPacketTooBigWithItsChecksumOutOfTheTagVlan) {
-    DaemonProcess daemon(play("arpd real\nvlan 7 20\nmtu 20 1400\n" + kRecord + kIpv6Frame));
-    daemon.logUntil("frames done");
-    const std::string frame = nextIcmp6Frame(2);
-    ASSERT_EQ(frame.size(), 2U * (14 + 40 + 52));
-    EXPECT_EQ(frame.substr(0, 28),
-              "02000000000a"
-              "020000000001"
-              "86dd");
-    // From the payload length on: the flow label before it is the kernel's choice.
-    EXPECT_EQ(frame.substr(2 * 18),
-              "00343a40"
-              "fd000010000000000000000000000001"
-              "fd000010000000000000000000000002"
-              "0200ad6d00000578"
-              "6000000000043b40fd000010000000000000000000000002"
-              "fd000020000000000000000000000002cafef00d");
 }
 
 }  // namespace

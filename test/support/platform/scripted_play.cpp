@@ -2,7 +2,6 @@
 // The run of a script: what is in store for the next call, and the log of the calls.
 #include "scripted_play.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -35,17 +34,6 @@ Script readScriptFile() {
     }
 }
 
-int openLog() {
-    const char* const name = getenv("PMTUD_SCRIPT_LOG");
-    if (name == nullptr) return STDERR_FILENO;
-    char* rest = nullptr;
-    const long descriptor = strtol(name, &rest, 10);
-    if (rest != name && *rest == '\0') return static_cast<int>(descriptor);
-    const int fd = open(name, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
-    if (fd == -1) endUnplayed(std::string("cannot write ") + name);
-    return fd;
-}
-
 int countCall(const std::string& call) {
     static std::mutex mutex;
     // Never destroyed: the receive thread may still call when the process exits.
@@ -64,9 +52,8 @@ const Script& script() {
 void log(const std::string& line) {
     // A bad script ends the process before its first line.
     script();
-    static const int fd = openLog();
     const std::string text = line + '\n';
-    const auto written = write(fd, text.data(), text.size());
+    const auto written = write(STDERR_FILENO, text.data(), text.size());
     if (written != static_cast<ssize_t>(text.size())) endUnplayed("cannot write the log");
 }
 

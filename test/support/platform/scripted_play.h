@@ -15,8 +15,7 @@ namespace scripted {
 /// script.  A bad line ends the process with status 2 and the line's number on standard error.
 const Script& script();
 
-/// Writes one line, in one write(2), to the log: the file that PMTUD_SCRIPT_LOG names, or the
-/// descriptor if that is a number, or standard error if it is not set.
+/// Writes one line, in one write(2), to standard error, as the daemon's log.
 void log(const std::string& line);
 
 /// Counts the call and throws if the script says that this one does.

@@ -65,7 +65,6 @@ void becomeDaemon(const Start& start, int script, int log, int standardOutput) {
     dup2(standardOutput, STDOUT_FILENO);
     dup2(log, STDERR_FILENO);
     setenv("PMTUD_SCRIPT", ("/proc/self/fd/" + std::to_string(kScriptDescriptor)).c_str(), 1);
-    setenv("PMTUD_SCRIPT_LOG", "2", 1);
     for (const auto& [name, value] : start.environment) setenv(name.c_str(), value.c_str(), 1);
 
     std::vector<std::string> command = commandLine(start.arguments);

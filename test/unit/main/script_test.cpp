@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
-#include <fstream>
-#include <iterator>
 #include <ostream>
 #include <string>
 
@@ -87,26 +85,5 @@ INSTANTIATE_TEST_SUITE_P(OfAScript, ABadLine, testing::ValuesIn(kBadLines),
                              }
                              return name;
                          });
-
-TEST_F(AScript, IsNotPlayedWhereTheLogCannotBeWritten) {
-    Start start = play("");
-    start.environment = {{"PMTUD_SCRIPT_LOG", "/run/no-such-folder/log"}};
-    DaemonProcess daemon(start);
-    EXPECT_EQ(daemon.ending(),
-              (Ending{"exit status 2", "pmtud-scripted: cannot write /run/no-such-folder/log\n"}));
-}
-
-TEST_F(AScript, HasItsCallsLoggedToTheFileThatIsNamed) {
-    Start start = play("throw cfg_add_pid 1 std stop\n");
-    start.environment = {{"PMTUD_SCRIPT_LOG", "/run/log"}};
-    DaemonProcess daemon(start);
-    EXPECT_EQ(daemon.ending().how, "signal 6");
-    std::ifstream log("/run/log");
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(log), {}),
-              "open(\"/var/run/pmtud.pid\", 0x42, 0666)\n"
-              "flock(pidFile, 6)\n"
-              "cfg_init()\n"
-              "cfg_add_pid(\"pmtud\")\n");
-}
 
 }  // namespace

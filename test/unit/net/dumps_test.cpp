@@ -204,7 +204,7 @@ class Random : public testing::Test {
 
 /// At odd addresses, too.
 TEST_F(Random, HeadersAreDumpedAsPrintfWritesThem) {
-    for (int round = 0; round < 4000; ++round) {
+    for (unsigned round = 0; round < 2000; ++round) {
         Bytes bytes = random.lopsidedBytes(61);
         const uint8_t* const start = bytes.data() + round % 2;
         ASSERT_EQ(inserted(EthVlanHeader(start)), reference::ethDump(start)) << round;
@@ -221,7 +221,7 @@ TEST_F(Random, HeadersAreDumpedAsPrintfWritesThem) {
 }
 
 TEST_F(Random, NumbersAndBytesAreWrittenAsPrintfWritesThem) {
-    for (int round = 0; round < 10000; ++round) {
+    for (int round = 0; round < 5000; ++round) {
         // Of all magnitudes, and both signs.
         const auto value = static_cast<int32_t>(random.number() >> random.below(32));
         ASSERT_EQ(decHex(value), reference::text("%d [%#x]", value, static_cast<unsigned>(value)));

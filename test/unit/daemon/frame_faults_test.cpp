@@ -164,7 +164,7 @@ TEST_P(AFrame, IsHandledTwiceInARowIfThisFailsAndTheThirdIsAnswered) {
 TEST_P(AFrame, IsHandledInTheSameWayBelowTheThreshold) {
     Lines left = GetParam().left;
     std::erase_if(left, [](const std::string& entry) { return entry.ends_with("\r\n"); });
-    Journal journal(qv::WARNING);
+    Journal journal(qv::INFO);
     fake::fail(GetParam().call, GetParam().failure, GetParam().times);
     receive(journal, GetParam().frame);
     EXPECT_EQ(journal.entries, left);

@@ -293,4 +293,32 @@ TEST_F(ProcessEntry, KeepsItsDirectoryAndItsStandardInput) {
     EXPECT_EQ(read_symlink(its / "fd/0"), read_symlink(own / "fd/0"));
 }
 
+// ---- the scripted platform itself
+
+class ABadScript : public ProcessEntry, public testing::WithParamInterface<const char*> {};
+
+TEST_P(ABadScript, IsRefusedWithTheNumberOfItsBadLine) {
+    DaemonProcess daemon({.script = "# a remark\n" + std::string(GetParam()) + "\nend\n"});
+    const Ending ending = daemon.ending();
+    EXPECT_EQ(ending.how, "exit status 2");
+    EXPECT_TRUE(ending.log.starts_with("pmtud-scripted: /proc/self/fd/100:2: ")) << ending.log;
+}
+
+INSTANTIATE_TEST_SUITE_P(With, ABadScript,
+                         testing::Values("anwser cfg_init 1", "answer", "answer cfg_exit 1",
+                                         "answer cfg_init one", "answer cfg_init 2147483648",
+                                         "answer cfg_init 1 2", "mtu 20 -1", "throw open 1 qv x",
+                                         "throw cfg_init 0 qv x", "throw cfg_init 1 bad_alloc",
+                                         "fail cfg_init 1 5", "fail open 1 0", "clock 14:03:07",
+                                         "arpd fake", "record unit", "record colour=1",
+                                         "record trunk=256", "frame 020", "frame 0g", "end now"));
+
+TEST_F(ProcessEntry, IsNotReachedByAScriptWithoutEndOrWithMoreAfterIt) {
+    DaemonProcess endless({.script = "# nothing\n"});
+    EXPECT_EQ(endless.ending(),
+              (Ending{"exit status 2", "pmtud-scripted: /proc/self/fd/100:2: no 'end'\n"}));
+    DaemonProcess surplus({.script = "end\n\nmtu 1 1500\n"});
+    EXPECT_EQ(surplus.ending().how, "exit status 2");
+}
+
 }  // namespace

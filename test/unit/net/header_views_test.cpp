@@ -164,19 +164,6 @@ INSTANTIATE_TEST_SUITE_P(
                     FlagWord{"Both", 0x5FFE, 2, true, false, 0x1FFE}),
     [](const auto& row) { return row.param.name; });
 
-TEST(Ipv4Header, HasTheLargestNumbersIfAllBitsAreSet) {
-    const Bytes bytes(20, 0xFF);
-    const Ipv4Header header(bytes.data());
-    EXPECT_EQ(header.tos(), 255);
-    EXPECT_EQ(header.totalLength(), 65535);
-    EXPECT_EQ(header.id(), 65535);
-    EXPECT_EQ(header.ttl(), 255);
-    EXPECT_EQ(header.protocol(), 255);
-    EXPECT_EQ(header.checksum(), 65535);
-    EXPECT_EQ(header.src().to_string(), "255.255.255.255");
-    EXPECT_EQ(header.dst().to_string(), "255.255.255.255");
-}
-
 static_assert(std::is_same_v<decltype(Ipv4Header(nullptr).version()), uint8_t>);
 static_assert(std::is_unsigned_v<decltype(Ipv4Header(nullptr).ihl())>);
 static_assert(std::is_same_v<decltype(Ipv4Header(nullptr).flags()), uint8_t>);
@@ -212,19 +199,6 @@ TEST(Ipv6Header, HasATotalLengthOfThePayloadsAndForty) {
         const Bytes bytes = with(kIpv6, 4, bytesOf(payload));
         EXPECT_EQ(Ipv6Header(bytes.data()).totalLength(), total);
     }
-}
-
-TEST(Ipv6Header, HasTheLargestNumbersIfAllBitsAreSetButNoTrafficClass) {
-    const Bytes bytes(40, 0xFF);
-    const Ipv6Header header(bytes.data());
-    EXPECT_EQ(header.version(), 15);
-    EXPECT_EQ(header.trafficClass(), 0);
-    EXPECT_EQ(header.flowLabel(), 0xFFFFFU);
-    EXPECT_EQ(header.payloadLength(), 65535);
-    EXPECT_EQ(header.nextHeader(), 255);
-    EXPECT_EQ(header.hopLimit(), 255);
-    EXPECT_EQ(header.src().to_string(), "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
-    EXPECT_EQ(header.dst().to_string(), "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
 }
 
 static_assert(std::is_same_v<decltype(Ipv6Header(nullptr).version()), uint8_t>);

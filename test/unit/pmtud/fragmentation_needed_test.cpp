@@ -79,21 +79,6 @@ TEST_F(FragmentationNeededTest, AnswersAsManyFramesAsCome) {
     EXPECT_TRUE(fake::openSockets.empty());
 }
 
-/// The 16-bit one's complement sum of RFC 1071, carried round after every byte.
-unsigned onesComplementSum(const Bytes& bytes) {
-    unsigned sum = 0;
-    for (std::size_t i = 0; i < bytes.size(); ++i) {
-        sum += i % 2 == 0 ? bytes[i] * 256U : bytes[i];
-        if (sum > 0xFFFF) sum -= 0xFFFF;
-    }
-    return sum;
-}
-
-TEST_F(FragmentationNeededTest, SumsToAllOnesAtItsReceiver) {
-    reply4(ipv4Frame());
-    EXPECT_EQ(onesComplementSum(sent4().bytes), 0xFFFFU);
-}
-
 // The sums in the comments are the literal words added up apart from the code.
 // 0304 + 0240 (ICMP) + 4500 + C000 + 020A + F3B1 (quote) = 1FFFF, folded 10000, complement FFFF.
 // With the carry of the fold added back it would be FFFE.

@@ -90,30 +90,4 @@ TEST(IcmpChecksum, OfRandomMessagesIsTheOnesComplementOfTheirSumFoldedOnce) {
     EXPECT_GT(lostCarries, 0U);
 }
 
-TEST(IcmpChecksum, OfRandomMessagesVerifiesByRfc1071IfOneFoldIsEnough) {
-    tests::Random random(792);
-    unsigned verified = 0;
-    for (int round = 0; round < 4000; ++round) {
-        Bytes message = random.lopsidedBytes(4 + 2 * random.below(750));
-        message[2] = message[3] = 0;
-        if (foldedOnce(sumOfWords(message, message.size())) > 65535) continue;
-        message = packets::with(message, 2, packets::bytesOf(checksum(message, message.size())));
-        ASSERT_EQ(foldedOnce(foldedOnce(sumOfWords(message, message.size()))), 65535U) << round;
-        ++verified;
-    }
-    EXPECT_GT(verified, 3000U);
-}
-
-TEST(IcmpChecksum, OfRandomMessagesChangesWithAnyBit) {
-    tests::Random random(4443);
-    for (int round = 0; round < 4000; ++round) {
-        const std::size_t length = 1 + random.below(1600);
-        Bytes bytes = random.lopsidedBytes(length + 1);
-        const uint16_t before = checksum(bytes, length);
-        bytes[random.below(static_cast<uint32_t>(length))] ^=
-            static_cast<uint8_t>(1U << random.below(8));
-        ASSERT_NE(checksum(bytes, length), before) << "round " << round;
-    }
-}
-
 }  // namespace

@@ -125,7 +125,7 @@ TEST_P(AnswerTest, OutsideOf1To4094IsNoVlanAndItsMtuIsNotAskedFor) {
 }
 
 TEST_P(AnswerTest, From576To16383IsAnMtu) {
-    for (const uint32_t mtu : {576, 577, 1279, 1280, 1500, 1501, 9000, 16382, 16383}) {
+    for (const uint32_t mtu : {576U, 577U, 1279U, 1280U, 1500U, 1501U, 9000U, 16382U, 16383U}) {
         answerMtu(mtu);
         EXPECT_TRUE(isAnswered()) << mtu;
     }

@@ -24,18 +24,10 @@ using shm_test::with;
 const std::string kPlace = " | int SHM_Wrapper::handleFrame(uint8_t*, size_t)] ";
 const std::string kUnhandled =
     "14:03:07.2 DEBUG: [SHM_Wrapper:49" + kPlace + "Discarding packet\r\n";
+/// Whole in unit/net and in unit/daemon's run.golden.
 const std::string kDump = "14:03:07.2 DEBUG1: [SHM_Wrapper:37" + kPlace +
-                          "\n===== [ETH DUMP] =====\n"
-                          "data[18]: [00 1a 2b 3c 4d 5e 00 00 5e 00 53 01 81 00 00 64 08 00]\n"
-                          "dest: 0:1a:2b:3c:4d:5e\n"
-                          "source: 0:0:5e:0:53:1\n"
-                          "vlan_tpid: 33024 [0x8100]\n"
-                          "vlan_tci: 100 [0x64]\n"
-                          "  vlan_pcp: 0 [0]\n"
-                          "  vlan_dei: 0 [0]\n"
-                          "  vlan_id: 100 [0x64]\n"
-                          "proto: 2048 [0x800]\n"
-                          "\r\n";
+                          "\n===== [ETH DUMP] =====\ndata[18]: [00 1a 2b 3c 4d 5e 00 00 5e 00 53 "
+                          "01 81 00 00 64 08 00]\n";
 
 std::string invalidTpid(const std::string& tpid) {
     return "14:03:07.2 WARNING: [SHM_Wrapper:40" + kPlace + "Warning! Invalid tpid " + tpid +
@@ -74,11 +66,14 @@ class ActionTest : public VerdictTest, public testing::WithParamInterface<Action
 
 TEST_P(ActionTest, IsAppliedToEveryFrameThatTheHandlerAccepts) {
     adapter.setHandler(&accepting);
-    EXPECT_EQ(verdictLog(qv::DEBUG1), (Lines{kDump, GetParam().line}));
+    const Lines lines = verdictLog(qv::DEBUG1);
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_TRUE(lines[0].starts_with(kDump));
+    EXPECT_EQ(lines[1], GetParam().line);
     EXPECT_EQ(lastVerdict, GetParam().code);
     EXPECT_EQ(verdict(), GetParam().code);
     EXPECT_EQ(daemon_test::last(verdictLog(GetParam().level)), GetParam().line);
-    EXPECT_EQ(verdictLog(qv::INFO), Lines{});
+    EXPECT_EQ(verdictLog(GetParam().level - 1), Lines{});
 }
 
 TEST_P(ActionTest, IsKeptButIgnoredForFramesRefusedUnhandledOrUntagged) {
@@ -144,7 +139,7 @@ TEST_F(VerdictTest, FollowsTheActionThatTheHandlerSetsForThisFrame) {
     const Lines lines = verdictLog(qv::DEBUG4);
     EXPECT_EQ(lastVerdict, 9);
     ASSERT_EQ(lines.size(), 3U);
-    EXPECT_EQ(lines[0], kDump);
+    EXPECT_TRUE(lines[0].starts_with(kDump));
     EXPECT_EQ(lines[2], line("DEBUG", 60, "Reposting packet"));
 }
 

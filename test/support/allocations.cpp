@@ -18,7 +18,7 @@ std::atomic<long> allBlocks = 0;
 
 /// Precedes every block, as large as the strictest alignment requires.
 struct alignas(std::max_align_t) Mark {
-    std::size_t counted;
+    size_t counted;
 };
 
 void failIfDue() {
@@ -53,10 +53,10 @@ long taken() { return allBlocks; }
 
 }  // namespace allocations
 
-void* operator new(std::size_t size) {
+void* operator new(size_t size) {
     const bool counted = allocations::detail::counting;
     if (counted) failIfDue();
-    void* const block = std::malloc(sizeof(Mark) + size);
+    void* const block = malloc(sizeof(Mark) + size);
     if (block == nullptr) throw std::bad_alloc();
     Mark* const mark = new (block) Mark{counted ? size + 1 : 0};
     if (counted) {
@@ -74,7 +74,7 @@ void operator delete(void* block) noexcept {
         --blocks;
         bytes -= static_cast<long>(mark->counted - 1);
     }
-    std::free(mark);
+    free(mark);
 }
 
-void operator delete(void* block, std::size_t) noexcept { operator delete(block); }
+void operator delete(void* block, size_t) noexcept { operator delete(block); }

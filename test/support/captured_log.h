@@ -50,13 +50,13 @@ class CapturedLog {
     FILE* m_stream;
     FILE* m_file;
     char* m_text = nullptr;
-    std::size_t m_size = 0;
+    size_t m_size = 0;
 };
 
 /// The log's text cut behind each CR LF.
 inline std::vector<std::string> linesOf(const std::string& text) {
     std::vector<std::string> lines;
-    for (std::size_t begin = 0; begin < text.size();) {
+    for (size_t begin = 0; begin < text.size();) {
         const auto end = text.find("\r\n", begin);
         const auto next = end == std::string::npos ? text.size() : end + 2;
         lines.push_back(text.substr(begin, next - begin));

@@ -52,11 +52,11 @@ inline std::string openText(const char* path, int flags, unsigned mode) {
     return os.str();
 }
 
-inline std::string hex(const void* start, std::size_t count) {
+inline std::string hex(const void* start, size_t count) {
     constexpr char kDigits[] = "0123456789abcdef";
     const auto* const bytes = static_cast<const unsigned char*>(start);
     std::string text;
-    for (std::size_t i = 0; i < count; ++i) {
+    for (size_t i = 0; i < count; ++i) {
         text += kDigits[bytes[i] / 16];
         text += kDigits[bytes[i] % 16];
     }

@@ -26,9 +26,7 @@ struct Syscalls {
     std::function<int()> socket = [] { return 404; };
     std::function<int()> setsockopt = [] { return 0; };
     /// The result; a negative one is not counted as sent by the kernel but is still recorded.
-    std::function<long(std::size_t len)> sendto = [](std::size_t len) {
-        return static_cast<long>(len);
-    };
+    std::function<long(size_t len)> sendto = [](size_t len) { return static_cast<long>(len); };
     std::function<int()> close = [] { return 0; };
     std::function<unsigned(const std::string& name)> ifNameToIndex = [](const std::string&) {
         return 7U;

@@ -28,8 +28,8 @@ void noteFailedAllocation() {
 
 void fail(const std::string& call, Failure failure, int times, int before) {
     auto& due = store[call];
-    due.insert(due.end(), static_cast<std::size_t>(before), std::nullopt);
-    due.insert(due.end(), static_cast<std::size_t>(times), failure);
+    due.insert(due.end(), static_cast<size_t>(before), std::nullopt);
+    due.insert(due.end(), static_cast<size_t>(times), failure);
 }
 
 void on(const std::string& call, std::function<void()> hook) { hooks[call] = std::move(hook); }

@@ -32,14 +32,14 @@ inline Lines operator+(Lines left, const Lines& right) {
 }
 
 /// The bytes from offset `begin` up to, not including, offset `end`.
-inline Bytes slice(const Bytes& bytes, std::size_t begin, std::size_t end) {
-    return {bytes.begin() + static_cast<std::ptrdiff_t>(begin),
-            bytes.begin() + static_cast<std::ptrdiff_t>(end)};
+inline Bytes slice(const Bytes& bytes, size_t begin, size_t end) {
+    return {bytes.begin() + static_cast<ptrdiff_t>(begin),
+            bytes.begin() + static_cast<ptrdiff_t>(end)};
 }
 
 /// With these bytes from the offset on.
-inline Bytes with(Bytes bytes, std::size_t offset, const Bytes& changed) {
-    std::copy(changed.begin(), changed.end(), bytes.begin() + static_cast<std::ptrdiff_t>(offset));
+inline Bytes with(Bytes bytes, size_t offset, const Bytes& changed) {
+    std::copy(changed.begin(), changed.end(), bytes.begin() + static_cast<ptrdiff_t>(offset));
     return bytes;
 }
 
@@ -49,9 +49,9 @@ inline Bytes bytesOf(uint16_t number) {
 }
 
 /// 0, 1, ... 250, 0, 1, ...: 251 is no divisor of any length in use, so a shifted copy differs.
-inline Bytes payload(std::size_t count) {
+inline Bytes payload(size_t count) {
     Bytes bytes(count);
-    for (std::size_t i = 0; i < count; ++i) bytes[i] = static_cast<uint8_t>(i % 251);
+    for (size_t i = 0; i < count; ++i) bytes[i] = static_cast<uint8_t>(i % 251);
     return bytes;
 }
 
@@ -85,11 +85,11 @@ inline Bytes frameOfType(uint16_t etherType) { return ethernet(etherType) + Byte
 class QueueRecord {
  public:
     /// `shift` moves the record that many bytes from an aligned address.
-    explicit QueueRecord(std::size_t shift = 0) : m_shift(shift), m_bytes(shift + 9364, 0xEE) {}
+    explicit QueueRecord(size_t shift = 0) : m_shift(shift), m_bytes(shift + 9364, 0xEE) {}
 
     /// Writes the value in the processor's byte order.
     template <typename T>
-    QueueRecord& set(std::size_t offset, T value) {
+    QueueRecord& set(size_t offset, T value) {
         memcpy(m_bytes.data() + m_shift + offset, &value, sizeof value);
         return *this;
     }
@@ -102,7 +102,7 @@ class QueueRecord {
     const Bytes& bytes() const { return m_bytes; }
 
  private:
-    std::size_t m_shift;
+    size_t m_shift;
     Bytes m_bytes;
 };
 
@@ -126,8 +126,8 @@ class GuardedBytes {
     uint8_t* data() const { return m_data; }
 
  private:
-    std::size_t m_page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-    std::size_t m_readable;
+    size_t m_page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    size_t m_readable;
     void* m_start;
     uint8_t* m_data = nullptr;
 };

@@ -22,14 +22,14 @@ class Random {
     bool once(uint32_t count) { return below(count) == 0; }
     uint8_t byte() { return static_cast<uint8_t>(below(256)); }
 
-    Bytes bytes(std::size_t count) {
+    Bytes bytes(size_t count) {
         Bytes bytes(count);
         for (uint8_t& value : bytes) value = byte();
         return bytes;
     }
 
     /// Bytes of which most are 0 or most are 0xFF, or none is likelier than another.
-    Bytes lopsidedBytes(std::size_t count) {
+    Bytes lopsidedBytes(size_t count) {
         Bytes bytes = this->bytes(count);
         const uint32_t kind = below(3);
         if (kind == 2) return bytes;

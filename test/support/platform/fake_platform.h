@@ -39,7 +39,7 @@ struct Icmp6Message {
 /// A frame that shm_data_entry_post was given.
 struct PostedEntry {
     std::vector<uint8_t> record;
-    std::size_t len;
+    size_t len;
 };
 
 /// What the platform answers unless a call is to fail, and what it saw.  Every answer may throw.

@@ -28,7 +28,7 @@ std::atomic<bool> callsAreWrapped = false;
 
 int pidFile = -1;
 
-void* allocate(std::size_t size) {
+void* allocate(size_t size) {
     if (!allocationsCount) return ::operator new(size);
     const bool isFirst = firstAllocationDue.exchange(false);
     if (isFirst) scripted::log("operator new");

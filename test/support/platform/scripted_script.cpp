@@ -109,7 +109,7 @@ st_pktd_shm_queue_entry_ctrl_t readRecord(Line& line) {
     st_pktd_shm_queue_entry_ctrl_t ctrl{};
     while (line.hasWord()) {
         const std::string field = line.word();
-        const std::size_t equals = field.find('=');
+        const size_t equals = field.find('=');
         if (equals == std::string::npos) throw Fault("'" + field + "' is not FIELD=NUMBER");
         const std::string name = field.substr(0, equals);
         const std::string value = field.substr(equals + 1);
@@ -143,7 +143,7 @@ std::vector<uint8_t> readFrame(Line& line) {
     if (digits.empty() || digits.size() % 2 != 0) throw Fault("no whole bytes");
     if (digits.size() / 2 > kFrameBuffer) throw Fault("frame too long");
     std::vector<uint8_t> frame;
-    for (std::size_t i = 0; i < digits.size(); i += 2) {
+    for (size_t i = 0; i < digits.size(); i += 2) {
         frame.push_back(toNumber<uint8_t>(digits.substr(i, 2), 16, 0, 255));
     }
     return frame;
@@ -193,7 +193,7 @@ Script readScript(std::istream& in) {
     int number = 0;
     for (std::string text; std::getline(in, text);) {
         ++number;
-        const std::size_t begin = text.find_first_not_of(" \t");
+        const size_t begin = text.find_first_not_of(" \t");
         if (begin == std::string::npos || text[begin] == '#') continue;
         if (ended) throw BadLine(number, "a line after 'end'");
         try {

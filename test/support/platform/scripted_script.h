@@ -40,7 +40,7 @@ namespace scripted {
 
 /// The largest frame that a reader of one may touch: Ethernet header with a tag, and an IPv6
 /// packet of the longest payload.
-inline constexpr std::size_t kFrameBuffer = 18 + 40 + 65535;
+inline constexpr size_t kFrameBuffer = 18 + 40 + 65535;
 
 /// What a call does instead of answering.
 struct Incident {

@@ -56,7 +56,7 @@ class AFrameAtWarning : public run::Daemon, public testing::WithParamInterface<c
         Lines cutFirst = whole;
         cutFirst.at(0) = "89 PMTUD-Prot: Re";
         if (journal == whole || journal == Lines{kFails} + cutFirst) return true;
-        const std::size_t count = frame == &ipv4() ? 2 : 4;
+        const size_t count = frame == &ipv4() ? 2 : 4;
         return std::any_of(kShortages, kShortages + count, [&](const Shortage& shortage) {
             return journal == upTo(whole, shortage.before) + Lines{kFails, shortage.cut, kThrows};
         });
@@ -123,12 +123,12 @@ class AFrameAtDebug4 : public run::Daemon, public testing::WithParamInterface<co
     /// What a frame leaves whose allocation failed.
     void check(Lines journal, const Lines& whole) const {
         const auto failed = std::find(journal.begin(), journal.end(), kFails);
-        const auto failedAt = static_cast<std::size_t>(failed - journal.begin());
+        const auto failedAt = static_cast<size_t>(failed - journal.begin());
         journal.erase(failed);
         const bool threw = journal.back() == kThrows;
         if (threw) journal.pop_back();
         EXPECT_EQ(journal.size(), threw ? failedAt + 1 : whole.size());
-        for (std::size_t i = 0; i < journal.size(); ++i) {
+        for (size_t i = 0; i < journal.size(); ++i) {
             EXPECT_TRUE(i == failedAt ? lacksAPiece(journal[i], whole[i]) : journal[i] == whole[i])
                 << journal[i];
         }
@@ -209,7 +209,7 @@ INSTANTIATE_TEST_SUITE_P(Family, AFrameAtDebug4, testing::Values(&ipv4(), &ipv6(
 /// Ends lines of many lengths without memory; the journal holds each line.
 template <typename Logger, typename Begin, typename Check>
 void endLinesOfEveryLength(Begin begin, Check check) {
-    for (std::size_t length = 0; length <= 2100; ++length) {
+    for (size_t length = 0; length <= 2100; ++length) {
         Journal journal(qv::WARNING);
         onAFreshThread([&] {
             std::optional<Logger> logger(std::in_place);

@@ -20,7 +20,7 @@ using packets::operator+;
 /// A frame's first bytes; zeros follow, up to its length and as far as any dump reads.
 struct Frame {
     std::string title;
-    std::size_t length;
+    size_t length;
     Bytes bytes;
     int egress;
     int32_t threshold = qv::DEBUG;

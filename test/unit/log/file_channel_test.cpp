@@ -104,7 +104,7 @@ TEST_F(FileChannel, EscapesAndLimitsNothing) {
     EXPECT_EQ(log.text(), "14:03:07.2 ERROR: [f:1 | g] " + message + "\r\n");
 }
 
-class LineLength : public testing::TestWithParam<std::size_t> {};
+class LineLength : public testing::TestWithParam<size_t> {};
 
 TEST_P(LineLength, IsKeptAndLeavesNothingToShorterLinesAfterIt) {
     fake::resetClock();

@@ -101,7 +101,7 @@ INSTANTIATE_TEST_SUITE_P(Line, DebugProcessChannel, testing::ValuesIn(kStatement
                          daemon_test::kCaseName);
 
 TEST_F(Loggers, ShowNothingOfALongLineInAShortOneAfterIt) {
-    for (const std::size_t length : {10000U, 100U, 1U}) {
+    for (const size_t length : {10000U, 100U, 1U}) {
         qv::QVDebugProcLog().get(89, "n") << std::string(length, 'x');
         EXPECT_EQ(lines().back().text, " n: " + std::string(length, 'x'));
     }

@@ -115,20 +115,20 @@ bool DaemonProcess::read(int64_t deadline) {
     std::array<char, 4096> buffer;
     const auto count = ::read(m_log, buffer.data(), buffer.size());
     if (count <= 0) return false;
-    m_unread.append(buffer.data(), static_cast<std::size_t>(count));
+    m_unread.append(buffer.data(), static_cast<size_t>(count));
     return true;
 }
 
 std::string DaemonProcess::logUntil(const std::string& line) {
     const int64_t deadline = nowMilliseconds() + kPatienceMilliseconds;
     const std::string wanted = '\n' + line + '\n';
-    std::size_t found = 0;
+    size_t found = 0;
     while ((found = ('\n' + m_unread).find(wanted)) == std::string::npos) {
         if (read(deadline)) continue;
         ADD_FAILURE() << "the line '" << line << "' has not come; what has:\n" << m_unread;
         return std::exchange(m_unread, {});
     }
-    const std::size_t end = found + line.size() + 1;
+    const size_t end = found + line.size() + 1;
     std::string log = m_unread.substr(0, end);
     m_unread.erase(0, end);
     return log;
@@ -163,5 +163,5 @@ std::string DaemonProcess::standardOutput() const {
     std::array<char, 4096> buffer;
     const auto count = pread(m_standardOutput, buffer.data(), buffer.size(), 0);
     check(count >= 0, "pread");
-    return {buffer.data(), static_cast<std::size_t>(count)};
+    return {buffer.data(), static_cast<size_t>(count)};
 }

@@ -21,7 +21,7 @@ using packets::Bytes;
 
 class Dumps : public daemon_test::FakesTest {};
 
-Bytes padded(Bytes bytes, std::size_t size) {
+Bytes padded(Bytes bytes, size_t size) {
     bytes.resize(size);
     return bytes;
 }
@@ -189,8 +189,8 @@ std::string inserted(const Header& header) {
 class Random : public testing::Test {
  protected:
     /// Zero groups, an IPv4 address at the end, or neither.
-    void writeAddress(Bytes& packet, std::size_t offset) {
-        const auto address = packet.begin() + static_cast<std::ptrdiff_t>(offset);
+    void writeAddress(Bytes& packet, size_t offset) {
+        const auto address = packet.begin() + static_cast<ptrdiff_t>(offset);
         const uint32_t kind = random.below(4);
         for (int group = 0; kind == 1 && group < 8; ++group) {
             if (!random.once(2)) std::fill_n(address + 2 * group, 2, uint8_t{0});

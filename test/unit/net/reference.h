@@ -19,16 +19,16 @@ inline std::string field(const char* name, unsigned value) {
     return text("%s: %u [%#x]", name, value, value);
 }
 
-inline std::string hex(const uint8_t* bytes, std::size_t count) {
+inline std::string hex(const uint8_t* bytes, size_t count) {
     std::string all;
-    for (std::size_t i = 0; i < count; ++i) all += text(i == 0 ? "%02x" : " %02x", bytes[i]);
+    for (size_t i = 0; i < count; ++i) all += text(i == 0 ? "%02x" : " %02x", bytes[i]);
     return all;
 }
 
 /// Without leading zeros.
-inline std::string shortHex(const uint8_t* bytes, std::size_t count) {
+inline std::string shortHex(const uint8_t* bytes, size_t count) {
     std::string all;
-    for (std::size_t i = 0; i < count; ++i) all += text(i == 0 ? "%x" : " %x", bytes[i]);
+    for (size_t i = 0; i < count; ++i) all += text(i == 0 ? "%x" : " %x", bytes[i]);
     return all;
 }
 
@@ -47,11 +47,11 @@ inline std::string ipv4(const uint8_t* b) { return text("%u.%u.%u.%u", b[0], b[1
 /// last four bytes behind only zeros, or behind zeros and ffff, are written as of IPv4.
 inline std::string ipv6(const uint8_t* b) {
     std::array<unsigned, 8> groups{};
-    for (std::size_t i = 0; i < 8; ++i) groups[i] = b[2 * i] * 256U + b[2 * i + 1];
-    std::size_t runAt = 8;
-    std::size_t runLength = 1;
-    for (std::size_t begin = 0; begin < 8; ++begin) {
-        std::size_t end = begin;
+    for (size_t i = 0; i < 8; ++i) groups[i] = b[2 * i] * 256U + b[2 * i + 1];
+    size_t runAt = 8;
+    size_t runLength = 1;
+    for (size_t begin = 0; begin < 8; ++begin) {
+        size_t end = begin;
         while (end < 8 && groups[end] == 0) ++end;
         if (end - begin <= runLength) continue;
         runAt = begin;
@@ -63,7 +63,7 @@ inline std::string ipv6(const uint8_t* b) {
     if (mapped) return "::ffff:" + ipv4(b + 12);
 
     std::string all;
-    for (std::size_t i = 0; i < 8; ++i) {
+    for (size_t i = 0; i < 8; ++i) {
         if (i == runAt) {
             all += "::";
             i += runLength - 1;

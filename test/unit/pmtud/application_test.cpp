@@ -54,7 +54,7 @@ class OtherHandler : public SHM_Handler {
     ~OtherHandler() override {
         if (m_destroyed != nullptr) ++*m_destroyed;
     }
-    bool handleFrame(uint8_t&, std::size_t) override {
+    bool handleFrame(uint8_t&, size_t) override {
         ++calls;
         return true;
     }

@@ -31,7 +31,7 @@ using packets::operator+;
 /// One byte of a frame changed.
 struct Change {
     const char* name;
-    std::size_t offset;
+    size_t offset;
     uint8_t value;
 };
 
@@ -52,7 +52,7 @@ class EngineTest : public daemon_test::FakesTest {
     }
 
     /// From the queue's callback on, with egress 77; the verdict code.
-    static int receive(uint8_t* frame, std::size_t length) {
+    static int receive(uint8_t* frame, size_t length) {
         st_pktd_shm_queue_entry_data_t record{};
         record.ctrl.egress = 77;
         return SHM_Wrapper_App::pkt_rx_cb(&record, frame, static_cast<int>(length));
@@ -62,7 +62,7 @@ class EngineTest : public daemon_test::FakesTest {
     /// The code for a frame that a handler accepts: that of the action that is set.
     int storedVerdict() {
         class Yes : public SHM_Handler {
-            bool handleFrame(uint8_t&, std::size_t) override { return true; }
+            bool handleFrame(uint8_t&, size_t) override { return true; }
         } yes;
         adapter.setHandler(&yes);
         Bytes frame = ipv4Frame();
@@ -76,7 +76,7 @@ class EngineTest : public daemon_test::FakesTest {
         fake::platform().vlanMtu = [mtu](int) { return mtu; };
     }
     static Lines texts() { return fake::platform().debugTexts(); }
-    static std::size_t messages() {
+    static size_t messages() {
         return fake::syscalls().sent.size() + fake::platform().icmp6Messages.size();
     }
     static const fake::SentMessage& sent4() { return fake::syscalls().sent.at(0); }

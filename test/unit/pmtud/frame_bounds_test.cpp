@@ -45,8 +45,8 @@ class ShorteningTest : public EngineTest {
     template <typename Check>
     void shorten(const Bytes& whole, Check check) {
         Bytes buffer = whole;
-        for (std::size_t length = whole.size(); length >= 18; --length) {
-            std::fill(buffer.begin() + static_cast<std::ptrdiff_t>(length), buffer.end(), 0);
+        for (size_t length = whole.size(); length >= 18; --length) {
+            std::fill(buffer.begin() + static_cast<ptrdiff_t>(length), buffer.end(), 0);
             fake::syscalls().sent.clear();
             fake::platform().icmp6Messages.clear();
             ASSERT_EQ(receive(buffer.data(), length), 7) << length;
@@ -59,8 +59,8 @@ class ShorteningTest : public EngineTest {
 
 TEST_F(ShorteningTest, AnIpv4FrameOfEveryLengthIsQuotedWithZerosAfterIt) {
     const Bytes whole = ipv4Frame();
-    shorten(whole, [&](std::size_t length) {
-        Bytes quote = slice(whole, 18, std::min<std::size_t>(length, 78));
+    shorten(whole, [&](size_t length) {
+        Bytes quote = slice(whole, 18, std::min<size_t>(length, 78));
         quote.resize(60);
         EXPECT_EQ(slice(sent4().bytes, 8, 68), quote) << length;
     });
@@ -68,9 +68,9 @@ TEST_F(ShorteningTest, AnIpv4FrameOfEveryLengthIsQuotedWithZerosAfterIt) {
 
 TEST_F(ShorteningTest, AnIpv6FrameOfEveryLengthIsQuotedWithZerosAfterIt) {
     const Bytes whole = ipv6Frame(1460);
-    shorten(whole, [&](std::size_t length) {
+    shorten(whole, [&](size_t length) {
         // Its payload length is 05B4; of 22 bytes both are cut off, of 23 the second.
-        const std::size_t size = length <= 22 ? 48 : length == 23 ? 40 + 0x0500 + 8 : 1500;
+        const size_t size = length <= 22 ? 48 : length == 23 ? 40 + 0x0500 + 8 : 1500;
         Bytes quote = slice(whole, 18, length);
         quote.resize(size - 8);
         EXPECT_EQ(slice(sent6().bytes, 8, sent6().bytes.size()), quote) << length;
@@ -80,7 +80,7 @@ TEST_F(ShorteningTest, AnIpv6FrameOfEveryLengthIsQuotedWithZerosAfterIt) {
 TEST_F(ShorteningTest, AFrameOfEveryLengthIsDumpedInABufferThatHoldsWhatItClaims) {
     const CapturedLog log(qv::DEBUG4);
     for (const Bytes& whole : {ipv4Frame(), ipv6Frame(100), frameOfType(0x0806)}) {
-        for (std::size_t length = 18; length <= 158; ++length) {
+        for (size_t length = 18; length <= 158; ++length) {
             Bytes frame = slice(whole, 0, std::min(length, whole.size()));
             frame.resize(158);
             const GuardedBytes guarded(frame);

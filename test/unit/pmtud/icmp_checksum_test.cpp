@@ -15,14 +15,14 @@ using packets::operator+;
 static_assert(std::is_same_v<decltype(icmpChecksum), uint16_t(const uint8_t*, uint16_t)>,
               "a length of 16 bits");
 
-uint16_t checksum(const Bytes& bytes, std::size_t length) {
+uint16_t checksum(const Bytes& bytes, size_t length) {
     return icmpChecksum(bytes.data(), static_cast<uint16_t>(length));
 }
 
 struct Sum {
     const char* name;
     Bytes bytes;
-    std::size_t length;
+    size_t length;
     uint16_t checksum;
 };
 
@@ -64,9 +64,9 @@ INSTANTIATE_TEST_SUITE_P(
 
 /// The sum of the big-endian words of `length` bytes; an odd one counts the word that begins at
 /// the last byte 256 times.
-uint64_t sumOfWords(const Bytes& bytes, std::size_t length) {
+uint64_t sumOfWords(const Bytes& bytes, size_t length) {
     uint64_t sum = 0;
-    for (std::size_t i = 0; i + 1 < length; i += 2) sum += bytes[i] * 256U + bytes[i + 1];
+    for (size_t i = 0; i + 1 < length; i += 2) sum += bytes[i] * 256U + bytes[i + 1];
     if (length % 2 == 1) sum += (bytes[length - 1] * 256U + bytes[length]) * 256ULL;
     return sum;
 }
@@ -78,8 +78,7 @@ TEST(IcmpChecksum, OfRandomMessagesIsTheOnesComplementOfTheirSumFoldedOnce) {
     tests::Random random(1071);
     unsigned lostCarries = 0;
     for (int round = 0; round < 8000; ++round) {
-        const std::size_t length =
-            round % 200 == 0 ? 65535 - random.below(2000) : random.below(1600);
+        const size_t length = round % 200 == 0 ? 65535 - random.below(2000) : random.below(1600);
         const Bytes bytes = random.lopsidedBytes(length + 1);
         const uint64_t folded = foldedOnce(sumOfWords(bytes, length));
         ASSERT_EQ(checksum(bytes, length), 65535 - folded % 65536)

@@ -63,7 +63,7 @@ TEST_F(IntakeTest, LeavesTheTagProtocolIdentifierToTheAdapter) {
     EXPECT_TRUE(handle(with(ipv4Frame(), 12, {0x88, 0xA8})));
 }
 
-class LengthTest : public EngineTest, public testing::WithParamInterface<std::size_t> {};
+class LengthTest : public EngineTest, public testing::WithParamInterface<size_t> {};
 
 /// Not compared with anything: shown as unsigned, and handed on.
 TEST_P(LengthTest, OfTheFrameIsShownByIntakeAndReplyAndChangesNothingElse) {
@@ -136,7 +136,7 @@ struct Throwing {
     const char* name;
     const char* call;
     Bytes frame;
-    std::size_t open;  ///< sockets that stay open
+    size_t open;  ///< sockets that stay open
 };
 
 class ExceptionTest : public EngineTest, public testing::WithParamInterface<Throwing> {};

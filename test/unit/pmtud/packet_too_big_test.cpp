@@ -37,7 +37,7 @@ TEST_F(PacketTooBigTest, IsHandedOverAsOnePieceWithTheInterfacesIndex) {
 struct Length {
     uint16_t mtu;
     uint16_t payload;
-    std::size_t message;
+    size_t message;
 };
 
 class MessageLengthTest : public EngineTest, public testing::WithParamInterface<Length> {};

@@ -92,7 +92,7 @@ TEST_P(ResolutionTest, HasAChangedMtuInForceFromTheNextFrameOn) {
 class AnswerTest : public EngineTest, public testing::WithParamInterface<Family> {
  protected:
     bool isAnswered() {
-        const std::size_t before = messages();
+        const size_t before = messages();
         const bool answered = handle(GetParam().frame);
         EXPECT_EQ(messages() - before, answered ? 1U : 0U);
         return answered;

@@ -16,7 +16,7 @@ using shm_test::ScriptedHandler;
 using shm_test::taggedFrame;
 
 /// Every field that the callback reads, and a trunk id that does not hold.
-QueueRecord record(std::size_t shift = 0) {
+QueueRecord record(size_t shift = 0) {
     QueueRecord made(shift);
     made.set(9000, int32_t{0})
         .set(9004, int32_t{4})
@@ -174,7 +174,7 @@ TEST_F(ReceiveCallbackTest, ForgetsTheTrunkOfThePreviousFrame) {
 TEST_F(ReceiveCallbackTest, DoesNotTouchTheRecordsFirst9000Bytes) {
     // The first page is unreadable, and so is the record up to the control block.
     const packets::GuardedBytes memory(Bytes(9000 + 4096));
-    const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     uint8_t* const control = memory.data() + 9000 + 4096 - page;
     memcpy(control, record().bytes().data() + 9000, 364);
     ASSERT_EQ(mprotect(control - 2 * page, 2 * page, PROT_NONE), 0);
@@ -198,9 +198,9 @@ std::string countedBytes(int count) {
 }
 
 TEST_F(ReceiveCallbackTest, DumpsThe364BytesOfTheControlBlockAtDebug1WhereverItLies) {
-    for (const std::size_t shift : {0U, 1U}) {
+    for (const size_t shift : {0U, 1U}) {
         QueueRecord entry(shift);
-        for (std::size_t i = 0; i < 364; ++i) entry.set(9000 + i, static_cast<uint8_t>(i));
+        for (size_t i = 0; i < 364; ++i) entry.set(9000 + i, static_cast<uint8_t>(i));
         const Lines lines = receiveLog(qv::DEBUG1, entry);
         ASSERT_EQ(lines.size(), 5U);
         EXPECT_EQ(lines[1], "14:03:07.2 DEBUG1: [SHM_Wrapper:106" + kPlace +

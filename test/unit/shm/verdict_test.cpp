@@ -322,10 +322,10 @@ static_assert(PKTD_VERDICT_DISCARD == 7 && PKTD_VERDICT_ACCEPT == 8 && PKTD_VERD
 // By the Itanium C++ ABI a virtual destructor takes two slots, and a pointer to a virtual function
 // is 1 plus the slot's offset in bytes.
 template <typename Function>
-std::ptrdiff_t slotOf(Function function) {
-    std::ptrdiff_t offset = 0;
+ptrdiff_t slotOf(Function function) {
+    ptrdiff_t offset = 0;
     memcpy(&offset, &function, sizeof offset);
-    return (offset - 1) / static_cast<std::ptrdiff_t>(sizeof(void*));
+    return (offset - 1) / static_cast<ptrdiff_t>(sizeof(void*));
 }
 
 TEST(VirtualTableTest, HasTheFunctionsAfterTheDestructorInTheirOrder) {

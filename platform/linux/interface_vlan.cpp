@@ -28,7 +28,7 @@ int applyLink(const nlmsghdr* message, void* data) {
     return MNL_CB_STOP;
 }
 
-// Alternative names are told by link messages only.  The kernel builds one under its lock of the
+// Only link messages carry alternative names.  The kernel builds them under its lock of the
 // interfaces, which others may hold for long.
 int askVlan(int ifindex) {
     MnlSocket socket;

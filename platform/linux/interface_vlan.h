@@ -6,8 +6,8 @@
 namespace pmtud_linux {
 
 /// The VLAN (1 to 4094) of the interface, according to its own name and its alternative ones; 0 if
-/// it is not a VLAN, or there is no such interface.  `socket` may be any.  Does not wait for the
-/// kernel's lock of the interfaces on a thread on which there are KnownVlans.
+/// it is not a VLAN, or there is no such interface.  `socket` may be any.  On a thread with
+/// KnownVlans it never waits for the kernel's lock of the interfaces.
 int vlanOfInterface(int socket, int ifindex);
 
 }  // namespace pmtud_linux

@@ -7,7 +7,7 @@
 
 namespace pmtud_linux {
 
-/// While it exists, whatever asks on the calling thread is given the table.
+/// While it exists, `table` returns its table on the thread that made it.
 class KnownVlans {
  public:
     explicit KnownVlans(const VlanTable& table);
@@ -15,7 +15,7 @@ class KnownVlans {
     KnownVlans& operator=(const KnownVlans&) = delete;
     ~KnownVlans();
 
-    /// That of the calling thread; null: none.
+    /// The calling thread's; null: there is none.
     static const VlanTable* table();
 };
 

@@ -20,9 +20,9 @@
 #include <system_error>
 #include <thread>
 
-#include "bytes.h"
-
 namespace soak {
+
+using packets::Answer;
 
 namespace {
 
@@ -105,8 +105,8 @@ bool isQuoteOf(std::span<const uint8_t> quote, std::span<const uint8_t> packet, 
     return same(0, 10) && same(12, 20) && same(header, size);
 }
 
-template <typename Bytes, typename Others>
-bool equal(const Bytes& bytes, const Others& others) {
+template <typename Some, typename Others>
+bool equal(const Some& bytes, const Others& others) {
     return std::equal(bytes.begin(), bytes.end(), others.begin(), others.end());
 }
 
@@ -161,7 +161,7 @@ Host::Sent& Host::prepare(size_t kind, Answerer answerer, bool awaited) {
     sent.mayBeAnswered = outcome == Outcome::kAnswered || isKernels;
     sent.awaited = awaited && sent.mayBeAnswered;
     sent.answered = false;
-    m_forge.make(kinds()[kind], m_serial, sent.frame);
+    sent.frame = m_forge.make(kinds()[kind], m_serial);
     if (sent.awaited) ++m_awaited;
     ++m_figures[kind].sent;
     ++m_serial;
@@ -175,8 +175,8 @@ void Host::sendWindow(size_t first, size_t count) {
     while (done < count) {
         const size_t now = std::min(kBatch, count - done);
         for (size_t i = 0; i < now; ++i) {
-            Frame& frame = m_ring[(first + done + i) % kRingSize].frame;
-            pieces[i] = {frame.bytes.data(), frame.size};
+            Bytes& frame = m_ring[(first + done + i) % kRingSize].frame;
+            pieces[i] = {frame.data(), frame.size()};
             messages[i].msg_hdr.msg_iov = &pieces[i];
             messages[i].msg_hdr.msg_iovlen = 1;
         }
@@ -200,7 +200,8 @@ bool Host::receive() {
     const int count = recvmmsg(m_in, messages.data(), kBatch, MSG_DONTWAIT, nullptr);
     if (count < 0 && errno != EAGAIN && errno != EINTR) fail("receive");
     for (size_t i = 0; count > 0 && i < static_cast<size_t>(count); ++i) {
-        if (const auto answer = readAnswer({frames[i].data(), messages[i].msg_len})) judge(*answer);
+        if (const auto answer = packets::readAnswer({frames[i].data(), messages[i].msg_len}))
+            judge(*answer);
     }
     return count > 0;
 }
@@ -240,7 +241,7 @@ void Host::judge(const Answer& answer) {
               std::to_string(kind.family) + " " + kind.name + ", with MTU " +
               std::to_string(answer.mtu) + ": " + what);
     };
-    if ((sent.serial & mask) != answer.serial || sent.frame.size == 0)
+    if ((sent.serial & mask) != answer.serial || sent.frame.empty())
         return wrong("the packet is unknown");
     if (!sent.mayBeAnswered) return wrong("it must not be answered");
     if (sent.answered) return wrong("it is answered already");
@@ -255,8 +256,7 @@ void Host::judge(const Answer& answer) {
         wrong("that MTU was not in force");
     if (!isBy(sent.answerer, answer)) wrong("the answer is not its answerer's");
     if (isBy(Answerer::kDaemon, answer)) ++m_byDaemon;
-    const auto packet =
-        std::span<const uint8_t>(sent.frame.bytes).subspan(14, sent.frame.size - 14);
+    const auto packet = std::span<const uint8_t>(sent.frame).subspan(14);
     const auto source = answer.family == 4 ? packet.subspan(12, 4) : packet.subspan(8, 16);
     if (!equal(answer.destination, source)) wrong("it goes to another than the sender");
     constexpr std::array<uint8_t, 4> kGateway4{10, 0, 10, 1};

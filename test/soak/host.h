@@ -76,7 +76,7 @@ class Host {
         bool mayBeAnswered = false;
         bool awaited = false;
         bool answered = false;
-        Frame frame;
+        Bytes frame;
     };
     // More than are ever on their way, and a divisor of 2^16.
     static constexpr size_t kRingSize = 32768;
@@ -87,7 +87,7 @@ class Host {
     void sendWindow(size_t first, size_t count);
     bool receive();
     void awaitAnswers();
-    void judge(const Answer& answer);
+    void judge(const packets::Answer& answer);
     void changeMtuRandomly();
     void fault(const std::string& what);
     void countMissing();

@@ -16,9 +16,7 @@ constexpr std::array kEgressMtus{1400, 1400, 1280, 1499, 576, 577, 1300, 1500, 5
 constexpr std::array kPriorities{-450, -300, -225, -150, -1, 0, 10, 100, 300, 349, 351, 400};
 
 std::string address(bool isIpv4, int vlan, size_t host) {
-    return (isIpv4 ? "10.0." + std::to_string(vlan) + "."
-                   : "2001:db8:" + std::to_string(vlan) + "::") +
-           std::to_string(host);
+    return addressOf(isIpv4, vlan, std::to_string(host));
 }
 
 }  // namespace
@@ -168,16 +166,14 @@ void RandomRouter::fill(Twins& twins, size_t packets) {
 }
 
 void RandomRouter::addForged(Twins& twins) {
-    soak::Frame frame;
     const soak::Kind& kind = soak::kinds()[m_forge.chooseKind()];
-    m_forge.make(kind, m_serial++, frame);
+    const Bytes frame = m_forge.make(kind, m_serial++);
     // The link takes no frame without a payload, and few bytes more than its MTU.
     const size_t largest = static_cast<size_t>(m_mtus.a) + 14;
     const bool isForeign = kind.outcome == soak::Outcome::kElsewhere;
-    if (frame.size <= 14 || frame.size > largest || (m_isStrict && isForeign))
+    if (frame.size() <= 14 || frame.size() > largest || (m_isStrict && isForeign))
         return addPlain(twins);
-    twins.sendFrame({frame.bytes.begin(), frame.bytes.begin() + static_cast<ptrdiff_t>(frame.size)},
-                    0);
+    twins.sendFrame(frame, 0);
 }
 
 void RandomRouter::addPlain(Twins& twins) {

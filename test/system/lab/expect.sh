@@ -61,20 +61,13 @@ ping_size() {
     ((status <= 1)) || fail "ping: status $status"
 }
 
+# Also if host a has learned the MTU already.
 expect_answered_with() {
     local -r mtu=$1 size=$2
+    ip -n a "-$family" route flush cache
     expect_line "ping of $size bytes" "$(by_family \
         "From 10.0.10.1 icmp_seq=1 Frag needed and DF set (mtu = $mtu)" \
         "From 2001:db8:10::1 icmp_seq=1 Packet too big: mtu=$mtu")" "$(ping_size "$size")"
-}
-
-expect_passes() {
-    local -r size=$1
-    expect_match "ping of $size bytes" ' 1 received, 0% packet loss' "$(ping_size "$size")"
-}
-
-forget_mtu() {
-    ip -n a "-$family" route flush cache
 }
 
 readonly capture_of_case=$LAB_FILES/case.pcap
@@ -94,19 +87,4 @@ has_errors() {
 
 await_errors() {
     expect "an error reaches host a" lab_within 5 has_errors
-}
-
-has_marker() {
-    [[ -n $(lab_captured 'icmp[icmptype] == icmp-echoreply and icmp[4:2] == 0xbeef') ]]
-}
-
-# Everything that was to come is in the capture: what comes later already is.
-await_marker() {
-    lab_on a ping -c 1 -W 5 -n -e $((0xbeef)) 10.0.10.1 >"$LAB_FILES/marker"
-    expect "the marker is captured" lab_within 5 has_marker
-}
-
-expect_no_errors() {
-    await_marker
-    expect_equal "errors on host a's link" "" "$(errors)"
 }

@@ -89,6 +89,7 @@ v46 kernel4)"},
      "mtus b=575\nv4 size=1500|576 kernel\nv4 size=575"},
     {"EgressAboveTheLargestMtuIsLeftToTheKernel", 2,
      "mtus a=17000 b=16384\nv46 size=16385 kernel\nv46 size=16384"},
+    {"EgressOfTheLargestMtuIsServed", 2, "mtus a=17000 b=16383\nv46 size=16383|16384"},
     // A device takes a few bytes more than its MTU from the link.
     {"PacketLongerThanItsIngressTakes", 2, "mtus a=1280 b=1280 c=1400\nv46 size=1281 to=20.2|30.2"},
     {"PacketsThatGoBackWhereTheyCameFrom", 2, "mtus a=1400\nv46 to=10.3 size=1404|1300"},

@@ -9,7 +9,9 @@ namespace {
 using Rate = TwinTest;
 
 TEST_F(Rate, EveryPacketOfABurstIsToldOfOnceByTheDaemonOrTheKernel) {
-    expectTold("v46 size=1401 times=2000", 4000);
+    const uint64_t byDaemon = expectTold("v46 size=1401 times=2000", 4000).answers;
+    EXPECT_GT(byDaemon, 100U);
+    EXPECT_LT(byDaemon, 4000U);
 }
 
 TEST_F(Rate, EveryPacketOfABurstFromSeveralVlansIsToldOfOnce) {

@@ -124,17 +124,31 @@ Host::Host(uint64_t seed, const char* interface, const char* switchNamespace)
 }
 
 Host::~Host() {
-    for (const int fd : {m_out, m_in, m_control}) close(fd);
+    for (const int fd : m_outs) close(fd);
+    for (const int fd : {m_in, m_control}) close(fd);
 }
 
-void Host::openSockets(const char* interface, const char* switchNamespace) {
+void Host::openOut(const char* interface) {
     sockaddr_ll link{};
     link.sll_family = AF_PACKET;
     link.sll_ifindex = static_cast<int>(if_nametoindex(interface));
-    m_out = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
-    if (m_out < 0) fail("packet socket");
-    if (bind(m_out, reinterpret_cast<const sockaddr*>(&link), sizeof link) != 0) fail(interface);
+    m_outs.push_back(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
+    if (m_outs.back() < 0 ||
+        bind(m_outs.back(), reinterpret_cast<const sockaddr*>(&link), sizeof link) != 0)
+        fail(interface);
+}
 
+void Host::setSpread(bool isSpread) {
+    for (; m_outs.size() > 1; m_outs.pop_back()) close(m_outs.back());
+    for (int i = 11; isSpread && if_nametoindex(("eth" + std::to_string(i)).c_str()) != 0; ++i)
+        openOut(("eth" + std::to_string(i)).c_str());
+}
+
+void Host::openSockets(const char* interface, const char* switchNamespace) {
+    openOut(interface);
+    sockaddr_ll link{};
+    link.sll_family = AF_PACKET;
+    link.sll_ifindex = static_cast<int>(if_nametoindex(interface));
     m_in = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (m_in < 0) fail("packet socket");
     constexpr int kRoom = 64 << 20;
@@ -180,7 +194,8 @@ void Host::sendWindow(size_t first, size_t count) {
             messages[i].msg_hdr.msg_iov = &pieces[i];
             messages[i].msg_hdr.msg_iovlen = 1;
         }
-        const int sent = sendmmsg(m_out, messages.data(), static_cast<unsigned>(now), 0);
+        const int out = m_outs[(first + done) / kBatch % m_outs.size()];
+        const int sent = sendmmsg(out, messages.data(), static_cast<unsigned>(now), 0);
         if (sent < 0 && errno != ENOBUFS && errno != EINTR) fail("send");
         if (sent > 0) done += static_cast<size_t>(sent);
         while (receive()) {

@@ -3,11 +3,6 @@
 # shellcheck disable=SC2154  # family and daemon are the runner's
 # What a person sees of the daemon from end to end: answers, transfers, its log, and its refusals.
 
-# What it wrote to standard error, without the time at the start and CR at the end of each line.
-said() {
-    sed -E -e 's/^[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9] //' -e 's/\r$//' "$lab_daemon_output"
-}
-
 LargePacketIsAnsweredAndTheAnswerLogged() {
     lab_build
     lab_start_serving "$daemon"
@@ -87,19 +82,6 @@ EgressThatIsDownIsTheKernelsToAnswerAndServedOnceItIsUp() {
     ip -n switch address replace 2001:db8:20::1/64 dev bcm0.20 nodad
     expect_answered_with 1400 1500
     expect_equal "standard error" "" "$(said)"
-}
-
-has_refused() {
-    [[ $(said) == *'Could not initialize SHM' ]]
-}
-
-# expect_refused RESULT [LINE_BEFORE]
-expect_refused() {
-    expect "it reports that" lab_within 5 has_refused
-    expect_equal "standard error" "${2:+$2$'\n'}ERROR: [SHM_Wrapper:140 | virtual bool \
-SHM_Wrapper_App::init()] Could not initialize SHM queue, ret=$1
-ERROR: [PMTUDApp:72 | bool PMTUDApp::run() const] Could not initialize SHM" "$(said)"
-    expect "it stays" test -d "/proc/$lab_daemon"
 }
 
 WithoutPrivilegesItReportsThatAndStays() { # IPv4 only

@@ -39,6 +39,24 @@ expect_match() {
     fi
 }
 
+# What it wrote to standard error, without the time at the start and CR at the end of each line.
+said() {
+    sed -E -e 's/^[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9] //' -e 's/\r$//' "$lab_daemon_output"
+}
+
+has_refused() {
+    [[ $(said) == *'Could not initialize SHM' ]]
+}
+
+# expect_refused RESULT [LINE_BEFORE]
+expect_refused() {
+    expect "it reports that" lab_within 5 has_refused
+    expect_equal "standard error" "${2:+$2$'\n'}ERROR: [SHM_Wrapper:140 | virtual bool \
+SHM_Wrapper_App::init()] Could not initialize SHM queue, ret=$1
+ERROR: [PMTUDApp:72 | bool PMTUDApp::run() const] Could not initialize SHM" "$(said)"
+    expect "it stays" test -d "/proc/$lab_daemon"
+}
+
 # by_family TEXT_OF_IPV4 TEXT_OF_IPV6
 by_family() {
     if [[ $family == 4 ]]; then echo "$1"; else echo "$2"; fi

@@ -68,6 +68,82 @@ InterfaceThatVanishesIsLetGoAndServedWhenItIsBack() {
     expect "the daemon is alive" test -d "/proc/$lab_daemon"
 }
 
+# rename_port VLAN NAME
+rename_port() {
+    ip -n switch link set "bcm0.$1" down
+    ip -n switch link set "bcm0.$1" name "$2"
+    ip -n switch link set "$2" up
+    ip -n switch -6 address replace "$(lab_address 6 "$1" 1)/64" dev "$2" nodad
+    expect "the link" lab_within 5 lab_has_carrier switch "$2"
+}
+
+# name_vlan add|del VLAN
+name_vlan() {
+    ip -n switch link property "$1" dev "eth0.$2" altname "bcm0.$2"
+}
+
+# expect_answer_of LENGTH
+# The daemon's and the kernel's differ in their lengths: the kernel fills its own up (RFC 1812
+# section 4.3.2.3; RFC 4443 section 2.4(c)).
+expect_answer_of() {
+    await_errors
+    expect_match "the answer" "\(?mtu 1400\)?, length $1\$" "$(errors)"
+}
+
+# Sends small packets to host b until it is told to stop; each must come back.
+send_without_loss() {
+    while [[ ! -e $LAB_FILES/stop ]]; do
+        lab_on a ping -q -c 100 -i 0.01 -W 10 -n "$(destination)" >>"$LAB_FILES/traffic"
+    done
+}
+
+rounds_of_traffic() {
+    grep -c 'packets transmitted' "$LAB_FILES/traffic"
+}
+
+has_rounds_of_traffic() {
+    (($(rounds_of_traffic) >= $1))
+}
+
+InterfacesWithAlternativeNamesAreServedFromThenOnWithoutLoss() {
+    lab_build_links 1500 1400
+    rename_port 10 eth0.10
+    rename_port 20 eth0.20
+    lab_await_ready
+    lab_start_serving "$daemon"
+    : >"$LAB_FILES/traffic"
+    send_without_loss &
+    local -r traffic=$!
+    expect "traffic" lab_within 30 has_rounds_of_traffic 1
+    name_vlan add 20
+    name_vlan add 10
+    expect "the rules follow" lab_within 5 lab_serves 20 1400
+    expect "the rules follow" lab_within 5 lab_serves 10 1500
+    start_capture
+    expect_answered_with 1400 1500
+    expect_answer_of "$(by_family 68 1400)"
+    expect "traffic" lab_within 30 has_rounds_of_traffic $(($(rounds_of_traffic) + 1))
+    touch "$LAB_FILES/stop"
+    wait "$traffic"
+    expect_equal "rounds with a loss" "" \
+        "$(grep 'packets transmitted' "$LAB_FILES/traffic" | grep -v ' 0% packet loss')"
+    expect_match "the log" "   Dest VLAN ID: 20$" "$(lab_syslog)"
+}
+
+InterfaceWhoseAlternativeNameIsTakenAwayIsLeftToTheKernel() {
+    lab_build_links 1500 1400
+    rename_port 20 eth0.20
+    lab_await_ready
+    name_vlan add 20
+    lab_start_serving "$daemon"
+    expect_answered_with 1400 1500
+    name_vlan del 20
+    expect "the rules follow" lab_within 5 does_not_serve 20 1400
+    start_capture
+    expect_answered_with 1400 1500
+    expect_answer_of "$(by_family 556 1240)"
+}
+
 EgressThatIsDownIsTheKernelsToAnswerAndServedOnceItIsUp() {
     lab_build
     ip -n switch link set bcm0.20 down

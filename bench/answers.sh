@@ -20,8 +20,10 @@ lab_isolate "$0" "$@"
 # An answer leaves by the VLAN of its packet, and the daemon gives 125 a second by each: it takes
 # 24 to come near the 1,500 a second that it gives in all.
 readonly runs=$2 rate=1440 length=2
-readonly -a crowd=({101..124})
-readonly honest=125
+readonly -a vlans=({101..125})
+mapfile -t hosts < <(printf '%s\n' "${vlans[@]}" | sed 's/.*/v&:&/')
+readonly -a crowd=("${hosts[@]:0:24}")
+readonly honest=${hosts[24]}
 
 # sample NAME VALUE
 sample() {
@@ -32,7 +34,7 @@ sample() {
 connect_hosts() {
     lab_machine hosts
     local vlan family
-    for vlan in "${crowd[@]}" "$honest"; do
+    for vlan in "${vlans[@]}"; do
         ip link add name "v$vlan" address 02:00:00:00:01:02 netns hosts type veth \
             peer name "bcm0.$vlan" address 02:00:00:00:01:01 netns switch
         lab_link_end hosts "v$vlan" 1500
@@ -46,13 +48,14 @@ connect_hosts() {
     done
 }
 
+# load FAMILY COMMAND WORD...
 load() {
-    lab_on hosts "$bin/pmtud_load" "$@"
+    lab_on hosts "$bin/pmtud_load" 02:00:00:00:01:01 "$@"
 }
 
 # On one processor: how long a wake-up of another takes depends on its sleep, not on the code.
 one_by_one() {
-    lab_on hosts taskset -c 0 "$bin/pmtud_load" "$1" one 45 5 "${crowd[0]}"
+    lab_on hosts taskset -c 0 "$bin/pmtud_load" 02:00:00:00:01:01 "$1" one 45 5 "${crowd[0]}"
 }
 
 has_table() {

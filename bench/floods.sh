@@ -7,12 +7,12 @@
 measure_flood() {
     local family result
     for family in 4 6; do
-        result=$(host_send a 10 "$family" flood "$flood_seconds")
+        result=$(host_flood a 10 "$family" "$flood_seconds")
         figure "lab_v${family}_answers_per_second_kernel" '.answered / .seconds | round' "$result"
     done
     lab_start_serving "$bin/pmtud"
     for family in 4 6; do
-        result=$(with_cost host_send a 10 "$family" flood "$flood_seconds")
+        result=$(with_cost host_flood a 10 "$family" "$flood_seconds")
         figure "lab_v${family}_answers_per_second_pmtud" '.answered / .seconds | round' "$result"
         figure_flood "lab_v${family}_flood" "$result"
     done
@@ -39,8 +39,8 @@ measure_ten_vlans() {
 measure_honest() {
     local family result
     for family in 4 6; do
-        host_send a 10 "$family" flood "$flood_seconds" >"$LAB_FILES/flood" &
-        result=$(host_send h30 30 "$family" latency $((20 * flood_seconds)) 20)
+        host_flood a 10 "$family" "$flood_seconds" >"$LAB_FILES/flood" &
+        result=$(host_send h30 30 "$family" one $((20 * flood_seconds)) 50 HOST)
         wait $!
         figure "honest_v${family}_$1_share_answered" '.answered / .sent' "$result"
         figure "honest_v${family}_$1_share_by_pmtud" '.by_pmtud / .sent' "$result"

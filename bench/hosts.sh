@@ -8,11 +8,21 @@ figure() {
     printf '%s %s\n' "$1" "$(jq "$2" <<<"$3")"
 }
 
-# host_send MACHINE VLAN FAMILY WORD...: what the host's program prints
+# host_send MACHINE VLAN FAMILY WORD...: what the host's program prints; HOST is replaced
 host_send() {
     local mac
+    local -ar words=("${@:4}")
     mac=$(lab_on switch cat "/sys/class/net/bcm0.$2/address")
-    lab_on "$1" "$bin/pmtud_flood" "$3" "$mac" "${@:4}"
+    lab_on "$1" "$bin/pmtud_load" "$mac" "$3" "${words[@]/#HOST/eth0:$2}"
+}
+
+# host_flood MACHINE VLAN FAMILY SECONDS [PACKETS_PER_SECOND]
+host_flood() {
+    if (($# > 4)); then
+        host_send "$1" "$2" "$3" rate "$5" "$4" 0 HOST
+    else
+        host_send "$1" "$2" "$3" flood "$4" 0 0 HOST
+    fi
 }
 
 # hosts_add FIRST LAST: a host in each of those VLANs
@@ -29,7 +39,7 @@ hosts_flood() {
     local vlan
     local -a pids=()
     for ((vlan = $1; vlan <= $2; ++vlan)); do
-        host_send "h$vlan" "$vlan" "$3" flood "${@:4}" >"$LAB_FILES/flood.$vlan" &
+        host_flood "h$vlan" "$vlan" "${@:3}" >"$LAB_FILES/flood.$vlan" &
         pids+=($!)
     done
     for vlan in "${pids[@]}"; do wait "$vlan"; done

@@ -23,14 +23,14 @@ source "$here/floods.sh"
 bin=$(cd "$1" && pwd)/bin
 lab_isolate "$0" "$@"
 
-# Packets per second, fewer than the rules leave to the daemon per interface.
+# Packets per second, fewer than the rules leave to the daemon per interface; each 10 ms one.
 readonly within_limits=100
 
 # latency FAMILY: of five runs the one with the least median.  On two cores it depends on where the
 # scheduler happens to put the threads, for a whole run, and the least is what the code takes.
 latency() {
     local i
-    for ((i = 0; i < 5; ++i)); do host_send a 10 "$1" latency 200 "$within_limits"; done |
+    for ((i = 0; i < 5; ++i)); do host_send a 10 "$1" one 200 10 HOST; done |
         jq -s 'if all(.sent == .answered) then min_by(.median_ns)
                else error("answers are missing") end'
 }
@@ -47,7 +47,7 @@ measure_latency() {
 
 start_daemon_timed() {
     local result
-    result=$(host_send a 10 4 await 1400 10 ip netns exec switch "$bin/pmtud")
+    result=$(host_send a 10 4 await 1400 10 HOST ip netns exec switch "$bin/pmtud")
     lab_daemon=$(pgrep -x pmtud)
     figure "$1" '.seconds * 1000' "$result"
 }
@@ -56,10 +56,10 @@ start_daemon_timed() {
 change_mtu() {
     local result
     lab_on b ip link set eth0 mtu 1300
-    result=$(host_send a 10 4 await 1300 10 ip -n switch link set bcm0.20 mtu 1300)
+    result=$(host_send a 10 4 await 1300 10 HOST ip -n switch link set bcm0.20 mtu 1300)
     figure "$1" '.seconds * 1000' "$result"
     lab_on b ip link set eth0 mtu 1400
-    host_send a 10 4 await 1400 10 ip -n switch link set bcm0.20 mtu 1400 >"$LAB_FILES/back"
+    host_send a 10 4 await 1400 10 HOST ip -n switch link set bcm0.20 mtu 1400 >"$LAB_FILES/back"
 }
 
 # The other 4,092, as pairs: each is the other's far end.
@@ -88,7 +88,7 @@ measure_answers() {
     figure rss_anon_idle_kib . "$(lab_daemon_memory)"
     measure_latency pmtud
     for family in 4 6; do
-        result=$(host_send a 10 "$family" flood "$flood_seconds" "$within_limits")
+        result=$(host_flood a 10 "$family" "$flood_seconds" "$within_limits")
         figure "lab_v${family}_lost_within_limits" '.sent - .by_pmtud' "$result"
     done
     change_mtu mtu_change_ms

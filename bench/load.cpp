@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: MIT
-// Sends oversized packets from many VLANs, and counts and times the answers to each.
-#include <arpa/inet.h>
+// Sends oversized packets from the lab's hosts, and counts and times the answers to each.
+#include <fcntl.h>
 #include <linux/if_packet.h>
 #include <net/ethernet.h>
 #include <net/if.h>
+#include <netinet/ether.h>
+#include <netinet/in.h>
 #include <poll.h>
+#include <spawn.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -24,113 +27,92 @@
 #include <thread>
 #include <vector>
 
+#include "bytes.h"
+#include "packet.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using packets::Bytes;
+using packets::get32;
+using packets::put16;
 using std::chrono::duration;
 using std::chrono::milliseconds;
 
-constexpr size_t kPacketSize = 1500;
 constexpr size_t kBatch = 32;
-constexpr uint16_t kMtu = 1400;
+constexpr uint32_t kMtu = 1400;
 
 constexpr char kUsage[] =
-    "usage: pmtud_load 4|6 one COUNT MILLISECONDS VLAN\n"
-    "       pmtud_load 4|6 rate PACKETS_PER_SECOND SECONDS PID VLAN...\n"
-    "       pmtud_load 4|6 flood SECONDS PID HONEST VLAN...\n"
-    "Sends UDP packets of 1,500 bytes that may not be fragmented from host 2 of each VLAN, out of\n"
-    "its interface vVLAN, to host 2 of VLAN 20:\n"
+    "usage: pmtud_load MAC 4|6 one COUNT MILLISECONDS HOST\n"
+    "       pmtud_load MAC 4|6 rate PACKETS_PER_SECOND SECONDS PID HOST...\n"
+    "       pmtud_load MAC 4|6 flood SECONDS PID HONEST HOST...\n"
+    "       pmtud_load MAC 4|6 await MTU SECONDS HOST COMMAND [ARGUMENT...]\n"
+    "Sends UDP packets of 1,500 bytes that may not be fragmented, no two alike, to host 2 of\n"
+    "VLAN 20. HOST is INTERFACE:VLAN: out of that interface, from host 2 of that VLAN. MAC is "
+    "that\n"
+    "of the switch's interfaces.\n"
     "  one     one packet after the other, so long after the answer to the one before\n"
-    "  rate    that many a second in all, evenly, from one VLAN after the other\n"
-    "  flood   as many as go, and one packet every 10 ms from the VLAN HONEST; 0: from none\n"
-    "Prints one JSON object: what was sent and answered, counting each packet once; duplicates;\n"
-    "seconds to the last answer; process_ns, the processor time of the process PID meanwhile;\n"
-    "sender_ns, that of sending, in which the kernel also forwards, refuses and answers;\n"
-    "median_ns for one; honest_sent and honest_answered for flood. Fails if an answer is wrong or\n"
-    "was missed.\n";
+    "  rate    that many per second in all, evenly, from one host after the other\n"
+    "  flood   as many as go, and one packet every 10 ms from the host HONEST; 0: from none\n"
+    "  await   starts the command, and sends until an answer names the MTU\n"
+    "Prints one JSON object: what was sent and answered, counting each packet once; by_pmtud, the\n"
+    "answers that the daemon sent; duplicates; seconds to the last answer, null if await timed\n"
+    "out; process_ns, the processor time of the process PID meanwhile, 0 for none; sender_ns,\n"
+    "that of sending, in which the kernel also forwards, refuses and answers; median_ns and "
+    "p99_ns\n"
+    "for one; honest_sent and honest_answered for flood. Fails if an answer is wrong or was\n"
+    "missed.\n";
 
 void check(bool good, const char* what) {
     if (!good) throw std::system_error(errno, std::generic_category(), what);
 }
 
-uint16_t foldedSum(const uint8_t* bytes, size_t size) {
-    uint32_t sum = 0;
-    for (size_t i = 0; i < size; i += 2) sum += static_cast<uint32_t>(bytes[i] << 8 | bytes[i + 1]);
-    while (sum > 0xFFFF) sum = (sum & 0xFFFF) + (sum >> 16);
-    return static_cast<uint16_t>(~sum);
-}
+struct Host {
+    explicit Host(const std::string& text)
+        : interface(text.substr(0, text.find(':'))), vlan(text.substr(text.find(':') + 1)) {}
+
+    std::string interface;
+    std::string vlan;
+};
+
+struct Path {
+    int family;
+    packets::Mac gateway;
+};
 
 /// The packet's Ethernet frame.  Its number follows the UDP header, and makes each packet's header
 /// another one, as those of most senders are: IPv4 identification, or UDP checksum.
 class Packet {
  public:
-    Packet(int family, int vlan) : m_isIpv4(family == 4) {
-        constexpr std::array<uint8_t, 12> kAddresses{2, 0, 0, 0, 1, 1, 2, 0, 0, 0, 1, 2};
-        std::copy(kAddresses.begin(), kAddresses.end(), m_frame.begin());
-        const size_t header = m_isIpv4 ? 20 : 40;
-        const size_t payload = kPacketSize - header;
-        uint8_t* const ip = &m_frame[ETH_HLEN];
-        if (m_isIpv4) {
-            m_frame[12] = 0x08;
-            constexpr std::array<uint8_t, 10> kStart{
-                0x45, 0, kPacketSize >> 8, kPacketSize & 0xFF, 0, 0, 0x40, 0, 64, IPPROTO_UDP};
-            std::copy(kStart.begin(), kStart.end(), ip);
-            put("10.0." + std::to_string(vlan) + ".2", ip + 12);
-            put("10.0.20.2", ip + 16);
-        } else {
-            m_frame[12] = 0x86;
-            m_frame[13] = 0xDD;
-            ip[0] = 0x60;
-            put16(ip + 4, payload);
-            ip[6] = IPPROTO_UDP;
-            ip[7] = 64;
-            put("2001:db8:" + std::to_string(vlan) + "::2", ip + 8);
-            put("2001:db8:20::2", ip + 24);
-        }
-        m_udp = ip + header - m_frame.data();
-        m_frame[at(0)] = m_frame[at(2)] = 0x9C;
-        put16(&m_frame[at(4)], payload);
+    Packet(const Path& path, const Host& host) : m_isIpv4(path.family == 4) {
+        const Bytes packet = m_isIpv4
+                                 ? bytesOf(packets::Ipv4{.from = "10.0." + host.vlan + ".2"})
+                                 : bytesOf(packets::Ipv6{.from = "2001:db8:" + host.vlan + "::2"});
+        m_frame = packets::frameOf(packet, {2, 0, 0, 0, 1, 2}, path.gateway);
     }
 
     void number(uint64_t value) {
-        memcpy(&m_frame[at(8)], &value, sizeof value);
-        if (!m_isIpv4) {
-            put16(&m_frame[at(6)], value & 0xFFFF);
-            return;
-        }
         uint8_t* const ip = &m_frame[ETH_HLEN];
-        put16(ip + 4, value & 0xFFFF);
-        put16(ip + 10, 0);
-        put16(ip + 10, foldedSum(ip, 20));
+        uint8_t* const udp = ip + (m_isIpv4 ? 20 : 40);
+        memcpy(udp + 8, &value, sizeof value);
+        put16(m_isIpv4 ? ip + 4 : udp + 6, value & 0xFFFF);
+        if (m_isIpv4) packets::seal(ip);
     }
 
     iovec bytes() { return {m_frame.data(), m_frame.size()}; }
 
  private:
-    size_t at(size_t offset) const { return static_cast<size_t>(m_udp) + offset; }
-
-    static void put16(uint8_t* to, size_t value) {
-        to[0] = static_cast<uint8_t>(value >> 8);
-        to[1] = static_cast<uint8_t>(value);
-    }
-
-    void put(const std::string& address, uint8_t* to) const {
-        if (inet_pton(m_isIpv4 ? AF_INET : AF_INET6, address.c_str(), to) != 1)
-            throw std::runtime_error("no address: " + address);
-    }
-
     bool m_isIpv4;
-    ptrdiff_t m_udp = 0;
-    std::array<uint8_t, ETH_HLEN + kPacketSize> m_frame{};
+    Bytes m_frame;
 };
 
 class Sender {
  public:
-    Sender(int family, int vlan) : m_packets(kBatch, Packet(family, vlan)) {
+    Sender(const Path& path, const Host& host) : m_packets(kBatch, Packet(path, host)) {
         m_socket = socket(AF_PACKET, SOCK_RAW, 0);
         check(m_socket >= 0, "packet socket");
         m_to.sll_family = AF_PACKET;
-        m_to.sll_ifindex = static_cast<int>(if_nametoindex(("v" + std::to_string(vlan)).c_str()));
+        m_to.sll_ifindex = static_cast<int>(if_nametoindex(host.interface.c_str()));
         check(m_to.sll_ifindex != 0, "interface");
         m_to.sll_halen = ETH_ALEN;
     }
@@ -159,11 +141,17 @@ class Sender {
     std::vector<Packet> m_packets;
 };
 
+struct Answer {
+    uint64_t number = 0;  ///< of the packet that it answers
+    uint32_t mtu = 0;
+    bool isByDaemon = false;
+};
+
 /// The answers as they come in on all interfaces: the start of each, in a ring shared with the
 /// kernel, since no receive buffer holds those of a flood.
 class Answers {
  public:
-    explicit Answers(int family) : m_family(family) {
+    explicit Answers(int family) : m_isIpv4(family == 4) {
         m_socket = socket(AF_PACKET, SOCK_RAW, htons(family == 4 ? ETH_P_IP : ETH_P_IPV6));
         check(m_socket >= 0, "packet socket");
         constexpr int kVersion = TPACKET_V2;
@@ -180,17 +168,16 @@ class Answers {
         m_ring = static_cast<uint8_t*>(ring);
     }
 
-    /// Waits for answers and hands each one's number on.  False: none came in that time.
+    /// Waits for answers and hands each one on.  False: none came in that time.
     template <typename Take>
     bool read(milliseconds wait, Take take) {
         pollfd readable{m_socket, POLLIN, 0};
         if (!isFilled() && poll(&readable, 1, static_cast<int>(wait.count())) <= 0) return false;
         while (isFilled()) {
             tpacket2_hdr& header = *current();
-            uint64_t number = 0;
-            if (numberOf(m_ring + size_t{m_next} * kFrame + header.tp_net, header.tp_snaplen,
-                         number))
-                take(number);
+            Answer answer;
+            if (isAnswer(m_ring + size_t{m_next} * kFrame + header.tp_net, header, answer))
+                take(answer);
             __atomic_store_n(&header.tp_status, uint32_t{TP_STATUS_KERNEL}, __ATOMIC_RELEASE);
             m_next = (m_next + 1) % kFrames;
         }
@@ -209,7 +196,7 @@ class Answers {
  private:
     static constexpr unsigned kFrame = 256;
     static constexpr unsigned kBlock = 1 << 16;
-    static constexpr unsigned kFrames = 1 << 19;
+    static constexpr unsigned kFrames = 1 << 18;
 
     tpacket2_hdr* current() const {
         return reinterpret_cast<tpacket2_hdr*>(m_ring + size_t{m_next} * kFrame);
@@ -219,29 +206,23 @@ class Answers {
         return (__atomic_load_n(&current()->tp_status, __ATOMIC_ACQUIRE) & TP_STATUS_USER) != 0;
     }
 
-    // The MTU has the same place in both: the lower half of ICMPv6's field is ICMP's.
-    bool numberOf(const uint8_t* ip, size_t size, uint64_t& number) const {
-        const size_t header = m_family == 4 ? 20 : 40;
-        const size_t at = header + 8 + header + 8;
-        if (size < ETH_HLEN + at + sizeof number) return false;
+    // The MTU has the same place in both: the lower half of ICMPv6's field is ICMP's.  The kernel's
+    // answers have 576 bytes and 1,280, the daemon's 88 and the MTU with its IPv6 header.
+    bool isAnswer(const uint8_t* ip, const tpacket2_hdr& frame, Answer& answer) const {
+        const size_t header = m_isIpv4 ? 20 : 40;
+        const size_t numberAt = header + 8 + header + 8;
+        if (frame.tp_snaplen < ETH_HLEN + numberAt + sizeof answer.number) return false;
         const uint8_t* const icmp = ip + header;
-        const bool isIcmp = m_family == 4 ? ip[9] == IPPROTO_ICMP : ip[6] == IPPROTO_ICMPV6;
-        if (!isIcmp) return false;
-        const std::array<uint8_t, 8> wanted{static_cast<uint8_t>(m_family == 4 ? 3 : 2),
-                                            static_cast<uint8_t>(m_family == 4 ? 4 : 0),
-                                            icmp[2],
-                                            icmp[3],
-                                            0,
-                                            0,
-                                            kMtu >> 8,
-                                            kMtu & 0xFF};
-        if (!std::equal(wanted.begin(), wanted.end(), icmp))
-            throw std::runtime_error("an ICMP message that is not the answer");
-        memcpy(&number, ip + at, sizeof number);
+        const bool isIcmp = m_isIpv4 ? ip[9] == IPPROTO_ICMP : ip[6] == IPPROTO_ICMPV6;
+        const bool isTooBig = m_isIpv4 ? icmp[0] == 3 && icmp[1] == 4 : icmp[0] == 2;
+        if (!isIcmp || !isTooBig) return false;
+        memcpy(&answer.number, ip + numberAt, sizeof answer.number);
+        answer.mtu = get32(icmp + 4);
+        answer.isByDaemon = frame.tp_len - ETH_HLEN == (m_isIpv4 ? 88 : 40 + answer.mtu);
         return true;
     }
 
-    int m_family;
+    bool m_isIpv4;
     int m_socket = -1;
     uint8_t* m_ring = nullptr;
     unsigned m_next = 0;
@@ -250,23 +231,23 @@ class Answers {
 /// Which of the packets numbered from 0 were answered.
 class Tally {
  public:
-    void take(uint64_t number) {
+    void take(const Answer& answer, uint64_t number) {
+        if (answer.mtu != kMtu) throw std::runtime_error("an answer with another MTU");
         if (number >= m_seen.size()) m_seen.resize(std::max<size_t>(number + 1, m_seen.size() * 2));
-        if (m_seen[number]) {
-            ++m_duplicates;
-        } else {
-            ++m_answered;
-        }
+        if (m_seen[number])
+            ++duplicates;
+        else
+            ++answered;
+        if (answer.isByDaemon) ++byDaemon;
         m_seen[number] = true;
     }
 
-    uint64_t answered() const { return m_answered; }
-    uint64_t duplicates() const { return m_duplicates; }
+    uint64_t answered = 0;
+    uint64_t duplicates = 0;
+    uint64_t byDaemon = 0;
 
  private:
     std::vector<bool> m_seen;
-    uint64_t m_answered = 0;
-    uint64_t m_duplicates = 0;
 };
 
 class Process {
@@ -288,30 +269,44 @@ class Process {
     clockid_t m_clock{};
 };
 
-void one(int family, uint64_t count, milliseconds gap, int vlan) {
-    Answers answers(family);
-    Sender sender(family, vlan);
+double secondsSince(Clock::time_point start, Clock::time_point end = Clock::now()) {
+    return duration<double>(end - start).count();
+}
+
+void one(const Path& path, uint64_t count, milliseconds gap, const Host& host) {
+    Answers answers(path.family);
+    Sender sender(path, host);
+    Tally tally;
     std::vector<int64_t> times;
+    const Clock::time_point start = Clock::now();
     for (uint64_t i = 0; i < count; ++i) {
         std::this_thread::sleep_for(gap);
         bool answered = false;
         const Clock::time_point sent = Clock::now();
         sender.send(i, 1);
-        const auto take = [&](uint64_t number) { answered |= number == i; };
+        const auto take = [&](const Answer& answer) {
+            answered |= answer.number == i;
+            tally.take(answer, answer.number);
+        };
         while (!answered && answers.read(milliseconds(500), take)) {
         }
         if (answered) times.push_back((Clock::now() - sent).count());
     }
     std::sort(times.begin(), times.end());
-    printf("{\"sent\":%lu,\"answered\":%zu,\"median_ns\":%ld}\n", count, times.size(),
-           times.empty() ? -1 : times[times.size() / 2]);
+    const auto at = [&](double share) {
+        return times.empty() ? -1 : times[static_cast<size_t>(share * double(times.size() - 1))];
+    };
+    printf(
+        "{\"sent\":%lu,\"answered\":%zu,\"by_pmtud\":%lu,\"seconds\":%.3f,\"median_ns\":%ld,"
+        "\"p99_ns\":%ld}\n",
+        count, times.size(), tally.byDaemon, secondsSince(start), at(0.5), at(0.99));
 }
 
 constexpr uint64_t kHonest = uint64_t{1} << 63;
 
 /// Every 10 ms, until it is to stop.
-uint64_t sendHonestly(int family, int vlan, const std::atomic<bool>& going) {
-    Sender sender(family, vlan);
+uint64_t sendHonestly(const Path& path, const Host& host, const std::atomic<bool>& going) {
+    Sender sender(path, host);
     uint64_t sent = 0;
     for (Clock::time_point next = Clock::now(); going; next += milliseconds(10)) {
         std::this_thread::sleep_until(next);
@@ -320,11 +315,11 @@ uint64_t sendHonestly(int family, int vlan, const std::atomic<bool>& going) {
     return sent;
 }
 
-void load(int family, double rate, double seconds, pid_t pid, int honest,
-          const std::vector<int>& vlans) {
-    Answers answers(family);
+void load(const Path& path, double rate, double seconds, pid_t pid, const std::string& honest,
+          const std::vector<Host>& hosts) {
+    Answers answers(path.family);
     std::vector<Sender> senders;
-    for (const int vlan : vlans) senders.emplace_back(family, vlan);
+    for (const Host& host : hosts) senders.emplace_back(path, host);
     const Process process(pid);
     Tally all;
     Tally honestOnes;
@@ -335,12 +330,9 @@ void load(int family, double rate, double seconds, pid_t pid, int honest,
     const Clock::time_point start = Clock::now();
     Clock::time_point last = start;
     std::thread reader([&] {
-        const auto take = [&](uint64_t number) {
-            if ((number & kHonest) != 0) {
-                honestOnes.take(number & ~kHonest);
-            } else {
-                all.take(number);
-            }
+        const auto take = [&](const Answer& answer) {
+            const bool isHonest = (answer.number & kHonest) != 0;
+            (isHonest ? honestOnes : all).take(answer, answer.number & ~kHonest);
         };
         try {
             while (true) {
@@ -357,7 +349,7 @@ void load(int family, double rate, double seconds, pid_t pid, int honest,
     });
     uint64_t honestSent = 0;
     std::thread other([&] {
-        if (honest != 0) honestSent = sendHonestly(family, honest, going);
+        if (honest != "0") honestSent = sendHonestly(path, Host(honest), going);
     });
     const auto lasting = [](double time) {
         return std::chrono::duration_cast<Clock::duration>(duration<double>(time));
@@ -382,27 +374,71 @@ void load(int family, double rate, double seconds, pid_t pid, int honest,
     if (failure) std::rethrow_exception(failure);
     answers.checkNoneMissed();
     printf(
-        "{\"sent\":%lu,\"answered\":%lu,\"duplicates\":%lu,\"seconds\":%.3f,\"process_ns\":%ld,"
-        "\"sender_ns\":%ld,\"honest_sent\":%lu,\"honest_answered\":%lu}\n",
-        sent, all.answered(), all.duplicates() + honestOnes.duplicates(),
-        duration<double>(last - start).count(), process.nanoseconds() - before,
-        int64_t{spent.tv_sec} * 1'000'000'000 + spent.tv_nsec, honestSent, honestOnes.answered());
+        "{\"sent\":%lu,\"answered\":%lu,\"by_pmtud\":%lu,\"duplicates\":%lu,\"seconds\":%.3f,"
+        "\"process_ns\":%ld,\"sender_ns\":%ld,\"honest_sent\":%lu,\"honest_answered\":%lu}\n",
+        sent, all.answered, all.byDaemon, all.duplicates + honestOnes.duplicates,
+        secondsSince(start, last), process.nanoseconds() - before,
+        int64_t{spent.tv_sec} * 1'000'000'000 + spent.tv_nsec, honestSent, honestOnes.answered);
+}
+
+/// The command goes on when this ends.
+void start(const std::vector<std::string>& command) {
+    std::vector<char*> words;
+    for (const std::string& word : command) words.push_back(const_cast<char*>(word.c_str()));
+    words.push_back(nullptr);
+    // Whoever reads what this prints does not wait for the command's end.
+    posix_spawn_file_actions_t output;
+    posix_spawn_file_actions_init(&output);
+    posix_spawn_file_actions_addopen(&output, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_adddup2(&output, STDOUT_FILENO, STDERR_FILENO);
+    pid_t child = 0;
+    const int error = posix_spawnp(&child, words[0], &output, nullptr, words.data(), environ);
+    posix_spawn_file_actions_destroy(&output);
+    if (error != 0) throw std::system_error(error, std::generic_category(), command[0]);
+}
+
+void await(const Path& path, uint32_t mtu, double seconds, const Host& host,
+           const std::vector<std::string>& command) {
+    Answers answers(path.family);
+    Sender sender(path, host);
+    uint64_t sent = 0;
+    uint64_t answered = 0;
+    bool seen = false;
+    const Clock::time_point begin = Clock::now();
+    start(command);
+    while (!seen && secondsSince(begin) < seconds) {
+        sender.send(sent++, 1);
+        answers.read(milliseconds(1), [&](const Answer& answer) {
+            ++answered;
+            seen |= answer.mtu == mtu;
+        });
+    }
+    const double took = secondsSince(begin);
+    printf("{\"sent\":%lu,\"answered\":%lu,\"seconds\":%s}\n", sent, answered,
+           seen ? std::to_string(took).c_str() : "null");
 }
 
 int run(const std::vector<std::string>& words) {
-    if (words.size() < 5) {
-        fputs(kUsage, stderr);
-        return 2;
+    const auto word = [&](size_t i) { return i < words.size() ? words[i] : std::string(); };
+    const std::string command = word(2);
+    ether_addr gateway{};
+    if (words.size() < 6 || ether_aton_r(words[0].c_str(), &gateway) == nullptr) {
+        fputs(kUsage, word(0) == "--help" ? stdout : stderr);
+        return word(0) == "--help" ? 0 : 2;
     }
-    const int family = std::stoi(words[0]);
-    std::vector<int> vlans;
-    for (size_t i = 5; i < words.size(); ++i) vlans.push_back(std::stoi(words[i]));
-    if (words[1] == "one") {
-        one(family, std::stoull(words[2]), milliseconds(std::stoi(words[3])), std::stoi(words[4]));
-    } else if (words[1] == "rate" && !vlans.empty()) {
-        load(family, std::stod(words[2]), std::stod(words[3]), std::stoi(words[4]), 0, vlans);
-    } else if (words[1] == "flood" && !vlans.empty()) {
-        load(family, 0, std::stod(words[2]), std::stoi(words[3]), std::stoi(words[4]), vlans);
+    Path path{std::stoi(words[1]), {}};
+    std::copy_n(gateway.ether_addr_octet, ETH_ALEN, path.gateway.begin());
+    std::vector<Host> hosts;
+    for (size_t i = 6; command != "await" && i < words.size(); ++i) hosts.emplace_back(words[i]);
+    if (command == "one") {
+        one(path, std::stoull(words[3]), milliseconds(std::stoi(words[4])), Host(words[5]));
+    } else if (command == "rate" && !hosts.empty()) {
+        load(path, std::stod(words[3]), std::stod(words[4]), std::stoi(words[5]), "0", hosts);
+    } else if (command == "flood" && !hosts.empty()) {
+        load(path, 0, std::stod(words[3]), std::stoi(words[4]), words[5], hosts);
+    } else if (command == "await" && words.size() > 6) {
+        await(path, static_cast<uint32_t>(std::stoul(words[3])), std::stod(words[4]),
+              Host(words[5]), {words.begin() + 6, words.end()});
     } else {
         fputs(kUsage, stderr);
         return 2;

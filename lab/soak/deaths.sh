@@ -12,10 +12,31 @@ queue_drops() {
         END { print sum + 0 }' /proc/net/netfilter/nfnetlink_log /proc/net/netlink
 }
 
-# Some more per second than the rules leave to the daemon, which alone fill the queue: host A knows
-# its last 32,768 packets, and still has to know each of them when it is answered at last.
+# The rules leave to the daemon so many per second of each interface: more of them, at host A and at
+# the switch, fill the queue sooner.  They look alike, for A's packets go to the switch's bcm0.10.
+readonly -a more_vlans=({11..18})
+
+add_interfaces() {
+    local vlan mac
+    mac=$(lab_on switch cat /sys/class/net/bcm0.10/address)
+    for vlan in "${more_vlans[@]}"; do
+        ip link add "eth$vlan" netns a type veth peer name "bcm0.$vlan" address "$mac" netns switch
+        ip -n a link set "eth$vlan" up
+        ip -n switch link set "bcm0.$vlan" up
+    done
+    soak_await_rules
+}
+
+remove_interfaces() {
+    local vlan
+    for vlan in "${more_vlans[@]}"; do ip -n a link delete "eth$vlan"; done
+    soak_await_rules
+}
+
+# No more per second than the rules copy, for host A knows its last 32,768 packets, and still has to
+# know each of them when it is answered at last.
 flood_until_over() {
-    soak_ask forget 192 either 400
+    soak_ask forget 576 either 2500
     (($(queue_drops) > drops_before))
 }
 
@@ -25,7 +46,9 @@ overrun() {
     drops_before=$(queue_drops)
     kill -STOP "$lab_daemon"
     soak_ask log "$1"
+    soak_ask spread 1
     lab_await 120 "the receive queue to overrun" flood_until_over
+    soak_ask spread 0
     soak_ask forget 1024 either
     kill -CONT "$lab_daemon"
     soak_ask settle 300
@@ -36,6 +59,7 @@ overrun() {
 
 flood() {
     step "floods: more than the receive queue holds, while the daemon is stopped"
+    add_interfaces
     soak_remember
     local -i round
     for ((round = 0; round < floods; ++round)); do
@@ -53,6 +77,7 @@ flood() {
         test "$gone" -ge 0 -a "$gone" -le "$messages_lost"
     soak_check "the queue overran, and the daemon reports how much was lost" \
         test "$messages_lost" -gt 0
+    remove_interfaces
     soak_check_resources "after the floods"
 }
 

@@ -8,13 +8,17 @@ step() {
     echo "== $1"
 }
 
+# What precedes the phases need not be longer than they are.
+some=20000
+
 start() {
+    some=$((packets < 40000 ? packets / 2 : 20000))
     step "the lab, and the daemon"
     lab_build_links 1500 1400
     soak_prepare_network
     soak_start_host "$programs/soak_host" "$seed"
     lab_start_serving "$programs/pmtud"
-    soak_in_parts all 20000 either
+    soak_in_parts all "$some" either
     soak_no_faults "wrong, missing or superfluous answers to the first packets"
 }
 
@@ -29,12 +33,13 @@ come_and_go() {
 
 # Before the large changes, which leave memory behind in which a leak could hide.
 comings() {
+    local -ri together=$((comings < 200 ? comings / 2 : 200))
     step "comings: one interface comes and goes $comings times"
-    come_and_go 200
+    come_and_go "$together"
     soak_measure
     local -i done=0 now
     while ((done < comings)); do
-        now=$((comings - done < 200 ? comings - done : 200))
+        now=$((comings - done < together ? comings - done : together))
         come_and_go "$now"
         ((done += now))
         echo "      $done of $comings"
@@ -46,7 +51,7 @@ comings() {
 warm_up() {
     step "to warm up: $((packets / 20)) packets, and the largest changes"
     soak_in_parts all $((packets / 20)) either
-    soak_ask changing 20000
+    soak_ask changing "$some"
     soak_change_all_at_once
     soak_change_interfaces 200 "$seed"
     soak_await_rules
@@ -75,7 +80,7 @@ traffic() {
     soak_no_faults "wrong, missing or superfluous answers"
     soak_check_equal "packets answered, or missing" "$packets" \
         $((since[answered] + since[missing]))
-    soak_check "some of them by the daemon (${since[by_daemon]})" test "${since[by_daemon]}" -ge 250
+    soak_check "some of them by the daemon (${since[by_daemon]})" test "${since[by_daemon]}" -ge 100
     check_withdrawn
     soak_check_resources "after the traffic"
 }

@@ -52,8 +52,7 @@ boot_process_1() {
 # boot_service
 # Boots and waits until the service's process is there, whose number is then in lab_daemon.
 boot_service() {
-    boot_cgroup=$(boot_own_cgroup)/pmtud-lab-$BASHPID
-    mkdir "$boot_cgroup"
+    boot_cgroup=$(mktemp -d "$(boot_own_cgroup)/pmtud-lab-XXXXXX")
     trap boot_end EXIT
     lab_daemon_output=$LAB_FILES/systemd
     (

@@ -3,13 +3,19 @@
 #ifndef PMTUD_SOAK_FORGE_H
 #define PMTUD_SOAK_FORGE_H
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <random>
 #include <span>
 
+#include "packet.h"
+
 namespace soak {
+
+using packets::Bytes;
+using packets::Ipv4;
+using packets::Ipv6;
+using packets::Mac;
 
 /// What a router's kernel makes of a packet, with the daemon and without it.
 enum class Outcome {
@@ -19,26 +25,17 @@ enum class Outcome {
     kUnanswered,  ///< no path-MTU answer: it fits, is dropped, or must not be answered
 };
 
-struct Frame {
-    static constexpr size_t kCapacity = 14 + 1500;
-
-    std::array<uint8_t, kCapacity> bytes{};
-    size_t size = 0;
-};
-
 class Forge;
 
 struct Kind {
     const char* name;
     int family;  ///< 4, 6, or 0 for neither
     Outcome outcome;
-    void (*make)(Forge& forge, Frame& frame);
+    Bytes (*make)(Forge& forge);  ///< a frame
 };
 
 /// The first two are the plain oversized packets of IPv4 and of IPv6.
 std::span<const Kind> kinds();
-
-using Mac = std::array<uint8_t, 6>;
 
 /// Makes packets from host A (10.0.10.2, 2001:db8:10::2) to host B by way of the switch.
 /// Every packet carries the low bits of its serial number where an answer quotes it: IPv4 in the
@@ -51,8 +48,8 @@ class Forge {
     /// Oversized packets have this length or more, up to 1,500 bytes.
     void setSmallest(size_t smallest) { m_smallest = smallest; }
 
-    /// Fills the frame with a packet of that kind.
-    void make(const Kind& kind, uint32_t serial, Frame& frame);
+    /// A frame with a packet of that kind.
+    Bytes make(const Kind& kind, uint32_t serial);
 
     /// One of two packets is plain, the others are of all kinds alike.
     size_t chooseKind();
@@ -60,18 +57,22 @@ class Forge {
     /// 0 to bound - 1.
     size_t below(size_t bound) { return static_cast<size_t>(m_random() % bound); }
 
+    template <typename Values>
+    auto oneOf(const Values& values) {
+        return *(std::begin(values) + below(std::size(values)));
+    }
+
     size_t oversize() { return m_smallest + below(1500 - m_smallest + 1); }
+    Bytes randomBytes(size_t size);
 
-    /// A packet of that length with a header of its own and random payload; IPv4 lacks the
-    /// checksum yet.
-    void ipv4(Frame& frame, size_t length);
-    void ipv6(Frame& frame, size_t length);
-
-    void fillRandomly(std::span<uint8_t> bytes);
+    /// An oversized packet with random payload and, below, what carries it.
+    Ipv4 ipv4();
+    Ipv6 ipv6();
+    Bytes frame(const Bytes& packet) const { return packets::frameOf(packet, m_host, m_gateway); }
+    Bytes frame(const Ipv4& packet) const { return frame(bytesOf(packet)); }
+    Bytes frame(const Ipv6& packet) const { return frame(bytesOf(packet)); }
 
  private:
-    void ethernet(Frame& frame, uint16_t type) const;
-
     std::mt19937_64 m_random;
     Mac m_host;
     Mac m_gateway;

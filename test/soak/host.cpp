@@ -20,9 +20,9 @@
 #include <system_error>
 #include <thread>
 
-#include "bytes.h"
-
 namespace soak {
+
+using packets::Answer;
 
 namespace {
 
@@ -105,8 +105,8 @@ bool isQuoteOf(std::span<const uint8_t> quote, std::span<const uint8_t> packet, 
     return same(0, 10) && same(12, 20) && same(header, size);
 }
 
-template <typename Bytes, typename Others>
-bool equal(const Bytes& bytes, const Others& others) {
+template <typename Some, typename Others>
+bool equal(const Some& bytes, const Others& others) {
     return std::equal(bytes.begin(), bytes.end(), others.begin(), others.end());
 }
 
@@ -124,17 +124,31 @@ Host::Host(uint64_t seed, const char* interface, const char* switchNamespace)
 }
 
 Host::~Host() {
-    for (const int fd : {m_out, m_in, m_control}) close(fd);
+    for (const int fd : m_outs) close(fd);
+    for (const int fd : {m_in, m_control}) close(fd);
 }
 
-void Host::openSockets(const char* interface, const char* switchNamespace) {
+void Host::openOut(const char* interface) {
     sockaddr_ll link{};
     link.sll_family = AF_PACKET;
     link.sll_ifindex = static_cast<int>(if_nametoindex(interface));
-    m_out = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
-    if (m_out < 0) fail("packet socket");
-    if (bind(m_out, reinterpret_cast<const sockaddr*>(&link), sizeof link) != 0) fail(interface);
+    m_outs.push_back(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
+    if (m_outs.back() < 0 ||
+        bind(m_outs.back(), reinterpret_cast<const sockaddr*>(&link), sizeof link) != 0)
+        fail(interface);
+}
 
+void Host::setSpread(bool isSpread) {
+    for (; m_outs.size() > 1; m_outs.pop_back()) close(m_outs.back());
+    for (int i = 11; isSpread && if_nametoindex(("eth" + std::to_string(i)).c_str()) != 0; ++i)
+        openOut(("eth" + std::to_string(i)).c_str());
+}
+
+void Host::openSockets(const char* interface, const char* switchNamespace) {
+    openOut(interface);
+    sockaddr_ll link{};
+    link.sll_family = AF_PACKET;
+    link.sll_ifindex = static_cast<int>(if_nametoindex(interface));
     m_in = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (m_in < 0) fail("packet socket");
     constexpr int kRoom = 64 << 20;
@@ -161,7 +175,7 @@ Host::Sent& Host::prepare(size_t kind, Answerer answerer, bool awaited) {
     sent.mayBeAnswered = outcome == Outcome::kAnswered || isKernels;
     sent.awaited = awaited && sent.mayBeAnswered;
     sent.answered = false;
-    m_forge.make(kinds()[kind], m_serial, sent.frame);
+    sent.frame = m_forge.make(kinds()[kind], m_serial);
     if (sent.awaited) ++m_awaited;
     ++m_figures[kind].sent;
     ++m_serial;
@@ -175,12 +189,13 @@ void Host::sendWindow(size_t first, size_t count) {
     while (done < count) {
         const size_t now = std::min(kBatch, count - done);
         for (size_t i = 0; i < now; ++i) {
-            Frame& frame = m_ring[(first + done + i) % kRingSize].frame;
-            pieces[i] = {frame.bytes.data(), frame.size};
+            Bytes& frame = m_ring[(first + done + i) % kRingSize].frame;
+            pieces[i] = {frame.data(), frame.size()};
             messages[i].msg_hdr.msg_iov = &pieces[i];
             messages[i].msg_hdr.msg_iovlen = 1;
         }
-        const int sent = sendmmsg(m_out, messages.data(), static_cast<unsigned>(now), 0);
+        const int out = m_outs[(first + done) / kBatch % m_outs.size()];
+        const int sent = sendmmsg(out, messages.data(), static_cast<unsigned>(now), 0);
         if (sent < 0 && errno != ENOBUFS && errno != EINTR) fail("send");
         if (sent > 0) done += static_cast<size_t>(sent);
         while (receive()) {
@@ -200,7 +215,8 @@ bool Host::receive() {
     const int count = recvmmsg(m_in, messages.data(), kBatch, MSG_DONTWAIT, nullptr);
     if (count < 0 && errno != EAGAIN && errno != EINTR) fail("receive");
     for (size_t i = 0; count > 0 && i < static_cast<size_t>(count); ++i) {
-        if (const auto answer = readAnswer({frames[i].data(), messages[i].msg_len})) judge(*answer);
+        if (const auto answer = packets::readAnswer({frames[i].data(), messages[i].msg_len}))
+            judge(*answer);
     }
     return count > 0;
 }
@@ -240,7 +256,7 @@ void Host::judge(const Answer& answer) {
               std::to_string(kind.family) + " " + kind.name + ", with MTU " +
               std::to_string(answer.mtu) + ": " + what);
     };
-    if ((sent.serial & mask) != answer.serial || sent.frame.size == 0)
+    if ((sent.serial & mask) != answer.serial || sent.frame.empty())
         return wrong("the packet is unknown");
     if (!sent.mayBeAnswered) return wrong("it must not be answered");
     if (sent.answered) return wrong("it is answered already");
@@ -255,8 +271,7 @@ void Host::judge(const Answer& answer) {
         wrong("that MTU was not in force");
     if (!isBy(sent.answerer, answer)) wrong("the answer is not its answerer's");
     if (isBy(Answerer::kDaemon, answer)) ++m_byDaemon;
-    const auto packet =
-        std::span<const uint8_t>(sent.frame.bytes).subspan(14, sent.frame.size - 14);
+    const auto packet = std::span<const uint8_t>(sent.frame).subspan(14);
     const auto source = answer.family == 4 ? packet.subspan(12, 4) : packet.subspan(8, 16);
     if (!equal(answer.destination, source)) wrong("it goes to another than the sender");
     constexpr std::array<uint8_t, 4> kGateway4{10, 0, 10, 1};

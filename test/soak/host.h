@@ -45,6 +45,9 @@ class Host {
     /// The rate is in packets per second, 0 is as fast as possible.
     void sendAndForget(uint64_t count, Answerer answerer, uint64_t rate = 0);
 
+    /// The following packets are sent from all interfaces in turn, or from the first one alone.
+    void setSpread(bool isSpread);
+
     /// Reads answers until none has come for a while.
     void settle(std::chrono::milliseconds quiet);
 
@@ -76,23 +79,24 @@ class Host {
         bool mayBeAnswered = false;
         bool awaited = false;
         bool answered = false;
-        Frame frame;
+        Bytes frame;
     };
     // More than are ever on their way, and a divisor of 2^16.
     static constexpr size_t kRingSize = 32768;
     static constexpr size_t kBatch = 64;
 
     void openSockets(const char* interface, const char* switchNamespace);
+    void openOut(const char* interface);
     Sent& prepare(size_t kind, Answerer answerer, bool awaited);
     void sendWindow(size_t first, size_t count);
     bool receive();
     void awaitAnswers();
-    void judge(const Answer& answer);
+    void judge(const packets::Answer& answer);
     void changeMtuRandomly();
     void fault(const std::string& what);
     void countMissing();
 
-    int m_out = -1;
+    std::vector<int> m_outs;  ///< the first is always used
     int m_in = -1;
     int m_control = -1;
     Mac m_mac{};

@@ -6,6 +6,7 @@
 //   paced COUNT ANSWERER RATE  the same with that many per second to be answered
 //   changing COUNT          plain ones, while the MTU of bcm0.20 changes at random
 //   forget COUNT ANSWERER [RATE]  plain ones without waiting for the answers
+//   spread 0|1              sends from all interfaces of the host, or from one
 //   settle MILLISECONDS     reads answers until none has come for so long
 //   mtu BYTES               changes the MTU of bcm0.20
 //   log 0|1                 does not read the system log, or reads it
@@ -98,6 +99,8 @@ std::string run(const std::string& line, Host& host, SystemLog& log) {
         host.sendWhileMtuChanges(number);
     else if (command == "forget")
         host.sendAndForget(number, answererOf(answerer), rate);
+    else if (command == "spread")
+        host.setSpread(number != 0);
     else if (command == "settle")
         host.settle(std::chrono::milliseconds(number));
     else if (command == "log")

@@ -1,23 +1,41 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # family and daemon are the runner's
-# Which packets are answered, and what the clients make of it.
+# What a person sees of the daemon from end to end: answers, transfers, its log, and its refusals.
 
-LargePacketIsAnsweredWithTheVlanMtu() {
-    lab_build
-    lab_start_serving "$daemon"
-    expect_answered_with 1400 1500
-    expect_match "host a's route" ' mtu 1400( |$)' "$(lab_on a ip route get "$(destination)")"
-}
-
-TcpTransferFinishesWithTheSameBytes() {
+LargePacketIsAnsweredAndTheAnswerLogged() {
     lab_build
     lab_start_serving "$daemon"
     start_capture
-    lab_start_transfer "$family" 1048576
-    expect "the transfer finishes" lab_within 20 lab_transfer_is_over
-    expect_equal "what host b received" "$(sha256sum <"$lab_sent")" "$(sha256sum <"$lab_received")"
+    local host_mac switch_mac egress
+    host_mac=$(lab_on a cat /sys/class/net/eth0/address)
+    switch_mac=$(lab_on switch cat /sys/class/net/bcm0.10/address)
+    egress=$(lab_on switch cat /sys/class/net/bcm0.20/ifindex)
+    expect_answered_with 1400 1500
+    expect_match "host a's route" ' mtu 1400( |$)' "$(lab_on a ip route get "$(destination)")"
     await_errors
+    expect_equal "the answer on the wire" "$(by_family \
+        'IP 10.0.10.1 > 10.0.10.2: ICMP 10.0.20.2 unreachable - need to frag (mtu 1400), length 68' \
+        'IP6 2001:db8:10::1 > 2001:db8:10::2: ICMP6, packet too big, mtu 1400, length 1400')" \
+        "$(errors)"
+    local details
+    details=$(lab_captured -vv "$(by_family 'icmp[icmptype] == 3' 'icmp6[icmp6type] == 2')")
+    expect_match "tcpdump" "$(by_family '^IP \(.*ttl 64,.* length 88\)' \
+        'hlim 64,.* \[icmp6 sum ok\]')" "$details"
+    if grep -q 'wrong icmp cksum' <<<"$details"; then fail "$details"; fi
+    expect "the last line" lab_within 5 lab_syslog_has 'message sent to source'
+    expect_equal "system log" "89 PMTUD-Prot: Received frame of size: 1518
+89 PMTUD-Prot: Frame Src MAC: $host_mac, Dest MAC: $switch_mac, Rx VLAN: 10, Tx egress: $egress
+89 PMTUD-Prot: Received IPv$family packet len 1518:
+89 PMTUD-Prot:    From: $(by_family 10.0.10.2 2001:db8:10::2)
+89 PMTUD-Prot:    To: $(destination)
+89 PMTUD-Prot:    Dest VLAN ID: 20
+89 PMTUD-Prot:    Dest VLAN MTU: 1400
+89 PMTUD-Prot: Creating $(by_family 'ICMP Dest. Unreach. Need Frag.' 'ICMPv6 Packet Too Big') \
+message. MTU size: 1400
+89 PMTUD-Prot: ICMP$(by_family '' v6) message sent to source \
+$(by_family 10.0.10.2 2001:db8:10::2)" "$(lab_syslog)"
+    expect_equal "standard error" "" "$(said)"
 }
 
 StalledTcpTransferGoesOnOnceTheDaemonRuns() {
@@ -30,77 +48,129 @@ StalledTcpTransferGoesOnOnceTheDaemonRuns() {
     expect_equal "what host b received" "$(sha256sum <"$lab_sent")" "$(sha256sum <"$lab_received")"
 }
 
-TracepathNamesTheMtuAtTheSwitch() {
-    lab_build
-    lab_start_serving "$daemon"
-    local said
-    said=$(lab_on a tracepath "-$family" -n "$(destination)")
-    expect_match "tracepath" "$(by_family '10\.0\.10\.1' 2001:db8:10::1) .* pmtu 1400" "$said"
-    expect_match "tracepath" "$(destination) .* reached" "$said"
-    expect_match "tracepath" '^ +Resume: pmtu 1400 hops 2 back 2' "$said"
+# lab_serves' opposite, for a condition.
+does_not_serve() {
+    ! lab_serves "$@"
 }
 
-PacketOfExactlyTheMtuPassesUnanswered() {
-    lab_build
-    lab_start_serving "$daemon"
-    start_capture
-    expect_passes 1400
-    expect_no_errors
-}
-
-PacketOneByteLongerIsAnswered() {
-    lab_build
-    lab_start_serving "$daemon"
-    expect_answered_with 1400 1401
-}
-
-# An address of the smaller VLAN, yet nothing goes out there.
-LargePacketToTheSwitchItselfPassesUnanswered() {
-    lab_build
-    lab_start_serving "$daemon"
-    start_capture
-    expect_match "ping" ' 1 received, 0% packet loss' "$(lab_on a ping -c 1 -W 10 -n -M "do" \
-        -s 1452 "$(by_family 10.0.20.1 2001:db8:20::1)")"
-    expect_no_errors
-}
-
-NextPacketAfterAChangeIsAnsweredWithTheNewMtu() {
+InterfaceThatVanishesIsLetGoAndServedWhenItIsBack() {
     lab_build
     lab_start_serving "$daemon"
     expect_answered_with 1400 1500
-    lab_set_mtu b 20 1300
-    expect "the rules follow" lab_within 5 lab_serves 20 1300
-    expect_answered_with 1300 1400
-    expect_passes 1300
+    ip -n switch link delete bcm0.20
+    expect "the rules follow" lab_within 5 does_not_serve 20 1400
+    ip -n a "-$family" route flush cache
+    expect_match "ping" "$(by_family 'From 10\.0\.10\.1 .*Net Unreachable' \
+        'From 2001:db8:10::1 .*No route')" "$(ping_size 1500)"
+    lab_connect b 20 1350
+    expect "the rules follow" lab_within 5 lab_serves 20 1350
+    expect_answered_with 1350 1500
+    expect "the daemon is alive" test -d "/proc/$lab_daemon"
 }
 
-PacketThatMayBeFragmentedArrivesUnanswered() { # IPv4 only
+# rename_port VLAN NAME
+rename_port() {
+    ip -n switch link set "bcm0.$1" down
+    ip -n switch link set "bcm0.$1" name "$2"
+    ip -n switch link set "$2" up
+    ip -n switch -6 address replace "$(lab_address 6 "$1" 1)/64" dev "$2" nodad
+    expect "the link" lab_within 5 lab_has_carrier switch "$2"
+}
+
+# name_vlan add|del VLAN
+name_vlan() {
+    ip -n switch link property "$1" dev "eth0.$2" altname "bcm0.$2"
+}
+
+# expect_answer_of LENGTH
+# The daemon's and the kernel's differ in their lengths: the kernel fills its own up (RFC 1812
+# section 4.3.2.3; RFC 4443 section 2.4(c)).
+expect_answer_of() {
+    await_errors
+    expect_match "the answer" "\(?mtu 1400\)?, length $1\$" "$(errors)"
+}
+
+# Sends small packets to host b until it is told to stop; each must come back.
+send_without_loss() {
+    while [[ ! -e $LAB_FILES/stop ]]; do
+        lab_on a ping -q -c 100 -i 0.01 -W 10 -n "$(destination)" >>"$LAB_FILES/traffic"
+    done
+}
+
+rounds_of_traffic() {
+    grep -c 'packets transmitted' "$LAB_FILES/traffic"
+}
+
+has_rounds_of_traffic() {
+    (($(rounds_of_traffic) >= $1))
+}
+
+InterfacesWithAlternativeNamesAreServedFromThenOnWithoutLoss() {
+    lab_build_links 1500 1400
+    rename_port 10 eth0.10
+    rename_port 20 eth0.20
+    lab_await_ready
+    lab_start_serving "$daemon"
+    : >"$LAB_FILES/traffic"
+    send_without_loss &
+    local -r traffic=$!
+    expect "traffic" lab_within 30 has_rounds_of_traffic 1
+    name_vlan add 20
+    name_vlan add 10
+    expect "the rules follow" lab_within 5 lab_serves 20 1400
+    expect "the rules follow" lab_within 5 lab_serves 10 1500
+    start_capture
+    expect_answered_with 1400 1500
+    expect_answer_of "$(by_family 68 1400)"
+    expect "traffic" lab_within 30 has_rounds_of_traffic $(($(rounds_of_traffic) + 1))
+    touch "$LAB_FILES/stop"
+    wait "$traffic"
+    expect_equal "rounds with a loss" "" \
+        "$(grep 'packets transmitted' "$LAB_FILES/traffic" | grep -v ' 0% packet loss')"
+    expect_match "the log" "   Dest VLAN ID: 20$" "$(lab_syslog)"
+}
+
+InterfaceWhoseAlternativeNameIsTakenAwayIsLeftToTheKernel() {
+    lab_build_links 1500 1400
+    rename_port 20 eth0.20
+    lab_await_ready
+    name_vlan add 20
+    lab_start_serving "$daemon"
+    expect_answered_with 1400 1500
+    name_vlan del 20
+    expect "the rules follow" lab_within 5 does_not_serve 20 1400
+    start_capture
+    expect_answered_with 1400 1500
+    expect_answer_of "$(by_family 556 1240)"
+}
+
+EgressThatIsDownIsTheKernelsToAnswerAndServedOnceItIsUp() {
+    lab_build
+    ip -n switch link set bcm0.20 down
+    lab_start_serving "$daemon"
+    expect_line "ping of 1500 bytes" "$(by_family \
+        'From 10.0.10.1 icmp_seq=1 Destination Net Unreachable' \
+        'From 2001:db8:10::1 icmp_seq=1 Destination unreachable: No route')" "$(ping_size 1500)"
+    expect_equal "system log" "" "$(lab_syslog)"
+    ip -n switch link set bcm0.20 up
+    expect "the link" lab_within 5 lab_has_carrier switch bcm0.20
+    # Its IPv6 address went with the link.
+    ip -n switch address replace 2001:db8:20::1/64 dev bcm0.20 nodad
+    expect_answered_with 1400 1500
+    expect_equal "standard error" "" "$(said)"
+}
+
+WithoutPrivilegesItReportsThatAndStays() { # IPv4 only
+    lab_build
+    lab_start_daemon "$daemon" setpriv --bounding-set=-net_admin,-net_raw
+    expect_refused -1
+    expect "it has no rules" lab_has_let_go
+}
+
+SecondInstanceReportsThatAndStaysAndTheFirstServes() { # IPv4 only
     lab_build
     lab_start_serving "$daemon"
-    start_capture
-    expect_match "ping" ' 1 received, 0% packet loss' "$(lab_on a ping -c 1 -W 10 -n -M dont \
-        -s 1472 10.0.20.2)"
-    expect_no_errors
-}
-
-has_errors_of() {
-    (($(errors | wc -l) >= $1))
-}
-
-# The daemon's answers and the kernel's differ in their lengths; beyond the rules' limits, the
-# kernel's pass.
-EveryOneOfABurstBeyondTheLimitsIsAnswered() {
-    lab_build_links 1500 1400
-    lab_start_serving "$daemon"
-    start_capture
-    head -c $((1452 * 600)) /dev/zero >"$LAB_FILES/burst"
-    # With DF, whatever path MTU is known: IP_MTU_DISCOVER and IPV6_MTU_DISCOVER to "probe".
-    lab_on a socat -u -b 1452 "OPEN:$LAB_FILES/burst" \
-        "$(by_family "UDP4-SENDTO:10.0.20.2:9,setsockopt-int=0:10:3" \
-            "UDP6-SENDTO:[2001:db8:20::2]:9,setsockopt-int=41:23:3")"
-    expect "600 answers come" lab_within 10 has_errors_of 600
-    await_marker
-    expect_equal "answers" 600 "$(errors | wc -l)"
-    expect_match "the daemon's" "length $(by_family 68 1400)\$" "$(errors)"
-    expect_match "the kernel's" "length $(by_family 556 1240)\$" "$(errors)"
+    lab_start_daemon "$daemon"
+    expect_refused -16 'ERROR: [main:52 | int main()] another instance is already running'
+    expect_answered_with 1400 1500
 }

@@ -39,6 +39,24 @@ expect_match() {
     fi
 }
 
+# What it wrote to standard error, without the time at the start and CR at the end of each line.
+said() {
+    sed -E -e 's/^[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9] //' -e 's/\r$//' "$lab_daemon_output"
+}
+
+has_refused() {
+    [[ $(said) == *'Could not initialize SHM' ]]
+}
+
+# expect_refused RESULT [LINE_BEFORE]
+expect_refused() {
+    expect "it reports that" lab_within 5 has_refused
+    expect_equal "standard error" "${2:+$2$'\n'}ERROR: [SHM_Wrapper:140 | virtual bool \
+SHM_Wrapper_App::init()] Could not initialize SHM queue, ret=$1
+ERROR: [PMTUDApp:72 | bool PMTUDApp::run() const] Could not initialize SHM" "$(said)"
+    expect "it stays" test -d "/proc/$lab_daemon"
+}
+
 # by_family TEXT_OF_IPV4 TEXT_OF_IPV6
 by_family() {
     if [[ $family == 4 ]]; then echo "$1"; else echo "$2"; fi
@@ -61,20 +79,13 @@ ping_size() {
     ((status <= 1)) || fail "ping: status $status"
 }
 
+# Also if host a has learned the MTU already.
 expect_answered_with() {
     local -r mtu=$1 size=$2
+    ip -n a "-$family" route flush cache
     expect_line "ping of $size bytes" "$(by_family \
         "From 10.0.10.1 icmp_seq=1 Frag needed and DF set (mtu = $mtu)" \
         "From 2001:db8:10::1 icmp_seq=1 Packet too big: mtu=$mtu")" "$(ping_size "$size")"
-}
-
-expect_passes() {
-    local -r size=$1
-    expect_match "ping of $size bytes" ' 1 received, 0% packet loss' "$(ping_size "$size")"
-}
-
-forget_mtu() {
-    ip -n a "-$family" route flush cache
 }
 
 readonly capture_of_case=$LAB_FILES/case.pcap
@@ -94,19 +105,4 @@ has_errors() {
 
 await_errors() {
     expect "an error reaches host a" lab_within 5 has_errors
-}
-
-has_marker() {
-    [[ -n $(lab_captured 'icmp[icmptype] == icmp-echoreply and icmp[4:2] == 0xbeef') ]]
-}
-
-# Everything that was to come is in the capture: what comes later already is.
-await_marker() {
-    lab_on a ping -c 1 -W 5 -n -e $((0xbeef)) 10.0.10.1 >"$LAB_FILES/marker"
-    expect "the marker is captured" lab_within 5 has_marker
-}
-
-expect_no_errors() {
-    await_marker
-    expect_equal "errors on host a's link" "" "$(errors)"
 }

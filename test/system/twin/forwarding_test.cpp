@@ -1,150 +1,131 @@
 // SPDX-License-Identifier: MIT
-// Packets of all lengths around an MTU, and routers whose addresses or settings are unusual.
+// Packets of all lengths around an MTU, merged packets, and routers whose addresses, settings or
+// interfaces are unusual.
 #include "twin_fixture.h"
 
 namespace twin {
 
 namespace {
 
-struct Pair {
-    int ingress;
-    int egress;
+// bcm0.10 becomes a bridge between the hosts a and d, whose frames the rules of a router see, too.
+const std::string kBridge = R"(vlan 40 d 1500
+ip link del dev bcm0.40
+ip link del dev bcm0.10
+ip link add bcm0.10 address 02:00:00:00:10:01 type bridge stp_state 0 mcast_snooping 0
+ip link set dev bcm0.10 addrgenmode none
+ip link set dev bcm0.10 up
+ip addr add 10.0.10.1/24 dev bcm0.10
+ip addr add 2001:db8:10::1/64 dev bcm0.10 nodad
+port bcm0.10 a 02:00:00:00:10:02
+port bcm0.10 d 02:00:00:00:40:02
+ip neigh add 10.0.10.2|2001:db8:10::2 lladdr 02:00:00:00:10:02 dev bcm0.10
+ip neigh add 10.0.10.4|2001:db8:10::4 lladdr 02:00:00:00:40:02 dev bcm0.10
+sysctl bridge/bridge-nf-call-iptables|bridge/bridge-nf-call-ip6tables $1
+)";
+
+// Merged by the sender, by the router's ingress, by both or by none: how many packets of four
+// segments each the router sees, of two TCP and two UDP.
+std::vector<Variant> merging(size_t off, size_t sender, size_t router, size_t both) {
+    return {
+        {"Unmerged",
+         off,
+         {"gro off", "gso off tso off", "tso off gso off tx-udp-segmentation off"}},
+        {"MergedByTheSender", sender, {"gro off", "gso on tso on", "tso on gso on"}},
+        {"MergedByTheRouter",
+         router,
+         {"gro on", "gso off tso off", "tx off tso off gso off tx-udp-segmentation off"}},
+        {"MergedByBoth", both, {"gro on", "gso on tso on", "tso on gso on"}},
+    };
+}
+
+const std::string kMerging = R"(sh ethtool -K bcm0.10 $1
+sh ethtool -K bcm0.20 $2
+hosts ethtool -K a $3
+)";
+
+const std::vector<Case> kCases{
+    {"EveryPacketIsForwardedFragmentedOrRefused",
+     0,
+     "mtus a=$1 b=$2\nv4 size=60|$3|$2|$4|$1 df=0|1\n$5",
+     {{"From9000To1500", 4, {"9000", "1500", "1499", "1501", "v6 size=60|1499|1500|1501|9000"}},
+      {"From1500To1400", 4, {"1500", "1400", "1399", "1401", "v6 size=60|1399|1400|1401|1500"}},
+      {"From1500To1280", 4, {"1500", "1280", "1279", "1281", "v6 size=60|1279|1280|1281|1500"}},
+      {"From1500To576", 2, {"1500", "576", "575", "577", ""}},
+      {"From1500To577", 2, {"1500", "577", "576", "578", ""}},
+      {"From16383To9000",
+       4,
+       {"16383", "9000", "8999", "9001", "v6 size=60|8999|9000|9001|16383"}}}},
+    {"SeveralSendersAreToldEachAboutItsOwnPacket", 16,
+     R"(v46 from=10.2|10.3|10.4|10.55
+v46 host=c from=30.2|30.3|30.4|30.55)"},
+    {"SamePacketSentThreeTimesIsToldOfThreeTimes", 6, "v46 id=7 times=3"},
+    // Neither is the packet forwarded, nor is anybody told of its size; the fence has its own way.
+    {"RouterThatDoesNotForwardTellsNobody", 0,
+     R"(sysctl ipv4/ip_forward 0
+sysctl ipv6/conf/all/forwarding 0
+sysctl ipv4/conf/bcm0.4000/forwarding 1
+v4 size=1500|1000
+v6 size=1500|1300)"},
+    {"InterfaceThatDoesNotForwardTellsNobody", 1,
+     R"(sysctl ipv4/conf/bcm0.10/forwarding 0
+v4
+v4 host=c)"},
+    // The kernel answers from 192.0.0.8 (RFC 7600), whatever the daemon does.
+    {"RouterWithoutAnIpv4AddressAnswers", 2,
+     R"(fence6
+ip addr flush dev bcm0.10|bcm0.20|bcm0.30|bcm0.4000|bcm0.4001 scope global
+ip addr flush dev lo
+ip addr add 2001:db8:10::1/64 dev bcm0.10 nodad
+ip addr add 2001:db8:20::1/64 dev bcm0.20 nodad
+ip addr add 2001:db8:4000::1/64 dev bcm0.4000 nodad
+ip addr add 2001:db8:4001::1/64 dev bcm0.4001 nodad
+ip route add 10.0.10.0/24 dev bcm0.10
+ip route add 10.0.20.0/24 dev bcm0.20
+ip neigh replace 10.0.10.2 lladdr 02:00:00:00:10:02 dev bcm0.10
+ip neigh replace 10.0.20.2 lladdr 02:00:00:00:20:02 dev bcm0.20
+v4 size=1400
+v46 kernel4)"},
+    {"EgressBelowTheSmallestMtuIsLeftToTheKernel", 2,
+     "mtus b=575\nv4 size=1500|576 kernel\nv4 size=575"},
+    {"EgressAboveTheLargestMtuIsLeftToTheKernel", 2,
+     "mtus a=17000 b=16384\nv46 size=16385 kernel\nv46 size=16384"},
+    {"EgressOfTheLargestMtuIsServed", 2, "mtus a=17000 b=16383\nv46 size=16383|16384"},
+    // A device takes a few bytes more than its MTU from the link.
+    {"PacketLongerThanItsIngressTakes", 2, "mtus a=1280 b=1280 c=1400\nv46 size=1281 to=20.2|30.2"},
+    {"PacketsThatGoBackWhereTheyCameFrom", 2, "mtus a=1400\nv46 to=10.3 size=1404|1300"},
+    {"AnswersFromTheAddressOfTheIngress", 1,
+     R"(sysctl ipv4/icmp_errors_use_inbound_ifaddr 1
+ignore source
+ip addr add 10.0.10.99/24 dev bcm0.10
+v4)"},
+
+    // Another router on the bridge: the packets are too large for this router's VLAN 20, through
+    // which they do not go.
+    {"FrameThatIsBridgedToAnotherRouterArrivesUnanswered",
+     0,
+     kBridge + "v46 mac=2.0*3.64.2\nv4 size=1400 mac=2.0*3.64.2",
+     {{"UnseenByTheRules", 0, {"0"}}, {"SeenByTheRules", 0, {"1"}}}},
+    {"SenderOnABridgeIsToldByTheRouter",
+     0,
+     kBridge + "v46\nv46 host=d from=10.4 mac=2.0*3.16.1\nv4 size=1400",
+     {{"UnseenByTheRules", 4, {"0"}}, {"SeenByTheRules", 4, {"1"}}}},
+
+    // Segments that the egress takes, and packets one byte longer.
+    {"TcpOf9000To1500", 0,
+     "mtus a=9000 b=1500\n" + kMerging + "tcp46 each4=1460 each6=1440\nv46 size=1501|9000",
+     merging(4, 4, 4, 4)},
+    {"TcpOfTheLargestSegmentsOf9000To1500", 0,
+     "mtus a=9000 b=1500\n" + kMerging + "tcp4 bytes=8960 each=8960\ntcp6 bytes=8940 each=8940",
+     merging(2, 2, 2, 2)},
+    {"UdpThatIsMergedAndFits", 0, kMerging + "udp46 each4=1372 each6=1352", merging(0, 0, 0, 0)},
+    {"TcpOf1500To1280ThatFits", 0, "mtus b=1280\n" + kMerging + "tcp46 each4=1240 each6=1220",
+     merging(0, 0, 0, 0)},
+    // One for each packet that the router sees.
+    {"MergedPacketsThatDoNotFit", 0,
+     kMerging + "tcp46 bytes=5600 each=1400\nudp46 bytes=5600 each=1400", merging(16, 4, 12, 4)},
 };
 
-class MtuPair : public TwinTest, public testing::WithParamInterface<Pair> {};
-
-TEST_P(MtuPair, EveryPacketIsForwardedFragmentedOrRefusedAlike) {
-    const auto [ingress, egress] = GetParam();
-    Twins twins(run, {.a = ingress, .b = egress});
-    const auto mtu = static_cast<size_t>(egress);
-    const auto largest = static_cast<size_t>(ingress);
-    for (const size_t size : {size_t{60}, mtu - 1, mtu, mtu + 1, largest}) {
-        twins.send(Ipv4{.size = size});
-        twins.send(Ipv4{.size = size, .dontFragment = false});
-        if (egress >= 1280) twins.send(Ipv6{.size = size});
-    }
-    expectAlike(twins, egress >= 1280 ? 4 : 2);
-}
-
-INSTANTIATE_TEST_SUITE_P(Of, MtuPair,
-                         testing::Values(Pair{9000, 1500}, Pair{1500, 1400}, Pair{1500, 1280},
-                                         Pair{1500, 576}, Pair{1500, 577}, Pair{16383, 9000}),
-                         [](const testing::TestParamInfo<Pair>& pair) {
-                             return std::to_string(pair.param.ingress) + "To" +
-                                    std::to_string(pair.param.egress);
-                         });
-
-using Forwarding = TwinTest;
-
-TEST_F(Forwarding, SeveralSendersAreToldEachAboutItsOwnPacket) {
-    Twins twins(run);
-    for (const char* const last : {"2", "3", "4", "55"}) {
-        twins.send(Ipv4{.from = std::string("10.0.10.") + last});
-        twins.send(Ipv6{.from = std::string("2001:db8:10::") + last});
-        twins.send(Ipv4{.from = std::string("10.0.30.") + last}, {.from = "c"});
-        twins.send(Ipv6{.from = std::string("2001:db8:30::") + last}, {.from = "c"});
-    }
-    expectAlike(twins, 16);
-}
-
-TEST_F(Forwarding, SamePacketSentThreeTimesIsToldOfThreeTimes) {
-    Twins twins(run);
-    for (int i = 0; i < 3; ++i) {
-        twins.send(Ipv4{.id = 7});
-        twins.send(Ipv6{.flowLabel = 7});
-    }
-    expectAlike(twins, 6);
-}
-
-// Neither is the packet forwarded, nor is anybody told of its size (finding: forwarding off).
-TEST_F(Forwarding, RouterThatDoesNotForwardTellsNobody) {
-    Twins twins(run);
-    twins.sysctl("ipv4/ip_forward", "0");
-    twins.sysctl("ipv6/conf/all/forwarding", "0");
-    twins.sysctl("ipv4/conf/bcm0.4000/forwarding", "1");  // the fence's way
-    twins.send(Ipv4{});
-    twins.send(Ipv4{.size = 1000});
-    twins.send(Ipv6{});
-    twins.send(Ipv6{.size = 1300});
-    expectAlike(twins, 0);
-}
-
-TEST_F(Forwarding, InterfaceThatDoesNotForwardTellsNobody) {
-    Twins twins(run);
-    twins.sysctl("ipv4/conf/bcm0.10/forwarding", "0");
-    twins.send(Ipv4{});
-    twins.send(Ipv4{.from = "10.0.30.2"}, {.from = "c"});
-    expectAlike(twins, 1);
-}
-
-// The kernel answers from 192.0.0.8 (RFC 7600), whatever the daemon does.
-TEST_F(Forwarding, RouterWithoutAnIpv4AddressAnswers) {
-    Twins twins(run);
-    twins.fenceByIpv6();
-    twins.ip(R"(addr flush dev bcm0.10 scope global
-addr flush dev bcm0.20 scope global
-addr flush dev bcm0.30 scope global
-addr flush dev bcm0.4000 scope global
-addr flush dev bcm0.4001 scope global
-addr flush dev lo
-addr add 2001:db8:10::1/64 dev bcm0.10 nodad
-addr add 2001:db8:20::1/64 dev bcm0.20 nodad
-addr add 2001:db8:4000::1/64 dev bcm0.4000 nodad
-addr add 2001:db8:4001::1/64 dev bcm0.4001 nodad
-route add 10.0.10.0/24 dev bcm0.10
-route add 10.0.20.0/24 dev bcm0.20
-neigh replace 10.0.10.2 lladdr 02:00:00:00:10:02 dev bcm0.10
-neigh replace 10.0.20.2 lladdr 02:00:00:00:20:02 dev bcm0.20)");
-    twins.send(Ipv4{.size = 1400});
-    twins.send(Ipv4{}, kKernelOnly);
-    twins.send(Ipv6{});
-    expectAlike(twins, 2);
-}
-
-TEST_F(Forwarding, EgressBelowTheSmallestMtuIsLeftToTheKernel) {
-    Twins twins(run, {.b = 575});
-    twins.send(Ipv4{}, kKernelOnly);
-    twins.send(Ipv4{.size = 576}, kKernelOnly);
-    twins.send(Ipv4{.size = 575});
-    expectAlike(twins, 2);
-}
-
-TEST_F(Forwarding, EgressAboveTheLargestMtuIsLeftToTheKernel) {
-    Twins twins(run, {.a = 17000, .b = 16384});
-    twins.send(Ipv4{.size = 16385}, kKernelOnly);
-    twins.send(Ipv6{.size = 16385}, kKernelOnly);
-    twins.send(Ipv4{.size = 16384});
-    twins.send(Ipv6{.size = 16384});
-    expectAlike(twins, 2);
-}
-
-// A device takes a few bytes more than its MTU from the link.
-TEST_F(Forwarding, PacketLongerThanItsIngressTakesIsTreatedAlike) {
-    Twins twins(run, {.a = 1280, .b = 1280, .c = 1400});
-    twins.send(Ipv6{.size = 1281});
-    twins.send(Ipv4{.size = 1281});
-    twins.send(Ipv6{.size = 1281, .to = "2001:db8:30::2"});
-    twins.send(Ipv4{.size = 1281, .to = "10.0.30.2"});
-    expectAlike(twins, 2);
-}
-
-TEST_F(Forwarding, PacketsThatGoBackWhereTheyCameFromAreTreatedAlike) {
-    Twins twins(run, {.a = 1400});
-    twins.send(Ipv4{.size = 1404, .to = "10.0.10.3"});
-    twins.send(Ipv6{.size = 1404, .to = "2001:db8:10::3"});
-    twins.send(Ipv4{.size = 1300, .to = "10.0.10.3"});
-    twins.send(Ipv6{.size = 1300, .to = "2001:db8:10::3"});
-    expectAlike(twins, 2);
-}
-
-TEST_F(Forwarding, AnswersFromTheAddressOfTheIngressAreToldAlike) {
-    Twins twins(run);
-    twins.sysctl("ipv4/icmp_errors_use_inbound_ifaddr", "1");
-    twins.ignoreAnswerSource();
-    twins.ip("addr add 10.0.10.99/24 dev bcm0.10");
-    twins.send(Ipv4{});
-    expectAlike(twins, 1);
-}
+INSTANTIATE_TEST_SUITE_P(Forwarding, Alike, testing::ValuesIn(expanded(kCases)), nameOf);
 
 }  // namespace
 

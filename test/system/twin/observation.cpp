@@ -10,10 +10,11 @@
 
 #include "bytes.h"
 
-using soak::get16;
-using soak::get32;
-using soak::onesSum;
-using soak::put16;
+using packets::get16;
+using packets::get32;
+using packets::onesSum;
+using packets::put16;
+using packets::transportChecksum;
 
 namespace twin {
 
@@ -94,7 +95,9 @@ bool isUnasked(const uint8_t* packet, const Transport& transport, size_t size) {
     if (transport.protocol != kIcmpv6 || transport.at + 4 > size) return false;
     const uint8_t type = packet[transport.at];
     const bool isDiscovery = (type >= 130 && type <= 137) || type == 143;
-    return isDiscovery && (packet[7] == 255 || packet[7] == 1);
+    // Rules may have set another hop limit, but nobody forwards a link-local source.
+    const bool isLinkLocal = packet[8] == 0xfe && (packet[9] & 0xc0) == 0x80;
+    return isDiscovery && (packet[7] == 255 || packet[7] == 1 || isLinkLocal);
 }
 
 Observation tooBig(const std::string& what, const uint8_t* quote, size_t quoted, size_t header,

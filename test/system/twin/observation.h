@@ -11,6 +11,8 @@
 
 namespace twin {
 
+using packets::Bytes;
+
 /// A "too big" message: who was told what about which packet.  Its length, and what it quotes
 /// beyond the first eight bytes after the IP header, are its sender's choice.
 ///

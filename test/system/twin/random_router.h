@@ -5,9 +5,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <random>
 #include <string>
-#include <vector>
 
 #include "forge.h"
 #include "twins.h"
@@ -19,33 +19,27 @@ class RandomRouter {
  public:
     explicit RandomRouter(uint64_t seed);
 
+    /// What play() prepares it by.
+    const std::string& lines() const { return m_lines; }
     const Mtus& mtus() const { return m_mtus; }
-
-    /// What was chosen, a line each.
-    const std::vector<std::string>& choices() const { return m_choices; }
 
     /// Whether its rules may drop answers.
     bool mayDropAnswers() const { return m_mayDropAnswers; }
 
-    void configure(Twins& twins);
     void fill(Twins& twins, size_t packets);
 
  private:
     size_t below(size_t bound) { return static_cast<size_t>(m_random() % bound); }
     bool oneIn(size_t number) { return below(number) == 0; }
-    template <typename Values>
-    auto oneOf(const Values& values) {
-        return values[below(values.size())];
+    template <typename Value>
+    Value oneOf(std::initializer_list<Value> values) {
+        return *(values.begin() + below(values.size()));
     }
+    /// One in so many routers has it.
+    void maybe(size_t number, const std::string& line);
 
-    void sysctl(Twins& twins, const std::string& name, const std::string& value);
-    void rules(Twins& twins, const std::string& text);
-    void command(Twins& twins, const std::string& line);
-
-    void configureRouting(Twins& twins);
-    void configureFirewall(Twins& twins);
-    void configureTranslation(Twins& twins);
-
+    void configure();
+    void configureFirewall();
     void addForged(Twins& twins);
     void addPlain(Twins& twins);
     void addFragments(Twins& twins);
@@ -57,7 +51,7 @@ class RandomRouter {
     bool m_mayDropAnswers = false;
     bool m_isStrict = false;  // the rules drop all of the daemon's answers
     uint32_t m_serial = 40000;
-    std::vector<std::string> m_choices;
+    std::string m_lines;
 };
 
 }  // namespace twin

@@ -6,10 +6,12 @@
 
 #include "bytes.h"
 
-using soak::get16;
-using soak::get32;
-using soak::onesSum;
-using soak::put16;
+using packets::get16;
+using packets::get32;
+using packets::onesSum;
+using packets::put16;
+using packets::seal;
+using packets::transportChecksum;
 
 namespace twin {
 

@@ -11,6 +11,11 @@
 
 namespace twin {
 
+using packets::Bytes;
+using packets::Ipv4;
+using packets::Ipv6;
+using packets::Mac;
+
 /// What a packet socket with PACKET_VNET_HDR puts before a frame; linux/virtio_net.h does not
 /// compile as C++.
 struct Offload {

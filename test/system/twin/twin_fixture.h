@@ -1,13 +1,16 @@
 // SPDX-License-Identifier: MIT
-// The base of all twin tests.
+// The base of all twin tests, and tests that are a table of cases.
 #ifndef PMTUD_TWIN_FIXTURE_H
 #define PMTUD_TWIN_FIXTURE_H
 
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <ostream>
 #include <string>
+#include <vector>
 
+#include "play.h"
 #include "twins.h"
 
 namespace twin {
@@ -19,22 +22,37 @@ class TwinTest : public testing::Test {
  protected:
     /// Feeds both routers, with hardware that tells senders itself and with mute hardware.
     /// `told` is how many "too big" messages the router without the daemon sends.
-    static void expectAlike(Twins& twins, size_t told) {
-        for (const bool isMute : {false, true}) {
-            SCOPED_TRACE(isMute ? "with mute hardware" : "with hardware that tells senders");
-            const Comparison result = twins.compare(isMute);
-            EXPECT_EQ(result.told, told) << "by the router without the daemon";
-            EXPECT_EQ(result.withdrawn, result.answers) << "answers of the daemon left";
-            expectNoDifference(result);
-        }
-    }
+    static void expectAlike(Twins& twins, size_t told);
 
-    static void expectNoDifference(const Comparison& result) {
-        std::string lines;
-        for (const std::string& line : result.differences) lines += '\n' + line;
-        EXPECT_TRUE(lines.empty()) << lines;
-    }
+    static void expectNoDifference(const Comparison& result);
+
+    /// For rules that drop answers, and for more packets than the daemon takes: every sender is
+    /// told once, by whomever.
+    static Comparison expectTold(const std::string& lines, size_t told);
 };
+
+struct Variant {
+    const char* name;
+    size_t told;
+    std::vector<std::string> words;  ///< for $1, $2 ... in the case's lines
+};
+
+/// What play() plays, and how many are told of a packet that is too large.
+struct Case {
+    std::string name;
+    size_t told;
+    std::string lines;
+    std::vector<Variant> variants = {};
+};
+
+inline void PrintTo(const Case& one, std::ostream* out) { *out << one.lines; }
+
+/// A case for each variant.
+std::vector<Case> expanded(const std::vector<Case>& cases);
+
+class Alike : public TwinTest, public testing::WithParamInterface<Case> {};
+
+inline std::string nameOf(const testing::TestParamInfo<Case>& info) { return info.param.name; }
 
 inline const How kKernelOnly{.tellsNobodyIfMute = true};
 

@@ -14,6 +14,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "play.h"
 #include "random_router.h"
 
 namespace {
@@ -61,7 +62,7 @@ void report(const twin::RandomRouter& router, const twin::Comparison& result,
             const Options& options, uint64_t seed, size_t packets) {
     std::cout << "DIFFERENT: twin_walk --seed " << seed << " --packets " << packets << " --daemon "
               << options.daemon << '\n';
-    for (const std::string& choice : router.choices()) std::cout << "    " << choice << '\n';
+    std::cout << router.lines();
     size_t shown = 0;
     for (const std::string& line : result.differences) {
         if (++shown > kDifferencesShown) break;
@@ -76,7 +77,7 @@ void walkOne(const twin::Run& run, const Options& options, uint64_t seed, size_t
     twin::Comparison result;
     try {
         twin::Twins twins(run, router.mtus());
-        router.configure(twins);
+        play(twins, router.lines());
         router.fill(twins, packets);
         result = twins.compare(false);
         if (!router.mayDropAnswers() && result.withdrawn != result.answers)

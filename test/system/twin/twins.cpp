@@ -44,11 +44,7 @@ void check(bool succeeded, const std::string& what) {
     if (!succeeded) throw std::system_error(errno, std::generic_category(), what);
 }
 
-// VLAN 10 is 02:00:00:00:10:xx and 10.0.10.x; the fences' VLANs fit neither.
-std::string subnet4(int vlan) {
-    return vlan < 256 ? "10.0." + std::to_string(vlan) : "10.255." + std::to_string(vlan - 4000);
-}
-
+// VLAN 10 is 02:00:00:00:10:xx; the fences' VLANs do not fit.
 std::string macText(int vlan, const char* end) {
     const int pair = vlan < 100 ? vlan : vlan - 4000;
     return std::string("02:00:00:") + (vlan < 100 ? "00:" : "ff:") + (pair < 10 ? "0" : "") +
@@ -71,11 +67,10 @@ std::string neighbours(int vlan, const std::string& interface, int mtu) {
     std::string batch;
     const std::string mac = macText(vlan, "02");
     const auto add = [&](const std::string& last) {
-        batch += "neigh add " + subnet4(vlan) + "." + last + " lladdr " + mac + " dev " +
-                 interface + "\n";
-        if (mtu >= kIpv6Mtu)
-            batch += "neigh add 2001:db8:" + std::to_string(vlan) + "::" + last + " lladdr " + mac +
-                     " dev " + interface + "\n";
+        for (const bool isIpv4 : {true, false})
+            if (isIpv4 || mtu >= kIpv6Mtu)
+                batch += "neigh add " + addressOf(isIpv4, vlan, last) + " lladdr " + mac + " dev " +
+                         interface + "\n";
     };
     for (int i = 2; i < 10; ++i) add(std::to_string(i));
     for (int i = 50; i < 60; ++i) add(std::to_string(i));
@@ -101,6 +96,13 @@ int nextProcessor(const cpu_set_t& processors, int after) {
 }
 
 }  // namespace
+
+// The fences' VLANs do not fit into an octet.
+std::string addressOf(bool isIpv4, int vlan, const std::string& host) {
+    if (!isIpv4) return "2001:db8:" + std::to_string(vlan) + "::" + host;
+    return (vlan < 256 ? "10.0." + std::to_string(vlan) : "10.255." + std::to_string(vlan - 4000)) +
+           "." + host;
+}
 
 Run prepareRun(const std::string& daemon) {
     Run run;
@@ -153,9 +155,9 @@ void Site::addVlans(const std::vector<NewVlan>& vlans) const {
                  macText(vlan, "01") + " type veth peer name " + host + " netns " + m_hosts.name() +
                  " mtu 65535 address " + macText(vlan, "02") + "\n";
         hosts += "link set up" + (" dev " + host) + "\n";
-        addresses += "link set up" + at + "addr add " + subnet4(vlan) + ".1/24" + at;
+        addresses += "link set up" + at + "addr add " + addressOf(true, vlan, "1") + "/24" + at;
         if (mtu >= kIpv6Mtu)
-            addresses += "addr add 2001:db8:" + std::to_string(vlan) + "::1/64 nodad" + at;
+            addresses += "addr add " + addressOf(false, vlan, "1") + "/64 nodad" + at;
         addresses += neighbours(vlan, interface, mtu);
     }
     m_router.ip(links);
@@ -260,16 +262,15 @@ void Site::drain() {
 
 void Site::fence(bool isIpv6) {
     m_fence = m_fence % 0xffff + 1;
-    const Bytes packet =
-        isIpv6 ? bytesOf(Ipv6{.size = kFenceSize,
-                              .from = "2001:db8:" + std::to_string(kFenceVlan) + "::2",
-                              .to = "2001:db8:" + std::to_string(kFenceEndVlan) + "::2",
-                              .flowLabel = m_fence})
-               : bytesOf(Ipv4{.size = kFenceSize,
-                              .from = subnet4(kFenceVlan) + ".2",
-                              .to = subnet4(kFenceEndVlan) + ".2",
-                              .id = static_cast<uint16_t>(m_fence)});
-    send(kFenceHost, frameOf(packet, hostMac(kFenceHost), routerMac(kFenceHost)), {});
+    const Bytes packet = isIpv6 ? bytesOf(Ipv6{.size = kFenceSize,
+                                               .from = addressOf(false, kFenceVlan, "2"),
+                                               .to = addressOf(false, kFenceEndVlan, "2"),
+                                               .flowLabel = m_fence})
+                                : bytesOf(Ipv4{.size = kFenceSize,
+                                               .from = addressOf(true, kFenceVlan, "2"),
+                                               .to = addressOf(true, kFenceEndVlan, "2"),
+                                               .id = static_cast<uint16_t>(m_fence)});
+    send(kFenceHost, packets::frameOf(packet, hostMac(kFenceHost), routerMac(kFenceHost)), {});
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
     for (drain(); m_answeredFence != m_fence; drain()) {
         if (std::chrono::steady_clock::now() > deadline)
@@ -326,7 +327,7 @@ void Twins::ignoreAnswerHost() {
 uint32_t Twins::sendPacket(const Bytes& packet, const Offload& offload, uint32_t serial,
                            const How& how) {
     const Mac to = how.to == Mac{} ? routerMac(how.from) : how.to;
-    m_steps.push_back({how.from, frameOf(packet, hostMac(how.from), to), offload, ""});
+    m_steps.push_back({how.from, packets::frameOf(packet, hostMac(how.from), to), offload, ""});
     if (how.tellsNobodyIfMute) m_toldByKernelOnly.insert(serial);
     return serial;
 }

@@ -37,6 +37,9 @@ struct Run {
 /// Isolates the process, binds it to a processor, and reads `--daemon PATH` or PMTUD_TWIN_DAEMON.
 Run prepareRun(const std::string& daemon);
 
+/// Of a host on that VLAN: 10.0.VLAN.HOST, 2001:db8:VLAN::HOST.
+std::string addressOf(bool isIpv4, int vlan, const std::string& host);
+
 struct Mtus {
     int a = 1500;
     int b = 1400;

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: MIT
 // Big-endian fields and the Internet checksum (RFC 1071), apart from the daemon's own.
-#ifndef PMTUD_SOAK_BYTES_H
-#define PMTUD_SOAK_BYTES_H
+#ifndef PMTUD_PACKETS_BYTES_H
+#define PMTUD_PACKETS_BYTES_H
 
 #include <cstddef>
 #include <cstdint>
 #include <span>
 
-namespace soak {
+namespace packets {
 
 inline void put16(uint8_t* at, size_t value) {
     at[0] = static_cast<uint8_t>(value >> 8);
@@ -27,6 +27,6 @@ inline uint32_t onesSum(std::span<const uint8_t> bytes, uint64_t sum = 0) {
     return static_cast<uint32_t>(sum);
 }
 
-}  // namespace soak
+}  // namespace packets
 
 #endif

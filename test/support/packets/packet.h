@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Packets as a host would send them, and the frames that carry them.
-#ifndef PMTUD_TWIN_PACKET_H
-#define PMTUD_TWIN_PACKET_H
+#ifndef PMTUD_PACKETS_PACKET_H
+#define PMTUD_PACKETS_PACKET_H
 
 #include <array>
 #include <cstddef>
@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace twin {
+namespace packets {
 
 using Bytes = std::vector<uint8_t>;
 using Mac = std::array<uint8_t, 6>;
@@ -70,6 +70,6 @@ uint16_t transportChecksum(const Bytes& packet, size_t at, uint8_t protocol);
 /// Writes the checksum of an IPv4 header.
 void seal(uint8_t* header);
 
-}  // namespace twin
+}  // namespace packets
 
 #endif

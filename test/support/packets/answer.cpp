@@ -4,7 +4,7 @@
 
 #include "bytes.h"
 
-namespace soak {
+namespace packets {
 
 namespace {
 
@@ -83,4 +83,4 @@ std::optional<Answer> readAnswer(std::span<const uint8_t> frame) {
     return std::nullopt;
 }
 
-}  // namespace soak
+}  // namespace packets

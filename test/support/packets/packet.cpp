@@ -9,11 +9,7 @@
 
 #include "bytes.h"
 
-using soak::get16;
-using soak::onesSum;
-using soak::put16;
-
-namespace twin {
+namespace packets {
 
 namespace {
 
@@ -155,4 +151,4 @@ Bytes frameOf(const Bytes& packet, const Mac& from, const Mac& to) {
     return frame;
 }
 
-}  // namespace twin
+}  // namespace packets

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // A path-MTU answer as host A receives it: ICMP "fragmentation needed", ICMPv6 Packet Too Big.
-#ifndef PMTUD_SOAK_ANSWER_H
-#define PMTUD_SOAK_ANSWER_H
+#ifndef PMTUD_PACKETS_ANSWER_H
+#define PMTUD_PACKETS_ANSWER_H
 
 #include <cstddef>
 #include <cstdint>
@@ -9,7 +9,7 @@
 #include <span>
 #include <string>
 
-namespace soak {
+namespace packets {
 
 struct Answer {
     int family = 0;
@@ -29,6 +29,6 @@ struct Answer {
 /// Nothing for a frame that is no path-MTU answer.  The views are into the frame.
 std::optional<Answer> readAnswer(std::span<const uint8_t> frame);
 
-}  // namespace soak
+}  // namespace packets
 
 #endif

@@ -30,7 +30,7 @@ lib/pmtud/libpmtud-platform.so.1
 lib/pmtud/libpmtud-platform.so.1.0.0
 lib/systemd/system/pmtud.service
 sbin/pmtud
-share/man/man8/pmtud.8.gz" "$(cd "$scratch/prefix" && find . ! -type d -printf '%P\n' | LC_ALL=C sort)"
+share/man/man8/pmtud.8" "$(cd "$scratch/prefix" && find . ! -type d -printf '%P\n' | LC_ALL=C sort)"
 }
 
 TheDaemonFindsItsLibraryAlsoWhereTheTreeIsMoved() {

@@ -73,7 +73,8 @@ HeadersPackageHasExactlyTheseFiles() {
 -rw-r--r-- root/root ./usr/include/pmtud/pktd_record.h
 -rw-r--r-- root/root ./usr/share/doc/pmtud-dev/changelog.gz
 -rw-r--r-- root/root ./usr/share/doc/pmtud-dev/copyright
--rw-r--r-- root/root ./usr/share/doc/pmtud-dev/porting.md" "$(content "$headers_package")"
+-rw-r--r-- root/root ./usr/share/doc/pmtud-dev/porting.md
+-rw-r--r-- root/root ./usr/share/pkgconfig/pmtud.pc" "$(content "$headers_package")"
 }
 
 ItsVersionIsTheProjectsAndTheChangelogs() {

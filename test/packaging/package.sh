@@ -89,8 +89,9 @@ ItsVersionIsTheProjectsAndTheChangelogs() {
 
 ItDependsOnTheLibrariesThatItCalls() {
     expect_equal "what it depends on" \
-        "libc6 libgcc-s1 libmnl0 libnetfilter-log1 libnftables1 libstdc++6 libsystemd0" \
-        "$(dpkg-deb -f "$daemon_package" Depends | sed -E -e 's/ \([^)]*\)//g' -e 's/,//g')"
+        "libc6 libgcc-s1 libmnl0 libnetfilter-log1 libnftables1 libstdc++6 libsystemd0 netbase" \
+        "$(dpkg-deb -f "$daemon_package" Depends | sed 's/ ([^)]*)//g' | tr -d ' ' | tr ',' '\n' |
+            LC_ALL=C sort | xargs)"
 }
 
 # in_copy COMMAND [ARGUMENT...]

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
 # Boost::headers, also for a target that has no Boost of its own.
 if(NOT CMAKE_CROSSCOMPILING)
-  find_package(Boost REQUIRED)
+  find_package(Boost CONFIG REQUIRED COMPONENTS headers)
   return()
 endif()
 

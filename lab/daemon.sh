@@ -31,9 +31,17 @@ lab_serves() {
     [[ $table =~ chain\ to-bcm0\.$1\ \{[[:space:]]+meta\ length\ \<=\ $2\ accept ]]
 }
 
+# If the rules do not come, what the daemon and the platform wrote says why.
 lab_start_serving() {
     lab_start_daemon "$@"
-    lab_await 10 "the daemon's rules" lab_has_taken_over
+    if lab_await 10 "the daemon's rules" lab_has_taken_over; then return; fi
+    echo "What the daemon wrote:" >&2
+    sed -e 's/\r$//' -e 's/^/    /' "$lab_daemon_output" >&2
+    if [[ -s $LAB_FILES/syslog ]]; then
+        echo "The system log:" >&2
+        lab_syslog | sed 's/^/    /' >&2
+    fi
+    return 1
 }
 
 lab_has_let_go() {

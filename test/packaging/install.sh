@@ -11,8 +11,9 @@ if [[ ${1:-} == --help || $# -ne 2 ]]; then
     exit 2
 fi
 
+here=$(dirname "${BASH_SOURCE[0]}")
 # shellcheck source=test/packaging/expect.sh
-source "$(dirname "${BASH_SOURCE[0]}")/expect.sh"
+source "$here/expect.sh"
 readonly build=$2
 
 install_to() {
@@ -30,7 +31,9 @@ lib/pmtud/libpmtud-platform.so.1
 lib/pmtud/libpmtud-platform.so.1.0.0
 lib/systemd/system/pmtud.service
 sbin/pmtud
-share/man/man8/pmtud.8.gz" "$(cd "$scratch/prefix" && find . ! -type d -printf '%P\n' | LC_ALL=C sort)"
+share/doc/pmtud/LICENSE
+share/man/man8/pmtud.8
+share/pkgconfig/pmtud.pc" "$(cd "$scratch/prefix" && find . ! -type d -printf '%P\n' | LC_ALL=C sort)"
 }
 
 TheDaemonFindsItsLibraryAlsoWhereTheTreeIsMoved() {
@@ -46,7 +49,7 @@ TheUnitStartsTheInstalledDaemon() {
     install_to "$scratch/prefix"
     local -r unit=$scratch/prefix/lib/systemd/system/pmtud.service
     expect_equal "what it starts and what may be executed" "ExecStart=$scratch/prefix/sbin/pmtud
-ExecPaths=$scratch/prefix/lib/pmtud $scratch/prefix/sbin/pmtud /usr/lib" \
+ExecPaths=$scratch/prefix/sbin/pmtud /usr/lib -/usr/lib64 $scratch/prefix/lib/pmtud" \
         "$(grep -E '^Exec' "$unit")"
     expect_equal "what systemd says of it" "" "$(systemd-analyze verify --man=no "$unit" 2>&1)"
 }
@@ -54,7 +57,59 @@ ExecPaths=$scratch/prefix/lib/pmtud $scratch/prefix/sbin/pmtud /usr/lib" \
 TheUnitBelowUsrIsTheOneOfTheSources() {
     DESTDIR=$scratch/root install_to /usr
     cmp "$scratch/root/usr/lib/systemd/system/pmtud.service" \
-        "$(dirname "${BASH_SOURCE[0]}")/../../packaging/pmtud.service" || fail "they differ"
+        "$here/../../packaging/pmtud.service" || fail "they differ"
+}
+
+# unit_of PREFIX CMAKE_OPTION...
+# Installs the service alone, for which nothing need be built, and prints what its unit executes.
+unit_of() {
+    cmake -S "$here/../.." -B "$scratch/build" -DBUILD_TESTING=OFF "${@:2}" >"$scratch/log"
+    DESTDIR=$scratch/root cmake --install "$scratch/build" --prefix "$1" --component service \
+        >"$scratch/log"
+    find "$scratch/root" -name pmtud.service -printf '/%P\n' -exec grep '^Exec' {} +
+}
+
+TheUnitFollowsTheFoldersOfADistribution() {
+    expect_equal "the unit" "/usr/lib/systemd/system/pmtud.service
+ExecStart=/usr/bin/pmtud
+ExecPaths=/usr/bin/pmtud /usr/lib -/usr/lib64" "$(unit_of /usr \
+        -DCMAKE_INSTALL_SBINDIR=bin -DCMAKE_INSTALL_LIBDIR=lib64)"
+}
+
+TheUnitFollowsFoldersThatAreAbsolute() {
+    expect_equal "the unit" "/store/pmtud/etc/systemd/system/pmtud.service
+ExecStart=/store/pmtud/sbin/pmtud
+ExecPaths=/store/pmtud/sbin/pmtud /store" "$(unit_of /store/pmtud \
+        -DPMTUD_UNIT_DIR=etc/systemd/system -DCMAKE_INSTALL_SBINDIR=/store/pmtud/sbin \
+        -DCMAKE_INSTALL_LIBDIR=/store/lib -DPMTUD_EXEC_PATHS=/store)"
+}
+
+PkgConfigFindsTheHeadersAlsoWhereTheTreeIsMoved() {
+    install_to "$scratch/prefix"
+    mv "$scratch/prefix" "$scratch/moved"
+    export PKG_CONFIG_PATH=$scratch/moved/share/pkgconfig
+    local -a flags
+    read -ra flags < <(pkg-config --cflags pmtud)
+    expect_equal "its version" 0.1.0 "$(pkg-config --modversion pmtud)"
+    echo '#include <pktd.h>' | cc "${flags[@]}" -xc -E - | grep -F "/moved/" >"$scratch/found" ||
+        fail "the header is not found with ${flags[*]}"
+}
+
+TheDaemonHoldsItsVersion() {
+    install_to "$scratch/prefix"
+    expect_equal "the version" "pmtud 0.1.0" \
+        "$(strings "$scratch/prefix/sbin/pmtud" | grep -x 'pmtud [0-9.]*' | sort -u)"
+}
+
+WithoutABuildTypeItIsOptimised() {
+    cmake -S "$here/../.." -B "$scratch/build" -DBUILD_TESTING=OFF >"$scratch/log"
+    expect_equal "the build type" "CMAKE_BUILD_TYPE:STRING=RelWithDebInfo" \
+        "$(grep '^CMAKE_BUILD_TYPE:' "$scratch/build/CMakeCache.txt")"
+}
+
+CMakeHasNoWarningForDevelopers() {
+    cmake -S "$here/../.." -B "$scratch/build" -Wdev -Wdeprecated 2>"$scratch/warnings" >"$scratch/log"
+    expect_equal "its warnings" "" "$(<"$scratch/warnings")"
 }
 
 EachHeaderCompilesAloneAsCAndAsCxx() {

@@ -64,6 +64,18 @@ MandocHasNothingToSay() {
         sed '/: STYLE: referenced manual not found: /d')"
 }
 
+# A word like "No" is a macro's name, too, unless it is escaped.
+QuotedMessagesAreShownWhole() {
+    expect_explained 'No route'
+    expect_explained 'Could not process rule: No such file or directory'
+    expect_count 2
+}
+
+TheVersionIsTheDaemons() {
+    expect_explained 'pmtud 0\.1\.0'
+    expect_count 1
+}
+
 # Those below WARNING are never written.
 EachStatementThatReachesStandardErrorIsExplained() {
     local file statement level number texts

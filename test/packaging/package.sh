@@ -19,6 +19,8 @@ source "$here/copy.sh"
 readonly project=$2 folder=$3
 architecture=$(dpkg --print-architecture)
 libraries=usr/lib/$(dpkg-architecture -q DEB_HOST_MULTIARCH)/pmtud
+# Where this release keeps units: some still have them outside of /usr.
+units=$(dpkg-query --listfiles systemd | grep -xE '(/usr)?/lib/systemd/system')
 daemon_package=$(echo "$folder"/pmtud_*_"$architecture".deb)
 headers_package=$(echo "$folder"/pmtud-dev_*_all.deb)
 
@@ -32,9 +34,15 @@ SameSourcesGiveTheSamePackagesInAnotherFolder() {
     "$project/script/package" "$scratch/deeper/folder" >"$scratch/log" 2>&1 ||
         fail "$(tail -n 30 "$scratch/log")"
     local package
-    for package in "$daemon_package" "$headers_package"; do
+    for package in "$folder"/*.{deb,tar.xz}; do
         cmp "$package" "$scratch/deeper/folder/${package##*/}" || fail "${package##*/} differs"
     done
+}
+
+ThesePackagesAreBuiltAndNoOthers() {
+    expect_equal "the packages" "pmtud
+pmtud-dbgsym
+pmtud-dev" "$(cd "$folder" && printf '%s\n' *.deb | sed 's/_.*//' | LC_ALL=C sort)"
 }
 
 # content PACKAGE
@@ -44,15 +52,17 @@ content() {
 }
 
 DaemonPackageHasExactlyTheseFiles() {
-    expect_equal "the files" "-rw-r--r-- root/root ./lib/systemd/system/pmtud.service
+    expect_equal "the files" "$(LC_ALL=C sort -k 3 <<END
+-rw-r--r-- root/root .$units/pmtud.service
 lrwxrwxrwx root/root ./$libraries/libpmtud-platform.so.1
 -rw-r--r-- root/root ./$libraries/libpmtud-platform.so.1.0.0
 -rwxr-xr-x root/root ./usr/sbin/pmtud
 -rw-r--r-- root/root ./usr/share/doc/pmtud/README.md
--rw-r--r-- root/root ./usr/share/doc/pmtud/changelog.Debian.gz
+-rw-r--r-- root/root ./usr/share/doc/pmtud/changelog.gz
 -rw-r--r-- root/root ./usr/share/doc/pmtud/copyright
--rw-r--r-- root/root ./usr/share/lintian/overrides/pmtud
--rw-r--r-- root/root ./usr/share/man/man8/pmtud.8.gz" "$(content "$daemon_package")"
+-rw-r--r-- root/root ./usr/share/man/man8/pmtud.8.gz
+END
+)" "$(content "$daemon_package")"
 }
 
 HeadersPackageHasExactlyTheseFiles() {
@@ -61,26 +71,27 @@ HeadersPackageHasExactlyTheseFiles() {
 -rw-r--r-- root/root ./usr/include/pmtud/debug_process.h
 -rw-r--r-- root/root ./usr/include/pmtud/pktd.h
 -rw-r--r-- root/root ./usr/include/pmtud/pktd_record.h
--rw-r--r-- root/root ./usr/share/doc/pmtud-dev/changelog.Debian.gz
+-rw-r--r-- root/root ./usr/share/doc/pmtud-dev/changelog.gz
 -rw-r--r-- root/root ./usr/share/doc/pmtud-dev/copyright
 -rw-r--r-- root/root ./usr/share/doc/pmtud-dev/porting.md
--rw-r--r-- root/root ./usr/share/lintian/overrides/pmtud-dev" "$(content "$headers_package")"
+-rw-r--r-- root/root ./usr/share/pkgconfig/pmtud.pc" "$(content "$headers_package")"
 }
 
 ItsVersionIsTheProjectsAndTheChangelogs() {
     local changelog
-    changelog=$(dpkg-parsechangelog -l "$project/packaging/debian/changelog" -S Version)
+    changelog=$(dpkg-parsechangelog -l "$project/debian/changelog" -S Version)
     expect_equal "the version" "$changelog" "$(dpkg-deb -f "$daemon_package" Version)"
     expect_equal "the headers' version" "$changelog" "$(dpkg-deb -f "$headers_package" Version)"
     local project_version
     project_version=$(sed -nE 's/^project\(pmtud VERSION ([0-9.]+) .*/\1/p' "$project/CMakeLists.txt")
-    expect_equal "the project's version" "${changelog%-*}" "$project_version"
+    expect_equal "the project's version" "$changelog" "$project_version"
 }
 
 ItDependsOnTheLibrariesThatItCalls() {
     expect_equal "what it depends on" \
-        "libc6 libgcc-s1 libmnl0 libnetfilter-log1 libnftables1 libstdc++6 libsystemd0" \
-        "$(dpkg-deb -f "$daemon_package" Depends | sed -E -e 's/ \([^)]*\)//g' -e 's/,//g')"
+        "libc6 libgcc-s1 libmnl0 libnetfilter-log1 libnftables1 libstdc++6 libsystemd0 netbase" \
+        "$(dpkg-deb -f "$daemon_package" Depends | sed 's/ ([^)]*)//g' | tr -d ' ' | tr ',' '\n' |
+            LC_ALL=C sort | xargs)"
 }
 
 # in_copy COMMAND [ARGUMENT...]
@@ -124,7 +135,7 @@ asked() {
 InstallingEnablesTheServiceAndStartsNothingWithoutSystemd() {
     make_copy
     install_in_copy
-    expect_equal "where the link leads" /lib/systemd/system/pmtud.service \
+    expect_equal "where the link leads" "$units/pmtud.service" \
         "$(readlink "$copy/etc/systemd/system/multi-user.target.wants/pmtud.service")"
     [[ ! -e $copy/run/pmtud.pid ]] || fail "it was started"
 }

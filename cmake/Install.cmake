@@ -1,0 +1,66 @@
+# SPDX-License-Identifier: MIT
+# What is installed where.
+include(GNUInstallDirs)
+
+set(PMTUD_UNIT_DIR lib/systemd/system CACHE STRING
+  "Where the systemd unit is installed, below the prefix unless absolute")
+set(PMTUD_EXEC_PATHS /usr/lib -/usr/lib64 CACHE STRING
+  "Where the system's shared libraries are, for the unit's ExecPaths=; with - in front, if there")
+
+# The platform's library is nobody's but the daemon's: in a folder of its own, where the daemon
+# looks for it relative to itself, so that the installed tree can be moved.
+set(pmtud_private_libdir ${CMAKE_INSTALL_LIBDIR}/pmtud)
+install(TARGETS pmtud RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT pmtud)
+install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT pmtud)
+
+# For the owner of another platform.
+install(FILES
+    platform/include/arpd.h
+    platform/include/cfg.h
+    platform/include/debug_process.h
+    platform/include/pktd.h
+    src/shm/record/pktd_record.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/pmtud COMPONENT development)
+
+# pmtud_path_from(RESULT PREFIX FROM TO)
+# How TO is named in a file that lies in FROM: by PREFIX and the way there, so that the tree can be
+# moved, unless one of the two is not below the prefix of the installation.
+function(pmtud_path_from result prefix from to)
+  if(IS_ABSOLUTE "${from}" OR IS_ABSOLUTE "${to}")
+    cmake_path(ABSOLUTE_PATH to BASE_DIRECTORY "${CMAKE_INSTALL_PREFIX}" NORMALIZE)
+    set(${result} "${to}" PARENT_SCOPE)
+  else()
+    file(RELATIVE_PATH way "/prefix/${from}" "/prefix/${to}")
+    set(${result} "${prefix}/${way}" PARENT_SCOPE)
+  endif()
+endfunction()
+
+# Headers are the same on every machine.
+set(pmtud_pkgconfigdir ${CMAKE_INSTALL_DATADIR}/pkgconfig)
+pmtud_path_from(PMTUD_HEADERS "\${pcfiledir}"
+  ${pmtud_pkgconfigdir} ${CMAKE_INSTALL_INCLUDEDIR}/pmtud)
+configure_file(packaging/pmtud.pc.in packaging/pmtud.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/packaging/pmtud.pc
+  DESTINATION ${pmtud_pkgconfigdir} COMPONENT development)
+
+# The service and the man page are about the platform for stock Linux.
+if(NOT TARGET pmtud-platform)
+  return()
+endif()
+
+pmtud_path_from(rpath "$ORIGIN" ${CMAKE_INSTALL_SBINDIR} ${pmtud_private_libdir})
+set_target_properties(pmtud PROPERTIES INSTALL_RPATH "${rpath}")
+install(TARGETS pmtud-platform
+  LIBRARY DESTINATION ${pmtud_private_libdir} COMPONENT pmtud NAMELINK_SKIP)
+
+install(CODE "
+  set(source \"${PROJECT_SOURCE_DIR}/packaging/pmtud.service\")
+  set(here \"${PROJECT_BINARY_DIR}/packaging/pmtud.service\")
+  set(directory \"${PMTUD_UNIT_DIR}\")
+  set(sbindir \"${CMAKE_INSTALL_SBINDIR}\")
+  set(libdir \"${pmtud_private_libdir}\")
+  set(exec_paths \"${PMTUD_EXEC_PATHS}\")
+" COMPONENT service)
+install(SCRIPT packaging/install_unit.cmake COMPONENT service)
+
+install(FILES packaging/pmtud.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT pmtud)

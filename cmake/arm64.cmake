@@ -1,0 +1,5 @@
+# SPDX-License-Identifier: MIT
+# Debian's arm64: 64-bit ARM Linux.
+set(triplet aarch64-linux-gnu)
+set(processor aarch64)
+include(${CMAKE_CURRENT_LIST_DIR}/debian_cross.cmake)

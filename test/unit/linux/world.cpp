@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A switch and two hosts in network namespaces of the test's own.
+// A switch and two hosts in private network namespaces.
 #include "world.h"
 
 #include <arpa/inet.h>
@@ -84,7 +84,7 @@ void awaitReadable(int fd, const char* what) {
     const int limit = static_cast<int>(std::chrono::milliseconds(kPatience).count());
     const int result = poll(&readable, 1, limit);
     check(result >= 0, "poll");
-    if (result == 0) throw std::runtime_error(std::string("waited in vain for ") + what);
+    if (result == 0) throw std::runtime_error(std::string("timed out waiting for ") + what);
 }
 
 void run(const std::string& command) {
@@ -128,6 +128,19 @@ void inOwnProcess(const std::function<void()>& body) {
     EXPECT_EQ(status, 0) << "see the failures above";
 }
 
+int attach() { return pktd_shm_queue_init("pmtud", 0, 1, pktd_tx_queue_pool, pktd_rx_queue_pool); }
+
+int discard(const st_pktd_shm_queue_entry_data_t*, uint8_t*, int) { return PKTD_VERDICT_DISCARD; }
+
+int startThread(pktd_rx_cb_t callback, const char* client) {
+    return pktd_shm_rx_thread_init(client, pktd_rx_queue_pool, pktd_rx_wl_pool, 32, 32, callback,
+                                   nullptr);
+}
+
+int32_t indexOf(const std::string& interface) {
+    return static_cast<int32_t>(if_nametoindex(interface.c_str()));
+}
+
 Capture::Capture(const std::string& host, const std::string& interface) {
     const auto open = [&] {
         m_socket.reset(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -139,7 +152,7 @@ Capture::Capture(const std::string& host, const std::string& interface) {
         check(
             setsockopt(m_socket.get(), SOL_PACKET, PACKET_IGNORE_OUTGOING, &kYes, sizeof kYes) == 0,
             "incoming packets only");
-        const sockaddr_ll link = address(static_cast<int>(if_nametoindex(interface.c_str())));
+        const sockaddr_ll link = address(indexOf(interface));
         check(bind(m_socket.get(), reinterpret_cast<const sockaddr*>(&link), sizeof link) == 0,
               "bind");
     };
@@ -257,13 +270,14 @@ route add default via fd00:20::1
         awaitLink(interface);
     }
     for (const char* const host : {"a", "b"}) onHost(host, [] { awaitLink("eth0"); });
-    const auto open = [](Sender& sender) {
-        sender.socket.reset(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        check(sender.socket.valid(), "packet socket");
-        sender.interface = static_cast<int>(if_nametoindex("eth0"));
-    };
-    onHost("a", [&] { open(m_a); });
-    onHost("b", [&] { open(m_b); });
+    onHost("a", [&] { m_a.open("eth0"); });
+    onHost("b", [&] { m_b.open("eth0"); });
+}
+
+void World::Sender::open(const std::string& name) {
+    socket.reset(::socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    check(socket.valid(), "packet socket");
+    interface = indexOf(name);
 }
 
 void World::send(const Sender& sender, const Bytes& packet, const std::string& destination) {
@@ -287,18 +301,11 @@ void World::sendFromB(const Bytes& packet) { send(m_b, packet, "02:00:00:00:20:0
 void World::sendInto(const std::string& interface, const Bytes& packet,
                      const std::string& destination) {
     Sender sender;
-    sender.socket.reset(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    check(sender.socket.valid(), "packet socket");
-    sender.interface = static_cast<int>(if_nametoindex(interface.c_str()));
+    sender.open(interface);
     send(sender, packet, destination);
 }
 
-void World::sendFence() {
-    Ipv4 fence;
-    fence.size = 1001;
-    fence.destination = "10.0.30.2";
-    send(packet(fence));
-}
+void World::sendFence() { send(packet(Ipv4{.size = 1001, .destination = "10.0.30.2"})); }
 
 uint64_t handedOver(const std::string& interface) {
     const std::string text = output("nft list counter inet pmtud " + interface);

@@ -58,16 +58,21 @@ delete map inet pmtud copied6-1280
 )";
 
 // VLAN 20 with the interface index 7.
-constexpr char kAddVlan20[] = R"(add element inet pmtud vlans { "0000000000000007" }
-add counter inet pmtud bcm0.20
-add element inet pmtud counters { 20 : "bcm0.20" }
-add chain inet pmtud to-bcm0.20
-add rule inet pmtud to-bcm0.20 meta length <= 1280 accept
+// The rules of VLAN 20's chain.
+constexpr char kChain20[] = R"(add rule inet pmtud to-bcm0.20 meta length <= 1280 accept
 add rule inet pmtud to-bcm0.20 jump candidate
 add rule inet pmtud to-bcm0.20 ip hdrlength 5 update @copied4-1280 { @nh,96,64 . @nh,160,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
 add rule inet pmtud to-bcm0.20 ip hdrlength 6-13 update @copied4o-1280 { @nh,96,32 . @nh,128,32 . @nh,16,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
 add rule inet pmtud to-bcm0.20 meta nfproto ipv6 update @copied6-1280 { @nh,224,32 . @nh,288,32 . @nh,320,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
-add element inet pmtud egress { "0000000000000007" : goto to-bcm0.20 }
+)";
+
+const std::string kAddVlan20 =
+    R"(add element inet pmtud vlans { "0000000000000007" }
+add counter inet pmtud bcm0.20
+add element inet pmtud counters { 20 : "bcm0.20" }
+add chain inet pmtud to-bcm0.20
+)" + std::string(kChain20) +
+    R"(add element inet pmtud egress { "0000000000000007" : goto to-bcm0.20 }
 )";
 
 constexpr char kRemoveVlan20[] = R"(delete element inet pmtud vlans { "0000000000000007" }
@@ -75,14 +80,6 @@ delete element inet pmtud egress { "0000000000000007" }
 delete chain inet pmtud to-bcm0.20
 delete element inet pmtud counters { 20 }
 delete counter inet pmtud bcm0.20
-)";
-
-// The rules of VLAN 20's chain, which follow the line that adds it.
-constexpr char kChain20[] = R"(add rule inet pmtud to-bcm0.20 meta length <= 1280 accept
-add rule inet pmtud to-bcm0.20 jump candidate
-add rule inet pmtud to-bcm0.20 ip hdrlength 5 update @copied4-1280 { @nh,96,64 . @nh,160,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
-add rule inet pmtud to-bcm0.20 ip hdrlength 6-13 update @copied4o-1280 { @nh,96,32 . @nh,128,32 . @nh,16,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
-add rule inet pmtud to-bcm0.20 meta nfproto ipv6 update @copied6-1280 { @nh,224,32 . @nh,288,32 . @nh,320,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
 )";
 
 // The same text about another number, or another name.

@@ -22,6 +22,12 @@
 #include "messages.h"
 #include "pktd.h"
 
+/// Throws std::system_error, by errno, if a call has failed.
+void check(bool succeeded, const char* what);
+
+/// All packets of an interface.
+sockaddr_ll address(int ifindex);
+
 /// Moves the process into mount and network namespaces of its own, with an empty /run and a
 /// /dev without the machine's sockets.  Throws std::system_error where that is not allowed.
 void isolate();

@@ -171,6 +171,7 @@ int __wrap_ioctl(int, unsigned long request, void* argument) {
     const uint8_t choice = world->input.byte();
     if (choice % 8 == 7) return fail(ENODEV);
     if (request == SIOCGIFNAME) strcpy(answer.ifr_name, choice % 8 == 6 ? "eth0" : "bcm0.1");
+    if (request == SIOCGIFINDEX) answer.ifr_ifindex = choice % 8;
     if (request == SIOCGIFMTU) answer.ifr_mtu = 500 + choice * 64;
     return 0;
 }

@@ -199,7 +199,9 @@ void World::takeLine(Priority priority, const std::string& line) {
     if (known == std::end(kKnown)) {
         const bool isLoss = line.find(": the answers do not leave this router") != line.npos;
         const bool isReturn = line.ends_with(": the answers leave this router again");
-        require(m_current && m_isHandedOver && priority == Priority::kWarning, "a known line");
+        require(priority == Priority::kWarning, "a known line");
+        if (line.ends_with("; only the lower VLAN is served, so remove one of the names")) return;
+        require(m_current && m_isHandedOver, "a line about answers");
         require(isLoss ? m_isLost : isReturn && !m_isLost, "what becomes of answers");
     } else if (known->count >= 0) {
         const std::string number = line.substr(strlen(known->start));

@@ -4,6 +4,8 @@
 #ifndef PMTUD_TEST_FUZZ_LINKS_MODEL_H
 #define PMTUD_TEST_FUZZ_LINKS_MODEL_H
 
+#include <set>
+
 #include "netlink_message.h"
 
 namespace fuzz {
@@ -24,12 +26,15 @@ inline int vlanOfPrefix(const std::string& prefix) {
     return prefix.substr(0, 6) == "pmtud:" ? vlanOfName("bcm0." + prefix.substr(6)) : 0;
 }
 
-/// A name leads to one interface, and an interface has one name.
+/// A name leads to one interface, and an interface is the lowest VLAN that it has a name of.
 inline void follow(pmtud_linux::Vlans& vlans, const pmtud_linux::Link& link) {
     std::erase_if(vlans, [&](const auto& known) { return known.second.ifindex == link.ifindex; });
-    const int vlan = vlanOfName(link.name);
-    if (!link.gone && link.ethernet && vlan != 0)
-        vlans[vlan] = {link.ifindex, link.mtu, link.inVrf};
+    std::set<int> named = {vlanOfName(link.name)};
+    for (const std::string& name : link.alternativeNames) named.insert(vlanOfName(name));
+    named.erase(0);
+    if (link.gone || !link.ethernet || named.empty()) return;
+    const int next = named.size() == 1 ? 0 : *++named.begin();
+    vlans[*named.begin()] = {link.ifindex, link.mtu, link.inVrf, next};
 }
 
 /// The VLAN of the interface, or 0.

@@ -3,7 +3,7 @@
 #include <net/if.h>
 
 #include "guarded_memory.h"
-#include "links.h"
+#include "link.h"
 #include "links_model.h"
 #include "rules_model.h"
 #include "ruleset.h"
@@ -29,6 +29,7 @@ std::optional<Link> decode(Span message) {
     require(read->ifindex == expected->ifindex && read->gone == expected->gone, "which one");
     require(read->ethernet == expected->ethernet, "its hardware");
     require(read->name == expected->name, "its name");
+    require(read->alternativeNames == expected->alternativeNames, "its alternative names");
     require(read->alternativeNames == expected->alternativeNames, "its alternative names");
     require(read->mtu == expected->mtu && read->inVrf == expected->inVrf, "its MTU and its master");
     return read;

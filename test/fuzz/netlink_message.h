@@ -111,9 +111,17 @@ inline Bytes drawLinkMessage(Input& input) {
         constexpr std::array<const char*, 4> kMasters = {"vrf", "bridge", "vrfs", "vr"};
         const int index = 1 + form / 8 % 8;
         const int vlan = choice % 4 == 3 ? index : 1 + choice % 4;
+        const std::string name = "bcm0." + std::to_string(vlan);
+        const bool hasOther = form >= 0xA0;
         Netlink message = linkMessage(form % 8 == 7 ? RTM_DELLINK : RTM_NEWLINK, index);
-        message.text(IFLA_IFNAME, "bcm0." + std::to_string(vlan))
-            .number(IFLA_MTU, kMtus[choice / 4 % 8]);
+        message.text(IFLA_IFNAME, hasOther ? "eth0" : name).number(IFLA_MTU, kMtus[choice / 4 % 8]);
+        if (form >= 0x80) {
+            Netlink names = nested();
+            names.text(IFLA_ALT_IFNAME, "uplink")
+                .text(IFLA_ALT_IFNAME, "bcm0." + std::to_string(1 + choice / 32 % 4));
+            if (hasOther) names.text(IFLA_ALT_IFNAME, name);
+            message.nest(IFLA_PROP_LIST, names);
+        }
         if (choice >= 0xC0)
             message.nest(IFLA_LINKINFO, nested()
                                             .text(IFLA_INFO_KIND, "vlan")
@@ -127,7 +135,7 @@ inline Bytes drawLinkMessage(Input& input) {
     Netlink message =
         linkMessage(type, index == 0xFF ? input.number<int32_t>() : index % 8,
                     kHardware[choice / 48 % 3], choice / 3 % 16 == 15 ? AF_BRIDGE : AF_UNSPEC);
-    addAttributes(input, {IFLA_IFNAME, IFLA_MTU, IFLA_LINKINFO}, message.bytes);
+    addAttributes(input, {IFLA_IFNAME, IFLA_MTU, IFLA_LINKINFO, IFLA_PROP_LIST}, message.bytes);
     closeMessage(input, message);
     return message.bytes;
 }
@@ -144,10 +152,15 @@ inline std::optional<pmtud_linux::Link> expectedLink(Span padded) {
         if (kind == IFLA_INFO_SLAVE_KIND) link.inVrf = textOf(payload) == "vrf";
         return true;
     };
+    const auto takeName = [&](uint16_t kind, Span payload) {
+        if (kind == IFLA_ALT_IFNAME) link.alternativeNames.push_back(textOf(payload));
+        return true;
+    };
     const auto take = [&](uint16_t kind, Span payload) {
         if (kind == IFLA_MTU && payload.size() != 4) return false;
         if (kind == IFLA_IFNAME) link.name = textOf(payload);
         if (kind == IFLA_MTU) link.mtu = load<uint32_t>(payload);
+        if (kind == IFLA_PROP_LIST) forEachAttribute(payload, takeName);
         return kind != IFLA_LINKINFO || forEachAttribute(payload, takeKind);
     };
     if (!forEachAttribute(padded.subspan(kLinkHeaders), take)) return std::nullopt;

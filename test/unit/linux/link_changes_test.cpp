@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "calls.h"
-#include "links.h"
+#include "link_monitor.h"
 #include "messages.h"
 #include "world.h"
 

@@ -9,7 +9,8 @@
 
 #include "calls.h"
 #include "cfg.h"
-#include "links.h"
+#include "link.h"
+#include "link_monitor.h"
 #include "vlan_name.h"
 #include "world.h"
 

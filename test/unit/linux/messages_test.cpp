@@ -3,17 +3,18 @@
 // libnftables.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <libmnl/libmnl.h>
 #include <libnetfilter_log/linux_nfnetlink_log.h>
 #include <linux/if_link.h>
 #include <linux/netfilter/nfnetlink.h>
 
 #include <memory>
 
-#include "links.h"
+#include "link.h"
 #include "log_message.h"
 #include "messages.h"
 #include "netlink.h"
-#include "nft_table.h"
+#include "nft_connection.h"
 
 using pmtud_linux::copiedFor;
 using pmtud_linux::decodeLink;

@@ -12,10 +12,10 @@
 
 #include "answer_watch.h"
 #include "calls.h"
-#include "links.h"
+#include "link_monitor.h"
 #include "log_group.h"
 #include "messages.h"
-#include "netfilter_request.h"
+#include "netlink_request.h"
 
 using pmtud_linux::AnswerWatch;
 using pmtud_linux::LinkMonitor;
@@ -153,7 +153,7 @@ TEST_F(Netfilter, RequestIsNumberedAnewAndAcknowledgedByTheKernelOnly) {
     ASSERT_TRUE(socket);
     const auto request = [&] {
         Netlink message(NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_GETGEN, sizeof(nfgenmsg));
-        return pmtud_linux::requestOfNetfilter(socket, &message.header(), nullptr, nullptr);
+        return pmtud_linux::requestOfKernel(socket, &message.header(), nullptr, nullptr);
     };
     answer = [this] {
         give(errorMessage(sequence, -EBUSY), 4711);

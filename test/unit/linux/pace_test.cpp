@@ -2,9 +2,9 @@
 // How often something is logged: bursts of events, losses of answers, frames.
 #include <gtest/gtest.h>
 
-#include "answer_watch.h"
-#include "frame_lines.h"
-#include "say.h"
+#include "answer_news.h"
+#include "burst.h"
+#include "line_budget.h"
 
 using namespace std::chrono_literals;
 using pmtud_linux::AnswerNews;

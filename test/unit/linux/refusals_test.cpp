@@ -17,7 +17,7 @@
 #include "kernel_answer.h"
 #include "log_daemon.h"
 #include "messages.h"
-#include "txqueue.h"
+#include "tx_queue.h"
 #include "world.h"
 
 using namespace std::chrono_literals;

@@ -4,27 +4,26 @@
 #ifndef PMTUD_TEST_FUZZ_COPIES_MODEL_H
 #define PMTUD_TEST_FUZZ_COPIES_MODEL_H
 
-#include <algorithm>
-#include <array>
-#include <cstddef>
-#include <cstdint>
-#include <cstring>
 #include <deque>
-#include <string>
 
-#include "input.h"
-#include "link_message.h"
-#include "log_message.h"
 #include "netlink_message.h"
 #include "pktd_record.h"
 
 namespace fuzz {
 
-/// Of the prefix of a copy, pmtud:VLAN; 0 of any other.
-inline int vlanOfPrefix(const std::string& prefix) {
-    if (prefix.substr(0, 6) != "pmtud:") return 0;
-    const auto found = vlansByName().find("bcm0." + prefix.substr(6));
-    return found == vlansByName().end() ? 0 : found->second;
+/// The header of an IPv4 or IPv6 packet, if all of it is there; else 0.
+inline std::size_t headerOf(Span packet) {
+    if (packet.size() >= 40 && packet[0] / 16 == 6) return 40;
+    if (packet.size() < 20 || packet[0] / 16 != 4) return 0;
+    const std::size_t size = packet[0] % 16 * std::size_t{4};
+    return size >= 20 && size <= packet.size() ? size : 0;
+}
+
+/// The packet that an error message quotes: it follows an IP header and 8 bytes.
+inline Span quotedBy(Span error) {
+    const std::size_t header = headerOf(error);
+    if (header == 0 || error.size() < header + 8) return {};
+    return error.subspan(header + 8);
 }
 
 /// A copy that waits for the message that refuses it.
@@ -35,10 +34,11 @@ struct Kept {
     Bytes packet;
     bool used = false;
 
+    bool isIpv4() const { return packet[0] / 16 == 4; }
+
     /// What the packet's header claims, or what was copied if that is more.
     std::size_t packetSize() const {
-        const std::size_t claimed =
-            packet[0] / 16 == 4 ? packet[2] * 256U + packet[3] : 40U + packet[4] * 256U + packet[5];
+        const std::size_t claimed = isIpv4() ? get16(packet, 2) : 40 + get16(packet, 4);
         return std::max(claimed, packet.size());
     }
 };
@@ -48,10 +48,7 @@ class CopiesModel {
     bool keep(const Message& message, int vlan) {
         if (message.ingress < 1 || message.ingress > 0x7FFFFFFF) return false;
         if (headerOf(message.payload) == 0 || message.payload.size() > 1500) return false;
-        Kept kept;
-        kept.ingress = message.ingress;
-        kept.egressVlan = vlan;
-        kept.packet.assign(message.payload.begin(), message.payload.end());
+        Kept kept{message.ingress, vlan, {}, cut(message.payload, 0, message.payload.size())};
         // The rules cut at 1,500 bytes and nowhere else.
         if (kept.packet.size() < 1500 && kept.packetSize() > kept.packet.size()) return false;
         const std::size_t known = std::min<std::size_t>(12, message.linkHeader.size());
@@ -64,23 +61,21 @@ class CopiesModel {
     /// The newest that has not been used; null if there is none.
     const Kept* take(Span quote) {
         if (headerOf(quote) == 0) return nullptr;
-        const auto isIt = [&](const Kept& kept) {
-            return !kept.used && quotes(quote, kept.packet);
-        };
-        const auto found = std::find_if(m_kept.begin(), m_kept.end(), isIt);
-        if (found == m_kept.end()) return nullptr;
-        found->used = true;
-        return &*found;
+        for (Kept& kept : m_kept) {
+            if (kept.used || !quotes(quote, kept)) continue;
+            kept.used = true;
+            return &kept;
+        }
+        return nullptr;
     }
 
  private:
     // IPv4: but for the header's checksum and the options, into which the kernel may write.
-    static bool quotes(Span quote, Span packet) {
-        const bool isIpv4 = packet[0] / 16 == 4;
-        const std::size_t header = headerOf(packet);
-        for (std::size_t i = 0; i < quote.size() && i < packet.size(); ++i) {
-            const bool isFree = isIpv4 && (i == 10 || i == 11 || (i >= 20 && i < header));
-            if (!isFree && quote[i] != packet[i]) return false;
+    static bool quotes(Span quote, const Kept& kept) {
+        const std::size_t header = headerOf(kept.packet);
+        for (std::size_t i = 0; i < quote.size() && i < kept.packet.size(); ++i) {
+            const bool isFree = kept.isIpv4() && (i == 10 || i == 11 || (i >= 20 && i < header));
+            if (!isFree && quote[i] != kept.packet[i]) return false;
         }
         return true;
     }
@@ -88,56 +83,31 @@ class CopiesModel {
     std::deque<Kept> m_kept;  // the newest first
 };
 
-/// The frame as it must be, and the record's fields.
-struct Built {
-    Bytes bytes;
-    int32_t port = 0;
-    int32_t proto = 0;
-    int32_t vid = 0;
-    int32_t egress = 0;
-};
-
-/// The packet with the header that the message quotes, behind an Ethernet header with one tag.
-inline Built expectedFrame(const Kept& kept, int ingressVlan, uint32_t egress, Span quote) {
-    const unsigned type = kept.packet[0] / 16 == 4 ? 0x0800 : 0x86DD;
-    Built built;
-    built.bytes.assign(kept.addresses.begin(), kept.addresses.end());
-    for (const unsigned number : {0x8100U, static_cast<unsigned>(ingressVlan), type}) {
-        built.bytes.push_back(static_cast<uint8_t>(number / 256));
-        built.bytes.push_back(static_cast<uint8_t>(number % 256));
-    }
-    const Span header = quote.first(headerOf(quote));
-    const Span rest = Span(kept.packet).subspan(header.size());
-    built.bytes.insert(built.bytes.end(), header.begin(), header.end());
-    built.bytes.insert(built.bytes.end(), rest.begin(), rest.end());
-    built.bytes.resize(18 + kept.packetSize());
-    built.port = static_cast<int32_t>(kept.ingress - 1);
-    built.proto = static_cast<int32_t>(type);
-    built.vid = ingressVlan;
-    built.egress = static_cast<int32_t>(egress);
-    return built;
-}
-
 inline bool same(Span left, Span right) {
     return left.size() == right.size() && std::equal(left.begin(), left.end(), right.begin());
 }
 
-inline bool isZero(Span bytes) {
-    return bytes.empty() ||
-           (bytes[0] == 0 && memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0);
-}
-
-/// A reader that trusts an IPv6 header reads 65,593 bytes, whatever the size of the frame.
+/// The frame is the packet with the header that the message quotes, behind an Ethernet header with
+/// one tag.  A reader that trusts an IPv6 header reads 65,593 bytes, whatever the frame's size.
 inline void checkFrame(const st_pktd_shm_queue_entry_data_t& record, const uint8_t* frame,
-                       std::size_t size, const Built& built) {
+                       std::size_t size, const Kept& kept, Span quote) {
     constexpr std::size_t kReadable = 18 + 40 + 65535;
-    require(size == built.bytes.size(), "size of the frame");
-    require(same({frame, size}, built.bytes), "bytes of the frame");
-    require(isZero({frame + size, kReadable - size}), "zeros beyond the frame");
     const st_pktd_shm_queue_entry_ctrl_t& control = record.ctrl;
-    require(control.port == built.port && control.proto == built.proto, "port and protocol");
-    require(control.vid == built.vid && control.vtag == built.vid, "VLAN");
-    require(control.egress == built.egress && control.is_trunk == 0, "egress, and no trunk");
+    const int type = kept.isIpv4() ? 0x0800 : 0x86DD;
+    Bytes expected(kept.addresses.begin(), kept.addresses.end());
+    expected.resize(18);
+    put16(expected, 12, 0x8100);
+    put16(expected, 14, static_cast<std::size_t>(control.vid));
+    put16(expected, 16, static_cast<std::size_t>(type));
+    const std::size_t header = headerOf(quote);
+    expected = expected + cut(quote, 0, header) + cut(kept.packet, header, kept.packet.size());
+    expected.resize(18 + kept.packetSize());
+    require(same({frame, size}, expected), "size and bytes of the frame");
+    static const Bytes zeros(kReadable);
+    require(memcmp(frame + size, zeros.data(), kReadable - size) == 0, "zeros beyond the frame");
+    require(control.port == static_cast<int32_t>(kept.ingress - 1), "port");
+    require(control.proto == type && control.is_trunk == 0, "protocol, and no trunk");
+    require(control.vid == control.vtag, "the VLAN and its tag");
 }
 
 }  // namespace fuzz

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Fuzzes the header views and their dumps over bytes of which no more can be read than they may.
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <sstream>
 #include <string>
@@ -46,36 +47,20 @@ bool isHexOf(const char* text, const uint8_t* bytes, std::size_t count) {
     return true;
 }
 
+// Each view is read to its last field; unit/net compares the fields.
+
 void viewEthernet(Span bytes) {
     const uint8_t* const b = memory().place(bytes, 18);
     const EthVlanHeader eth(b);
-    const unsigned tag = b[14] * 256U + b[15];
-    require(eth.data() == b && eth.payload() == b + 18, "the payload begins behind the tag");
-    require(memcmp(eth.dest(), b, 6) == 0 && memcmp(eth.source(), b + 6, 6) == 0, "addresses");
-    require(eth.vlan_tpid() == b[12] * 256U + b[13], "tag protocol identifier");
-    require(eth.vlan_tci() == tag, "tag control information");
-    require(eth.vlan_pcp() == tag / 8192, "priority");
-    require(eth.vlan_dei() == (tag / 4096 % 2 == 1), "drop eligible");
-    require(eth.vlan_id() == tag % 4096, "VLAN");
     require(eth.proto() == b[16] * 256U + b[17], "EtherType");
-    const std::string dump = ethDump(eth);
-    require(dump == reference::ethDump(b), "dump of the Ethernet header");
-    require(inserted(eth) == dump, "insertion of the Ethernet header");
+    require(ethDump(eth) == reference::ethDump(b), "dump of the Ethernet header");
+    require(inserted(eth) == reference::ethDump(b), "insertion of the Ethernet header");
 }
 
 void viewIpv4(Span bytes) {
     const uint8_t* const b = memory().place(bytes, 20);
     const Ipv4Header ip(b);
-    require(ip.version() == b[0] / 16 && ip.ihlRaw() == b[0] % 16, "version and length");
-    require(ip.ihl() == b[0] % 16 * 4U, "length in bytes");
-    require(ip.tos() == b[1] && ip.ttl() == b[8] && ip.protocol() == b[9], "single bytes");
     require(ip.totalLength() == b[2] * 256U + b[3], "total length");
-    require(ip.id() == b[4] * 256U + b[5], "identification");
-    require(ip.flags() == b[6] / 32, "flags");
-    require(ip.df() == (b[6] / 64 % 2 == 1) && ip.mf() == (b[6] / 32 % 2 == 1), "DF and MF");
-    require(ip.fragmentOffset() == b[6] % 32 * 256U + b[7], "fragment offset");
-    require(ip.checksum() == b[10] * 256U + b[11], "checksum");
-    require(memcmp(ip.src().to_bytes().data(), b + 12, 4) == 0, "IPv4 source");
     require(memcmp(ip.dst().to_bytes().data(), b + 16, 4) == 0, "IPv4 destination");
 }
 
@@ -89,12 +74,7 @@ void dumpIpv4(Span bytes) {
 void viewIpv6(Span bytes) {
     const uint8_t* const b = memory().place(bytes, 40);
     const Ipv6Header ip(b);
-    require(ip.version() == b[0] / 16 && ip.trafficClass() == 0, "version and class");
-    require(ip.flowLabel() == b[1] % 16 * 65536U + b[2] * 256U + b[3], "flow label");
-    require(ip.payloadLength() == b[4] * 256U + b[5], "payload length");
     require(ip.totalLength() == b[4] * 256U + b[5] + 40, "total length");
-    require(ip.nextHeader() == b[6] && ip.hopLimit() == b[7], "next header and hop limit");
-    require(memcmp(ip.src().to_bytes().data(), b + 8, 16) == 0, "IPv6 source");
     require(memcmp(ip.dst().to_bytes().data(), b + 24, 16) == 0, "IPv6 destination");
 }
 
@@ -145,31 +125,12 @@ void writeNumber(Input input) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Input input(data, size);
-    switch (input.byte() % 8) {
-        case 0:
-            viewEthernet(input.rest());
-            break;
-        case 1:
-            viewIpv4(input.rest());
-            break;
-        case 2:
-            dumpIpv4(input.rest());
-            break;
-        case 3:
-            viewIpv6(input.rest());
-            break;
-        case 4:
-            dumpIpv6(input.rest());
-            break;
-        case 5:
-            dumpBytes(input.rest());
-            break;
-        case 6:
-            writeAddress(input.rest());
-            break;
-        default:
-            writeNumber(input);
-            break;
-    }
+    constexpr std::array<void (*)(Span), 7> kReaders = {
+        viewEthernet, viewIpv4, dumpIpv4, viewIpv6, dumpIpv6, dumpBytes, writeAddress};
+    const std::size_t which = input.byte() % 8;
+    if (which < kReaders.size())
+        kReaders[which](input.rest());
+    else
+        writeNumber(input);
     return 0;
 }

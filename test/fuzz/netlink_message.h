@@ -1,31 +1,24 @@
 // SPDX-License-Identifier: MIT
-// Netlink messages for the fuzz targets: made from an input, and read by the rules of the format.
+// Netlink messages for the fuzz targets: drawn from an input, and read by the rules of the format.
 #ifndef PMTUD_TEST_FUZZ_NETLINK_MESSAGE_H
 #define PMTUD_TEST_FUZZ_NETLINK_MESSAGE_H
 
-#include <algorithm>
-#include <array>
-#include <cstddef>
-#include <cstdint>
-#include <cstring>
-#include <string>
-#include <vector>
+#include <libnetfilter_log/linux_nfnetlink_log.h>
+#include <linux/if_link.h>
+
+#include <map>
+#include <optional>
 
 #include "input.h"
+#include "messages.h"
+#include "vlan_table.h"
 
 namespace fuzz {
-
-using Bytes = std::vector<uint8_t>;
-
-constexpr std::size_t kMessageHeader = 16;
-constexpr std::size_t kAttributeHeader = 4;
 
 /// A message is no larger, whatever the input wants.
 constexpr std::size_t kLargestMessage = 200000;
 
-constexpr std::size_t aligned(std::size_t size) { return (size + 3) / 4 * 4; }
-
-/// The number at the offset, in this machine's byte order as all of netlink's own are.
+/// The number at the offset, in this machine's byte order.
 template <typename T>
 T load(Span bytes, std::size_t offset = 0) {
     T value;
@@ -33,36 +26,14 @@ T load(Span bytes, std::size_t offset = 0) {
     return value;
 }
 
-template <typename T>
-void store(Bytes& bytes, std::size_t offset, T value) {
-    memcpy(bytes.data() + offset, &value, sizeof value);
+inline uint32_t bigEndian(Span bytes) {
+    uint32_t value = 0;
+    for (const uint8_t byte : bytes) value = value * 256 + byte;
+    return value;
 }
 
-inline void addAttribute(Bytes& bytes, uint16_t type, Span payload) {
-    const std::size_t start = bytes.size();
-    bytes.resize(start + kAttributeHeader);
-    store(bytes, start, static_cast<uint16_t>(kAttributeHeader + payload.size()));
-    store(bytes, start + 2, type);
-    bytes.insert(bytes.end(), payload.begin(), payload.end());
-    bytes.resize(aligned(bytes.size()));
-}
-
-/// In network order, as netfilter has its numbers.
-inline void addNumber(Bytes& bytes, uint16_t type, uint32_t number) {
-    const std::array<uint8_t, 4> payload = {
-        static_cast<uint8_t>(number >> 24), static_cast<uint8_t>(number >> 16),
-        static_cast<uint8_t>(number >> 8), static_cast<uint8_t>(number)};
-    addAttribute(bytes, type, payload);
-}
-
-/// With the terminating zero.
-inline void addText(Bytes& bytes, uint16_t type, const std::string& text) {
-    const auto* const start = reinterpret_cast<const uint8_t*>(text.c_str());
-    addAttribute(bytes, type, {start, text.size() + 1});
-}
-
-inline uint16_t attributeType(uint16_t type, const std::vector<uint16_t>& known, Input& input) {
-    return type < known.size() ? known[type] : input.number<uint16_t>();
+inline std::string textOf(Span bytes) {
+    return {bytes.begin(), std::find(bytes.begin(), bytes.end(), uint8_t{0})};
 }
 
 /// Adds attributes of these types, mostly; some that claim another length than they have.
@@ -71,65 +42,183 @@ inline void addAttributes(Input& input, const std::vector<uint16_t>& known, Byte
     unsigned left = input.byte() % 16;
     for (; left > 0 && bytes.size() < kLargestMessage - kLargestAttribute; --left) {
         const uint8_t choice = input.byte();
-        const uint16_t type = attributeType(choice % 16, known, input);
+        const std::size_t which = choice % 16;
+        const uint16_t type = which < known.size() ? known[which] : input.number<uint16_t>();
         std::size_t size = input.byte();
         if (size >= 250) size = input.number<uint16_t>();
         const Span given = input.bytes(size);
-        const std::size_t start = bytes.size();
-        bytes.resize(start + kAttributeHeader);
+        Bytes payload(given.begin(), given.end());
         // Zeros if a large attribute is wanted and the input does not give it.
-        bytes.insert(bytes.end(), given.begin(), given.end());
-        if ((choice & 0x40) != 0 && size > given.size())
-            bytes.resize(bytes.size() + size - given.size());
-        const bool lies = (choice & 0x80) != 0;
-        const auto length = static_cast<uint16_t>(bytes.size() - start);
-        store(bytes, start, lies ? input.number<uint16_t>() : length);
-        store(bytes, start + 2, type);
-        bytes.resize(aligned(bytes.size()));
+        if ((choice & 0x40) != 0) payload.resize(std::max(size, payload.size()));
+        const auto length = static_cast<uint16_t>(sizeof(nlattr) + payload.size());
+        const nlattr attribute{(choice & 0x80) != 0 ? input.number<uint16_t>() : length, type};
+        const auto* const header = reinterpret_cast<const uint8_t*>(&attribute);
+        bytes.insert(bytes.end(), header, header + sizeof attribute);
+        bytes.insert(bytes.end(), payload.begin(), payload.end());
+        bytes.resize(Netlink::aligned(bytes.size()));
     }
 }
 
 /// The header's length becomes that of the bytes or another, and the bytes are as many or fewer.
-inline void closeMessage(Input& input, Bytes& message) {
-    auto claimed = static_cast<uint32_t>(message.size());
+inline void closeMessage(Input& input, Netlink& message) {
+    uint32_t& claimed = message.close().header().nlmsg_len;
     const uint8_t choice = input.byte();
     if (choice == 1) claimed = input.number<uint32_t>();
     if (choice == 2 || choice == 4) claimed -= input.byte() % 4;
-    store(message, 0, claimed);
-    if (choice == 3) message.resize(message.size() - input.number<uint16_t>() % message.size());
+    const std::size_t size = message.bytes.size();
+    if (choice == 3) message.bytes.resize(size - input.number<uint16_t>() % size);
     // Without the padding after the last attribute.
-    if (choice == 4) message.resize(claimed);
+    if (choice == 4) message.bytes.resize(claimed);
 }
 
 /// The whole messages of a datagram that starts at a message, each as far as its padding, if the
 /// datagram has it.  `padded` is the datagram and what fills it up to the next boundary.
 inline std::vector<Span> messagesOf(Span padded, std::size_t size) {
     std::vector<Span> messages;
-    for (std::size_t start = 0; start < size && size - start >= kMessageHeader;) {
+    for (std::size_t start = 0; start < size && size - start >= Netlink::kHeader;) {
         const std::size_t claimed = load<uint32_t>(padded, start);
-        if (claimed < kMessageHeader || claimed > size - start) break;
-        messages.push_back(padded.subspan(start, aligned(claimed)));
-        start += aligned(claimed);
+        if (claimed < Netlink::kHeader || claimed > size - start) break;
+        messages.push_back(padded.subspan(start, Netlink::aligned(claimed)));
+        start += Netlink::aligned(claimed);
     }
     return messages;
-}
-
-inline std::string textOf(Span bytes) {
-    return {bytes.begin(), std::find(bytes.begin(), bytes.end(), uint8_t{0})};
 }
 
 /// Hands the attributes' types and payloads to `take`, until one contradicts the space that it is
 /// in, which ends the attributes, or `take` answers false, which is the result.
 template <typename Take>
 bool forEachAttribute(Span space, Take take) {
-    while (space.size() >= kAttributeHeader) {
-        const auto length = load<uint16_t>(space);
-        if (length < kAttributeHeader || length > space.size()) return true;
-        const auto type = static_cast<uint16_t>(load<uint16_t>(space, 2) & 0x3FFF);
-        if (!take(type, space.subspan(kAttributeHeader, length - kAttributeHeader))) return false;
-        space = space.subspan(std::min(aligned(length), space.size()));
+    while (space.size() >= sizeof(nlattr)) {
+        const auto [length, type] = load<nlattr>(space);
+        if (length < sizeof(nlattr) || length > space.size()) return true;
+        const Span payload = space.subspan(sizeof(nlattr), length - sizeof(nlattr));
+        if (!take(static_cast<uint16_t>(type & NLA_TYPE_MASK), payload)) return false;
+        space = space.subspan(std::min(Netlink::aligned(length), space.size()));
     }
     return true;
+}
+
+// Links.
+
+constexpr std::size_t kLinkHeaders = Netlink::kHeader + sizeof(ifinfomsg);
+
+/// What interfaces really are like, mostly; few numbers and names, so that they come again.
+inline Bytes drawLinkMessage(Input& input) {
+    const uint8_t form = input.byte();
+    const uint8_t choice = input.byte();
+    if (form < 0xC0) {
+        constexpr std::array<uint32_t, 8> kMtus = {1500, 1280, 9000, 576, 575, 16383, 16384, 1500};
+        constexpr std::array<const char*, 4> kMasters = {"vrf", "bridge", "vrfs", "vr"};
+        const int index = 1 + form / 8 % 8;
+        const int vlan = choice % 4 == 3 ? index : 1 + choice % 4;
+        const std::string name = "bcm0." + std::to_string(vlan);
+        const bool hasOther = form >= 0xA0;
+        Netlink message = linkMessage(form % 8 == 7 ? RTM_DELLINK : RTM_NEWLINK, index);
+        message.text(IFLA_IFNAME, hasOther ? "eth0" : name).number(IFLA_MTU, kMtus[choice / 4 % 8]);
+        if (form >= 0x80) {
+            Netlink names = nested();
+            names.text(IFLA_ALT_IFNAME, "uplink")
+                .text(IFLA_ALT_IFNAME, "bcm0." + std::to_string(1 + choice / 32 % 4));
+            if (hasOther) names.text(IFLA_ALT_IFNAME, name);
+            message.nest(IFLA_PROP_LIST, names);
+        }
+        if (choice >= 0xC0)
+            message.nest(IFLA_LINKINFO, nested()
+                                            .text(IFLA_INFO_KIND, "vlan")
+                                            .text(IFLA_INFO_SLAVE_KIND, kMasters[choice / 4 % 4]));
+        return message.bytes;
+    }
+    constexpr std::array<uint16_t, 3> kTypes = {RTM_NEWLINK, RTM_NEWLINK, RTM_DELLINK};
+    constexpr std::array<uint16_t, 3> kHardware = {ARPHRD_ETHER, ARPHRD_ETHER, ARPHRD_LOOPBACK};
+    const uint16_t type = choice == 0xFF ? input.number<uint16_t>() : kTypes[choice % 3];
+    const uint8_t index = input.byte();
+    Netlink message =
+        linkMessage(type, index == 0xFF ? input.number<int32_t>() : index % 8,
+                    kHardware[choice / 48 % 3], choice / 3 % 16 == 15 ? AF_BRIDGE : AF_UNSPEC);
+    addAttributes(input, {IFLA_IFNAME, IFLA_MTU, IFLA_LINKINFO, IFLA_PROP_LIST}, message.bytes);
+    closeMessage(input, message);
+    return message.bytes;
+}
+
+/// What a whole message tells of an interface, by the rules of the format alone.
+inline std::optional<pmtud_linux::Link> expectedLink(Span padded) {
+    const auto type = load<uint16_t>(padded, 4);
+    if (type != RTM_NEWLINK && type != RTM_DELLINK) return std::nullopt;
+    if (load<uint32_t>(padded) < kLinkHeaders) return std::nullopt;
+    const auto info = load<ifinfomsg>(padded, Netlink::kHeader);
+    if (info.ifi_family != AF_UNSPEC) return std::nullopt;
+    pmtud_linux::Link link;
+    const auto takeKind = [&](uint16_t kind, Span payload) {
+        if (kind == IFLA_INFO_SLAVE_KIND) link.inVrf = textOf(payload) == "vrf";
+        return true;
+    };
+    const auto takeName = [&](uint16_t kind, Span payload) {
+        if (kind == IFLA_ALT_IFNAME) link.alternativeNames.push_back(textOf(payload));
+        return true;
+    };
+    const auto take = [&](uint16_t kind, Span payload) {
+        if (kind == IFLA_MTU && payload.size() != 4) return false;
+        if (kind == IFLA_IFNAME) link.name = textOf(payload);
+        if (kind == IFLA_MTU) link.mtu = load<uint32_t>(payload);
+        if (kind == IFLA_PROP_LIST) forEachAttribute(payload, takeName);
+        return kind != IFLA_LINKINFO || forEachAttribute(payload, takeKind);
+    };
+    if (!forEachAttribute(padded.subspan(kLinkHeaders), take)) return std::nullopt;
+    link.ifindex = static_cast<uint32_t>(info.ifi_index);
+    link.gone = type == RTM_DELLINK;
+    link.ethernet = info.ifi_type == ARPHRD_ETHER;
+    return link;
+}
+
+// Packets of the log group.
+
+constexpr std::size_t kLogHeaders = Netlink::kHeader + 4;
+
+/// What is to be read in a message, by the rules of the format alone.
+struct Message {
+    std::string prefix;
+    uint32_t ingress = 0;
+    uint32_t egress = 0;
+    uint32_t mark = 0;
+    std::optional<uint32_t> sequence;
+    Span linkHeader;
+    Span payload;
+};
+
+/// Of a whole message that has the type of a logged packet.
+inline std::optional<Message> expectedMessage(Span padded) {
+    if (load<uint32_t>(padded) < kLogHeaders) return std::nullopt;
+    Message message;
+    const auto take = [&](uint16_t type, Span payload) {
+        const bool isNumber = type == NFULA_IFINDEX_OUTDEV || type == NFULA_IFINDEX_INDEV ||
+                              type == NFULA_MARK || type == NFULA_SEQ;
+        if (isNumber && payload.size() != 4) return false;
+        if (type == NFULA_PREFIX) message.prefix = textOf(payload);
+        if (type == NFULA_IFINDEX_INDEV) message.ingress = bigEndian(payload);
+        if (type == NFULA_IFINDEX_OUTDEV) message.egress = bigEndian(payload);
+        if (type == NFULA_MARK) message.mark = bigEndian(payload);
+        if (type == NFULA_SEQ) message.sequence = bigEndian(payload);
+        if (type == NFULA_HWHEADER) message.linkHeader = payload;
+        if (type == NFULA_PAYLOAD) message.payload = payload;
+        return true;
+    };
+    if (!forEachAttribute(padded.subspan(kLogHeaders), take)) return std::nullopt;
+    return message;
+}
+
+/// Mostly of the log group, with attributes that contradict each other or their lengths.
+inline Bytes drawLogMessage(Input& input, uint8_t kind) {
+    if (kind == 31) {
+        const Span raw = input.bytes(input.byte());
+        return {raw.begin(), raw.end()};
+    }
+    Netlink message(kind == 30 ? input.number<uint16_t>() : kLoggedPacket, 4);
+    addAttributes(input,
+                  {NFULA_PREFIX, NFULA_IFINDEX_INDEV, NFULA_IFINDEX_OUTDEV, NFULA_MARK, NFULA_SEQ,
+                   NFULA_HWHEADER, NFULA_PAYLOAD},
+                  message.bytes);
+    closeMessage(input, message);
+    return message.bytes;
 }
 
 }  // namespace fuzz

@@ -32,10 +32,7 @@ sockaddr_in6 destination(const char* text) {
 
 // A Packet Too Big of so many bytes, with the MTU 1,280 and no checksum.
 Bytes packetTooBig(size_t size) {
-    Bytes message(size, 0x5a);
-    const Bytes header = {2, 0, 0, 0, 0x00, 0x00, 0x05, 0x00};
-    std::copy(header.begin(), header.end(), message.begin());
-    return message;
+    return Bytes{2, 0, 0, 0, 0x00, 0x00, 0x05, 0x00} + Bytes(size - 8, 0x5a);
 }
 
 int sendMessage(int fd, const char* to, Bytes message, uint32_t ifindex) {
@@ -96,31 +93,20 @@ class Icmp6Send : public World {
     }
 };
 
-TEST_F(Icmp6Send, FillsInChecksumAndSource) {
-    Capture atA("a");
-    const Descriptor fd = open("bcm0.10");
-    EXPECT_EQ(sendMessage(fd.get(), "fd00:10::2", packetTooBig(48), if_nametoindex("bcm0.10")), 48);
-    const Bytes packet = atA.next(isPacketTooBig);
-    ASSERT_EQ(packet.size(), 88U);
-    EXPECT_EQ(transportChecksum(packet), 0);
-    EXPECT_NE(packet[42] << 8 | packet[43], 0);
-    EXPECT_EQ(Bytes(packet.begin() + 8, packet.begin() + 40),
-              Bytes({0xfd, 0, 0, 0x10, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1,
-                     0xfd, 0, 0, 0x10, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2}));
-    EXPECT_EQ(Bytes(packet.begin() + 44, packet.begin() + 49),
-              Bytes({0x00, 0x00, 0x05, 0x00, 0x5a}));
-}
-
-TEST_F(Icmp6Send, JoinsThePiecesOfTheMessage) {
+TEST_F(Icmp6Send, JoinsThePiecesAndFillsInChecksumAndSource) {
     Capture atA("a");
     const Descriptor fd = open("bcm0.10");
     Bytes head = {2, 0, 0, 0, 0, 0, 5, 0};
     Bytes quote = {1, 2, 3};
     const iovec pieces[] = {{head.data(), head.size()}, {quote.data(), quote.size()}};
     const sockaddr_in6 to = destination("fd00:10::2");
-    EXPECT_EQ(arpd_ipv6_pkt_send(fd.get(), &to, pieces, 2, 0), 11);
+    EXPECT_EQ(arpd_ipv6_pkt_send(fd.get(), &to, pieces, 2, if_nametoindex("bcm0.10")), 11);
     const Bytes packet = atA.next(isPacketTooBig);
-    EXPECT_EQ(Bytes(packet.begin() + 44, packet.end()), Bytes({0, 0, 5, 0, 1, 2, 3}));
+    EXPECT_EQ(transportChecksum(packet), 0);
+    EXPECT_NE(get16(packet, 42), 0U);
+    EXPECT_EQ(cut(packet, 8, 40), Bytes({0xfd, 0, 0, 0x10, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1,
+                                         0xfd, 0, 0, 0x10, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2}));
+    EXPECT_EQ(cut(packet, 44, packet.size()), Bytes({0, 0, 5, 0, 1, 2, 3}));
 }
 
 TEST_F(Icmp6Send, SendsAMessageLargerThanTheLinkInFragments) {
@@ -170,16 +156,11 @@ TEST_F(Icmp6Send, LeavesByTheInterfaceEvenWhereTheRouteLeadsElsewhere) {
 TEST_F(Icmp6Send, ReceivesNothing) {
     const Descriptor fd = open("bcm0.10");
     const Descriptor other(socket(AF_INET6, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_ICMPV6));
-    Ipv6 ping;
-    ping.size = 48;
-    ping.nextHeader = 58;
-    ping.destination = "fd00:10::1";
-    ping.start = {129, 0, 0, 0, 0, 0, 0, 0};
-    Bytes bytes = packet(ping);
-    const uint16_t sum = transportChecksum(bytes);
-    bytes[42] = static_cast<uint8_t>(sum >> 8);
-    bytes[43] = static_cast<uint8_t>(sum);
-    send(bytes);
+    send(withChecksum(packet(Ipv6{.size = 48,
+                                  .nextHeader = 58,
+                                  .destination = "fd00:10::1",
+                                  .start = {129, 0, 0, 0, 0, 0, 0, 0}}),
+                      42));
     awaitReadable(other.get(), "the echo reply");
     pollfd readable{fd.get(), POLLIN, 0};
     EXPECT_EQ(poll(&readable, 1, 0), 0);
@@ -190,11 +171,17 @@ TEST_F(Icmp6Send, NeedsAnInterfaceThatIsThere) {
     int32_t fd = -7;
     EXPECT_EQ(arpd_icmp6_socket_create(&fd, "bcm0.99"), -ENODEV);
     EXPECT_EQ(arpd_icmp6_socket_create(&fd, "bcm0.10-and-more-of-it"), -ENODEV);
+    // Cut short after fifteen bytes it would be another one's.
+    run("ip link add bcm0.10-and-mor type veth peer name other");
+    EXPECT_EQ(arpd_icmp6_socket_create(&fd, "bcm0.10-and-more"), -ENODEV);
+
     EXPECT_EQ(arpd_icmp6_socket_create(&fd, ""), -EINVAL);
     EXPECT_EQ(arpd_icmp6_socket_create(&fd, nullptr), -EINVAL);
     EXPECT_EQ(arpd_icmp6_socket_create(nullptr, "bcm0.10"), -EINVAL);
     EXPECT_EQ(fd, -7);
     EXPECT_EQ(openDescriptors(), before);
+    EXPECT_EQ(arpd_icmp6_socket_create(&fd, "bcm0.10-and-mor"), 0);
+    const Descriptor longest(fd);
 }
 
 TEST_F(Icmp6Send, SaysWhyAMessageCouldNotBeSent) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Attaching to the queue, failing to, and what a process leaves behind.
+// Attaching to the queue, and what is left when the process ends.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/capability.h>
@@ -66,46 +66,14 @@ TEST_F(Attachment, IsRefusedToASecondInstanceAsBusy) {
     EXPECT_EQ(first.next().frame.size(), 1019U);
 }
 
-TEST_F(Attachment, IsRefusedWithoutThePrivilegeToAdministerTheNetwork) {
-    ClientOptions options;
-    options.without = CAP_NET_ADMIN;
-    Client client(options);
-    EXPECT_EQ(client.attached(), -EPERM);
-    EXPECT_THAT(ruleset(), IsEmpty());
-}
-
-TEST_F(Attachment, IsRefusedWithoutThePrivilegeToSendPackets) {
-    ClientOptions options;
-    options.without = CAP_NET_RAW;
-    Client client(options);
-    EXPECT_EQ(client.attached(), -EPERM);
-    EXPECT_THAT(ruleset(), IsEmpty());
-}
-
-TEST_F(Attachment, IsRefusedWhereATableOfTheNameIsSomebodyElses) {
-    run("nft 'add table inet pmtud; add chain inet pmtud prerouting'");
-    Client client;
-    EXPECT_LT(client.attached(), 0);
-    EXPECT_EQ(ruleset(), "table inet pmtud {\n\tchain prerouting {\n\t}\n}\n");
-}
-
-TEST_F(Attachment, WithdrawsTheRulesWhereTheThreadCannotStart) {
-    ClientOptions options;
-    options.withoutMemory = true;
-    Client client(options);
-    EXPECT_EQ(client.attached(), 0);
-    EXPECT_EQ(client.started(), -EAGAIN);
-    EXPECT_THAT(ruleset(), IsEmpty());
-    Client next;
-    EXPECT_EQ(next.attached(), 0);
-}
-
-TEST_F(Attachment, WithdrawsTheRulesWhereThereIsNoCallback) {
-    ClientOptions options;
-    options.withoutCallback = true;
-    Client client(options);
-    EXPECT_EQ(client.started(), -EINVAL);
-    EXPECT_THAT(ruleset(), IsEmpty());
+TEST_F(Attachment, IsRefusedWithoutThePrivilegeToAdministerTheNetworkOrToSendPackets) {
+    for (const int capability : {CAP_NET_ADMIN, CAP_NET_RAW}) {
+        ClientOptions options;
+        options.without = capability;
+        Client client(options);
+        EXPECT_EQ(client.attached(), -EPERM);
+        EXPECT_THAT(ruleset(), IsEmpty());
+    }
 }
 
 TEST_F(Attachment, EndsWithTheProcessHoweverItDies) {
@@ -140,38 +108,12 @@ TEST_F(Attachment, EndsWithTheProcessThatTheCallbacksExceptionEnds) {
 // What a process that dies closes first is the lowest descriptor.
 TEST_F(Attachment, GivesUpTheRulesBeforeTheGroupWhichBearsTheProcessNumber) {
     inOwnProcess([] {
-        ASSERT_EQ(pktd_shm_queue_init("pmtud", 0, 1, pktd_tx_queue_pool, pktd_rx_queue_pool), 0);
+        ASSERT_EQ(attach(), 0);
         EXPECT_EQ(ownerOfTheGroup(), getpid());
         const auto sockets = netfilterSockets();
         ASSERT_EQ(sockets.size(), 3U);  // rules, group, counter
         const auto first = sockets.begin();
         EXPECT_NE(first->second, getpid());
         EXPECT_EQ(std::next(first)->second, getpid());
-    });
-}
-
-TEST_F(Attachment, OfAThreadNeedsTheQueueFirst) {
-    inOwnProcess([] {
-        const auto callback = [](const st_pktd_shm_queue_entry_data_t*, uint8_t*, int) {
-            return int{PKTD_VERDICT_DISCARD};
-        };
-        EXPECT_EQ(pktd_shm_rx_thread_init("pmtud", pktd_rx_queue_pool, pktd_rx_wl_pool, 32, 32,
-                                          callback, nullptr),
-                  -ENOTCONN);
-    });
-}
-
-TEST_F(Attachment, IsMadeOnce) {
-    inOwnProcess([] {
-        EXPECT_EQ(pktd_shm_queue_init("pmtud", 0, 1, pktd_tx_queue_pool, pktd_rx_queue_pool), 0);
-        EXPECT_EQ(pktd_shm_queue_init("pmtud", 0, 1, pktd_tx_queue_pool, pktd_rx_queue_pool),
-                  -EALREADY);
-    });
-}
-
-TEST_F(Attachment, NeedsAName) {
-    inOwnProcess([] {
-        EXPECT_EQ(pktd_shm_queue_init(nullptr, 0, 1, pktd_tx_queue_pool, pktd_rx_queue_pool),
-                  -EINVAL);
     });
 }

@@ -9,12 +9,12 @@
 #include <sys/types.h>
 #include <cstddef>
 #include <functional>
-#include <string>
 
+struct mnl_socket;
 struct nft_ctx;
 
-/// What is called in place of each function; where there is nothing, the function itself is.  To
-/// be set before another thread makes the call.
+/// What is called in place of each function; the function itself if it is empty.  To be set before
+/// another thread makes the call.
 struct Calls {
     std::function<int(int domain, int type, int protocol)> socket;
     std::function<int(int fd, mmsghdr* messages, unsigned int count, int flags)> sendmmsg;
@@ -24,6 +24,8 @@ struct Calls {
         recvfrom;
     std::function<int(pollfd* descriptors, nfds_t count, int timeout)> poll;
     std::function<int(int fd, unsigned long request, void* argument)> ioctl;
+    std::function<ssize_t(const mnl_socket* socket, const void* message, size_t size)> netlinkSend;
+    std::function<int(mnl_socket* socket, unsigned int groups, pid_t port)> netlinkBind;
     std::function<int(nft_ctx* context, const char* commands)> nftRun;
     std::function<const char*(nft_ctx* context)> nftError;
 };
@@ -34,11 +36,13 @@ extern Calls calls;
 namespace real {
 int socket(int domain, int type, int protocol);
 int sendmmsg(int fd, mmsghdr* messages, unsigned int count, int flags);
-int recvmmsg(int fd, mmsghdr* messages, unsigned int count, int flags);
 ssize_t recvfrom(int fd, void* buffer, size_t size, int flags, sockaddr* from, socklen_t* fromSize);
 int poll(pollfd* descriptors, nfds_t count, int timeout);
-int ioctl(int fd, unsigned long request, void* argument);
+int netlinkBind(mnl_socket* socket, unsigned int groups, pid_t port);
 int nftRun(nft_ctx* context, const char* commands);
 }  // namespace real
+
+/// A call that fails like this.
+int refuse(int error);
 
 #endif

@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <net/if.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,8 +15,6 @@
 #include "world.h"
 
 namespace {
-
-int indexOf(const char* name) { return static_cast<int>(if_nametoindex(name)); }
 
 std::string contents(const char* path) {
     std::ifstream file(path);
@@ -53,22 +50,31 @@ TEST_F(Configuration, AnswersNothingBeforeItIsAttached) {
     });
 }
 
-TEST_F(Configuration, KnowsTheVlanOfAnEgress) {
+TEST_F(Configuration, KnowsTheVlanOfAnEgressThatIsOne) {
+    run("ip link add bcm0.0 type veth peer name bcm0.4095");
     inOwnProcess([] {
         ASSERT_EQ(cfg_init(), 0);
+        EXPECT_EQ(cfg_init(), 0);
         EXPECT_EQ(cfg_vlan_l3_get_dest_vlan(indexOf("bcm0.10")), 10);
         EXPECT_EQ(cfg_vlan_l3_get_dest_vlan(indexOf("bcm0.20")), 20);
+        for (const int index : {indexOf("lo"), indexOf("fence"), indexOf("bcm0.0"), 0, -1, 9999})
+            EXPECT_EQ(cfg_vlan_l3_get_dest_vlan(index), -1) << index;
+        for (const int vlan : {0, -1, 4095, 4096, 21}) {
+            EXPECT_EQ(cfg_vlan_l3_get_mtu(vlan), 0U) << vlan;
+            EXPECT_EQ(cfg_vlan_l3_get_mtu_vlan(vlan), -1) << vlan;
+        }
+        EXPECT_EQ(cfg_vlan_l3_get_mtu_vlan(10), 10);
+        EXPECT_EQ(updateTZ(), 0);
     });
 }
 
-TEST_F(Configuration, KnowsNoVlanOfAnEgressThatIsNone) {
+// The least and the greatest VLAN that there can be.
+TEST_F(Configuration, KnowsTheMtusOfTheFirstAndTheLastVlan) {
+    run("ip link add bcm0.1 mtu 1111 type veth peer name bcm0.4094 mtu 1222");
     inOwnProcess([] {
         ASSERT_EQ(cfg_init(), 0);
-        EXPECT_EQ(cfg_vlan_l3_get_dest_vlan(indexOf("lo")), -1);
-        EXPECT_EQ(cfg_vlan_l3_get_dest_vlan(indexOf("fence")), -1);
-        EXPECT_EQ(cfg_vlan_l3_get_dest_vlan(0), -1);
-        EXPECT_EQ(cfg_vlan_l3_get_dest_vlan(-1), -1);
-        EXPECT_EQ(cfg_vlan_l3_get_dest_vlan(9999), -1);
+        EXPECT_EQ(cfg_vlan_l3_get_mtu(1), 1111U);
+        EXPECT_EQ(cfg_vlan_l3_get_mtu(4094), 1222U);
     });
 }
 
@@ -84,51 +90,19 @@ TEST_F(Configuration, KnowsTheMtuOfAVlanAsItIsNow) {
     });
 }
 
-TEST_F(Configuration, KnowsNoMtuOutsideTheRangeOfVlans) {
-    run("ip link add bcm0.0 type veth peer name bcm0.4095");
-    inOwnProcess([] {
-        ASSERT_EQ(cfg_init(), 0);
-        for (const int vlan : {0, -1, 4095, 4096, 21}) {
-            EXPECT_EQ(cfg_vlan_l3_get_mtu(vlan), 0U) << vlan;
-            EXPECT_EQ(cfg_vlan_l3_get_mtu_vlan(vlan), -1) << vlan;
-        }
-        EXPECT_EQ(cfg_vlan_l3_get_dest_vlan(indexOf("bcm0.0")), -1);
-    });
-}
-
-TEST_F(Configuration, HasAnMtuSettingForEveryVlan) {
-    inOwnProcess([] {
-        ASSERT_EQ(cfg_init(), 0);
-        EXPECT_EQ(cfg_vlan_l3_get_mtu_vlan(10), 10);
-        EXPECT_EQ(cfg_vlan_l3_get_mtu_vlan(20), 20);
-    });
-}
-
-TEST_F(Configuration, TakesTheTimeZone) { EXPECT_EQ(updateTZ(), 0); }
-
-TEST_F(Configuration, RecordsTheRegistrationUntilItIsWithdrawn) {
-    inOwnProcess([] {
-        ASSERT_EQ(cfg_add_pid("pmtud"), 0);
-        EXPECT_EQ(contents(kRecord), std::to_string(getpid()) + "\n");
-        EXPECT_EQ(cfg_clear_pid(), 0);
-        EXPECT_FALSE(exists(kRecord));
-        EXPECT_EQ(cfg_clear_pid(), -ENOENT);
-    });
-}
-
-TEST_F(Configuration, LeavesThePidFileToTheDaemon) {
-    inOwnProcess([] {
-        ASSERT_EQ(cfg_add_pid("pmtud"), 0);
-        EXPECT_FALSE(exists("/run/pmtud.pid"));
-    });
-}
-
-TEST_F(Configuration, ReplacesTheRecordOfAProcessThatWasKilled) {
-    std::ofstream(kRecord) << "1\n";
-    inOwnProcess([] {
-        ASSERT_EQ(cfg_add_pid("pmtud"), 0);
-        EXPECT_EQ(contents(kRecord), std::to_string(getpid()) + "\n");
-    });
+TEST_F(Configuration, ReplacesARecordOrALinkThatIsThereAndDoesNotWriteThroughIt) {
+    for (const bool isLink : {false, true}) {
+        unlink(kRecord);
+        if (isLink)
+            ASSERT_EQ(symlink("/run/victim", kRecord), 0);
+        else
+            std::ofstream(kRecord) << "1\n";
+        inOwnProcess([] {
+            ASSERT_EQ(cfg_add_pid("pmtud"), 0);
+            EXPECT_FALSE(exists("/run/victim"));
+            EXPECT_EQ(contents(kRecord), std::to_string(getpid()) + "\n");
+        });
+    }
 }
 
 TEST_F(Configuration, LeavesTheRecordOfAnotherProcessAlone) {
@@ -137,15 +111,6 @@ TEST_F(Configuration, LeavesTheRecordOfAnotherProcessAlone) {
         std::ofstream(kRecord) << "1\n";
         EXPECT_EQ(cfg_clear_pid(), -EEXIST);
         EXPECT_EQ(contents(kRecord), "1\n");
-    });
-}
-
-TEST_F(Configuration, DoesNotWriteThroughALink) {
-    ASSERT_EQ(symlink("/run/victim", kRecord), 0);
-    inOwnProcess([] {
-        ASSERT_EQ(cfg_add_pid("pmtud"), 0);
-        EXPECT_FALSE(exists("/run/victim"));
-        EXPECT_EQ(contents(kRecord), std::to_string(getpid()) + "\n");
     });
 }
 

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <netinet/in.h>
-#include <pthread.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -21,7 +20,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <semaphore>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -51,7 +49,6 @@ int channel = -1;
 int icmp4 = -1;
 int icmp6 = -1;
 std::atomic<bool> gateOpen{true};
-std::counting_semaphore<> passes{0};
 std::atomic<int> frames{0};
 
 void report(const Report& head, const uint8_t* frame, size_t size) {
@@ -64,16 +61,13 @@ void report(const Report& head, const uint8_t* frame, size_t size) {
 }
 
 // "Too big" with the client's own MTU and the frame's IP header, to the frame's source.  What the
-// kernel does with it is the test's matter.
+// kernel does with it is the test's matter; it fills in the checksum of the second one.
 void answer(const uint8_t* frame) {
     const uint8_t* const packet = frame + 18;
-    constexpr uint8_t kMtu[] = {kAnsweredMtu >> 8, kAnsweredMtu & 0xff};
+    Bytes message = {3, 4, 0, 0, 0, 0, kAnsweredMtu >> 8, kAnsweredMtu & 0xff};
     if (packet[0] >> 4 == 4) {
-        Bytes message = {3, 4, 0, 0, 0, 0, kMtu[0], kMtu[1]};
         message.insert(message.end(), packet, packet + 28);
-        const uint16_t sum = checksum(message);
-        message[2] = static_cast<uint8_t>(sum >> 8);
-        message[3] = static_cast<uint8_t>(sum);
+        put16(message, 2, checksum(message));
         sockaddr_in to{};
         to.sin_family = AF_INET;
         std::memcpy(&to.sin_addr, packet + 12, sizeof to.sin_addr);
@@ -81,8 +75,8 @@ void answer(const uint8_t* frame) {
                sizeof to);
         return;
     }
-    // The kernel fills in the checksum of this one.
-    Bytes message = {2, 0, 0, 0, 0, 0, kMtu[0], kMtu[1]};
+    message[0] = 2;
+    message[1] = 0;
     message.insert(message.end(), packet, packet + 48);
     sockaddr_in6 to{};
     to.sin6_family = AF_INET6;
@@ -94,7 +88,6 @@ void answer(const uint8_t* frame) {
 int callback(const st_pktd_shm_queue_entry_data_t* entry, uint8_t* frame, int len) {
     if (options.throws) throw std::runtime_error("the callback's own");
     gateOpen.wait(false);
-    if (options.gatedEach) passes.acquire();
     answer(frame);
     ++frames;
     if (options.countsOnly) return options.verdict;
@@ -122,14 +115,6 @@ void dropCapability(int capability) {
     if (syscall(SYS_capset, &header, data) != 0) _exit(1);
 }
 
-// A stack of a size that no address space has room for.
-void refuseThreads() {
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, SIZE_MAX / 4 & ~size_t{65535});
-    if (pthread_setattr_default_np(&attributes) != 0) _exit(1);
-}
-
 [[noreturn]] void live() {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     const rlimit none{0, 0};
@@ -146,13 +131,8 @@ void refuseThreads() {
 
     Report head;
     cfg_init();
-    head.attached = pktd_shm_queue_init("pmtud", 0, 1, pktd_tx_queue_pool, pktd_rx_queue_pool);
-    if (head.attached == 0) {
-        if (options.withoutMemory) refuseThreads();
-        const pktd_rx_cb_t chosen = options.withoutCallback ? nullptr : callback;
-        head.started = pktd_shm_rx_thread_init("pmtud", pktd_rx_queue_pool, pktd_rx_wl_pool, 32, 32,
-                                               chosen, nullptr);
-    }
+    head.attached = attach();
+    if (head.attached == 0) head.started = startThread(callback);
     report(head, nullptr, 0);
     char command = 0;
     while (read(channel, &command, 1) > 0) {
@@ -163,7 +143,6 @@ void refuseThreads() {
         }
         gateOpen = true;
         gateOpen.notify_all();
-        passes.release();
     }
     std::exit(0);
 }

@@ -9,7 +9,7 @@
 #include <optional>
 
 #include "descriptor.h"
-#include "packets.h"
+#include "messages.h"
 #include "pktd.h"
 
 /// The MTU in the answers that the client sends; nothing else here has it.
@@ -25,13 +25,10 @@ struct Delivered {
 
 struct ClientOptions {
     int verdict = PKTD_VERDICT_DISCARD;
-    bool gated = false;            ///< the first callback waits for openGate
-    bool gatedEach = false;        ///< every callback waits for an openGate
-    bool countsOnly = false;       ///< the callback does not report its frames
-    bool throws = false;           ///< the callback throws
-    bool withoutCallback = false;  ///< passes none
-    bool withoutMemory = false;    ///< there is no room for a thread
-    std::optional<int> without;    ///< a capability that the process does not have
+    bool gated = false;          ///< the first callback waits for openGate
+    bool countsOnly = false;     ///< the callback does not report its frames
+    bool throws = false;         ///< the callback throws
+    std::optional<int> without;  ///< a capability that the process does not have
 };
 
 /// Its callback answers the sender of an IPv4 or IPv6 frame before it returns.

@@ -1,22 +1,26 @@
 // SPDX-License-Identifier: MIT
-// Which copy a quote belongs to.
+// What is read of IP headers, and which copy a quote belongs to.
 #include "copies.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <vector>
+#include "ip_packet.h"
+#include "messages.h"
 
+using pmtud_linux::claimedSize;
 using pmtud_linux::Copies;
 using pmtud_linux::Copy;
+using pmtud_linux::ipHeaderSize;
+using pmtud_linux::ipVersion;
 using pmtud_linux::LogMessage;
+using pmtud_linux::quoteOf;
 using testing::Each;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
+using testing::IsEmpty;
 
 namespace {
-
-using Bytes = std::vector<uint8_t>;
 
 const Bytes kLinkHeader = {0x02, 0, 0, 0, 0x10, 0x01, 0x02, 0, 0, 0, 0x10, 0x02, 0x08, 0x00};
 
@@ -36,36 +40,27 @@ const Bytes kIpv6 = {0x60, 0x01, 0x02, 0x03, 0x00, 0x08, 0x11, 0x40, 0xfd, 0x04,
                      0xfe, 0x16, 0x17, 0x20, 0x18, 0x19, 0x1a, 0x1b, 0x1c, 0x1d, 0x1e, 0x1f,
                      0x21, 0x22, 0x23, 0x24, 0xde, 0xad, 0xbe, 0xef, 0x31, 0x32, 0x33, 0x34};
 
-LogMessage logged(const Bytes& packet) {
+LogMessage logged(const Bytes& packet, uint32_t ingress = 5) {
     LogMessage message;
-    message.ingress = 5;
+    message.ingress = ingress;
     message.linkHeader = kLinkHeader;
     message.payload = packet;
     return message;
 }
 
-Bytes changed(Bytes bytes, size_t at) {
-    bytes[at] ^= 0xff;
-    return bytes;
-}
-
-Bytes first(const Bytes& bytes, size_t size) {
-    return {bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(size)};
-}
+Bytes first(const Bytes& bytes, size_t size) { return cut(bytes, 0, size); }
 
 // Identified by its identification field.
 Bytes numbered(uint16_t number) {
     Bytes bytes = kIpv4;
-    bytes[4] = static_cast<uint8_t>(number >> 8);
-    bytes[5] = static_cast<uint8_t>(number);
+    put16(bytes, 4, number);
     return bytes;
 }
 
 // IPv4 that claims a size and was copied so far.
 Bytes sized(size_t claimed, size_t copied) {
     Bytes bytes = kIpv4;
-    bytes[2] = static_cast<uint8_t>(claimed >> 8);
-    bytes[3] = static_cast<uint8_t>(claimed);
+    put16(bytes, 2, claimed);
     bytes.resize(copied, 0xa5);
     return bytes;
 }
@@ -76,10 +71,60 @@ bool matches(const Bytes& packet, const Bytes& quote) {
     return copies.take(quote) != nullptr;
 }
 
+Bytes filled(uint8_t firstByte, size_t size) {
+    Bytes bytes(size, 0xa5);
+    bytes[0] = firstByte;
+    return bytes;
+}
+
 }  // namespace
 
-TEST(Copies, GiveBackWhatTheyWereGiven) {
+TEST(IpPacket, HasItsVersionInTheFirstFourBits) {
+    EXPECT_EQ(ipVersion({}), 0);
+    EXPECT_EQ(ipVersion(Bytes{0x45}), 4);
+    EXPECT_EQ(ipVersion(Bytes{0x6f}), 6);
+    EXPECT_EQ(ipVersion(Bytes{0xf4}), 15);
+}
+
+TEST(IpPacket, HasAWholeHeaderOfTheSizeThatItsVersionAndLengthName) {
+    struct {
+        uint8_t first;
+        size_t size;
+        size_t header;
+    } const cases[] = {{0x45, 20, 20}, {0x45, 60, 20}, {0x46, 60, 24}, {0x4f, 60, 60},
+                       {0x60, 40, 40}, {0x6f, 99, 40}, {0x45, 19, 0},  {0x4f, 59, 0},
+                       {0x60, 39, 0},  {0x44, 60, 0},  {0x40, 60, 0},  {0x05, 99, 0},
+                       {0x15, 99, 0},  {0x55, 99, 0},  {0x75, 99, 0},  {0xf5, 99, 0}};
+    for (const auto& one : cases)
+        EXPECT_EQ(ipHeaderSize(filled(one.first, one.size)), one.header) << +one.first;
+    EXPECT_EQ(ipHeaderSize({}), 0U);
+}
+
+TEST(IpPacket, ClaimsItsTotalLengthOrItsPayloadLengthAndHeader) {
+    EXPECT_EQ(claimedSize(sized(1400, 28)), 1400U);
+    Bytes ipv6 = kIpv6;
+    put16(ipv6, 4, 1360);
+    EXPECT_EQ(claimedSize(ipv6), 1400U);
+    put16(ipv6, 4, 65535);
+    EXPECT_EQ(claimedSize(ipv6), 65575U);
+}
+
+TEST(IpPacket, QuotedByAnErrorFollowsTheEightBytesAfterTheHeader) {
+    for (const auto& [firstByte, size] :
+         std::vector<std::pair<uint8_t, size_t>>{{0x45, 28}, {0x46, 32}, {0x60, 48}}) {
+        EXPECT_THAT(quoteOf(filled(firstByte, size) + Bytes{1, 2, 3}), ElementsAre(1, 2, 3));
+        EXPECT_THAT(quoteOf(filled(firstByte, size)), IsEmpty());
+        EXPECT_THAT(quoteOf(filled(firstByte, size - 1)), IsEmpty());
+    }
+    EXPECT_THAT(quoteOf({}), IsEmpty());
+    EXPECT_THAT(quoteOf(filled(0x45, 19)), IsEmpty());
+    EXPECT_THAT(quoteOf(filled(0x44, 60)), IsEmpty());
+}
+
+TEST(Copies, AreGivenBackOnceAsTheyWereKept) {
     Copies copies;
+    EXPECT_EQ(copies.take(kIpv4), nullptr);
+    EXPECT_EQ(copies.take(Bytes(40, 0x60)), nullptr);
     ASSERT_TRUE(copies.keep(logged(kIpv4), 20));
     const Copy* const copy = copies.take(kIpv4);
     ASSERT_NE(copy, nullptr);
@@ -88,34 +133,20 @@ TEST(Copies, GiveBackWhatTheyWereGiven) {
     EXPECT_THAT(copy->addresses, ElementsAre(2, 0, 0, 0, 0x10, 1, 2, 0, 0, 0, 0x10, 2));
     EXPECT_THAT(copy->packet(), ElementsAreArray(kIpv4));
     EXPECT_EQ(copy->packetSize(), 28U);
-}
-
-TEST(Copies, AreTakenOnce) {
-    Copies copies;
-    ASSERT_TRUE(copies.keep(logged(kIpv4), 20));
-    EXPECT_NE(copies.take(kIpv4), nullptr);
     EXPECT_EQ(copies.take(kIpv4), nullptr);
 }
 
 TEST(Copies, OfEqualPacketsAreTakenNewestFirst) {
     Copies copies;
     for (const int vlan : {20, 30, 40}) ASSERT_TRUE(copies.keep(logged(kIpv4), vlan));
+    ASSERT_TRUE(copies.keep(logged(numbered(1)), 50));
+    ASSERT_TRUE(copies.keep(logged(kIpv6), 60));
     for (const int vlan : {40, 30, 20}) {
         const Copy* const copy = copies.take(kIpv4);
         ASSERT_NE(copy, nullptr);
         EXPECT_EQ(copy->egressVlan, vlan);
     }
     EXPECT_EQ(copies.take(kIpv4), nullptr);
-}
-
-TEST(Copies, AreFoundByTheirQuoteAmongOthers) {
-    Copies copies;
-    ASSERT_TRUE(copies.keep(logged(numbered(1)), 20));
-    ASSERT_TRUE(copies.keep(logged(kIpv6), 30));
-    ASSERT_TRUE(copies.keep(logged(numbered(2)), 40));
-    const Copy* const copy = copies.take(numbered(1));
-    ASSERT_NE(copy, nullptr);
-    EXPECT_EQ(copy->egressVlan, 20);
 }
 
 TEST(Copies, ForgetTheOldestOf129) {
@@ -127,36 +158,23 @@ TEST(Copies, ForgetTheOldestOf129) {
     EXPECT_NE(copies.take(numbered(128)), nullptr);
 }
 
-TEST(Copies, ThatWereNeverKeptAreNotThere) {
-    Copies copies;
-    EXPECT_EQ(copies.take(kIpv4), nullptr);
-    EXPECT_EQ(copies.take(Bytes(40, 0x60)), nullptr);
-}
-
 TEST(Copies, AreComparedAsFarAsTheShorterGoes) {
     EXPECT_TRUE(matches(kIpv4, first(kIpv4, 24)));
     EXPECT_TRUE(matches(kIpv4, first(kIpv4, 20)));
     EXPECT_TRUE(matches(kIpv6, first(kIpv6, 40)));
-    Bytes longer = kIpv4;
-    longer.push_back(0x99);
-    EXPECT_TRUE(matches(kIpv4, longer));
+    EXPECT_TRUE(matches(kIpv4, kIpv4 + Bytes{0x99}));
 }
 
-TEST(Copies, OfIpv4AreComparedButForTheChecksum) {
-    for (size_t at = 0; at < kIpv4.size(); ++at)
-        EXPECT_EQ(matches(kIpv4, changed(kIpv4, at)), at == 10 || at == 11) << at;
-}
-
-TEST(Copies, OfIpv4AreComparedButForTheOptions) {
-    for (size_t at = 0; at < kWithOptions.size(); ++at)
-        EXPECT_EQ(matches(kWithOptions, changed(kWithOptions, at)),
-                  at == 10 || at == 11 || (at >= 20 && at < 24))
-            << at;
-}
-
-TEST(Copies, OfIpv6AreComparedToTheLastBit) {
-    for (size_t at = 0; at < kIpv6.size(); ++at)
-        EXPECT_FALSE(matches(kIpv6, changed(kIpv6, at))) << at;
+// The kernel writes into the options before it refuses a packet, and the checksum follows.
+TEST(Copies, AreComparedExceptForChecksumAndOptionsOfIpv4) {
+    for (const Bytes& packet : {kIpv4, kWithOptions, kIpv6})
+        for (size_t at = 0; at < packet.size(); ++at) {
+            Bytes quote = packet;
+            quote[at] ^= 0xff;
+            const bool isFree = packet != kIpv6 &&
+                                (at == 10 || at == 11 || (packet == kWithOptions && at / 4 == 5));
+            EXPECT_EQ(matches(packet, quote), isFree) << at;
+        }
 }
 
 TEST(Copies, AreNotTakenByAQuoteWithoutAWholeHeader) {
@@ -166,25 +184,14 @@ TEST(Copies, AreNotTakenByAQuoteWithoutAWholeHeader) {
     EXPECT_FALSE(matches(kIpv6, first(kIpv6, 39)));
 }
 
-TEST(Copies, RefuseAPacketWithoutAWholeHeader) {
+TEST(Copies, RefuseAPacketWithoutAWholeHeaderOrWithoutIngress) {
     Copies copies;
-    EXPECT_FALSE(copies.keep(logged({}), 20));
-    EXPECT_FALSE(copies.keep(logged(first(kIpv4, 19)), 20));
-    EXPECT_FALSE(copies.keep(logged(first(kIpv6, 39)), 20));
-    EXPECT_FALSE(copies.keep(logged(Bytes(60, 0x55)), 20));
-}
-
-TEST(Copies, RefuseAPacketWithoutIngress) {
-    Copies copies;
-    for (const uint32_t index : {0U, 0x80000000U, 0xffffffffU}) {
-        LogMessage message = logged(kIpv4);
-        message.ingress = index;
-        EXPECT_FALSE(copies.keep(message, 20)) << index;
-    }
+    for (const Bytes& packet : {Bytes(), first(kIpv4, 19), first(kIpv6, 39), Bytes(60, 0x55)})
+        EXPECT_FALSE(copies.keep(logged(packet), 20));
+    for (const uint32_t ingress : {0U, 0x80000000U, 0xffffffffU})
+        EXPECT_FALSE(copies.keep(logged(kIpv4, ingress), 20)) << ingress;
     EXPECT_EQ(copies.take(kIpv4), nullptr);
-    LogMessage message = logged(kIpv4);
-    message.ingress = 0x7fffffff;
-    EXPECT_TRUE(copies.keep(message, 20));
+    EXPECT_TRUE(copies.keep(logged(kIpv4, 0x7fffffff), 20));
 }
 
 TEST(Copies, RefuseAPacketThatWasCutShorterThanTheRulesCut) {
@@ -196,7 +203,7 @@ TEST(Copies, RefuseAPacketThatWasCutShorterThanTheRulesCut) {
     EXPECT_FALSE(copies.keep(logged(sized(9000, 1501)), 20));
 }
 
-TEST(Copies, TellTheSizeThatTheHeaderClaimsOrTheirOwnIfItIsLarger) {
+TEST(Copies, HaveTheSizeThatTheHeaderClaimsOrTheirOwnIfItIsLarger) {
     Copies copies;
     ASSERT_TRUE(copies.keep(logged(sized(9000, 1500)), 20));
     EXPECT_EQ(copies.take(sized(9000, 28))->packetSize(), 9000U);
@@ -208,8 +215,7 @@ TEST(Copies, TakeTheAddressesOfTheirOwnLinkHeaderOnly) {
     Copies copies;
     for (int i = 0; i < 128; ++i) ASSERT_TRUE(copies.keep(logged(kIpv6), 20));
     LogMessage message = logged(kIpv4);
-    const Bytes shorter = {2, 0, 0, 0, 0x10, 1, 2};
-    message.linkHeader = shorter;
+    message.linkHeader = message.linkHeader.first(7);
     ASSERT_TRUE(copies.keep(message, 20));
     EXPECT_THAT(copies.take(kIpv4)->addresses, ElementsAre(2, 0, 0, 0, 0x10, 1, 2, 0, 0, 0, 0, 0));
     message.linkHeader = {};

@@ -5,81 +5,68 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <vector>
+#include "messages.h"
 
 using pmtud_linux::Copy;
 using pmtud_linux::Frame;
 using testing::Each;
-using testing::ElementsAre;
 using testing::ElementsAreArray;
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+// The addresses, then the tag's TPID.
+const Bytes kStart = {2, 0, 0, 0, 0x10, 1, 2, 0, 0, 0, 0x10, 2, 0x81, 0x00};
 
-// 24 bytes of IPv4, header and four bytes.
-const Bytes kIpv4 = {0x45, 0x00, 0x00, 0x18, 0x12, 0x34, 0x40, 0x00, 0x40, 0x11, 0xfd, 0x9a,
-                     0x0a, 0x00, 0x0a, 0x02, 0x0a, 0x00, 0x14, 0x02, 0xde, 0xad, 0xbe, 0xef};
-
-// 42 bytes of IPv6, header and two bytes.
-const Bytes kIpv6 = {0x60, 0, 0, 0, 0, 2, 59, 64, 0xfd, 0, 0,    0x10, 0,    0,
-                     0,    0, 0, 0, 0, 0, 0,  0,  0,    2, 0xfd, 0,    0,    0x20,
-                     0,    0, 0, 0, 0, 0, 0,  0,  0,    0, 0,    2,    0xca, 0xfe};
-
-Copy copyOf(const Bytes& packet) {
+void build(Frame& frame, const Bytes& packet, int vlan = 10, const Bytes& quote = {}) {
     Copy copy;
     copy.ingress = 5;
     copy.egressVlan = 20;
-    copy.addresses = {2, 0, 0, 0, 0x10, 1, 2, 0, 0, 0, 0x10, 2};
+    std::copy_n(kStart.begin(), 12, copy.addresses.begin());
     copy.size = packet.size();
     std::copy(packet.begin(), packet.end(), copy.bytes.begin());
-    return copy;
+    frame.build(copy, vlan, 7, quote.empty() ? packet : quote);
 }
 
-// A packet of 9,000 bytes of which 1,500 were copied, all the same but for the header.
+Bytes part(Frame& frame, size_t from, size_t to) {
+    return {frame.data() + from, frame.data() + to};
+}
+
+Bytes shortIpv4() {
+    Ipv4 ipv4;
+    ipv4.size = 24;
+    return packet(ipv4);
+}
+
+// A packet of 9,000 bytes of which 1,500 were copied.
 Bytes jumbo() {
-    Bytes bytes(1500, 0xa5);
-    std::copy_n(kIpv4.begin(), 20, bytes.begin());
-    bytes[2] = 0x23;
-    bytes[3] = 0x28;
+    Bytes bytes = packet(Ipv4{.size = 1500});
+    put16(bytes, 2, 9000);
     return bytes;
 }
 
-void build(Frame& frame, const Bytes& packet, int vlan = 10) {
-    frame.build(copyOf(packet), vlan, 7, packet);
-}
-
-Bytes cut(Frame& frame, size_t from, size_t to) { return {frame.data() + from, frame.data() + to}; }
-
 }  // namespace
 
-TEST(Frame, OfIpv4IsTaggedWithTheIngressVlan) {
+TEST(Frame, OfIpv4IsThePacketTaggedWithTheIngressVlan) {
     Frame frame;
-    build(frame, kIpv4);
+    build(frame, shortIpv4());
     ASSERT_EQ(frame.size(), 42U);
-    EXPECT_THAT(cut(frame, 0, 42),
-                ElementsAre(0x02, 0x00, 0x00, 0x00, 0x10, 0x01,  // destination
-                            0x02, 0x00, 0x00, 0x00, 0x10, 0x02,  // source
-                            0x81, 0x00, 0x00, 0x0a, 0x08, 0x00,  // tag, EtherType
-                            0x45, 0x00, 0x00, 0x18, 0x12, 0x34, 0x40, 0x00, 0x40, 0x11, 0xfd, 0x9a,
-                            0x0a, 0x00, 0x0a, 0x02, 0x0a, 0x00, 0x14, 0x02,  // IPv4
-                            0xde, 0xad, 0xbe, 0xef));
+    EXPECT_THAT(part(frame, 0, 42),
+                ElementsAreArray(kStart + Bytes{0x00, 0x0a, 0x08, 0x00} + shortIpv4()));
 }
 
-TEST(Frame, OfIpv6IsTaggedWithTheIngressVlan) {
+TEST(Frame, OfIpv6IsThePacketTaggedWithTheIngressVlan) {
+    const Bytes ipv6 = packet(Ipv6{.size = 42});
     Frame frame;
-    build(frame, kIpv6, 4094);
+    build(frame, ipv6, 4094);
     ASSERT_EQ(frame.size(), 60U);
-    EXPECT_THAT(cut(frame, 0, 20),
-                ElementsAre(0x02, 0x00, 0x00, 0x00, 0x10, 0x01, 0x02, 0x00, 0x00, 0x00, 0x10, 0x02,
-                            0x81, 0x00, 0x0f, 0xfe, 0x86, 0xdd, 0x60, 0x00));
-    EXPECT_THAT(cut(frame, 18, 60), ElementsAreArray(kIpv6));
+    EXPECT_THAT(part(frame, 0, 60),
+                ElementsAreArray(kStart + Bytes{0x0f, 0xfe, 0x86, 0xdd} + ipv6));
+    EXPECT_EQ(+frame.record().ctrl.proto, 0x86dd);
 }
 
 TEST(Frame, HasARecordThatCountsPortsFromZero) {
     Frame frame;
-    build(frame, kIpv4);
+    build(frame, shortIpv4());
     // The plus reads the unaligned member as a value.
     const st_pktd_shm_queue_entry_ctrl_t& control = frame.record().ctrl;
     EXPECT_EQ(+control.unit, 0);
@@ -94,59 +81,38 @@ TEST(Frame, HasARecordThatCountsPortsFromZero) {
     EXPECT_EQ(+control.post_kind, 0U);
 }
 
-TEST(Frame, OfIpv6HasItsEtherTypeInTheRecord) {
-    Frame frame;
-    build(frame, kIpv6);
-    EXPECT_EQ(+frame.record().ctrl.proto, 0x86dd);
-}
-
-TEST(Frame, IsAsLongAsThePacketWithZerosInPlaceOfWhatWasNotCopied) {
+TEST(Frame, HasZerosInPlaceOfWhatWasNotCopiedAndBeyondIt) {
     Frame frame;
     ASSERT_EQ(Frame::kCapacity, 65593U);
+    build(frame, shortIpv4());
     build(frame, jumbo());
     EXPECT_EQ(frame.size(), 9018U);
-    EXPECT_THAT(cut(frame, 38, 1518), Each(0xa5));
-    EXPECT_THAT(cut(frame, 1518, 65593), Each(0));
+    EXPECT_THAT(part(frame, 38, 1518), Each(0xa5));
+    EXPECT_THAT(part(frame, 1518, 65593), Each(0));
+    build(frame, shortIpv4());
+    EXPECT_EQ(frame.size(), 42U);
+    EXPECT_THAT(part(frame, 42, 65593), Each(0));
 }
 
 TEST(Frame, OfTheLargestPacketFillsTheCapacity) {
-    Bytes largest(1500, 0xa5);
-    std::copy_n(kIpv6.begin(), 40, largest.begin());
-    largest[4] = largest[5] = 0xff;
+    Bytes largest = packet(Ipv6{.size = 1500});
+    put16(largest, 4, 65535);
     Frame frame;
     build(frame, largest);
     EXPECT_EQ(frame.size(), 65593U);
 }
 
-TEST(Frame, ThatIsShorterThanTheOneBeforeIsFollowedByZeros) {
-    Frame frame;
-    build(frame, jumbo());
-    build(frame, kIpv4);
-    EXPECT_EQ(frame.size(), 42U);
-    EXPECT_THAT(cut(frame, 42, 65593), Each(0));
-}
-
-TEST(Frame, ThatIsLongerThanTheOneBeforeIsWhole) {
-    Frame frame;
-    build(frame, kIpv4);
-    build(frame, jumbo());
-    EXPECT_THAT(cut(frame, 38, 1518), Each(0xa5));
-    EXPECT_THAT(cut(frame, 1518, 65593), Each(0));
-}
-
 // The kernel may have written into the options before it refused the packet, and it quotes what
 // it wrote.
 TEST(Frame, HasTheIpHeaderOfTheQuoteAndThePayloadOfTheCopy) {
-    const Bytes packet = {0x46, 0x00, 0x00, 0x1c, 0x12, 0x34, 0x40, 0x00, 0x40, 0x11,
-                          0xfd, 0x9a, 0x0a, 0x00, 0x0a, 0x02, 0x0a, 0x00, 0x14, 0x02,
-                          0x07, 0x04, 0x04, 0x00, 0xde, 0xad, 0xbe, 0xef};
-    const Bytes quote = {0x46, 0x00, 0x00, 0x1c, 0x12, 0x34, 0x40, 0x00, 0x40, 0x11,
-                         0xaa, 0xbb, 0x0a, 0x00, 0x0a, 0x02, 0x0a, 0x00, 0x14, 0x02,
-                         0x07, 0x04, 0x08, 0x0a, 0x11, 0x22, 0x33, 0x44};
+    Bytes copied = {0x46, 0x00, 0x00, 0x1c, 0x12, 0x34, 0x40, 0x00, 0x40, 0x11,
+                    0xfd, 0x9a, 0x0a, 0x00, 0x0a, 0x02, 0x0a, 0x00, 0x14, 0x02,
+                    0x07, 0x04, 0x04, 0x00, 0xde, 0xad, 0xbe, 0xef};
+    Bytes quote = copied;
+    put16(quote, 10, 0xaabb);
+    put16(quote, 22, 0x080a);
     Frame frame;
-    frame.build(copyOf(packet), 10, 7, quote);
-    EXPECT_THAT(cut(frame, 18, 46),
-                ElementsAre(0x46, 0x00, 0x00, 0x1c, 0x12, 0x34, 0x40, 0x00, 0x40, 0x11,  //
-                            0xaa, 0xbb, 0x0a, 0x00, 0x0a, 0x02, 0x0a, 0x00, 0x14, 0x02,  //
-                            0x07, 0x04, 0x08, 0x0a, 0xde, 0xad, 0xbe, 0xef));
+    build(frame, copied, 10, cut(quote, 0, 24) + Bytes{0x11, 0x22, 0x33, 0x44});
+    EXPECT_THAT(part(frame, 18, 46),
+                ElementsAreArray(cut(quote, 0, 24) + Bytes{0xde, 0xad, 0xbe, 0xef}));
 }

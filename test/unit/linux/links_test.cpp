@@ -1,135 +1,236 @@
 // SPDX-License-Identifier: MIT
-// What is read from the kernel's link messages.
-#include "link.h"
-
+// Lists of the kernel's interfaces that are interrupted, overrun or refused.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <libmnl/libmnl.h>
-#include <linux/if_link.h>
-#include <linux/rtnetlink.h>
-#include <net/if_arp.h>
+#include <sys/ioctl.h>
 
-#include <array>
-#include <cstring>
+#include <cerrno>
 
-using pmtud_linux::decodeLink;
+#include "calls.h"
+#include "cfg.h"
+#include "link.h"
+#include "link_monitor.h"
+#include "vlan_name.h"
+#include "world.h"
+
+using pmtud_linux::LinkMonitor;
+using pmtud_linux::VlanTable;
+using testing::HasSubstr;
+using testing::Not;
 
 namespace {
 
-// One link message, in this machine's byte order as the kernel writes it.
-class Message {
- public:
-    explicit Message(uint16_t type, int index = 7, uint16_t hardware = ARPHRD_ETHER,
-                     uint8_t family = AF_UNSPEC) {
-        m_header = mnl_nlmsg_put_header(m_bytes.data());
-        m_header->nlmsg_type = type;
-        auto* const link =
-            static_cast<ifinfomsg*>(mnl_nlmsg_put_extra_header(m_header, sizeof(ifinfomsg)));
-        link->ifi_family = family;
-        link->ifi_type = hardware;
-        link->ifi_index = index;
-    }
+bool isOfLinks(int fd) {
+    int protocol = 0;
+    socklen_t size = sizeof protocol;
+    return getsockopt(fd, SOL_SOCKET, SO_PROTOCOL, &protocol, &size) == 0 &&
+           protocol == NETLINK_ROUTE;
+}
 
-    nlmsghdr* operator->() { return m_header; }
-    nlmsghdr* header() { return m_header; }
-    const nlmsghdr& operator*() const { return *m_header; }
+// How many lists the kernel ended.
+int listsEnded = 0;
 
-    Message& named(const char* name) {
-        mnl_attr_put_strz(m_header, IFLA_IFNAME, name);
-        return *this;
-    }
-    Message& number(uint16_t type, uint32_t value) {
-        mnl_attr_put_u32(m_header, type, value);
-        return *this;
-    }
-    // Its own kind, and that of the interface that it is enslaved to.
-    Message& kinds(const char* own, const char* master) {
-        nlattr* const nest = mnl_attr_nest_start(m_header, IFLA_LINKINFO);
-        mnl_attr_put_strz(m_header, IFLA_INFO_KIND, own);
-        if (master != nullptr) mnl_attr_put_strz(m_header, IFLA_INFO_SLAVE_KIND, master);
-        mnl_attr_nest_end(m_header, nest);
-        return *this;
-    }
+// Lets `change` alter each message of the lists.
+void changeLists(const std::function<void(nlmsghdr&)>& change) {
+    calls.recvfrom = [change](int fd, void* buffer, size_t size, int flags, sockaddr* from,
+                              socklen_t* fromSize) {
+        const ssize_t received = real::recvfrom(fd, buffer, size, flags, from, fromSize);
+        if (!isOfLinks(fd)) return received;
+        int left = static_cast<int>(received);
+        auto* message = static_cast<nlmsghdr*>(buffer);
+        for (; mnl_nlmsg_ok(message, left); message = mnl_nlmsg_next(message, &left)) {
+            if (message->nlmsg_seq == 0) continue;
+            if (message->nlmsg_type == NLMSG_DONE) ++listsEnded;
+            change(*message);
+        }
+        return received;
+    };
+}
 
- private:
-    alignas(nlmsghdr) std::array<char, 512> m_bytes{};
-    nlmsghdr* m_header = nullptr;
+void interrupt(nlmsghdr& message) { message.nlmsg_flags |= NLM_F_DUMP_INTR; }
+
+// Overruns once per list, in the middle of it.
+void overrunLists() {
+    calls.recvfrom = [](int fd, void* buffer, size_t size, int flags, sockaddr* from,
+                        socklen_t* fromSize) -> ssize_t {
+        static bool inTheMiddle = false;
+        if (std::exchange(inTheMiddle, false)) return refuse(ENOBUFS);
+        const ssize_t received = real::recvfrom(fd, buffer, size, flags, from, fromSize);
+        const auto* const message = static_cast<const nlmsghdr*>(buffer);
+        const bool isEnd = received > 0 && message->nlmsg_type == NLMSG_DONE;
+        inTheMiddle = received > 0 && message->nlmsg_seq != 0 && !isEnd;
+        if (isEnd) ++listsEnded;
+        return received;
+    };
+}
+
+std::string ruleset() { return output("nft list ruleset"); }
+
+class Links : public World {
+ protected:
+    void SetUp() override {
+        World::SetUp();
+        ASSERT_EQ(monitor.open(), 0);
+        listsEnded = 0;
+    }
+    void TearDown() override { calls = {}; }
+
+    LinkMonitor monitor;
+    VlanTable table;
 };
 
 }  // namespace
 
-TEST(LinkMessage, TellsIndexNameMtuAndKindOfHardware) {
-    Message message(RTM_NEWLINK);
-    message.named("bcm0.20").number(IFLA_MTU, 1280);
-    const auto link = decodeLink(*message);
-    ASSERT_TRUE(link);
-    EXPECT_EQ(link->ifindex, 7U);
-    EXPECT_EQ(link->name, "bcm0.20");
-    EXPECT_EQ(link->mtu, 1280U);
-    EXPECT_TRUE(link->ethernet);
-    EXPECT_FALSE(link->gone);
-    EXPECT_FALSE(link->inVrf);
+TEST_F(Links, AreFollowedAfterAListThatIsInterruptedTenTimes) {
+    changeLists(interrupt);
+    EXPECT_EQ(monitor.list(table), 0);
+    EXPECT_EQ(listsEnded, 10);
+    EXPECT_TRUE(monitor.stale());
+    EXPECT_EQ(table.vlans().size(), 3U);
+    EXPECT_TRUE(monitor.follow(table));
+    EXPECT_TRUE(monitor.stale());
+
+    calls.recvfrom = nullptr;
+    run("ip link del bcm0.30");
+    EXPECT_TRUE(monitor.follow(table));
+    EXPECT_FALSE(monitor.stale());
+    EXPECT_EQ(table.vlans().size(), 2U);
+    EXPECT_FALSE(monitor.follow(table));
 }
 
-TEST(LinkMessage, TellsThatAnInterfaceIsGone) {
-    Message message(RTM_DELLINK);
-    message.named("bcm0.20");
-    const auto link = decodeLink(*message);
-    ASSERT_TRUE(link);
-    EXPECT_TRUE(link->gone);
+TEST_F(Links, AreFollowedAfterAListThatOverrunsTenTimes) {
+    overrunLists();
+    EXPECT_EQ(monitor.list(table), 0);
+    EXPECT_EQ(listsEnded, 10);
+    EXPECT_TRUE(monitor.stale());
+    calls.recvfrom = nullptr;
+    EXPECT_TRUE(monitor.follow(table));
+    EXPECT_FALSE(monitor.stale());
+    EXPECT_EQ(table.vlans().size(), 3U);
 }
 
-TEST(LinkMessage, TellsOtherHardwareFromEthernet) {
-    Message message(RTM_NEWLINK, 7, ARPHRD_LOOPBACK);
-    const auto link = decodeLink(*message);
-    ASSERT_TRUE(link);
-    EXPECT_FALSE(link->ethernet);
+TEST_F(Links, AreListedAnewAfterALoss) {
+    ASSERT_EQ(monitor.list(table), 0);
+    run("ip link set bcm0.20 mtu 1400");
+    calls.recvfrom = [](int, void*, size_t, int, sockaddr*, socklen_t*) -> ssize_t {
+        calls.recvfrom = nullptr;
+        return refuse(ENOBUFS);
+    };
+    EXPECT_TRUE(monitor.follow(table));
+    EXPECT_FALSE(monitor.stale());
+    EXPECT_EQ(table.vlans().at(20).mtu, 1400U);
 }
 
-TEST(LinkMessage, OfABridgeAboutItsPortIsNotARemoval) {
-    Message message(RTM_DELLINK, 7, ARPHRD_ETHER, AF_BRIDGE);
-    message.named("bcm0.20");
-    EXPECT_FALSE(decodeLink(*message));
+// Whatever is in the buffer is not all of it.
+TEST_F(Links, AreListedAnewAfterADatagramThatTheBufferHasNoRoomFor) {
+    ASSERT_EQ(monitor.list(table), 0);
+    run("ip link set bcm0.20 mtu 1400");
+    calls.recvfrom = [](int fd, void* buffer, size_t size, int flags, sockaddr* from,
+                        socklen_t* fromSize) -> ssize_t {
+        calls.recvfrom = nullptr;
+        real::recvfrom(fd, buffer, size, flags, from, fromSize);
+        return static_cast<ssize_t>(size) + 1;
+    };
+    EXPECT_TRUE(monitor.follow(table));
+    EXPECT_EQ(table.vlans().at(20).mtu, 1400U);
 }
 
-TEST(LinkMessage, OfAnotherKindIsNone) {
-    EXPECT_FALSE(decodeLink(*Message(RTM_NEWADDR)));
-    EXPECT_FALSE(decodeLink(*Message(NLMSG_DONE)));
+TEST_F(Links, AreWhatTheyWereIfTheKernelEndsNoList) {
+    ASSERT_EQ(monitor.list(table), 0);
+    const auto before = table.vlans();
+    int timeout = 0;
+    calls.recvfrom = [](int, void*, size_t, int, sockaddr*, socklen_t*) -> ssize_t {
+        return refuse(EAGAIN);
+    };
+    calls.poll = [&](pollfd*, nfds_t, int wanted) {
+        timeout = wanted;
+        return 0;
+    };
+    EXPECT_EQ(monitor.list(table), 0);
+    EXPECT_GT(timeout, 0);
+    EXPECT_TRUE(monitor.stale());
+    EXPECT_EQ(table.vlans(), before);
 }
 
-TEST(LinkMessage, TooShortForItsHeaderIsNone) {
-    Message message(RTM_NEWLINK);
-    message->nlmsg_len = MNL_NLMSG_HDRLEN + sizeof(ifinfomsg) - 1;
-    EXPECT_FALSE(decodeLink(*message));
+TEST_F(Links, ThatCannotBeListedAreAnError) {
+    changeLists([](nlmsghdr& message) {
+        message.nlmsg_type = NLMSG_ERROR;
+        const int error = -EPERM;
+        std::memcpy(mnl_nlmsg_get_payload(&message), &error, sizeof error);
+    });
+    EXPECT_EQ(monitor.list(table), -EPERM);
+    calls.recvfrom = [](int, void*, size_t, int, sockaddr*, socklen_t*) -> ssize_t {
+        return refuse(ENOMEM);
+    };
+    EXPECT_EQ(monitor.list(table), -ENOMEM);
+    EXPECT_FALSE(monitor.stale());
+    calls.recvfrom = nullptr;
+    calls.netlinkSend = [](const mnl_socket*, const void*, size_t) { return refuse(ENOBUFS); };
+    EXPECT_EQ(monitor.list(table), -ENOBUFS);
 }
 
-TEST(LinkMessage, WithAnMtuThatIsNoNumberIsNone) {
-    Message message(RTM_NEWLINK);
-    mnl_attr_put_u16(message.header(), IFLA_MTU, 1280);
-    EXPECT_FALSE(decodeLink(*message));
+// The rules are those of a list that missed an interface; a second later they are complete.
+TEST_F(Links, OfAStaleListAtTheStartAreMadeGoodByTheReceiveThread) {
+    inOwnProcess([] {
+        changeLists([](nlmsghdr& message) {
+            interrupt(message);
+            const auto link = pmtud_linux::decodeLink(message);
+            if (link && link->name == "bcm0.20") message.nlmsg_type = NLMSG_NOOP;
+        });
+        ASSERT_EQ(attach(), 0);
+        EXPECT_THAT(ruleset(), Not(HasSubstr("to-bcm0.20")));
+        EXPECT_THAT(ruleset(), HasSubstr("chain to-bcm0.30"));
+        calls.recvfrom = nullptr;
+        RuleChanges changes;
+        ASSERT_EQ(startThread(), 0);
+        changes.await();
+        EXPECT_THAT(ruleset(), HasSubstr("chain to-bcm0.20"));
+    });
 }
 
-TEST(LinkMessage, TellsThatTheInterfaceIsInAVrf) {
-    Message message(RTM_NEWLINK);
-    message.named("bcm0.20").kinds("vlan", "vrf");
-    EXPECT_TRUE(decodeLink(*message)->inVrf);
+// libnftables reads numbers in several bases.
+TEST_F(Links, MayHaveIndexesOfAnyDigits) {
+    inOwnProcess([] {
+        const std::pair<int, int> vlans[] = {
+            {100, 100}, {107, 107},   {108, 108},   {110, 110},  {111, 111},      {119, 119},
+            {777, 777}, {1000, 1000}, {1009, 1009}, {40, 40000}, {41, 2147483647}};
+        ASSERT_EQ(cfg_init(), 0);
+        for (const auto& [vlan, index] : vlans) {
+            const std::string number = std::to_string(vlan);
+            run("ip link add bcm0." + number + " index " + std::to_string(index) +
+                " type veth peer name peer" + number);
+            EXPECT_EQ(cfg_vlan_l3_get_dest_vlan(index), vlan);
+        }
+        ASSERT_EQ(attach(), 0);
+        const std::string ingress = output("nft list set inet pmtud vlans");
+        const std::string egress = output("nft list map inet pmtud egress");
+        for (const auto& [vlan, index] : vlans) {
+            const std::string name = "bcm0." + std::to_string(vlan);
+            EXPECT_THAT(ingress, HasSubstr('"' + name + '"'));
+            EXPECT_THAT(egress, HasSubstr('"' + name + "\" : goto to-" + name));
+        }
+    });
 }
 
-TEST(LinkMessage, TellsAVrfFromItsPortsAndFromOtherMasters) {
-    Message bridged(RTM_NEWLINK);
-    bridged.named("bcm0.20").kinds("vlan", "bridge");
-    EXPECT_FALSE(decodeLink(*bridged)->inVrf);
-    Message vrf(RTM_NEWLINK);
-    vrf.named("bcm0.20").kinds("vrf", nullptr);
-    EXPECT_FALSE(decodeLink(*vrf)->inVrf);
-    Message similar(RTM_NEWLINK);
-    similar.named("bcm0.20").kinds("vlan", "vrf2");
-    EXPECT_FALSE(decodeLink(*similar)->inVrf);
-}
-
-TEST(LinkMessage, WithAKindThatIsNotTerminatedIsReadNoFurtherThanItGoes) {
-    Message message(RTM_NEWLINK);
-    nlattr* const nest = mnl_attr_nest_start(message.header(), IFLA_LINKINFO);
-    mnl_attr_put(message.header(), IFLA_INFO_SLAVE_KIND, 3, "vrf");
-    mnl_attr_nest_end(message.header(), nest);
-    EXPECT_TRUE(decodeLink(*message)->inVrf);
+// The longest name has fifteen bytes and a zero; a kernel that left the zero out would not make
+// the daemon read on.
+TEST(InterfaceName, IsReadNoFurtherThanTheKernelsAnswer) {
+    inOwnProcess([] {
+        calls.ioctl = [](int, unsigned long request, void* argument) {
+            EXPECT_EQ(request, static_cast<unsigned long>(SIOCGIFNAME));
+            auto& answer = *static_cast<ifreq*>(argument);
+            std::memset(&answer, '7', sizeof answer);
+            std::memcpy(answer.ifr_name, "bcm0.20", 7);
+            return 0;
+        };
+        EXPECT_EQ(pmtud_linux::nameOfInterface(3, 7), "bcm0.20777777777");
+        EXPECT_EQ(cfg_vlan_l3_get_dest_vlan(7), -1);
+        // No Ethernet interface of this kernel has such an MTU; the type of the number allows it.
+        calls.ioctl = [](int, unsigned long, void* argument) {
+            static_cast<ifreq*>(argument)->ifr_mtu = 66816;
+            return 0;
+        };
+        EXPECT_EQ(cfg_vlan_l3_get_mtu(40), 66816U);
+    });
 }

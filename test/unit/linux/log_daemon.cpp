@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The system log's socket, read by the test.
+// The sockets of the system log and the like, read by the test.
 #include "log_daemon.h"
 
 #include <sys/socket.h>
@@ -13,22 +13,23 @@
 
 #include "world.h"
 
-LogDaemon::LogDaemon() : m_socket(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+DatagramSocket::DatagramSocket(const char* path)
+    : m_path(path), m_socket(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, "/dev/log");
+    std::strcpy(address.sun_path, path);
     if (bind(m_socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-        throw std::system_error(errno, std::generic_category(), "/dev/log");
+        throw std::system_error(errno, std::generic_category(), path);
 }
 
-LogDaemon::~LogDaemon() { unlink("/dev/log"); }
+DatagramSocket::~DatagramSocket() { unlink(m_path); }
 
-std::string LogDaemon::next() {
-    awaitReadable(m_socket.get(), "a line of the system log");
+std::string DatagramSocket::next() {
+    awaitReadable(m_socket.get(), m_path);
     return *poll();
 }
 
-std::optional<std::string> LogDaemon::poll() {
+std::optional<std::string> DatagramSocket::poll() {
     std::string line(65536, '\0');
     const ssize_t length = recv(m_socket.get(), line.data(), line.size(), MSG_DONTWAIT);
     if (length < 0) return std::nullopt;

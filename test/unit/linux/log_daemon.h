@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The system log's socket, read by the test.
+// The sockets of the system log and the like, read by the test.
 #ifndef PMTUD_TEST_LINUX_LOG_DAEMON_H
 #define PMTUD_TEST_LINUX_LOG_DAEMON_H
 
@@ -8,11 +8,13 @@
 
 #include "descriptor.h"
 
-class LogDaemon {
+/// Listens at the path as long as it exists.
+class DatagramSocket {
  public:
-    /// Listens on /dev/log.
-    LogDaemon();
-    ~LogDaemon();
+    explicit DatagramSocket(const char* path);
+    DatagramSocket(const DatagramSocket&) = delete;
+    DatagramSocket& operator=(const DatagramSocket&) = delete;
+    ~DatagramSocket();
 
     /// The next datagram as it came; waits for it.
     std::string next();
@@ -21,7 +23,12 @@ class LogDaemon {
     std::optional<std::string> poll();
 
  private:
+    const char* m_path;
     pmtud_linux::Descriptor m_socket;
+};
+
+struct LogDaemon : DatagramSocket {
+    LogDaemon() : DatagramSocket("/dev/log") {}
 };
 
 /// What follows "<P>Mmm dd hh:mm:ss NAME[PID]: " in the datagram, or the whole datagram

@@ -2,14 +2,11 @@
 // The receive queue: losses, foreign messages, verdicts.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <libmnl/libmnl.h>
 #include <libnetfilter_log/linux_nfnetlink_log.h>
-#include <linux/netfilter/nfnetlink.h>
 #include <linux/netlink.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <array>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -60,19 +57,15 @@ class Queue : public World {
     // What a rule of somebody else's logs to the group.
     static void logForeign(const std::string& how) {
         run("nft 'table inet other { chain c { type filter hook prerouting priority -310; "
-            "ip daddr 10.0.20.9 log " +
+            "ip daddr 10.0.20.9 " +
             how + " group 89 queue-threshold 1 drop; }; }'");
     }
 
-    void sendForeign() {
-        Ipv4 foreign;
-        foreign.destination = "10.0.20.9";
-        send(packet(foreign));
-    }
+    void sendForeign() { send(packet(Ipv4{.destination = "10.0.20.9"})); }
 
     // Fills the queue of the client, which waits in the callback for the first frame.
     void overrun() {
-        logForeign("");
+        logForeign("log");
         sendFence();
         for (unsigned long long i = 0; i < kFlood; ++i) sendForeign();
     }
@@ -112,7 +105,7 @@ TEST_F(Queue, CountsWhatItLostWhenItOverran) {
     EXPECT_FALSE(log.poll());
 }
 
-TEST_F(Queue, SaysALossOnceTheLogTakesIt) {
+TEST_F(Queue, LogsALossOnceTheLogAcceptsIt) {
     ClientOptions options;
     options.gated = true;
     options.countsOnly = true;
@@ -133,23 +126,18 @@ TEST_F(Queue, SaysALossOnceTheLogTakesIt) {
     EXPECT_EQ(seen + missing, kFlood);
 }
 
+// The mark names the VLAN; what this table does not log keeps its own, or none.  A mark of no VLAN
+// does not make a message this table's.
 TEST_F(Queue, IgnoresAndCountsWhatRulesOfOthersLogToTheGroup) {
-    logForeign("");
     LogDaemon log;
     Client client;
-    sendForeign();
-    EXPECT_EQ(lineOf(log.next()), kIgnored + "1");
-    sendFence();
-    EXPECT_EQ(client.next().frame.size(), 1019U);
-}
-
-// The mark names the VLAN; what this table does not log keeps its own, or none.
-TEST_F(Queue, IgnoresAndCountsAForgedRefusalWithoutAMark) {
-    logForeign("prefix \"pmtud:refused\"");
-    LogDaemon log;
-    Client client;
-    sendForeign();
-    EXPECT_EQ(lineOf(log.next()), kIgnored + "1");
+    for (const char* const how : {"log", "log prefix \"pmtud:refused\"",
+                                  "meta mark set 4095 log prefix \"pmtud:refused\""}) {
+        logForeign(how);
+        sendForeign();
+        EXPECT_EQ(lineOf(log.next()), kIgnored + "1") << how;
+        run("nft delete table inet other");
+    }
     sendFence();
     EXPECT_EQ(client.next().frame.size(), 1019U);
 }
@@ -183,17 +171,13 @@ TEST_F(Queue, IgnoresAndCountsMessagesThatTheKernelDidNotSend) {
     ASSERT_EQ(group, 89U);
 
     // A message as the kernel's, down to its prefix.
-    alignas(nlmsghdr) std::array<char, 256> buffer{};
-    nlmsghdr* const message = mnl_nlmsg_put_header(buffer.data());
-    message->nlmsg_type = (NFNL_SUBSYS_ULOG << 8) | NFULNL_MSG_PACKET;
-    mnl_nlmsg_put_extra_header(message, sizeof(nfgenmsg));
-    mnl_attr_put_strz(message, NFULA_PREFIX, "pmtud:refused");
-    mnl_attr_put_u32(message, NFULA_SEQ, htonl(1000));
+    const Netlink message =
+        logMessage().text(NFULA_PREFIX, "pmtud:refused").netNumber(NFULA_SEQ, 1000);
     const pmtud_linux::Descriptor intruder(
         socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER));
-    ASSERT_EQ(sendto(intruder.get(), message, message->nlmsg_len, 0,
+    ASSERT_EQ(sendto(intruder.get(), message.bytes.data(), message.bytes.size(), 0,
                      reinterpret_cast<const sockaddr*>(&to), sizeof to),
-              static_cast<ssize_t>(message->nlmsg_len));
+              static_cast<ssize_t>(message.bytes.size()));
     EXPECT_EQ(lineOf(log.next()), kIgnored + "1");
     // Nor does its sequence number count.
     sendFence();
@@ -201,18 +185,24 @@ TEST_F(Queue, IgnoresAndCountsMessagesThatTheKernelDidNotSend) {
     EXPECT_FALSE(log.poll());
 }
 
-TEST_F(Queue, SaysAVerdictThatHasNoEffectOnce) {
+TEST_F(Queue, LogsAVerdictThatHasNoEffectOnce) {
     LogDaemon log;
-    ClientOptions options;
-    options.verdict = PKTD_VERDICT_ACCEPT;
-    Client client(options);
-    for (int i = 0; i < 3; ++i) {
-        sendFence();
-        client.next();
+    const std::pair<int, const char*> verdicts[] = {{PKTD_VERDICT_ACCEPT, "accept (8)"},
+                                                    {PKTD_VERDICT_REPOST, "repost (9)"},
+                                                    {0, "invalid (0)"},
+                                                    {10, "invalid (10)"}};
+    for (const auto& [verdict, name] : verdicts) {
+        ClientOptions options;
+        options.verdict = verdict;
+        Client client(options);
+        for (int i = 0; i < 3; ++i) {
+            sendFence();
+            client.next();
+        }
+        EXPECT_EQ(lineOf(log.next()), "89 PMTUD-Linux: the verdict " + std::string(name) +
+                                          " has no effect: the frame is a copy, and the kernel "
+                                          "has refused the packet");
+        // The third frame came after whatever there was to say about the second one.
+        EXPECT_FALSE(log.poll());
     }
-    EXPECT_EQ(lineOf(log.next()),
-              "89 PMTUD-Linux: the verdict accept (8) has no effect: the frame is a copy, and the "
-              "kernel has refused the packet");
-    // The third frame came after whatever there was to say about the second one.
-    EXPECT_FALSE(log.poll());
 }

@@ -4,26 +4,20 @@
 #include <gtest/gtest.h>
 #include <linux/if_packet.h>
 #include <net/if.h>
-#include <sys/ioctl.h>
 
 #include <cerrno>
-#include <chrono>
-#include <cstring>
 #include <memory>
 #include <mutex>
-#include <string>
+#include <optional>
 #include <system_error>
 #include <thread>
-#include <vector>
 
 #include "calls.h"
-#include "cfg.h"
 #include "dispatcher.h"
 #include "kernel_answer.h"
 #include "log_daemon.h"
-#include "pktd.h"
+#include "messages.h"
 #include "tx_queue.h"
-#include "vlan_name.h"
 #include "world.h"
 
 using namespace std::chrono_literals;
@@ -32,36 +26,14 @@ using testing::HasSubstr;
 
 namespace {
 
-int callback(const st_pktd_shm_queue_entry_data_t*, uint8_t*, int) { return PKTD_VERDICT_DISCARD; }
-
-// What the receive thread would die of.
-std::string failureOf(Dispatcher& dispatcher) {
-    try {
-        dispatcher.run(callback);
-    } catch (const std::system_error& error) {
-        return error.what();
-    }
-}
-
-// The dispatcher finds both of its sockets, or one of them, readable.
-void makeReadable(bool group, bool links) {
-    calls.poll = [=](pollfd* descriptors, nfds_t count, int timeout) {
-        if (count != 2) return real::poll(descriptors, count, timeout);
-        descriptors[0].revents = group ? POLLIN : 0;
-        descriptors[1].revents = links ? POLLIN : 0;
-        return 1;
-    };
-}
-
-// Times at which rules were changed, and what the kernel answers.
+// When rules were changed, and whether the kernel refuses.
 class RuleScript {
  public:
     RuleScript() {
         calls.nftRun = [this](nft_ctx* context, const char* commands) {
             const std::lock_guard lock(m_mutex);
             m_tries.push_back(std::chrono::steady_clock::now());
-            if (!m_refuses) return real::nftRun(context, commands);
-            return -1;
+            return m_refuses ? -1 : real::nftRun(context, commands);
         };
         calls.nftError = [](nft_ctx*) {
             return "internal:0:0-0: Error: Could not process rule: Device or resource busy\n";
@@ -94,10 +66,8 @@ TEST_F(Refusal, OfAChangeOfTheRulesIsLoggedOnceAndTriedAgainEachSecond) {
         // The receive thread is there until the process is gone.
         RuleScript& rules = *new RuleScript;
         LogDaemon log;
-        ASSERT_EQ(pktd_shm_queue_init("pmtud", 0, 1, pktd_tx_queue_pool, pktd_rx_queue_pool), 0);
-        ASSERT_EQ(pktd_shm_rx_thread_init("pmtud", pktd_rx_queue_pool, pktd_rx_wl_pool, 32, 32,
-                                          callback, nullptr),
-                  0);
+        ASSERT_EQ(attach(), 0);
+        ASSERT_EQ(startThread(), 0);
         rules.refuse(true);
         run("ip link set bcm0.20 mtu 1400");
         const std::string refused = log.next();
@@ -133,68 +103,67 @@ TEST_F(Refusal, OfAChangeOfTheRulesIsLoggedOnceAndTriedAgainEachSecond) {
     });
 }
 
-TEST_F(Refusal, OfTheLogGroupsSocketEndsTheProcess) {
-    inOwnProcess([] {
-        auto dispatcher = std::make_unique<Dispatcher>();
-        ASSERT_EQ(dispatcher->attach(), 0);
-        makeReadable(true, false);
-        calls.recvmmsg = [](int, mmsghdr*, unsigned int, int) {
-            errno = ENOMEM;
-            return -1;
+namespace {
+
+// What the receive thread dies of if it finds the log group's socket or the links' readable.
+std::string failureOf(bool isGroup) {
+    const auto dispatcher = std::make_unique<Dispatcher>();
+    EXPECT_EQ(dispatcher->attach(), 0);
+    if (!calls.poll)
+        calls.poll = [=](pollfd* descriptors, nfds_t count, int timeout) {
+            if (count != 2) return real::poll(descriptors, count, timeout);
+            descriptors[0].revents = isGroup ? POLLIN : 0;
+            descriptors[1].revents = isGroup ? 0 : POLLIN;
+            return 1;
         };
-        EXPECT_EQ(failureOf(*dispatcher), "log group: Cannot allocate memory");
-    });
+    // Not before: attaching reads as well.
+    calls.recvfrom = [](int, void*, size_t, int, sockaddr*, socklen_t*) -> ssize_t {
+        return refuse(ENOMEM);
+    };
+    try {
+        dispatcher->run(discard);
+    } catch (const std::system_error& error) {
+        return error.what();
+    }
 }
 
+}  // namespace
+
 TEST_F(Refusal, OfTheLinksSocketEndsTheProcess) {
+    inOwnProcess([] { EXPECT_EQ(failureOf(false), "link messages: Cannot allocate memory"); });
+}
+
+TEST_F(Refusal, OfTheLogGroupsSocketEndsTheProcessUnlessItPasses) {
     inOwnProcess([] {
-        auto dispatcher = std::make_unique<Dispatcher>();
-        ASSERT_EQ(dispatcher->attach(), 0);
-        makeReadable(false, true);
-        calls.recvfrom = [](int, void*, size_t, int, sockaddr*, socklen_t*) -> ssize_t {
-            errno = ENOMEM;
-            return -1;
+        int call = 0;
+        calls.recvmmsg = [&](int, mmsghdr*, unsigned int, int) {
+            constexpr int kErrors[] = {EINTR, EAGAIN, ENOBUFS, EAGAIN, EBADF};
+            return refuse(kErrors[call++]);
         };
-        EXPECT_EQ(failureOf(*dispatcher), "link messages: Cannot allocate memory");
+        EXPECT_EQ(failureOf(true), "log group: Bad file descriptor");
+        EXPECT_EQ(call, 5);
     });
 }
 
 TEST_F(Refusal, ToWaitEndsTheProcess) {
     inOwnProcess([] {
-        auto dispatcher = std::make_unique<Dispatcher>();
-        ASSERT_EQ(dispatcher->attach(), 0);
-        calls.poll = [](pollfd*, nfds_t, int) {
-            errno = ENOMEM;
-            return -1;
+        int waits = 0;
+        calls.poll = [&](pollfd* descriptors, nfds_t count, int timeout) {
+            if (count != 2) return real::poll(descriptors, count, timeout);
+            return refuse(++waits == 1 ? EINTR : ENOMEM);
         };
-        EXPECT_EQ(failureOf(*dispatcher), "poll: Cannot allocate memory");
-    });
-}
-
-TEST_F(Refusal, OfAReceiveCallThatASignalInterruptsIsNone) {
-    inOwnProcess([] {
-        auto dispatcher = std::make_unique<Dispatcher>();
-        ASSERT_EQ(dispatcher->attach(), 0);
-        makeReadable(true, false);
-        int call = 0;
-        calls.recvmmsg = [&](int, mmsghdr*, unsigned int, int) {
-            constexpr int kAnswers[] = {EINTR, EAGAIN, ENOBUFS, EAGAIN, EBADF};
-            errno = kAnswers[call++];
-            return -1;
-        };
-        EXPECT_EQ(failureOf(*dispatcher), "log group: Bad file descriptor");
-        EXPECT_EQ(call, 5);
+        EXPECT_EQ(failureOf(true), "poll: Cannot allocate memory");
+        EXPECT_EQ(waits, 2);
     });
 }
 
 namespace {
 
-// Packet sockets are forbidden, as by RestrictAddressFamilies= of a unit.
+// As by RestrictAddressFamilies= of a unit.
 void forbidPacketSockets() {
     calls.socket = [](int domain, int type, int protocol) {
-        if (domain != AF_PACKET) return real::socket(domain, type, protocol);
-        errno = EAFNOSUPPORT;
-        return -1;
+        if (domain == AF_PACKET) return refuse(EAFNOSUPPORT);
+        return real::socket(domain, type, protocol);
     };
 }
 
@@ -215,109 +184,57 @@ TEST_F(Refusal, OfPacketSocketsIsTheResultOfAPost) {
     });
 }
 
-namespace {
-
-// A message of the switch's to host a, and the packet that it refuses.
-struct Withdrawn {
-    Withdrawn() {
-        Ipv4 ipv4;
-        ipv4.source = "10.0.10.1";
-        ipv4.destination = "10.0.10.2";
-        ipv4.size = 56;
-        bytes = packet(ipv4);
+// A message of the switch's to host a, which refuses a packet of another station's.
+class KernelAnswer : public World {
+ protected:
+    void SetUp() override {
+        World::SetUp();
+        atA.emplace("a");
         message.egress = if_nametoindex("bcm0.10");
         message.payload = bytes;
         refused.ingress = message.egress;
         refused.addresses = {2, 0, 0, 0, 0x10, 1, 2, 0, 0, 0, 0x77, 7};
     }
+    void TearDown() override { calls = {}; }
 
-    bool matches(const Bytes& captured) const { return captured == bytes; }
+    // Whether host a gets it as its own interface's, and not as that station's.
+    bool goesByRoute(const pmtud_linux::Copy* copy) {
+        EXPECT_EQ(answer.send(message, copy), 0);
+        atA->next([&](const Bytes& captured) { return captured == bytes; });
+        return atA->wasForTheInterface();
+    }
 
-    Bytes bytes;
+    std::optional<Capture> atA;
+    const Bytes bytes = packet(Ipv4{.size = 56, .source = "10.0.10.1", .destination = "10.0.10.2"});
     pmtud_linux::LogMessage message;
     pmtud_linux::Copy refused;
     pmtud_linux::KernelAnswer answer;
 };
 
-}  // namespace
-
-TEST_F(Refusal, OfPacketSocketsSendsTheKernelsAnswerByRoute) {
-    inOwnProcess([] {
-        Withdrawn withdrawn;
-        const auto isIt = [&](const Bytes& captured) { return withdrawn.matches(captured); };
-        Capture atA("a");
-        EXPECT_EQ(withdrawn.answer.send(withdrawn.message, &withdrawn.refused), 0);
-        atA.next(isIt);
-        EXPECT_FALSE(atA.wasForTheInterface());  // but for the station that the packet came from
-
-        pmtud_linux::KernelAnswer another;
-        forbidPacketSockets();
-        EXPECT_EQ(another.send(withdrawn.message, &withdrawn.refused), 0);
-        atA.next(isIt);
-        EXPECT_TRUE(atA.wasForTheInterface());
-    });
+TEST_F(KernelAnswer, GoesToTheStationThePacketCameFromOrElseByRoute) {
+    EXPECT_FALSE(goesByRoute(&refused));
+    EXPECT_TRUE(goesByRoute(nullptr));
+    refused.ingress = if_nametoindex("bcm0.20");
+    EXPECT_TRUE(goesByRoute(&refused));
+    refused.ingress = message.egress;
+    // One byte of a station's address makes it known; the receiver's does not.
+    refused.addresses = {2, 0, 0, 0, 0x10, 1, 0, 0, 0, 0, 0, 0};
+    EXPECT_TRUE(goesByRoute(&refused));
+    refused.addresses = {2, 0, 0, 0, 0x10, 1, 0, 0, 0, 0, 0, 7};
+    EXPECT_FALSE(goesByRoute(&refused));
 }
 
-TEST_F(Refusal, OfAllSocketsIsTheResultOfSendingTheKernelsAnswer) {
-    inOwnProcess([] {
-        Withdrawn withdrawn;
-        calls.socket = [](int, int, int) {
-            errno = EMFILE;
-            return -1;
-        };
-        EXPECT_EQ(withdrawn.answer.send(withdrawn.message, &withdrawn.refused), -EMFILE);
-    });
+TEST_F(KernelAnswer, GoesByRouteWherePacketSocketsAreForbidden) {
+    forbidPacketSockets();
+    EXPECT_TRUE(goesByRoute(&refused));
 }
 
-TEST_F(Refusal, SendsNoAnswerOfTheKernelsWithoutAWholeHeader) {
-    inOwnProcess([] {
-        Withdrawn withdrawn;
-        withdrawn.message.payload = withdrawn.message.payload.first(19);
-        EXPECT_EQ(withdrawn.answer.send(withdrawn.message, &withdrawn.refused), -EBADMSG);
-    });
-}
-
-TEST_F(Refusal, SendsTheKernelsAnswerByRouteIfTheStationIsUnknown) {
-    inOwnProcess([] {
-        Withdrawn withdrawn;
-        const auto isIt = [&](const Bytes& captured) { return withdrawn.matches(captured); };
-        Capture atA("a");
-        withdrawn.refused.addresses = {};
-        EXPECT_EQ(withdrawn.answer.send(withdrawn.message, &withdrawn.refused), 0);
-        atA.next(isIt);
-        EXPECT_TRUE(atA.wasForTheInterface());
-        EXPECT_EQ(withdrawn.answer.send(withdrawn.message, nullptr), 0);
-        atA.next(isIt);
-        EXPECT_TRUE(atA.wasForTheInterface());
-        withdrawn.refused.addresses = {2, 0, 0, 0, 0x10, 1, 2, 0, 0, 0, 0x77, 7};
-        withdrawn.refused.ingress = if_nametoindex("bcm0.20");
-        EXPECT_EQ(withdrawn.answer.send(withdrawn.message, &withdrawn.refused), 0);
-        atA.next(isIt);
-        EXPECT_TRUE(atA.wasForTheInterface());
-    });
-}
-
-// The longest name has fifteen bytes and a zero; a kernel that left the zero out would not make
-// the daemon read on.
-TEST(InterfaceName, IsReadNoFurtherThanTheKernelsAnswer) {
-    inOwnProcess([] {
-        calls.ioctl = [](int, unsigned long request, void* argument) {
-            EXPECT_EQ(request, static_cast<unsigned long>(SIOCGIFNAME));
-            auto& answer = *static_cast<ifreq*>(argument);
-            std::memset(&answer, '7', sizeof answer);
-            std::memcpy(answer.ifr_name, "bcm0.20", 7);
-            return 0;
-        };
-        EXPECT_EQ(pmtud_linux::nameOfInterface(3, 7), "bcm0.20777777777");
-        EXPECT_EQ(cfg_vlan_l3_get_dest_vlan(7), -1);
-    });
-}
-
-TEST(InterfaceName, ThatIsTooLongForTheKernelIsNotCutShort) {
-    ifreq request;
-    std::memset(&request, 0xee, sizeof request);
-    EXPECT_FALSE(pmtud_linux::putName(request, "bcm0.10-and-more"));
-    EXPECT_EQ(static_cast<unsigned char>(request.ifr_name[0]), 0xee);
-    EXPECT_TRUE(pmtud_linux::putName(request, "bcm0.10-and-mor"));
-    EXPECT_STREQ(request.ifr_name, "bcm0.10-and-mor");
+TEST_F(KernelAnswer, FailsAsItsLastSocketDoesAndIsNotSentWithoutAWholeHeader) {
+    calls.socket = [](int, int, int) { return refuse(EMFILE); };
+    EXPECT_EQ(answer.send(message, &refused), -EMFILE);
+    const Bytes ipv6 = packet(Ipv6{.size = 56});
+    message.payload = ipv6;
+    EXPECT_EQ(answer.send(message, &refused), -EMFILE);
+    message.payload = Span(bytes).first(19);
+    EXPECT_EQ(answer.send(message, &refused), -EBADMSG);
 }

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Frames posted to the transmit queue.
 #include <gtest/gtest.h>
-#include <net/if.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -17,25 +16,13 @@ using Record = st_pktd_shm_queue_entry_data_t;
 
 void* const kQueue = pktd_tx_queue_pool + 8;
 
-void attach() {
-    ASSERT_EQ(pktd_shm_queue_init("pmtud", 0, 1, pktd_tx_queue_pool, pktd_rx_queue_pool), 0);
-}
-
 // An Ethernet frame to host a, tagged for the VLAN or, for 0, untagged.
 Bytes frame(int vlan) {
     Bytes bytes = {0x02, 0, 0, 0, 0x10, 0x02, 0x02, 0, 0, 0, 0x10, 0x01};
     if (vlan != 0)
-        for (const int byte : {0x81, 0x00, vlan >> 8, vlan & 0xff})
-            bytes.push_back(static_cast<uint8_t>(byte));
-    bytes.push_back(0x08);
-    bytes.push_back(0x00);
-    Ipv4 ipv4;
-    ipv4.size = 60;
-    ipv4.source = "10.0.10.1";
-    ipv4.destination = "10.0.10.2";
-    const Bytes rest = packet(ipv4);
-    bytes.insert(bytes.end(), rest.begin(), rest.end());
-    return bytes;
+        bytes = bytes + Bytes{0x81, 0, static_cast<uint8_t>(vlan >> 8), static_cast<uint8_t>(vlan)};
+    return bytes + Bytes{0x08, 0x00} +
+           packet(Ipv4{.size = 60, .source = "10.0.10.1", .destination = "10.0.10.2"});
 }
 
 std::unique_ptr<Record> recordOf(const Bytes& bytes, int vid) {
@@ -75,88 +62,61 @@ TEST_F(TransmitQueue, TakesFramesOfUpTo9000Bytes) {
     EXPECT_EQ(pktd_queue_entry_data_vlan_based_init(nullptr, 1, 10, bytes.data(), 100), -EINVAL);
 }
 
-TEST_F(TransmitQueue, PostsOutOfTheVlanWithoutItsTag) {
+namespace {
+
+struct Post {
+    const char* name;
+    Bytes frame;
+    int vid;
+    const char* port;  // nullptr: none
+    size_t sent;
+    bool arrives;  // at host a
+};
+
+class Posted : public World, public testing::WithParamInterface<Post> {};
+
+// A tag of VLAN 0, which only has a priority.
+Bytes priorityTagged() {
+    Bytes bytes = frame(4095);
+    put16(bytes, 14, 0xe000);
+    return bytes;
+}
+
+}  // namespace
+
+TEST_P(Posted, FrameLeavesByItsVlanOrPortWithoutTheTagOfThatVlan) {
     inOwnProcess([] {
-        attach();
+        const Post& post = GetParam();
+        ASSERT_EQ(attach(), 0);
         Capture atA("a");
-        const Bytes bytes = frame(10);
-        const auto record = recordOf(bytes, 10);
+        const auto record = recordOf(post.frame, post.vid);
+        if (post.port != nullptr) {
+            record->ctrl.dst_unit = 0;
+            record->ctrl.dst_port = indexOf(post.port) - 1;
+            record->ctrl.dst_valid = 1;
+        }
         uint32_t out = 0;
-        EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), bytes.size(), &out), 0);
-        EXPECT_EQ(out, 74U);
-        EXPECT_EQ(atA.next(isPosted)[0], 0x45);
+        EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), post.frame.size(), &out), 0);
+        EXPECT_EQ(out, post.sent);
+        EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), post.frame.size(), nullptr), 0);
+        if (!post.arrives) return;
+        for (int i = 0; i < 2; ++i) EXPECT_EQ(atA.next(isPosted)[0], 0x45);
     });
 }
 
-TEST_F(TransmitQueue, PostsAnUntaggedFrameAsItStands) {
-    inOwnProcess([] {
-        attach();
-        Capture atA("a");
-        const Bytes bytes = frame(0);
-        const auto record = recordOf(bytes, 10);
-        EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), bytes.size(), nullptr), 0);
-        EXPECT_EQ(atA.next(isPosted)[0], 0x45);
-    });
-}
-
-TEST_F(TransmitQueue, KeepsTheTagOfAnotherVlan) {
-    inOwnProcess([] {
-        attach();
-        const Bytes bytes = frame(11);
-        const auto record = recordOf(bytes, 10);
-        uint32_t out = 0;
-        EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), bytes.size(), &out), 0);
-        EXPECT_EQ(out, 78U);
-    });
-}
-
-TEST_F(TransmitQueue, PostsOutOfTheUnitAndPort) {
-    inOwnProcess([] {
-        attach();
-        Capture atA("a");
-        const Bytes bytes = frame(10);
-        const auto record = recordOf(bytes, -1);
-        record->ctrl.dst_unit = 0;
-        record->ctrl.dst_port = static_cast<int32_t>(if_nametoindex("bcm0.10")) - 1;
-        record->ctrl.dst_valid = 1;
-        uint32_t out = 0;
-        EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), bytes.size(), &out), 0);
-        EXPECT_EQ(out, 74U);
-        EXPECT_EQ(atA.next(isPosted)[0], 0x45);
-    });
-}
-
-TEST_F(TransmitQueue, KeepsTheTagOutOfAPortThatIsNoVlan) {
-    inOwnProcess([] {
-        attach();
-        const Bytes bytes = frame(10);
-        const auto record = recordOf(bytes, 10);
-        record->ctrl.dst_port = static_cast<int32_t>(if_nametoindex("fence")) - 1;
-        record->ctrl.dst_valid = 1;
-        uint32_t out = 0;
-        EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), bytes.size(), &out), 0);
-        EXPECT_EQ(out, 78U);
-    });
-}
-
-TEST_F(TransmitQueue, KeepsTheTagThatOnlyHasAPriority) {
-    inOwnProcess([] {
-        attach();
-        Bytes bytes = frame(4095);
-        bytes[14] = 0xe0;
-        bytes[15] = 0x00;
-        const auto record = recordOf(bytes, 10);
-        record->ctrl.dst_port = static_cast<int32_t>(if_nametoindex("fence")) - 1;
-        record->ctrl.dst_valid = 1;
-        uint32_t out = 0;
-        EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), bytes.size(), &out), 0);
-        EXPECT_EQ(out, 78U);
-    });
-}
+INSTANTIATE_TEST_SUITE_P(
+    With, Posted,
+    testing::Values(Post{"ItsVlansTag", frame(10), 10, nullptr, 74, true},
+                    Post{"NoTag", frame(0), 10, nullptr, 74, true},
+                    Post{"AnotherVlansTag", frame(11), 10, nullptr, 78, false},
+                    Post{"ThePortsVlansTag", frame(10), -1, "bcm0.10", 74, true},
+                    Post{"ATagOutOfAPlainPort", frame(10), 10, "fence", 78, false},
+                    Post{"APriorityOutOfAPlainPort", priorityTagged(), 10, "fence", 78, false}),
+    [](const auto& post) { return std::string(post.param.name); });
 
 TEST_F(TransmitQueue, RefusesWhereThereIsNoSuchVlanOrPort) {
     inOwnProcess([] {
-        attach();
+        ASSERT_EQ(attach(), 0);
         const Bytes bytes = frame(0);
         uint32_t out = 77;
         for (const int vid : {-1, 0, 99, 4095})
@@ -170,7 +130,7 @@ TEST_F(TransmitQueue, RefusesWhereThereIsNoSuchVlanOrPort) {
             EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), bytes.size(), &out), -ENODEV)
                 << port;
         }
-        record->ctrl.dst_port = static_cast<int32_t>(if_nametoindex("bcm0.10")) - 1;
+        record->ctrl.dst_port = indexOf("bcm0.10") - 1;
         record->ctrl.dst_unit = 1;
         EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), bytes.size(), &out), -ENODEV);
         EXPECT_EQ(out, 77U);
@@ -179,7 +139,7 @@ TEST_F(TransmitQueue, RefusesWhereThereIsNoSuchVlanOrPort) {
 
 TEST_F(TransmitQueue, RefusesWhatIsNoFrame) {
     inOwnProcess([] {
-        attach();
+        ASSERT_EQ(attach(), 0);
         const auto record = recordOf(frame(0), 10);
         EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), 13, nullptr), -EINVAL);
         EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), 9001, nullptr), -EMSGSIZE);
@@ -189,19 +149,14 @@ TEST_F(TransmitQueue, RefusesWhatIsNoFrame) {
     });
 }
 
-TEST_F(TransmitQueue, BeginsEightBytesIntoItsPool) {
-    inOwnProcess([] {
-        attach();
-        const auto record = recordOf(frame(0), 10);
-        EXPECT_EQ(shm_data_entry_post(pktd_tx_queue_pool, record.get(), 74, nullptr), -EINVAL);
-        EXPECT_EQ(shm_data_entry_post(pktd_rx_queue_pool + 8, record.get(), 74, nullptr), -EINVAL);
-        EXPECT_EQ(shm_data_entry_post(nullptr, record.get(), 74, nullptr), -EINVAL);
-    });
-}
-
-TEST_F(TransmitQueue, IsReachedByAttaching) {
+TEST_F(TransmitQueue, BeginsEightBytesIntoItsPoolAndNeedsToBeAttached) {
     inOwnProcess([] {
         const auto record = recordOf(frame(0), 10);
         EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), 74, nullptr), -ENOTCONN);
+        ASSERT_EQ(attach(), 0);
+        for (void* const queue :
+             {static_cast<void*>(pktd_tx_queue_pool), static_cast<void*>(pktd_rx_queue_pool + 8),
+              static_cast<void*>(nullptr)})
+            EXPECT_EQ(shm_data_entry_post(queue, record.get(), 74, nullptr), -EINVAL);
     });
 }

@@ -1,14 +1,11 @@
 // SPDX-License-Identifier: MIT
-// A switch and two hosts in network namespaces of the test's own.
+// A switch and two hosts in private network namespaces.
 #include "world.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <libmnl/libmnl.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
-#include <linux/netfilter/nf_tables.h>
-#include <linux/netfilter/nfnetlink.h>
 #include <net/if.h>
 #include <netinet/ether.h>
 #include <poll.h>
@@ -37,10 +34,6 @@ using pmtud_linux::Descriptor;
 
 namespace {
 
-void check(bool succeeded, const char* what) {
-    if (!succeeded) throw std::system_error(errno, std::generic_category(), what);
-}
-
 void makeDevice(const char* path, unsigned int minor) {
     check(mknod(path, S_IFCHR | 0666, makedev(1, minor)) == 0, path);
 }
@@ -59,6 +52,12 @@ void batch(const std::string& commands) {
     if (!written || status != 0) throw std::runtime_error("ip -batch failed");
 }
 
+}  // namespace
+
+void check(bool succeeded, const char* what) {
+    if (!succeeded) throw std::system_error(errno, std::generic_category(), what);
+}
+
 sockaddr_ll address(int ifindex) {
     sockaddr_ll link{};
     link.sll_family = AF_PACKET;
@@ -66,8 +65,6 @@ sockaddr_ll address(int ifindex) {
     link.sll_protocol = htons(ETH_P_ALL);
     return link;
 }
-
-}  // namespace
 
 void isolate() {
     check(unshare(CLONE_NEWNS | CLONE_NEWNET) == 0, "the kernel tests need root: unshare");
@@ -84,7 +81,7 @@ void awaitReadable(int fd, const char* what) {
     const int limit = static_cast<int>(std::chrono::milliseconds(kPatience).count());
     const int result = poll(&readable, 1, limit);
     check(result >= 0, "poll");
-    if (result == 0) throw std::runtime_error(std::string("waited in vain for ") + what);
+    if (result == 0) throw std::runtime_error(std::string("timed out waiting for ") + what);
 }
 
 void run(const std::string& command) {
@@ -128,72 +125,17 @@ void inOwnProcess(const std::function<void()>& body) {
     EXPECT_EQ(status, 0) << "see the failures above";
 }
 
-Capture::Capture(const std::string& host, const std::string& interface) {
-    const auto open = [&] {
-        m_socket.reset(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        check(m_socket.valid(), "packet socket");
-        constexpr int kRoom = 32 << 20;
-        check(setsockopt(m_socket.get(), SOL_SOCKET, SO_RCVBUFFORCE, &kRoom, sizeof kRoom) == 0,
-              "room of a capture");
-        constexpr int kYes = 1;
-        check(
-            setsockopt(m_socket.get(), SOL_PACKET, PACKET_IGNORE_OUTGOING, &kYes, sizeof kYes) == 0,
-            "incoming packets only");
-        const sockaddr_ll link = address(static_cast<int>(if_nametoindex(interface.c_str())));
-        check(bind(m_socket.get(), reinterpret_cast<const sockaddr*>(&link), sizeof link) == 0,
-              "bind");
-    };
-    if (host.empty())
-        open();
-    else
-        onHost(host, open);
+int attach() { return pktd_shm_queue_init("pmtud", 0, 1, pktd_tx_queue_pool, pktd_rx_queue_pool); }
+
+int discard(const st_pktd_shm_queue_entry_data_t*, uint8_t*, int) { return PKTD_VERDICT_DISCARD; }
+
+int startThread(pktd_rx_cb_t callback, const char* client) {
+    return pktd_shm_rx_thread_init(client, pktd_rx_queue_pool, pktd_rx_wl_pool, 32, 32, callback,
+                                   nullptr);
 }
 
-Bytes Capture::next(const std::function<bool(const Bytes&)>& wanted) {
-    for (;;) {
-        awaitReadable(m_socket.get(), "a packet");
-        Bytes packet(65536);
-        sockaddr_ll from{};
-        socklen_t size = sizeof from;
-        const ssize_t length = recvfrom(m_socket.get(), packet.data(), packet.size(), 0,
-                                        reinterpret_cast<sockaddr*>(&from), &size);
-        check(length >= 0, "recvfrom");
-        m_packetType = from.sll_pkttype;
-        m_etherType = ntohs(from.sll_protocol);
-        packet.resize(static_cast<size_t>(length));
-        if (wanted(packet)) return packet;
-    }
-}
-
-RuleChanges::RuleChanges() {
-    m_socket.reset(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER));
-    check(m_socket.valid(), "netlink socket");
-    // Bound: an unbound socket is left out of what the kernel itself sends.
-    sockaddr_nl any{};
-    any.nl_family = AF_NETLINK;
-    check(bind(m_socket.get(), reinterpret_cast<const sockaddr*>(&any), sizeof any) == 0, "bind");
-    constexpr int kGroup = NFNLGRP_NFTABLES;
-    check(setsockopt(m_socket.get(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &kGroup, sizeof kGroup) ==
-              0,
-          "nftables events");
-}
-
-void RuleChanges::await() {
-    for (;;) {
-        awaitReadable(m_socket.get(), "a change of the rules");
-        alignas(nlmsghdr) std::array<char, 65536> buffer;
-        const ssize_t length = recv(m_socket.get(), buffer.data(), buffer.size(), 0);
-        if (length < 0 && errno == ENOBUFS) {
-            // There were more than the socket holds, and it takes none until it is empty.
-            while (recv(m_socket.get(), buffer.data(), buffer.size(), MSG_DONTWAIT) >= 0) continue;
-            return;
-        }
-        check(length >= 0, "nftables events");
-        int left = static_cast<int>(length);
-        const auto* message = reinterpret_cast<const nlmsghdr*>(buffer.data());
-        for (; mnl_nlmsg_ok(message, left); message = mnl_nlmsg_next(message, &left))
-            if (message->nlmsg_type == ((NFNL_SUBSYS_NFTABLES << 8) | NFT_MSG_NEWGEN)) return;
-    }
+int32_t indexOf(const std::string& interface) {
+    return static_cast<int32_t>(if_nametoindex(interface.c_str()));
 }
 
 // A link takes packets only once the kernel has seen its carrier, which it does in its own time;
@@ -257,13 +199,14 @@ route add default via fd00:20::1
         awaitLink(interface);
     }
     for (const char* const host : {"a", "b"}) onHost(host, [] { awaitLink("eth0"); });
-    const auto open = [](Sender& sender) {
-        sender.socket.reset(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        check(sender.socket.valid(), "packet socket");
-        sender.interface = static_cast<int>(if_nametoindex("eth0"));
-    };
-    onHost("a", [&] { open(m_a); });
-    onHost("b", [&] { open(m_b); });
+    onHost("a", [&] { m_a.open("eth0"); });
+    onHost("b", [&] { m_b.open("eth0"); });
+}
+
+void World::Sender::open(const std::string& name) {
+    socket.reset(::socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    check(socket.valid(), "packet socket");
+    interface = indexOf(name);
 }
 
 void World::send(const Sender& sender, const Bytes& packet, const std::string& destination) {
@@ -287,23 +230,8 @@ void World::sendFromB(const Bytes& packet) { send(m_b, packet, "02:00:00:00:20:0
 void World::sendInto(const std::string& interface, const Bytes& packet,
                      const std::string& destination) {
     Sender sender;
-    sender.socket.reset(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    check(sender.socket.valid(), "packet socket");
-    sender.interface = static_cast<int>(if_nametoindex(interface.c_str()));
+    sender.open(interface);
     send(sender, packet, destination);
 }
 
-void World::sendFence() {
-    Ipv4 fence;
-    fence.size = 1001;
-    fence.destination = "10.0.30.2";
-    send(packet(fence));
-}
-
-uint64_t handedOver(const std::string& interface) {
-    const std::string text = output("nft list counter inet pmtud " + interface);
-    constexpr std::string_view kBefore = "packets ";
-    const size_t at = text.find(kBefore);
-    if (at == std::string::npos) throw std::runtime_error("no counter " + interface);
-    return std::stoull(text.substr(at + kBefore.size()));
-}
+void World::sendFence() { send(packet(Ipv4{.size = 1001, .destination = "10.0.30.2"})); }

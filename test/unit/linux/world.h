@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A switch and two hosts in network namespaces of the test's own.
+// A switch and two hosts in private network namespaces.
 //
 //   host a, VLAN 10                 the switch                    host b, VLAN 20
 //   10.0.10.2  fd00:10::2  ── bcm0.10 (MTU 1500)
@@ -19,7 +19,14 @@
 #include <string>
 
 #include "descriptor.h"
-#include "packets.h"
+#include "messages.h"
+#include "pktd.h"
+
+/// Throws std::system_error, by errno, if a call has failed.
+void check(bool succeeded, const char* what);
+
+/// All packets of an interface.
+sockaddr_ll address(int ifindex);
 
 /// Moves the process into mount and network namespaces of its own, with an empty /run and a
 /// /dev without the machine's sockets.  Throws std::system_error where that is not allowed.
@@ -44,6 +51,12 @@ void onHost(const std::string& host, const std::function<void()>& action);
 /// Runs the body of a test in a process of its own, where it sees the library as it is
 /// at the start of a process; the test fails where the body does.
 void inOwnProcess(const std::function<void()>& body);
+
+/// Attaches this process to the packet-dispatch queue, and starts the receive thread, as the daemon
+/// does; their results.
+int attach();
+int discard(const st_pktd_shm_queue_entry_data_t* record, uint8_t* frame, int size);
+int startThread(pktd_rx_cb_t callback = discard, const char* client = "pmtud");
 
 /// All packets that a host's or the switch's interface receives.
 class Capture {
@@ -81,6 +94,9 @@ class RuleChanges {
 /// Waits until the interface takes packets.
 void awaitLink(const std::string& interface);
 
+/// The interface's index.
+int32_t indexOf(const std::string& interface);
+
 class World : public testing::Test {
  protected:
     void SetUp() override;
@@ -101,6 +117,7 @@ class World : public testing::Test {
 
  private:
     struct Sender {
+        void open(const std::string& name);
         pmtud_linux::Descriptor socket;
         int interface = 0;
     };

@@ -1,0 +1,222 @@
+// SPDX-License-Identifier: MIT
+// What must always hold of the dispatcher: each withdrawn message is answered or given back exactly
+// once, and each line is due.
+#include "dispatcher_world.h"
+
+#include "frame_lines.h"
+
+namespace fuzz {
+
+using pmtud_linux::LineFate;
+using pmtud_linux::Priority;
+using namespace std::chrono_literals;
+
+World* world = nullptr;
+
+bool Withdrawn::isNear() const {
+    if (!copy || egress != copy->ingress) return false;
+    return std::any_of(copy->addresses.begin() + 6, copy->addresses.end(),
+                       [](uint8_t byte) { return byte != 0; });
+}
+
+// What arrives.
+
+void World::expect(const Message& message) {
+    if (message.sequence) {
+        m_counted[kLost] += *message.sequence - m_nextSequence;
+        m_nextSequence = *message.sequence + 1;
+    }
+    const int vlan = vlanOfPrefix(message.prefix);
+    const bool isRefusal = message.prefix == "pmtud:refused";
+    if (!isRefusal || message.mark < 1 || message.mark > 4094) {
+        if (isRefusal || vlan == 0 || !m_copies.keep(message, vlan)) ++m_counted[kForeign];
+        return;
+    }
+    Withdrawn withdrawn;
+    const Span quote = quotedBy(message.payload);
+    withdrawn.quote = cut(quote, 0, quote.size());
+    withdrawn.answer = cut(message.payload, 0, message.payload.size());
+    withdrawn.egress = message.egress;
+    if (const Kept* const kept = m_copies.take(quote)) {
+        withdrawn.copy = *kept;
+        const auto egress = links.vlans().find(kept->egressVlan);
+        if (egress != links.vlans().end()) {
+            withdrawn.ingressVlan = vlanOf(links.vlans(), kept->ingress);
+            withdrawn.vlanEgress = egress->second.ifindex;
+        }
+    }
+    m_expected.push_back(std::move(withdrawn));
+}
+
+void World::drawDatagram(mmsghdr& header) {
+    const uint8_t choice = input.byte();
+    Bytes datagram;
+    if (choice >= 0xC0) m_traffic.addRefused(1 + choice % 32, datagram);
+    for (int left = choice / 16 % 4; left >= 0; --left) {
+        m_traffic.add(input, datagram);
+        if (left > 0) datagram.resize(Netlink::aligned(datagram.size()));
+    }
+    msghdr& how = header.msg_hdr;
+    const std::size_t taken = std::min(datagram.size(), how.msg_iov[0].iov_len);
+    datagram.resize(std::min(Netlink::aligned(taken), how.msg_iov[0].iov_len));
+    std::copy(datagram.begin(), datagram.end(), static_cast<uint8_t*>(how.msg_iov[0].iov_base));
+    header.msg_len = static_cast<unsigned>(taken);
+    const bool isCut = choice % 16 == 14 || taken == how.msg_iov[0].iov_len;
+    how.msg_flags = isCut ? MSG_TRUNC : 0;
+    sockaddr_nl sender{};
+    sender.nl_family = AF_NETLINK;
+    sender.nl_pid = choice % 16 == 15 ? 1 + choice : 0;
+    memcpy(how.msg_name, &sender, sizeof sender);
+    how.msg_namelen = choice % 16 == 13 ? 0 : sizeof sender;
+    if (isCut || choice % 16 == 13 || sender.nl_pid != 0) {
+        ++m_counted[kForeign];
+        return;
+    }
+    for (const Span bytes : messagesOf(datagram, taken)) {
+        if (load<uint16_t>(bytes, 4) != kLoggedPacket) continue;
+        if (const auto message = expectedMessage(bytes))
+            expect(*message);
+        else
+            ++m_counted[kForeign];
+    }
+}
+
+// What becomes of withdrawn messages.
+
+int World::handOver(const st_pktd_shm_queue_entry_data_t& record, const uint8_t* frame,
+                    std::size_t size) {
+    finishCurrent();
+    require(!m_expected.empty(), "only refused packets are handed over, and once");
+    m_current = std::move(m_expected.front());
+    m_expected.pop_front();
+    m_isHandedOver = true;
+    require(m_current->ingressVlan != 0, "only what came in by a VLAN and would leave by one");
+    checkFrame(record, frame, size, *m_current->copy, m_current->quote);
+    require(record.ctrl.vid == m_current->ingressVlan, "ingress in the record");
+    require(record.ctrl.egress == static_cast<int32_t>(m_current->vlanEgress), "egress");
+    const LineFate fate = pmtud_linux::lineFate();
+    require(fate != LineFate::kWritten, "lines of a frame are not written one by one");
+    if (fate == LineFate::kIgnored) ++m_counted[kUnlogged];
+    // A hundred, and one more every 50 ms since the start.
+    if (fate == LineFate::kKept) ++m_framesLogged;
+    require(m_framesLogged <= 100 + (now - 1h) / 50ms, "lines are logged in the budget");
+    require(fate == LineFate::kKept || m_framesLogged >= 100, "and all of it is used");
+
+    const uint8_t choice = input.byte();
+    if (choice == 0xFF) return choice;
+    if (choice >= 0xC0) now += choice >= 0xE0 ? 49ms : 1000ms;
+    if (choice % 4 != 1) ++answersThatLeft;
+    return choice;
+}
+
+void World::readCounter(std::optional<uint64_t> reading) {
+    const bool isSame = reading && *reading == m_lastReading;
+    if (reading) m_lastReading = *reading;
+    if (m_current && m_isHandedOver && !m_isRead) {
+        m_isRead = true;
+        m_isLost = isSame;
+        return;
+    }
+    // After it was given back, and passed the rules or did not.
+    givenBack();
+    require(!m_isGivenBack, "a message is given back once");
+    m_isGivenBack = true;
+    if (m_sent == 0) ++m_counted[kUnanswered];
+}
+
+const Withdrawn& World::givenBack() {
+    if (m_current && !m_isGivenBack && (m_isLost || !m_isHandedOver)) return *m_current;
+    finishCurrent();
+    require(!m_expected.empty() && m_expected.front().ingressVlan == 0,
+            "only what was not answered is given back");
+    m_current = std::move(m_expected.front());
+    m_expected.pop_front();
+    return *m_current;
+}
+
+void World::send(bool isNear, bool succeeds) {
+    require(givenBack().isNear() || !isNear, "which answers go to the packet's station");
+    require((isNear ? m_near : m_far)++ == 0, "each way is tried once");
+    require(m_sent == 0, "an answer is given back once");
+    m_sent += succeeds ? 1 : 0;
+}
+
+void World::leaveToKernel(bool succeeds) {
+    require(m_current && m_isGivenBack && m_sent == 0, "the kernel is left what nobody answered");
+    auto& until = m_leftToKernel[m_current->egress];
+    require(now >= until, "an interface is left to the kernel once in its time");
+    until = now + (succeeds ? 30s : 1s);
+}
+
+// The dispatcher has gone on to something else.
+void World::finishCurrent() {
+    if (!m_current) return;
+    const bool isSendable = headerOf(m_current->answer) != 0;
+    require(!m_isHandedOver || m_isRead, "the counter is read after each frame");
+    require(m_isGivenBack == (m_isLost || !m_isHandedOver),
+            "a message is given back if it was not answered, and only then");
+    if (m_isGivenBack) {
+        require(m_sent != 0 || m_leftToKernel.contains(m_current->egress),
+                "the kernel is left to answer where nobody can");
+        require(m_near == (isSendable && m_current->isNear() ? 1 : 0), "the packet's station");
+        require(m_sent + m_far != 0 || !isSendable, "each way is tried");
+    }
+    m_current.reset();
+    m_isHandedOver = m_isRead = m_isLost = m_isGivenBack = false;
+    m_near = m_far = m_sent = 0;
+}
+
+void World::settle() {
+    finishCurrent();
+    require(pmtud_linux::lineFate() == LineFate::kWritten, "lines are kept only during a frame");
+    require(m_expected.empty(), "every refused packet is handed over or given back");
+}
+
+// Lines.
+
+void World::takeLine(Priority priority, const std::string& line) {
+    require(line.find('\n') == line.npos, "a line is one line");
+    struct Known {
+        Priority priority;
+        const char* start;
+        int count;
+    };
+    constexpr Known kKnown[] = {
+        {Priority::kWarning, "the receive queue overran, messages lost: ", kLost},
+        {Priority::kWarning, "refused packets that nobody answered: ", kUnanswered},
+        {Priority::kWarning, "log group 89: messages not from this table, ignored: ", kForeign},
+        {Priority::kInfo, "answered without log lines, frames: ", kUnlogged},
+        {Priority::kWarning, "the receive queue overran; how many messages", -1},
+        {Priority::kWarning, "the verdict ", -1},
+        {Priority::kWarning, "nothing to serve: ", -1},
+        {Priority::kError, "nothing is served (", -1},
+        {Priority::kError, "the rules could not be installed: ", -1},
+        {Priority::kError, "the rules could not be changed, trying again: ", -1},
+        {Priority::kError, "the kernel could not be left to answer: ", -1}};
+    const auto* const known = std::find_if(std::begin(kKnown), std::end(kKnown), [&](auto& one) {
+        return one.priority == priority && line.starts_with(one.start);
+    });
+    if (known == std::end(kKnown)) {
+        const bool isLoss = line.find(": the answers do not leave this router") != line.npos;
+        const bool isReturn = line.ends_with(": the answers leave this router again");
+        require(priority == Priority::kWarning, "a known line");
+        if (line.ends_with("; only the lower VLAN is served, so remove one of the names")) return;
+        require(m_current && m_isHandedOver, "a line about answers");
+        require(isLoss ? m_isLost : isReturn && !m_isLost, "what becomes of answers");
+    } else if (known->count >= 0) {
+        const std::string number = line.substr(strlen(known->start));
+        require(number.find_first_not_of("0123456789") == number.npos && number != "0", "a count");
+        if (!logIsDown)
+            m_logged[static_cast<std::size_t>(known->count)] +=
+                std::strtoull(number.c_str(), nullptr, 10);
+    } else if (line.starts_with("the verdict ")) {
+        require(m_linesOfVerdict.insert(line).second, "a verdict is logged once");
+    } else if (line.starts_with("the receive queue overran; ")) {
+        require(++m_linesOfOverrun <= overruns, "only an overrun is logged as one");
+    } else if (line.starts_with("nothing is served") || line.find("installed") != line.npos) {
+        require(!isRunning, "a start fails before it runs");
+        ++startLines;
+    }
+}
+
+}  // namespace fuzz

@@ -1,0 +1,214 @@
+// SPDX-License-Identifier: MIT
+// Starts that fail: their results, what is logged about them and how often, and what is left.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <pthread.h>
+#include <sys/prctl.h>
+
+#include <cerrno>
+
+#include "calls.h"
+#include "log_daemon.h"
+#include "pktd.h"
+#include "start_problem.h"
+#include "world.h"
+
+using pmtud_linux::startProblem;
+using pmtud_linux::threadProblem;
+
+TEST(StartProblem, NamesCauseAndRemedyOfEachResult) {
+    const std::pair<int, const char*> causes[] = {
+        {-EPERM,
+         "(-1): CAP_NET_ADMIN or CAP_NET_RAW is missing; give the process both, in the user "
+         "namespace that owns the network"},
+        {-ENOMEM, "(-12): out of memory"},
+        {-EBUSY,
+         "(-16): log group 89 belongs to another process, which "
+         "/proc/net/netfilter/nfnetlink_log names; end it"},
+        {-EINVAL, "(-22): the kernel has no log target; modprobe nfnetlink_log"},
+        {-ENFILE, "(-23): too many open files; raise the limit (LimitNOFILE=, ulimit -n)"},
+        {-EMFILE, "(-24): too many open files; raise the limit (LimitNOFILE=, ulimit -n)"},
+        {-EPROTONOSUPPORT, "(-93): the kernel has no netfilter netlink; modprobe nfnetlink"},
+        {-EAFNOSUPPORT,
+         "(-97): a family of sockets is forbidden; check RestrictAddressFamilies= of the unit"},
+        {-ENOBUFS, "(-105): out of memory"},
+        {-EIO, "(-5): Input/output error"}};
+    for (const auto& [result, cause] : causes)
+        EXPECT_EQ(startProblem(result), std::string("nothing is served ") + cause);
+    EXPECT_EQ(threadProblem(-EAGAIN),
+              "no receive thread (-11): the limit on tasks is reached; raise it (TasksMax=, "
+              "ulimit -u)");
+    EXPECT_EQ(threadProblem(-ENOMEM), "no receive thread (-12): out of memory");
+}
+
+namespace {
+
+std::string ruleset() { return output("nft list ruleset"); }
+
+// Fails if there is not one line, an error.
+void expectOnlyLine(LogDaemon& log, const std::string& line) {
+    const std::string datagram = log.next();
+    EXPECT_EQ(priorityOf(datagram), "<27>");
+    EXPECT_EQ(lineOf(datagram), "89 PMTUD-Linux: " + line);
+    EXPECT_FALSE(log.poll());
+}
+
+constexpr char kRefused[] = "the rules could not be installed: ";
+
+}  // namespace
+
+class FailedStart : public World {};
+
+TEST_F(FailedStart, WithoutAnIcmpSocketIsLoggedOnceAndLeavesNoRules) {
+    inOwnProcess([] {
+        calls.socket = [](int domain, int type, int protocol) {
+            if (domain == AF_INET && protocol == IPPROTO_ICMP) return refuse(EPERM);
+            return real::socket(domain, type, protocol);
+        };
+        LogDaemon log;
+        EXPECT_EQ(attach(), -EPERM);
+        expectOnlyLine(log,
+                       "nothing is served (-1): CAP_NET_ADMIN or CAP_NET_RAW is missing; give the "
+                       "process both, in the user namespace that owns the network");
+        EXPECT_EQ(startThread(), -ENOTCONN);
+        EXPECT_FALSE(log.poll());
+        EXPECT_EQ(ruleset(), "");
+    });
+}
+
+// The sockets of the group, the counter and the links, one after the other.
+TEST_F(FailedStart, WithoutOneOfItsNetlinkSocketsIsLoggedOnceAndLeavesNothing) {
+    inOwnProcess([] {
+        LogDaemon log;
+        for (int failing = 1; failing <= 3; ++failing) {
+            int sockets = 0;
+            calls.netlinkBind = [&](mnl_socket* socket, unsigned int groups, pid_t port) {
+                if (++sockets == failing) return refuse(EADDRINUSE);
+                return real::netlinkBind(socket, groups, port);
+            };
+            EXPECT_EQ(attach(), -EADDRINUSE);
+            EXPECT_EQ(sockets, failing);
+            expectOnlyLine(log, "nothing is served (-98): Address already in use");
+            EXPECT_EQ(ruleset(), "");
+        }
+        calls.netlinkBind = nullptr;
+        EXPECT_EQ(attach(), 0);
+    });
+}
+
+TEST_F(FailedStart, WithoutAThreadIsLoggedOnceAndWithdrawsTheRules) {
+    inOwnProcess([] {
+        LogDaemon log;
+        ASSERT_EQ(attach(), 0);
+        EXPECT_NE(ruleset(), "");
+        // A stack of a size that no address space has room for.
+        pthread_attr_t before;
+        ASSERT_EQ(pthread_getattr_default_np(&before), 0);
+        pthread_attr_t endless = before;
+        pthread_attr_setstacksize(&endless, SIZE_MAX / 4 & ~size_t{65535});
+        ASSERT_EQ(pthread_setattr_default_np(&endless), 0);
+        EXPECT_EQ(startThread(), -EAGAIN);
+        ASSERT_EQ(pthread_setattr_default_np(&before), 0);
+        expectOnlyLine(log,
+                       "no receive thread (-11): the limit on tasks is reached; raise it "
+                       "(TasksMax=, ulimit -u)");
+        EXPECT_EQ(ruleset(), "");
+        sigset_t blocked;
+        ASSERT_EQ(pthread_sigmask(SIG_SETMASK, nullptr, &blocked), 0);
+        EXPECT_EQ(sigismember(&blocked, SIGTERM), 0);
+        EXPECT_EQ(startThread(), -ENOTCONN);
+    });
+}
+
+TEST_F(FailedStart, WithoutACallbackOrANameWithdrawsTheRules) {
+    inOwnProcess([] {
+        for (const char* const name : {"pmtud", static_cast<const char*>(nullptr)}) {
+            ASSERT_EQ(attach(), 0);
+            EXPECT_EQ(startThread(name == nullptr ? discard : nullptr, name), -EINVAL);
+            EXPECT_EQ(ruleset(), "");
+        }
+        EXPECT_EQ(pktd_shm_queue_init(nullptr, 0, 1, pktd_tx_queue_pool, pktd_rx_queue_pool),
+                  -EINVAL);
+    });
+}
+
+TEST_F(FailedStart, OfASecondThreadOrAttachmentIsRefusedWithoutALine) {
+    inOwnProcess([] {
+        LogDaemon log;
+        ASSERT_EQ(attach(), 0);
+        EXPECT_EQ(attach(), -EALREADY);
+        ASSERT_EQ(startThread(), 0);
+        // The main thread only sleeps from now on, in long steps.
+        EXPECT_EQ(prctl(PR_GET_TIMERSLACK), 100'000'000);
+        EXPECT_EQ(startThread(), -EALREADY);
+        EXPECT_EQ(startThread(nullptr), -EALREADY);
+        EXPECT_EQ(attach(), -EALREADY);
+        EXPECT_FALSE(log.poll());
+        EXPECT_NE(ruleset(), "");
+    });
+}
+
+TEST_F(FailedStart, WithRulesThatTheKernelRefusesIsLoggedOnceWithItsReason) {
+    inOwnProcess([] {
+        // Each part by itself is there.
+        calls.nftRun = [](nft_ctx*, const char* commands) {
+            return std::string(commands).starts_with("table inet pmtud-check ") ? 0 : -1;
+        };
+        calls.nftError = [](nft_ctx*) {
+            return "internal:0:0-0: Error: Could not process rule: Operation not supported\n"
+                   "add table inet pmtud\n";
+        };
+        LogDaemon log;
+        EXPECT_EQ(attach(), -EOPNOTSUPP);
+        expectOnlyLine(log, std::string(kRefused) +
+                                "internal:0:0-0: Error: Could not process rule: Operation not "
+                                "supported");
+        // The log group is free again.
+        calls.nftRun = nullptr;
+        calls.nftError = nullptr;
+        EXPECT_EQ(attach(), 0);
+    });
+}
+
+TEST_F(FailedStart, OnAKernelThatLacksAPartNamesThePart) {
+    inOwnProcess([] {
+        LogDaemon log;
+        const std::pair<const char*, const char*> parts[] = {
+            {"{\n\n}", "nftables (nf_tables)"},
+            {"flags owner;", "tables that a process owns (Linux 5.12)"},
+            {"meta mark @s", "sets (nf_tables)"},
+            {"flags dynamic,timeout", "dynamic sets (nf_tables)"},
+            {"meta skuid", "matching the user who sent a packet (nf_tables)"},
+            {"fib daddr", "route lookups (nft_fib_inet)"},
+            {"limit rate", "limits (nft_limit)"},
+            {"log group", "logging (nft_log)"},
+            {"counter n ", "named counters and limits (nft_objref)"}};
+        for (const auto& [use, name] : parts) {
+            calls.nftRun = [use = use](nft_ctx* context, const char* commands) {
+                const std::string text = commands;
+                if (!text.starts_with("table inet pmtud-check {\n")) return -1;
+                // The real one checks that the kernel here takes it, without carrying it out.
+                EXPECT_EQ(real::nftRun(context, commands), 0) << commands;
+                return text.find(use) == text.npos ? 0 : -1;
+            };
+            EXPECT_LT(attach(), 0);
+            expectOnlyLine(log, std::string(kRefused) + "this kernel lacks " + name);
+            EXPECT_EQ(ruleset(), "");
+        }
+    });
+}
+
+TEST_F(FailedStart, WithATableOfTheSameNameLeavesItAndTellsHowToDeleteIt) {
+    inOwnProcess([] {
+        run("nft 'add table inet pmtud; add chain inet pmtud prerouting'");
+        LogDaemon log;
+        EXPECT_LT(attach(), 0);
+        expectOnlyLine(log, std::string(kRefused) +
+                                "there is a table inet pmtud already; end the process that owns "
+                                "it, or delete it (nft delete table inet pmtud)");
+        EXPECT_EQ(ruleset(), "table inet pmtud {\n\tchain prerouting {\n\t}\n}\n");
+        run("nft delete table inet pmtud");
+        EXPECT_EQ(attach(), 0);
+    });
+}

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Counts events of one kind so that a burst of them is logged in one line.
+// Counts events of one kind, so that a single line reports a whole burst.
 #include "burst.h"
 
 #include <utility>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What the running kernel lacks, in an operator's words.
+// Finds which feature the running kernel lacks, and names it for the operator.
 #include "kernel_features.h"
 
 #include "nft_connection.h"
@@ -10,10 +10,10 @@ namespace {
 
 struct Feature {
     const char* name;
-    const char* use;  // in a table
+    const char* use;  // what uses it in a table
 };
 
-// None uses what is named after it.
+// None uses a feature that comes after it.
 constexpr Feature kFeatures[] = {
     {"nftables (nf_tables)", ""},
     {"tables that a process owns (Linux 5.12)", "flags owner;"},
@@ -32,7 +32,8 @@ constexpr Feature kFeatures[] = {
 
 std::string featureMissing() {
     for (const Feature& feature : kFeatures) {
-        // A connection believes that what it checked exists.
+        // A connection assumes that whatever it has only checked now exists, so each check needs a
+        // new one.
         NftConnection connection;
         if (connection.open() != 0) return {};
         const std::string use = feature.use;

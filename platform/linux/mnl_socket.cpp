@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A netlink socket of libmnl's, with its owner.
+// A libmnl netlink socket that closes when its owner is destroyed.
 #include "mnl_socket.h"
 
 #include <sys/socket.h>

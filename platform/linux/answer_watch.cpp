@@ -58,7 +58,7 @@ std::optional<uint64_t> AnswerWatch::readCounter() const {
     mnl_attr_put_strz(request, NFTA_OBJ_NAME, kAnswersCounter);
     mnl_attr_put_u32(request, NFTA_OBJ_TYPE, htonl(NFT_OBJECT_COUNTER));
     std::optional<uint64_t> packets;
-    if (requestOfKernel(m_socket, request, readObject, &packets) != 0) return std::nullopt;
+    if (requestFromKernel(m_socket, request, readObject, &packets) != 0) return std::nullopt;
     return packets;
 }
 

@@ -7,10 +7,10 @@
 namespace pmtud_linux {
 
 uint64_t Burst::due(bool over, Clock::time_point now) {
-    if (m_unsaid == 0) return 0;
-    if (!over && now - m_said < std::chrono::seconds(1)) return 0;
-    m_said = now;
-    return std::exchange(m_unsaid, 0);
+    if (m_unreported == 0) return 0;
+    if (!over && now - m_lastReport < std::chrono::seconds(1)) return 0;
+    m_lastReport = now;
+    return std::exchange(m_unreported, 0);
 }
 
 }  // namespace pmtud_linux

@@ -35,8 +35,8 @@ constexpr int kRetryInterval = 1000;  // milliseconds
 constexpr std::chrono::seconds kLeftToKernel(30);
 
 // If the log does not accept the line, a later line covers its events.
-void sayBurst(Burst& burst, Priority priority, const std::string& what, bool over,
-              Burst::Clock::time_point now) {
+void reportBurst(Burst& burst, Priority priority, const std::string& what, bool over,
+                 Burst::Clock::time_point now) {
     const uint64_t count = burst.due(over, now);
     if (count != 0 && !say(priority, what + std::to_string(count))) burst.count(count);
 }
@@ -95,7 +95,7 @@ int Dispatcher::installRules() {
         noteInstalled();
         return 0;
     }
-    say(Priority::kError, "the rules could not be installed: " + refusalOfRules());
+    say(Priority::kError, "the rules could not be installed: " + reasonForRefusal());
     return result;
 }
 
@@ -111,12 +111,12 @@ void Dispatcher::noteInstalled() {
     m_installed = m_table.vlans();
 }
 
-std::string Dispatcher::refusalOfRules() {
+std::string Dispatcher::reasonForRefusal() {
     const std::string problem = m_rules.problem();
     if (m_rules.run("list table inet pmtud\n") == 0)
         return "there is a table inet pmtud already; end the process that owns it, or delete it "
                "(nft delete table inet pmtud)";
-    const std::string missing = featureMissing();
+    const std::string missing = missingFeature();
     return missing.empty() ? problem : "this kernel lacks " + missing;
 }
 
@@ -138,14 +138,14 @@ void Dispatcher::run(pktd_rx_cb_t callback) {
         if (ready[0].revents != 0)
             receive(callback);
         else
-            sayBursts(true);
+            reportBursts(true);
     }
 }
 
 // In milliseconds; -1: there is nothing to do until something arrives.
 int Dispatcher::timeout() const {
     const int alive = m_service.interval();
-    if (!retrying() && !unsaid()) return alive;
+    if (!retrying() && !hasUnreported()) return alive;
     return alive < 0 ? kRetryInterval : std::min(alive, kRetryInterval);
 }
 
@@ -184,7 +184,7 @@ void Dispatcher::receive(pktd_rx_cb_t callback) {
         // Fewer than requested: the queue is empty.
         over = count == -EAGAIN || (count >= 0 && count < static_cast<int>(LogGroup::kAtOnce));
     }
-    sayBursts(over);
+    reportBursts(over);
 }
 
 void Dispatcher::takeAll(const LogGroup::Datagram& datagram, pktd_rx_cb_t callback) {
@@ -223,12 +223,12 @@ void Dispatcher::takeRefused(const LogMessage& message, pktd_rx_cb_t callback) {
     const Copy* const copy = m_copies.take(quoteOf(message.payload));
     if (copy != nullptr && m_table.vlanOf(copy->ingress) != 0 &&
         m_table.vlans().contains(copy->egressVlan))
-        handOver(message, *copy, callback);
+        deliver(message, *copy, callback);
     else
-        giveBack(message, copy);
+        sendKernelAnswer(message, copy);
 }
 
-void Dispatcher::handOver(const LogMessage& message, const Copy& copy, pktd_rx_cb_t callback) {
+void Dispatcher::deliver(const LogMessage& message, const Copy& copy, pktd_rx_cb_t callback) {
     const uint32_t egress = m_table.vlans().at(copy.egressVlan).ifindex;
     m_frame.build(copy, m_table.vlanOf(copy.ingress), egress, quoteOf(message.payload));
     const auto now = Burst::Clock::now();
@@ -240,7 +240,7 @@ void Dispatcher::handOver(const LogMessage& message, const Copy& copy, pktd_rx_c
     }
     if (!m_answers.hasLeft()) {
         if (isRefusedStill(copy, egress)) noteLoss(message.egress, now);
-        giveBack(message, &copy);
+        sendKernelAnswer(message, &copy);
     } else if (m_answerNews.left(message.egress, now)) {
         say(Priority::kWarning, nameOf(message.egress) + ": the answers leave this router again");
     }
@@ -257,7 +257,7 @@ void Dispatcher::noteLoss(uint32_t ifindex, Burst::Clock::time_point now) {
 
 // Somebody must answer, so the kernel's message is sent after all. If that fails, the next ones on
 // that interface are not withdrawn.
-void Dispatcher::giveBack(const LogMessage& message, const Copy* copy) {
+void Dispatcher::sendKernelAnswer(const LogMessage& message, const Copy* copy) {
     const int result = m_kernelAnswer.send(message, copy);
     // If the message passed through the rules, they counted it as an answer.
     m_answers.catchUp();
@@ -302,22 +302,25 @@ void Dispatcher::countVerdict(int verdict) {
             ") has no effect: the frame is a copy, and the kernel has refused the packet");
 }
 
-void Dispatcher::sayBursts(bool over) {
+void Dispatcher::reportBursts(bool over) {
     if (over && m_overrun && !m_lost.pending()) {
         say(Priority::kWarning,
             "the receive queue overran; how many messages were lost shows with the next one");
         m_overrun = false;
     }
-    if (!unsaid()) return;
+    if (!hasUnreported()) return;
     const Burst::Clock::time_point now = Burst::Clock::now();
-    sayBurst(m_lost, Priority::kWarning, "the receive queue overran, messages lost: ", over, now);
-    sayBurst(m_unanswered, Priority::kWarning, "refused packets that nobody answered: ", over, now);
+    reportBurst(m_lost, Priority::kWarning, "the receive queue overran, messages lost: ", over,
+                now);
+    reportBurst(m_unanswered, Priority::kWarning, "refused packets that nobody answered: ", over,
+                now);
     // At most once per second, even if each frame is a burst by itself: this line exists to save
     // lines.
-    sayBurst(m_unlogged, Priority::kInfo, "answered without log lines, frames: ", false, now);
-    sayBurst(m_foreign, Priority::kWarning,
-             "log group " + std::to_string(kLogGroup) + ": messages not from this table, ignored: ",
-             over, now);
+    reportBurst(m_unlogged, Priority::kInfo, "answered without log lines, frames: ", false, now);
+    reportBurst(
+        m_foreign, Priority::kWarning,
+        "log group " + std::to_string(kLogGroup) + ": messages not from this table, ignored: ",
+        over, now);
 }
 
 }  // namespace pmtud_linux

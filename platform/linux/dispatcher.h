@@ -44,7 +44,7 @@ class Dispatcher {
     int openAll();
     int installRules();
     void noteInstalled();
-    std::string refusalOfRules();
+    std::string reasonForRefusal();
     int timeout() const;
     void followLinks();
     void applyRules();
@@ -52,16 +52,16 @@ class Dispatcher {
     void takeAll(const LogGroup::Datagram& datagram, pktd_rx_cb_t callback);
     void take(const LogMessage& message, pktd_rx_cb_t callback);
     void takeRefused(const LogMessage& message, pktd_rx_cb_t callback);
-    void handOver(const LogMessage& message, const Copy& copy, pktd_rx_cb_t callback);
+    void deliver(const LogMessage& message, const Copy& copy, pktd_rx_cb_t callback);
     void noteLoss(uint32_t ifindex, Burst::Clock::time_point now);
-    void giveBack(const LogMessage& message, const Copy* copy);
+    void sendKernelAnswer(const LogMessage& message, const Copy* copy);
     void leaveToKernel(uint32_t ifindex);
     void followSequence(uint32_t sequence);
     void countVerdict(int verdict);
-    void sayBursts(bool over);
+    void reportBursts(bool over);
     std::string nameOf(uint32_t ifindex) const;
     bool retrying() const { return m_rulesRefused || m_links.stale(); }
-    bool unsaid() const {
+    bool hasUnreported() const {
         return m_lost.pending() || m_foreign.pending() || m_unanswered.pending() ||
                m_unlogged.pending();
     }

@@ -41,7 +41,7 @@ int askVlan(int ifindex) {
     header->ifi_index = ifindex;
     mnl_attr_put_u32(request, IFLA_EXT_MASK, RTEXT_FILTER_SKIP_STATS);
     VlanTable table;
-    if (requestOfKernel(socket, request, applyLink, &table) != 0) return 0;
+    if (requestFromKernel(socket, request, applyLink, &table) != 0) return 0;
     return table.vlanOf(static_cast<uint32_t>(ifindex));
 }
 

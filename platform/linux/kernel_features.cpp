@@ -30,7 +30,7 @@ constexpr Feature kFeatures[] = {
 
 }  // namespace
 
-std::string featureMissing() {
+std::string missingFeature() {
     for (const Feature& feature : kFeatures) {
         // A connection assumes that whatever it has only checked now exists, so each check needs a
         // new one.

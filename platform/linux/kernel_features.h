@@ -9,7 +9,7 @@ namespace pmtud_linux {
 
 /// The first feature that the rules need and the kernel refuses even on its own, with its module;
 /// empty if there is none. Changes nothing.
-std::string featureMissing();
+std::string missingFeature();
 
 }  // namespace pmtud_linux
 

@@ -33,7 +33,7 @@ int askGeneration(const MnlSocket& socket) {
     nlmsghdr* const message = mnl_nlmsg_put_header(buffer.data());
     message->nlmsg_type = (NFNL_SUBSYS_NFTABLES << 8) | NFT_MSG_GETGEN;
     mnl_nlmsg_put_extra_header(message, sizeof(nfgenmsg));
-    return requestOfKernel(socket, message, nullptr, nullptr);
+    return requestFromKernel(socket, message, nullptr, nullptr);
 }
 
 }  // namespace
@@ -52,7 +52,7 @@ int LogGroup::open(uint16_t group, uint32_t snapLength) {
     mnl_attr_put_u32(message, NFULA_CFG_NLBUFSIZ, htonl(kCollected));
     mnl_attr_put_u32(message, NFULA_CFG_QTHRESH, htonl(kCollectedMessages));
     mnl_attr_put_u16(message, NFULA_CFG_FLAGS, htons(NFULNL_CFG_F_SEQ));
-    const int result = requestOfKernel(opened, message, nullptr, nullptr);
+    const int result = requestFromKernel(opened, message, nullptr, nullptr);
     // EPERM may also mean that another process has the group.
     if (result == -EPERM && askGeneration(opened) != -EPERM) return -EBUSY;
     if (result != 0) return result;

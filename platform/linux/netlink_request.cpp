@@ -9,7 +9,7 @@
 
 namespace pmtud_linux {
 
-int requestOfKernel(const MnlSocket& socket, nlmsghdr* request, mnl_cb_t take, void* data) {
+int requestFromKernel(const MnlSocket& socket, nlmsghdr* request, mnl_cb_t take, void* data) {
     // Static, so that no number repeats: if receiving an answer failed, the rest of it arrives
     // before the next one.
     static unsigned int sequence = 0;

@@ -12,7 +12,7 @@ namespace pmtud_linux {
 /// Sends the request and receives its acknowledgement or, if `take` is given, passes it each
 /// message of the answer until it returns MNL_CB_STOP. Nothing waits, because the kernel queues the
 /// answer before the send returns. 0 or a negative errno value.
-int requestOfKernel(const MnlSocket& socket, nlmsghdr* request, mnl_cb_t take, void* data);
+int requestFromKernel(const MnlSocket& socket, nlmsghdr* request, mnl_cb_t take, void* data);
 
 }  // namespace pmtud_linux
 

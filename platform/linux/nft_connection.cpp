@@ -13,7 +13,7 @@ namespace {
 
 // With all VLANs, the library temporarily uses some 100 MB, which malloc would keep. A little is
 // kept because the next change needs it again.
-void giveMemoryBack() {
+void trimHeap() {
     constexpr size_t kKept = size_t{16} << 20;
     if (mallinfo2().fordblks > kKept) malloc_trim(0);
 }
@@ -42,7 +42,7 @@ int NftConnection::open() {
 
 int NftConnection::run(const std::string& commands) {
     const int result = nft_run_cmd_from_buffer(m_context.get(), commands.c_str());
-    giveMemoryBack();
+    trimHeap();
     if (result == 0) return 0;
     const std::string_view message = nft_ctx_get_error_buffer(m_context.get());
     m_problem = message.substr(0, message.find('\n'));

@@ -17,7 +17,7 @@ namespace pmtud_linux {
 namespace {
 
 // The log daemon is busy or refuses this line. After any other failure it is gone.
-bool isOfTheLine(int error) { return error == EAGAIN || error == ENOBUFS || error == EMSGSIZE; }
+bool concernsLine(int error) { return error == EAGAIN || error == ENOBUFS || error == EMSGSIZE; }
 
 }  // namespace
 
@@ -111,7 +111,7 @@ size_t SystemLog::deliver(std::span<mmsghdr> messages, int& error) {
             continue;
         }
         error = -errno;
-        if (isNew || isOfTheLine(-error)) return sent;
+        if (isNew || concernsLine(-error)) return sent;
         if (error = connectAgain(); error != 0) return sent;
         isNew = true;
     }

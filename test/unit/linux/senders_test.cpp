@@ -136,6 +136,6 @@ TEST_F(ForgedMessage, ThatAnswersARequestOfNetfilterIsIgnored) {
         nlmsghdr* const request = mnl_nlmsg_put_header(bytes.data());
         request->nlmsg_type = (NFNL_SUBSYS_NFTABLES << 8) | NFT_MSG_GETGEN;
         mnl_nlmsg_put_extra_header(request, sizeof(nfgenmsg));
-        EXPECT_EQ(pmtud_linux::requestOfKernel(socket, request, nullptr, nullptr), 0);
+        EXPECT_EQ(pmtud_linux::requestFromKernel(socket, request, nullptr, nullptr), 0);
     });
 }

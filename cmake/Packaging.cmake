@@ -1,12 +1,12 @@
 # SPDX-License-Identifier: MIT
-# What is installed where, and the Debian packages that are made of it.
+# Installs the files, and builds Debian packages from them.
 include(GNUInstallDirs)
 
 set(PMTUD_UNIT_DIR lib/systemd/system CACHE STRING
   "Where the systemd unit is installed, below the prefix unless absolute")
 
-# pmtud_compressed(SOURCE NAME)
-# Makes NAME.gz in the build folder, without a time in it, so that it is the same each time.
+# pmtud_compressed(SOURCE NAME): builds NAME.gz in the build folder, without a time stamp, so that
+# it is reproducible.
 find_program(PMTUD_GZIP gzip REQUIRED)
 function(pmtud_compressed source name)
   set(result ${PROJECT_BINARY_DIR}/packaging/${name}.gz)
@@ -16,12 +16,12 @@ function(pmtud_compressed source name)
   add_custom_target(pmtud-${name} ALL DEPENDS ${result})
 endfunction()
 
-# The platform's library is nobody's but the daemon's: in a folder of its own, where the daemon
-# looks for it relative to itself, so that the installed tree can be moved.
+# The platform's library is private to the daemon, so it gets its own folder. The daemon looks for
+# it relative to itself, so that the installed tree can be moved.
 set(pmtud_private_libdir ${CMAKE_INSTALL_LIBDIR}/pmtud)
 install(TARGETS pmtud RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT pmtud)
 
-# For the owner of another platform.
+# For porting to another platform.
 install(FILES
     platform/include/arpd.h
     platform/include/cfg.h
@@ -30,7 +30,7 @@ install(FILES
     src/shm/record/pktd_record.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/pmtud COMPONENT development)
 
-# The service, the man page and the packages are about the platform for stock Linux.
+# Service, man page and packages are only for the platform for stock Linux.
 if(NOT TARGET pmtud-platform)
   return()
 endif()
@@ -53,8 +53,8 @@ pmtud_compressed(${PROJECT_SOURCE_DIR}/packaging/pmtud.8 pmtud.8)
 install(FILES ${PROJECT_BINARY_DIR}/packaging/pmtud.8.gz
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT pmtud)
 
-# What only a Debian package has.
-option(PMTUD_DEBIAN_FILES "Install what Debian asks of a package: copyright, changelog, overrides" OFF)
+# What only a Debian package contains.
+option(PMTUD_DEBIAN_FILES "Install what Debian requires of a package: copyright, changelog, overrides" OFF)
 if(PMTUD_DEBIAN_FILES)
   set(debian ${PROJECT_SOURCE_DIR}/packaging/debian)
   pmtud_compressed(${debian}/changelog changelog.Debian)
@@ -93,13 +93,13 @@ set(CPACK_DEBIAN_PMTUD_PACKAGE_NAME pmtud)
 set(CPACK_DEBIAN_PMTUD_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_PMTUD_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
-set(CPACK_DEBIAN_PMTUD_DESCRIPTION [[A packet that is too large for the VLAN it is to leave by cannot be forwarded.
-If nobody tells its sender, connections hang for ever: the path-MTU black
-hole. This daemon tells them, with ICMP "fragmentation needed" and ICMPv6
-"Packet Too Big".
+set(CPACK_DEBIAN_PMTUD_DESCRIPTION [[A packet that is too large for its egress VLAN cannot be forwarded. If nobody
+tells its sender, connections hang forever: the path-MTU black hole. This
+daemon tells the sender, with ICMP "fragmentation needed" or ICMPv6 "Packet
+Too Big".
 .
-It serves the VLAN interfaces that are named bcm0.N, picks the oversized
-packets by nftables rules of its own, and needs no configuration.]])
+It serves the VLAN interfaces that are named bcm0.N, selects the oversized
+packets with its own nftables rules, and needs no configuration.]])
 set(CPACK_DEBIAN_PMTUD_PACKAGE_CONTROL_EXTRA
   ${PROJECT_SOURCE_DIR}/packaging/debian/postinst
   ${PROJECT_SOURCE_DIR}/packaging/debian/prerm
@@ -109,8 +109,8 @@ set(CPACK_DEBIAN_PMTUD_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME pmtud-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_ARCHITECTURE all)
-set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION [[pmtud answers packets that are too large for their egress VLAN. What is
-special about the switch that it runs on is in a library of its own.
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION [[pmtud answers packets that are too large for their egress VLAN. Whatever
+depends on the switch that it runs on is in a separate library.
 .
-These headers say what such a library must supply.]])
+These headers declare what such a library must supply.]])
 include(CPack)

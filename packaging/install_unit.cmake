@@ -1,9 +1,8 @@
 # SPDX-License-Identifier: MIT
-# Installs the systemd unit, and sees to it that it names the daemon and its library where they
-# are below the prefix of this installation.
+# Installs the systemd unit, with the paths of the daemon and its library in this installation.
 #
-# Set before: source (the unit file), here (a file to write), directory, sbindir, libdir (the last
-# three below the prefix, or absolute).
+# The caller sets: source (the unit file), here (a file to write), directory, sbindir, libdir (the
+# last three relative to the prefix, or absolute).
 foreach(name IN ITEMS directory sbindir libdir)
   cmake_path(ABSOLUTE_PATH ${name} BASE_DIRECTORY "${CMAKE_INSTALL_PREFIX}" NORMALIZE)
 endforeach()

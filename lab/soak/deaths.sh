@@ -3,7 +3,7 @@
 # shellcheck disable=SC2154  # packets, seed and the like are script/soak's
 # The soak's phases in which the daemon is stopped, dies or starts: floods, kills and starts.
 
-# How many messages the kernel had no room for in the socket of the log group.
+# How many messages the kernel dropped because the log group's socket was full.
 queue_drops() {
     # shellcheck disable=SC2016  # the dollars are awk's
     lab_on switch awk '
@@ -12,15 +12,16 @@ queue_drops() {
         END { print sum + 0 }' /proc/net/netfilter/nfnetlink_log /proc/net/netlink
 }
 
-# Some more per second than the rules leave to the daemon, which alone fill the queue: host A knows
-# its last 32,768 packets, and still has to know each of them when it is answered at last.
+# Sends slightly more per second than the rules leave to the daemon, since only those packets fill
+# the queue. Host A remembers its last 32,768 packets, and must still know each one when its answer
+# finally arrives.
 flood_until_over() {
     soak_ask forget 192 either 400
     (($(queue_drops) > drops_before))
 }
 
-# Nothing is read meanwhile, so that the queue overruns wherever this runs.  In one of the rounds
-# the system log is stuck, too, and takes no line about what was lost.
+# The daemon reads nothing meanwhile, so that the queue overruns on any machine. In one of the
+# rounds the system log is stuck, too, and accepts no line about the losses.
 overrun() {
     drops_before=$(queue_drops)
     kill -STOP "$lab_daemon"
@@ -60,12 +61,12 @@ no_tables() {
     [[ -z $(lab_on switch nft list tables) ]]
 }
 
-# At most that many milliseconds.
+# Sleeps for less than that many milliseconds.
 sleep_randomly() {
     sleep "0.$(printf %03d $((RANDOM % $1)))"
 }
 
-# The daemon is gone: its rules are too, and the kernel answers from the next packet on.
+# When the daemon ends, its rules must be gone, and the kernel must answer from the next packet on.
 after_kill() {
     lab_await 10 "the end of the daemon" lab_is_gone "$lab_daemon"
     ((killed += 1))
@@ -74,7 +75,7 @@ after_kill() {
     ((kernels += 16))
 }
 
-# While it serves and packets are on their way, or while it starts.
+# Kills it while it serves and packets are in flight, or while it starts.
 kill_at_random() {
     if ((RANDOM % 3 == 0)); then
         lab_start_daemon "$programs/pmtud"
@@ -119,7 +120,7 @@ churn() {
     for ((round = 0; ; ++round)); do soak_change_interfaces 200 $((seed + round)); done
 }
 
-# Whether it serves, and answers, while the list of interfaces changes under it.
+# Checks that it serves and answers although the list of interfaces keeps changing.
 start_in_churn() {
     lab_start_daemon "$programs/pmtud"
     if lab_within 10 lab_has_taken_over; then
@@ -147,7 +148,7 @@ starting() {
     lab_kill_daemon
 }
 
-# Packets that two routers get, one with the daemon and one without.
+# Sends the same packets to two routers, one with the daemon and one without.
 walk() {
     if [[ ! -x $programs/twin_walk ]]; then return; fi
     step "walk: $walk packets to two routers, one of them with the daemon"

@@ -65,7 +65,7 @@ ether_addr addressOf(const std::string& text) {
     return address;
 }
 
-// The interface's first address that is not link-local, as in a header.
+// The interface's first address that is not link-local, in network byte order.
 std::vector<uint8_t> ownIpAddress(int family) {
     ifaddrs* list = nullptr;
     check(getifaddrs(&list) == 0, "addresses");
@@ -94,7 +94,7 @@ uint16_t foldedSum(const uint8_t* bytes, size_t size) {
     return static_cast<uint16_t>(~sum);
 }
 
-/// The packet's Ethernet frame; its number stands behind the UDP header.
+/// The packet's Ethernet frame; its number follows the UDP header.
 class Packet {
  public:
     Packet(int family, const ether_addr& from, const ether_addr& to) {
@@ -107,8 +107,8 @@ class Packet {
         }
     }
 
-    /// The number is in the payload, its low bits in the UDP source port and in what an IPv4
-    /// header identifies the packet by.
+    /// The number is in the payload; its low bits are also in the UDP source port and the IPv4
+    /// identification.
     void number(uint64_t value) {
         memcpy(&m_frame[m_numberAt], &value, sizeof value);
         const std::array<uint8_t, 2> low = {static_cast<uint8_t>(value >> 8),
@@ -237,8 +237,8 @@ class Answers {
               "receive buffer");
     }
 
-    /// Waits for answers and hands on each one's number, MTU, and whether the daemon sent it.
-    /// False: none came in that time.
+    /// Waits for answers and passes on each one's number, its MTU, and whether the daemon sent it.
+    /// False: none arrived in that time.
     template <typename Take>
     bool read(milliseconds wait, Take take) {
         pollfd readable{m_socket, POLLIN, 0};
@@ -280,7 +280,8 @@ class Answers {
                static_cast<uint32_t>(field[2] << 8) | field[3];
     }
 
-    // The kernel's have 576 bytes and 1,280 with their IP header.
+    // The kernel's answers are 576 bytes (IPv4) and 1,280 bytes (IPv6) long, including their IP
+    // header.
     bool isByDaemon(const uint8_t* bytes, size_t size) const {
         return size == (m_family == 4 ? 88 : mtuOf(bytes));
     }
@@ -357,12 +358,12 @@ void flood(Sender& sender, Answers& answers, double seconds, double rate) {
            byDaemon, duration<double>(last - start).count());
 }
 
-/// The command goes on when this ends.
+/// Does not wait for the command, which may outlive this process.
 void start(const std::vector<std::string>& command) {
     std::vector<char*> words;
     for (const std::string& word : command) words.push_back(const_cast<char*>(word.c_str()));
     words.push_back(nullptr);
-    // Whoever reads what this prints does not wait for the command's end.
+    // A reader of this program's output must not have to wait for the command to end.
     posix_spawn_file_actions_t output;
     posix_spawn_file_actions_init(&output);
     posix_spawn_file_actions_addopen(&output, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);

@@ -1,21 +1,21 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # bin and lab_daemon are those of the script that sources this
-# More hosts for the lab's measurements, what they send, and what that costs the daemon.
+# Adds hosts for the lab's measurements, makes them send, and measures what that costs the daemon.
 
 # figure NAME FILTER OBJECT
 figure() {
     printf '%s %s\n' "$1" "$(jq "$2" <<<"$3")"
 }
 
-# host_send MACHINE VLAN FAMILY WORD...: what the host's program prints
+# host_send MACHINE VLAN FAMILY WORD...: prints what the host's program prints
 host_send() {
     local mac
     mac=$(lab_on switch cat "/sys/class/net/bcm0.$2/address")
     lab_on "$1" "$bin/pmtud_flood" "$3" "$mac" "${@:4}"
 }
 
-# hosts_add FIRST LAST: a host in each of those VLANs
+# hosts_add FIRST LAST: adds a host in each of those VLANs
 hosts_add() {
     local vlan
     for ((vlan = $1; vlan <= $2; ++vlan)); do
@@ -24,7 +24,8 @@ hosts_add() {
     done
 }
 
-# hosts_flood FIRST LAST FAMILY SECONDS [PACKETS_PER_SECOND]: one object, the sums of all
+# hosts_flood FIRST LAST FAMILY SECONDS [PACKETS_PER_SECOND]: prints one object, with the sums of
+# all hosts
 hosts_flood() {
     local vlan
     local -a pids=()
@@ -43,12 +44,12 @@ processor_time() {
     awk '{print $14 + $15}' "/proc/$lab_daemon/stat"
 }
 
-# Written to the log, and those that there was no room for.
+# Counts the lines written to the log and those lost.
 log_lines() {
     lab_syslog | awk '/PMTUD-Linux: [0-9]+ lines lost/ {lost += $3} END {print NR + lost}'
 }
 
-# with_cost COMMAND...: its object, with the daemon's share of a processor and its lines
+# with_cost COMMAND...: adds the daemon's share of a CPU and its log lines to the command's object
 with_cost() {
     local result
     local -ri time=$(processor_time) lines=$(log_lines)

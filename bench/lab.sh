@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
-# Measures the daemon in the lab, beside the kernel's own answers on the same topology.
+# Measures the daemon in the lab, compared with the kernel's own answers on the same topology.
 set -euo pipefail
 
 if [[ ${1:-} == --help || $# -ne 3 || ! ${2:-} =~ ^(answers|floods|memory)$ ]]; then
@@ -23,11 +23,12 @@ source "$here/floods.sh"
 bin=$(cd "$1" && pwd)/bin
 lab_isolate "$0" "$@"
 
-# Packets per second, fewer than the rules leave to the daemon per interface.
+# In packets per second: below what the rules leave to the daemon per interface.
 readonly within_limits=100
 
-# latency FAMILY: of five runs the one with the least median.  On two cores it depends on where the
-# scheduler happens to put the threads, for a whole run, and the least is what the code takes.
+# latency FAMILY: prints the run with the lowest median of five. On two cores the median depends on
+# where the scheduler happens to place the threads, for a whole run; the lowest is what the code
+# takes.
 latency() {
     local i
     for ((i = 0; i < 5; ++i)); do host_send a 10 "$1" latency 200 "$within_limits"; done |
@@ -52,7 +53,8 @@ start_daemon_timed() {
     figure "$1" '.seconds * 1000' "$result"
 }
 
-# change_mtu NAME: from the change's command to the first answer that names the new MTU
+# change_mtu NAME: measures from the command that changes the MTU to the first answer with the new
+# MTU
 change_mtu() {
     local result
     lab_on b ip link set eth0 mtu 1300
@@ -62,7 +64,7 @@ change_mtu() {
     host_send a 10 4 await 1400 10 ip -n switch link set bcm0.20 mtu 1400 >"$LAB_FILES/back"
 }
 
-# The other 4,092, as pairs: each is the other's far end.
+# Adds the other 4,092 VLANs as veth pairs of two VLANs each.
 add_vlans() {
     local -a vlans
     mapfile -t vlans < <(seq 4094 | grep -vx -e 10 -e 20)
@@ -78,7 +80,7 @@ measure_many_vlans() {
     figure many_vlans_rss_anon_kib . "$(lab_daemon_memory)"
 }
 
-# The kernel alone; then the daemon alone, since the hardware is mute.
+# Measures the kernel alone, then the daemon alone, with mute hardware.
 measure_answers() {
     local family result
     lab_build_links 1500 1400
@@ -96,7 +98,7 @@ measure_answers() {
     measure_many_vlans
 }
 
-# measure_memory FRAMES: twenty VLANs, as the limits leave no more of each to the daemon
+# measure_memory FRAMES: uses twenty VLANs, because the limits leave the daemon only so much of each
 measure_memory() {
     local family answered=0
     lab_build_links 1500 1400

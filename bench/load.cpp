@@ -60,8 +60,8 @@ uint16_t foldedSum(const uint8_t* bytes, size_t size) {
     return static_cast<uint16_t>(~sum);
 }
 
-/// The packet's Ethernet frame.  Its number follows the UDP header, and makes each packet's header
-/// another one, as those of most senders are: IPv4 identification, or UDP checksum.
+/// The packet's Ethernet frame. Its number follows the UDP header, and makes every header
+/// different, as with most senders: the IPv4 identification or the UDP checksum.
 class Packet {
  public:
     Packet(int family, int vlan) : m_isIpv4(family == 4) {
@@ -135,8 +135,8 @@ class Sender {
         m_to.sll_halen = ETH_ALEN;
     }
 
-    /// Numbers and sends `count` packets, at most a batch.  What the link has no room for is sent
-    /// again.
+    /// Numbers and sends `count` packets, at most one batch. Sends again what the link had no room
+    /// for.
     void send(uint64_t first, size_t count) {
         std::array<iovec, kBatch> pieces;
         std::array<mmsghdr, kBatch> messages{};
@@ -159,8 +159,8 @@ class Sender {
     std::vector<Packet> m_packets;
 };
 
-/// The answers as they come in on all interfaces: the start of each, in a ring shared with the
-/// kernel, since no receive buffer holds those of a flood.
+/// The answers that arrive on all interfaces: the start of each, in a ring shared with the kernel,
+/// because no receive buffer can hold those of a flood.
 class Answers {
  public:
     explicit Answers(int family) : m_family(family) {
@@ -180,7 +180,7 @@ class Answers {
         m_ring = static_cast<uint8_t*>(ring);
     }
 
-    /// Waits for answers and hands each one's number on.  False: none came in that time.
+    /// Waits for answers and passes on each one's number. False: none arrived in that time.
     template <typename Take>
     bool read(milliseconds wait, Take take) {
         pollfd readable{m_socket, POLLIN, 0};
@@ -219,7 +219,7 @@ class Answers {
         return (__atomic_load_n(&current()->tp_status, __ATOMIC_ACQUIRE) & TP_STATUS_USER) != 0;
     }
 
-    // The MTU has the same place in both: the lower half of ICMPv6's field is ICMP's.
+    // The MTU is in the same place in both: ICMP's field is the lower half of ICMPv6's.
     bool numberOf(const uint8_t* ip, size_t size, uint64_t& number) const {
         const size_t header = m_family == 4 ? 20 : 40;
         const size_t at = header + 8 + header + 8;
@@ -276,7 +276,7 @@ class Process {
             throw std::runtime_error("no such process");
     }
 
-    /// All its threads', in user space and in the kernel.
+    /// The CPU time of all its threads, in user space and in the kernel.
     int64_t nanoseconds() const {
         timespec time{};
         if (m_id != 0) check(clock_gettime(m_clock, &time) == 0, "processor time");
@@ -309,7 +309,7 @@ void one(int family, uint64_t count, milliseconds gap, int vlan) {
 
 constexpr uint64_t kHonest = uint64_t{1} << 63;
 
-/// Every 10 ms, until it is to stop.
+/// Sends a packet every 10 ms until it is stopped.
 uint64_t sendHonestly(int family, int vlan, const std::atomic<bool>& going) {
     Sender sender(family, vlan);
     uint64_t sent = 0;
@@ -369,7 +369,7 @@ void load(int family, double rate, double seconds, pid_t pid, int honest,
         senders[turn % senders.size()].send(sent, atOnce);
         sent += atOnce;
         if (rate == 0) continue;
-        // What a busy processor made late is not made up for: the rate is never exceeded.
+        // Delays caused by a busy CPU are not made up for: the rate is never exceeded.
         next = std::max(next + lasting(1 / rate), Clock::now() - milliseconds(2));
         std::this_thread::sleep_until(next);
     }

@@ -22,8 +22,8 @@ class Copies {
 
     static constexpr size_t kCapacity = 128;
 
-    /// Keeps the packet. False if it is not IPv4 or IPv6 with a complete header, if it was
-    /// truncated to less or has more than kCopySize bytes, or if its ingress is unknown.
+    /// Keeps the packet. False if it is not IPv4 or IPv6 with a complete header, if it is longer
+    /// than kCopySize bytes or was truncated to fewer, or if its ingress is unknown.
     bool keep(const LogMessage& message, int egressVlan);
 
     /// The newest copy that begins like the quote; null if there is none. A copy is returned only

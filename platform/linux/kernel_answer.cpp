@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Sends an answer of the kernel, which the rules withdrew, after all.
+// Sends the kernel's own answer, which the rules had withdrawn.
 #include "kernel_answer.h"
 
 #include <arpa/inet.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Sends an answer of the kernel, which the rules withdrew, after all.
+// Sends the kernel's own answer, which the rules had withdrawn.
 #ifndef PMTUD_LINUX_KERNEL_ANSWER_H
 #define PMTUD_LINUX_KERNEL_ANSWER_H
 
@@ -9,7 +9,7 @@
 
 namespace pmtud_linux {
 
-/// For a packet that the daemon did not answer, or whose answer did not leave the router.
+/// Used for a packet that the daemon did not answer, or whose answer did not leave the router.
 class KernelAnswer {
  public:
     /// Sends the message straight to the station that the refused packet came from, bypassing all

@@ -10,10 +10,10 @@ namespace {
 
 struct Feature {
     const char* name;
-    const char* use;  // what uses it in a table
+    const char* use;  // body of a table that uses it
 };
 
-// None uses a feature that comes after it.
+// No entry uses a feature that is listed after it.
 constexpr Feature kFeatures[] = {
     {"nftables (nf_tables)", ""},
     {"tables that a process owns (Linux 5.12)", "flags owner;"},

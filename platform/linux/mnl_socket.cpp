@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A libmnl netlink socket that closes when its owner is destroyed.
+// A libmnl netlink socket with an owner that closes it.
 #include "mnl_socket.h"
 
 #include <sys/socket.h>

@@ -17,7 +17,7 @@ inline bool isFromKernel(const sockaddr_nl& sender, socklen_t size) {
 }
 
 /// How many of the datagram's bytes are complete messages. The rest must not reach libmnl, whose
-/// own check takes a length of 2 GiB or more for a negative number, which fits anywhere. `bytes`
+/// own check treats a length of 2 GiB or more as a negative number, which fits anywhere. `bytes`
 /// must be aligned like a message.
 size_t wholeMessages(const char* bytes, size_t length);
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Counts the allocations of a reply, and shows which of our functions asked for each.
+// Counts a reply's allocations, and shows which of our functions made each one.
 #include "allocations.h"
 
 #include <dlfcn.h>
@@ -32,11 +32,11 @@ void* allocate(size_t size) {
     return memory;
 }
 
-/// The address in this program, not in a library, that is nearest to the allocation.
+/// The innermost address on the stack that is in this program, not in a library.
 std::string nearestCaller(const std::array<void*, kDepth>& stack) {
     Dl_info self;
     dladdr(reinterpret_cast<void*>(&bench::printAllocations), &self);
-    // The first is operator new itself.
+    // The first two are allocate and operator new.
     for (size_t i = 2; i < stack.size() && stack[i] != nullptr; ++i) {
         Dl_info info;
         if (dladdr(stack[i], &info) == 0 || info.dli_fbase != self.dli_fbase) continue;
@@ -51,14 +51,14 @@ std::string nearestCaller(const std::array<void*, kDepth>& stack) {
 }  // namespace
 
 void* operator new(size_t size) { return allocate(size); }
-// Not inline: GCC 12 at -O1 would take free for the counterpart of an operator new of its own.
+// Not inline: GCC 12 at -O1 would mistake free for the counterpart of the standard operator new.
 [[gnu::noinline]] void operator delete(void* memory) noexcept { free(memory); }
 void operator delete(void* memory, size_t) noexcept { operator delete(memory); }
 
 namespace bench {
 
 void printAllocations(int family) {
-    // The first ones make the thread's line buffer, and load what backtrace needs.
+    // The first replies allocate the thread's line buffer, and backtrace loads what it needs.
     std::array<void*, 1> warm;
     backtrace(warm.data(), 1);
     reply(family, 10);

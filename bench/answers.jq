@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# The runs' samples to figures: medians, half the range between quartiles, and ratios of medians.
+# Turns the runs' samples into figures: medians, half the interquartile range, and ratios.
 def median: sort | if length % 2 == 1 then .[length / 2 | floor]
                    else (.[length / 2 - 1] + .[length / 2]) / 2 end;
 def spread: sort | if (median == 0) then null
@@ -7,15 +7,15 @@ def spread: sort | if (median == 0) then null
 def rounded: . * 1000 | round / 1000;
 (group_by(.name) | map({key: .[0].name, value: map(.value)}) | from_entries) as $v
 | def figure(name): {name: name, value: ($v[name] | median | rounded), spread: ($v[name] | spread)};
-  # The sample of the one run over that of the run next to it.
+  # The median of the ratios between samples of neighbouring runs.
   def ratio(name; a; b):
     [$v[a], $v[b]] | transpose | map(.[0] / .[1])
     | {name: name, value: (median | rounded), spread: spread};
-  # Of what differs from start to start as much as between the two.
+  # For figures that vary as much between two starts of one program as between the programs.
   def ratio_of_means(name; a; b):
     {name: name, value: (($v[a] | add / length) / ($v[b] | add / length) | rounded),
      spread: ($v[a] | spread)};
-  # What must hold in every run.
+  # For what must hold in every run.
   def least(name): {name: name, value: ($v[name] | min), spread: null};
   (("4", "6") as $f
    | ratio("answer_v\($f)_cpu_over_bare"; "answer_v\($f)_cpu_ns_pmtud"; "answer_v\($f)_cpu_ns_bare"),

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
-# Measures the daemon's answers beside the least that can answer, and beside the kernel alone.
+# Measures the daemon's answers, compared with a minimal program's and with the kernel's.
 set -euo pipefail
 
 if [[ ${1:-} == --help || $# -ne 2 || ! ${2:-} =~ ^[1-9][0-9]*$ ]]; then
@@ -17,8 +17,8 @@ source "$here/../lab/lib.sh"
 bin=$(cd "$1" && pwd)/bin
 lab_isolate "$0" "$@"
 
-# An answer leaves by the VLAN of its packet, and the daemon gives 125 a second by each: it takes
-# 24 to come near the 1,500 a second that it gives in all.
+# An answer leaves on its packet's VLAN. The daemon sends up to 125 per second on each and 1,500 in
+# total; 24 VLANs are enough to approach the total.
 readonly runs=$2 rate=1440 length=2
 readonly -a vlans=({101..125})
 mapfile -t hosts < <(printf '%s\n' "${vlans[@]}" | sed 's/.*/v&:&/')
@@ -30,7 +30,7 @@ sample() {
     jq -cn --arg name "$1" --argjson value "$2" '{name: $name, value: $value}'
 }
 
-# Hosts in one machine, each in a VLAN of its own, all at the same Ethernet address.
+# The hosts are one machine, with one interface per VLAN, all with the same Ethernet address.
 connect_hosts() {
     lab_machine hosts
     local vlan family
@@ -53,7 +53,7 @@ load() {
     lab_on hosts "$bin/pmtud_load" 02:00:00:00:01:01 "$@"
 }
 
-# On one processor: how long a wake-up of another takes depends on its sleep, not on the code.
+# On one CPU: waking another one takes a time that depends on its sleep state, not on the code.
 one_by_one() {
     lab_on hosts taskset -c 0 "$bin/pmtud_load" 02:00:00:00:01:01 "$1" one 45 5 "${crowd[0]}"
 }
@@ -68,8 +68,8 @@ start() {
     lab_await 5 "the rules of $1" has_table "$1"
 }
 
-# measure_times bare|pmtud: with the hardware mute, so that each answer is its own.  The first
-# hundred frames are logged, and then 20 a second: every answer that is timed is.
+# measure_times bare|pmtud: with mute hardware, so that the program sends every answer itself. The
+# daemon logs the first hundred frames and then 20 per second, so every timed answer is logged.
 measure_times() {
     local family result
     start "$1" taskset -c 0
@@ -93,7 +93,7 @@ measure_costs() {
     lab_kill_daemon
 }
 
-# Of any priority.
+# Counts lines of any priority.
 log_lines() {
     awk '{n += gsub(/<[0-9]+>/, "")} END {print n + 0}' "$LAB_FILES/syslog"
 }
@@ -133,7 +133,7 @@ measure_fairness() {
 measure_idle() {
     start pmtud
     local -r main=/proc/$lab_daemon/task/$lab_daemon
-    sleep 1  # What its own start brings about wakes it up.
+    sleep 1  # Starting causes wake-ups.
     local -ri all=$(switches "/proc/$lab_daemon"/task/*) parked=$(switches "$main")
     sleep 10
     local -ri later=$(switches "/proc/$lab_daemon"/task/*) mains=$(($(switches "$main") - parked))

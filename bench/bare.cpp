@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Answers as the daemon does, with the least that a program can do: the floor for its figures.
+// Answers like the daemon with the least that a program can do: the floor for the daemon's figures.
 #include <arpa/inet.h>
 #include <libmnl/libmnl.h>
 #include <libnetfilter_log/libnetfilter_log.h>
@@ -24,8 +24,8 @@ constexpr uint16_t kGroup = 90;
 constexpr uint16_t kMtu = 1400;
 constexpr size_t kAtOnce = 16;
 
-// What comes in on a VLAN and is too long for the lab's VLAN 20 is copied whole, one message per
-// packet.  The kernel's own answers are dropped, those of processes pass.
+// Packets that arrive on a VLAN and are too long for the lab's VLAN 20 are copied whole, one
+// message per packet. The kernel's own answers are dropped; those of processes pass.
 constexpr char kTable[] = R"(table inet bare {
     flags owner
     chain prerouting {
@@ -70,7 +70,7 @@ uint16_t checksum(const uint8_t* bytes, size_t size) {
     return htons(static_cast<uint16_t>(~sum));
 }
 
-// As much of the packet as the daemon quotes: 60 bytes.
+// Quotes as much of the packet as the daemon does: 60 bytes.
 void answerIpv4(const Packet& packet) {
     std::array<uint8_t, 68> message{3, 4, 0, 0, 0, 0, kMtu >> 8, kMtu & 0xFF};
     std::copy_n(packet.bytes, message.size() - 8, message.begin() + 8);
@@ -87,7 +87,7 @@ void answerIpv4(const Packet& packet) {
     close(raw);
 }
 
-// As much as the MTU lets through, as the daemon does.
+// Quotes as much as the MTU allows, like the daemon.
 void answerIpv6(const Packet& packet) {
     std::array<uint8_t, kMtu> message{2, 0, 0, 0, 0, 0, kMtu >> 8, kMtu & 0xFF};
     std::copy_n(packet.bytes, message.size() - 8, message.begin() + 8);

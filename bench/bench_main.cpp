@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Runs the benchmarks, or some replies for a tool to watch, in a network made for the run.
+// Runs the benchmarks, or some replies for a tool to observe, in a network built for the run.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What the text of each header dump costs.
+// Measures what each header dump costs.
 #include <benchmark/benchmark.h>
 
 #include "dumps.h"

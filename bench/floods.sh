@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # bin and flood_seconds are those of the script that sources this
-# What floods cost, and what is left for others while they last.
+# Measures what floods cost, and what others still get while they last.
 
-# The kernel alone, and then with the daemon, which answers what the limits leave to it.
+# Measures the kernel alone, then with the daemon, which answers what the limits leave to it.
 measure_flood() {
     local family result
     for family in 4 6; do
@@ -35,7 +35,7 @@ measure_ten_vlans() {
     done
 }
 
-# measure_honest HARDWARE: a host in another VLAN, while A floods
+# measure_honest HARDWARE: measures a host in another VLAN while A floods
 measure_honest() {
     local family result
     for family in 4 6; do

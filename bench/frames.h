@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The oversized packets that the benchmarks answer: from the peer, to a host beyond VLAN 20.
+// The oversized packets that the benchmarks answer: from the peer to a host on VLAN 20.
 #ifndef PMTUD_BENCH_FRAMES_H
 #define PMTUD_BENCH_FRAMES_H
 

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# Google Benchmark's report to figures: medians, the spread between repetitions, and ratios.
+# Turns Google Benchmark's report into figures: medians, the spread between repetitions, and ratios.
 ([.benchmarks[] | {key: .name, value: .cpu_time}] | from_entries) as $t
 | ([.benchmarks[] | select(.aggregate_name == "cv") | {key: .run_name, value: .cpu_time}]
    | from_entries) as $spread

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The network that replies are sent into: bcm0.10 here, its peer in a namespace of its own.
+// The network that replies are sent into: bcm0.10 here, its peer in another namespace.
 #include "network.h"
 
 #include <sched.h>
@@ -31,7 +31,7 @@ void run(const std::string& command) {
 /// Starts a process that holds a network namespace open; it dies with this one.
 pid_t startPeer() {
     int ready[2];
-    if (pipe(ready) != 0) throw std::runtime_error("no pipe to be had");
+    if (pipe(ready) != 0) throw std::runtime_error("cannot create a pipe");
     const pid_t peer = fork();
     if (peer == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -63,7 +63,7 @@ Network::Network() {
     run(inPeer + "ip addr add fd00:10::2/64 dev eth0 nodad");
     run("ip link set bcm0.10 up");
     run(inPeer + "ip link set eth0 up");
-    // No neighbour resolution between the figures.
+    // Permanent neighbours, so that no resolution distorts the figures.
     run("ip neigh replace 10.0.10.2 lladdr 02:00:00:00:10:02 dev bcm0.10 nud permanent");
     run("ip neigh replace fd00:10::2 lladdr 02:00:00:00:10:02 dev bcm0.10 nud permanent");
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The network that replies are sent into: bcm0.10 here, its peer in a namespace of its own.
+// The network that replies are sent into: bcm0.10 here, its peer in another namespace.
 #ifndef PMTUD_BENCH_NETWORK_H
 #define PMTUD_BENCH_NETWORK_H
 
@@ -7,10 +7,10 @@
 
 namespace bench {
 
-/// Moves this process into a network namespace of its own, joined by a veth pair, bcm0.10
-/// here, to a peer namespace that lives as long as this object.  Addresses: here
-/// 10.0.10.1 and fd00:10::1, the peer 10.0.10.2 and fd00:10::2.  Throws
-/// std::runtime_error, saying what is missing, where that cannot be had.
+/// Moves this process into a new network namespace. A veth pair, bcm0.10 on this side, connects it
+/// to a peer namespace that lives as long as this object. Addresses: here 10.0.10.1 and fd00:10::1,
+/// the peer 10.0.10.2 and fd00:10::2. Throws std::runtime_error, with what is missing, if that
+/// fails.
 class Network {
  public:
     Network();

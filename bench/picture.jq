@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# A picture of one comparison: horizontal bars, in the unit of the first line.
+# Draws one comparison as horizontal bars, in the unit that the title names.
 def pictures: {
   replies: {title: "One reply, nanoseconds (median)", bars: [
     ["IPv4: bare system calls", "bare_calls_v4_ns"],

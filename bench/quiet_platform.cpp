@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The platform behind the benchmarks: constant answers, and a debug process that takes every
-// line at no cost.  ICMPv6 is sent by the Linux platform's own functions.
+// The benchmarks' platform: constant answers, and a debug process that accepts every line at no
+// cost. The Linux platform's functions send ICMPv6.
 #include "cfg.h"
 #include "debug_process.h"
 #include "pktd.h"

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// What one reply costs, from the receive callback to its return, beside the bare system calls.
+// Measures what one reply costs, from calling the receive callback to its return, compared with the
+// bare system calls.
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <net/if.h>
@@ -24,7 +25,7 @@
 
 namespace {
 
-/// The daemon's objects, as its main makes them.
+/// The daemon's objects, as its main creates them.
 class Daemon {
  public:
     Daemon() : m_app(&m_config, getShmWrapperApp()) { m_record.ctrl.egress = 7; }
@@ -79,7 +80,7 @@ void writeLines(const bench::Frame& frame, const char* family, const char* from,
 using Lines = bool;
 constexpr Lines kWithLines = true;
 
-/// Counts as failed where a call fails: a figure of failing calls would say nothing.
+/// The benchmark fails if a call fails: figures for failing calls would be meaningless.
 void callsV4(benchmark::State& state, Lines lines) {
     std::array<uint8_t, 68> message{3, 4, 0, 0, 0, 0, 0x05, 0x78};
     std::copy_n(bench::kIpv4Frame.begin() + 18, 60, message.begin() + 8);

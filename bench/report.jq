@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# All figures of a run, with those derived from others and what each is to reach.
+# Prints all figures of a run, including derived ones, and the target for each.
 def reach: {
   reply_v4_over_floor: 1.40, reply_v6_over_floor: 1.40, reply_v4_over_text_floor: 1.10,
   suppressed_statement_over_empty_loop_ns: 1,
@@ -27,7 +27,7 @@ def reach: {
   honest_v4_mute_1: 0.99, honest_v6_mute_1: 0.99, honest_v4_mute_10: 0.99, honest_v6_mute_10: 0.99,
   idle_wakeups_per_second_receiving: 0
 };
-# Where more is better.
+# Figures for which more is better.
 def is_floor: test("_rate_over_kernel$|_kernel_path_over_pmtud$|_share_|^honest_|^throughput_");
 (map(select(.value != null) | {key: .name, value: .value}) | from_entries) as $v
 | def ratio(name; a; b):

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# The report as a table for people.
+# Prints the report as a table.
 def pad(n): tostring | . + (" " * ([n - length, 0] | max));
 ("figure" | pad(44)) + ("value" | pad(14)) + ("spread" | pad(10)) + "reach",
 (.figures[]

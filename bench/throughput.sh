@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
-# Measures how fast TCP crosses the lab's switch, with and without the daemon, in turns.
+# Measures how fast TCP crosses the lab's switch, alternately with and without the daemon.
 set -euo pipefail
 
 if [[ ${1:-} == --help || $# -ne 2 || ! ${2:-} =~ ^[1-9][0-9]?$ ]]; then
@@ -18,13 +18,14 @@ source "$here/../lab/lib.sh"
 daemon=$(cd "$1" && pwd)/bin/pmtud
 lab_isolate "$0" "$@"
 
-# transfer FAMILY MIB: Mbit/s that arrived
+# transfer FAMILY MIB: prints the received Mbit/s
 transfer() {
     lab_on a iperf3 -c "$(lab_address "$1" 20 2)" -n "$2M" -J |
         jq '.end.sum_received.bits_per_second / 1e6 | round'
 }
 
-# measure FAMILY: Mbit/s, once the path is known and what a start brings about is over
+# measure FAMILY: prints Mbit/s, after a shorter transfer that learns the path MTU and covers
+# start-up effects
 measure() {
     # Forgets what an earlier run learned about the path.
     ip -n a "-$1" route flush cache

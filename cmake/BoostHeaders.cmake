@@ -1,14 +1,14 @@
 # SPDX-License-Identifier: MIT
-# Boost::headers, also for a target that has no Boost of its own.
+# Defines Boost::headers, even for a target without its own Boost.
 if(NOT CMAKE_CROSSCOMPILING)
   find_package(Boost CONFIG REQUIRED COMPONENTS headers)
   return()
 endif()
 
-# Boost's headers know no machine, but they lie among the build machine's own: a link of their
-# own lets them in and keeps the others out.
+# Boost's headers do not depend on the machine, but share a folder with headers that do. A separate
+# folder with a link to them keeps the build machine's other headers out.
 find_path(PMTUD_BOOST_INCLUDE_DIR boost/version.hpp NO_CMAKE_FIND_ROOT_PATH REQUIRED
-  DOC "Where boost/ lies; only that folder is used")
+  DOC "The folder that contains boost/; only boost/ is used")
 file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/boost-headers)
 file(CREATE_LINK ${PMTUD_BOOST_INCLUDE_DIR}/boost ${PROJECT_BINARY_DIR}/boost-headers/boost
   SYMBOLIC)

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
-# What compiler and linker offer against memory errors, in optimised builds.
+# Hardens optimised builds against memory errors, with what compiler and linker offer.
 #
-# FORTIFY takes optimisation, and the sanitizers' builds have checks of their own.
+# FORTIFY needs optimisation, and sanitizer builds have their own checks.
 include(CheckCXXCompilerFlag)
 include(CheckPIESupported)
 check_pie_supported()
@@ -13,7 +13,7 @@ endif()
 if(optimised AND NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize|--coverage")
   add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -fstack-protector-strong)
   add_link_options(-Wl,-z,relro -Wl,-z,now)
-  # Not every compiler has these for every machine.
+  # Not every compiler supports these on every machine.
   foreach(flag IN ITEMS -fstack-clash-protection -fcf-protection)
     string(MAKE_C_IDENTIFIER "PMTUD_HAS${flag}" has)
     check_cxx_compiler_flag(${flag} ${has})

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
-# The target: 32-bit big-endian PowerPC Linux, with Debian's cross compiler; what is built runs
-# here under qemu's user emulation.
+# Builds for the target, 32-bit big-endian PowerPC Linux, with Debian's cross compiler. The programs
+# run on the build machine under qemu's user emulation.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR ppc)
 foreach(tool IN ITEMS powerpc-linux-gnu-g++:g++-powerpc-linux-gnu qemu-ppc:qemu-user)
@@ -23,7 +23,7 @@ else()
 endif()
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-ppc -L ${target_root})
 
-# Libraries and headers come from the target's root alone.
+# Libraries and headers come only from the target's root.
 set(CMAKE_FIND_ROOT_PATH ${target_root})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)

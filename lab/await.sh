@@ -2,7 +2,7 @@
 # shellcheck shell=bash
 # Waits for a condition, up to a deadline.
 
-# Microseconds; the decimal sign depends on the locale.
+# In microseconds. The decimal separator depends on the locale.
 lab_now() {
     echo "${EPOCHREALTIME//[^0-9]/}"
 }
@@ -19,7 +19,7 @@ lab_within() {
 }
 
 # lab_await SECONDS WHAT COMMAND [ARGUMENT...]
-# As above; names what did not come.
+# As lab_within; on a timeout, reports what it was waiting for.
 lab_await() {
     local -r seconds=$1 what=$2
     shift 2

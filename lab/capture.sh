@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
-# What host a sees on its link, as tcpdump captures it.
+# Captures what host a sees on its link, with tcpdump.
 
 # lab_start_capture FILE
 # Captures to FILE, which may be /dev/fd/N.
@@ -19,12 +19,12 @@ lab_start_capture() {
 }
 
 # lab_captured [FILTER OR OPTION...]
-# What has been captured, a line for each packet, without the time.
+# Prints what has been captured, one line per packet, without the time.
 lab_captured() {
     tcpdump -n -t -r "$lab_capture_file" "$@" 2>"$LAB_FILES/tcpdump.read"
 }
 
-# tcpdump writes out what it has and ends.
+# On SIGTERM, tcpdump writes out its buffer and ends.
 lab_stop_capture() {
     kill -TERM "$lab_capture"
     lab_await 5 "tcpdump to end" lab_is_gone "$lab_capture"

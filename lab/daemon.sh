@@ -1,10 +1,10 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
-# The daemon under observation: started on the switch, watched, and killed.
+# Starts the daemon on the switch, observes it, and kills it.
 
 # lab_start_daemon PROGRAM [WRAPPER...]
-# Starts the program on the switch, through the wrapper if there is one.  Its process number is
-# in lab_daemon, its standard error in a file of its own.
+# Starts the program on the switch, through the wrapper if there is one. Its PID is in lab_daemon,
+# its output in a separate file.
 lab_start_daemon() {
     local -r program=$1
     shift
@@ -19,7 +19,7 @@ lab_daemon_table() {
     lab_on switch nft list table inet pmtud 2>"$LAB_FILES/nft"
 }
 
-# Whether the daemon's rules are there.
+# Whether the daemon's rules are installed.
 lab_has_taken_over() {
     lab_daemon_table >"$LAB_FILES/table"
 }

@@ -1,10 +1,10 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
-# The switch hardware's part in the black hole: it does not forward a packet that is too large for
-# its egress VLAN, and it is mute, so nobody tells the sender.
+# The switch hardware's part in the black hole: it does not forward packets that are too large for
+# their egress VLAN, and it is mute, so nobody tells the sender.
 #
-# The kernel forwards in the hardware's place, and it does answer.  These rules drop its own "too
-# big" messages after the daemon's hook has seen them; messages that a process sends pass.
+# Here the kernel forwards in place of the hardware, but it does answer. These rules drop its "too
+# big" messages after the daemon's hook has seen them; messages from processes pass.
 
 lab_hardware_rules() {
     cat <<'END'
@@ -25,7 +25,7 @@ lab_program_hardware() {
     lab_hardware_rules | lab_on switch nft -f -
 }
 
-# From here on the kernel forwards, and answers, as a router's does.
+# From now on the kernel forwards and answers like a router's.
 lab_remove_hardware() {
     lab_on switch nft delete table inet hardware
 }

@@ -1,15 +1,15 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
-# Runs a script again in namespaces of its own, so that nothing of it reaches the machine or stays.
+# Runs a script again in its own namespaces, so that it leaves the machine untouched.
 
-# A user's PATH leaves out where Debian keeps ip, nft and tcpdump.
+# A user's PATH lacks the folders where Debian keeps ip, nft and tcpdump.
 PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin
 
-# The lab's own files; they are in memory and go with the namespaces.
+# The lab's own files. They are in memory and vanish with the namespaces.
 readonly LAB_FILES=/run/lab
 
-# The process namespace's process 1 takes all others in it along when it ends; and it ends with
-# the process that started this, however that ends.
+# When process 1 of the PID namespace ends, the kernel kills all others in it; and process 1 is
+# killed when the process that started it ends, for whatever reason.
 readonly -a lab_isolation=(setpriv --pdeathsig KILL
     unshare --net --mount --pid --fork --kill-child --mount-proc)
 
@@ -17,8 +17,8 @@ lab_namespaces() {
     readlink /proc/self/ns/net /proc/self/ns/mnt /proc/self/ns/pid
 }
 
-# Whether this process is in namespaces that were made for the lab: all three differ from
-# those of the process that made them.
+# Whether this process is in namespaces that were created for the lab: all three differ from those
+# of the process that created them.
 lab_is_inside() {
     [[ ${LAB_OUTSIDE:-} == net:*mnt:*pid:* ]] || return 1
     local name
@@ -27,7 +27,7 @@ lab_is_inside() {
     done < <(lab_namespaces)
 }
 
-# Whether this is the script that the namespaces were made for, and not a later one in them.
+# Whether this is the script that the namespaces were created for, and not a later one inside them.
 lab_is_first_inside() {
     (($$ == 1)) && lab_is_inside
 }
@@ -36,20 +36,20 @@ lab_complain() {
     echo "${0##*/}: $*" >&2
 }
 
-# Says what is missing, and fails, where the namespaces cannot be made.
+# Reports what is missing, and fails, if the namespaces cannot be created.
 lab_require_isolation() {
     local reason
     if ! reason=$("${lab_isolation[@]}" true 2>&1); then
         lab_complain "CANNOT ISOLATE: it takes CAP_SYS_ADMIN: $reason"
-        lab_complain "the lab runs in namespaces of its own or not at all: run it as root," \
+        lab_complain "the lab runs only in its own namespaces: run it as root," \
             "or in a container with --cap-add SYS_ADMIN --cap-add NET_ADMIN"
         return 1
     fi
 }
 
 # lab_isolate SCRIPT [ARGUMENT...]
-# Outside: runs the script in new namespaces, waits until every process of it is gone, and
-# exits with its status.  Inside: prepares the namespaces and returns.
+# Outside: runs the script in new namespaces, waits until all its processes have ended, and exits
+# with its status. Inside: prepares the namespaces and returns.
 lab_isolate() {
     if lab_is_first_inside; then
         lab_prepare_inside
@@ -61,28 +61,28 @@ lab_isolate() {
 
 lab_run_inside() {
     local status=0 signal
-    # When process 1 is killed, unshare says something about signal masks, which is no news: the
-    # script gets standard error as descriptor 9.
+    # When process 1 is killed, unshare prints a useless message about signal masks. So only the
+    # script gets standard error, as descriptor 9.
     (
-        # A terminal's signals are this shell's, which then ends what is inside.
+        # A terminal's signals are for this shell, which then ends everything inside.
         trap '' HUP INT QUIT
         LAB_OUTSIDE=$(lab_namespaces) exec "${lab_isolation[@]}" bash "$@"
     ) <&0 9>&2 2>/dev/null &
     local -r run=$!
     for signal in HUP INT QUIT TERM; do
-        # shellcheck disable=SC2064  # the values of now are meant
+        # shellcheck disable=SC2064  # the current values are intended
         trap "lab_end_inside $run $signal" "$signal"
     done
     wait "$run" || status=$?
     exit "$status"
 }
 
-# Ends by the signal itself, so that a caller sees an interrupted command.
+# Ends by the signal itself, so that the caller sees an interrupted command.
 lab_end_inside() {
     trap '' HUP INT QUIT TERM
     local -r run=$1 signal=$2
     local first=
-    # Where there is no process 1 yet, its parent is ended in its place.
+    # If process 1 does not exist yet, its parent is killed instead.
     first=$(pgrep -P "$run") || first=$run
     lab_is_gone "$run" || kill -KILL "$first"
     wait "$run" || lab_complain "interrupted; everything is taken away"
@@ -101,7 +101,7 @@ lab_prepare_inside() {
     fi
 }
 
-# A /dev without the machine's /dev/log: what the daemon logs is the lab's.
+# A /dev without the machine's /dev/log: the daemon logs to the lab's.
 lab_own_devices() {
     local -r dev=$LAB_FILES/dev
     mkdir "$dev"

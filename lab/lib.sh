@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
-# All of the lab, for a script to source.
+# Loads the whole lab into the script that sources this.
 
 lab_folder=$(dirname "${BASH_SOURCE[0]}")
 # shellcheck source=lab/isolate.sh

@@ -25,8 +25,8 @@ lab_address() {
 lab_machine() {
     ip netns add "$1"
     ip -n "$1" link set lo up
-    # The lab is the same on a machine whose own settings differ.  A connection whose process was
-    # killed in the black hole is given up, not tried again when there is a way out of it.
+    # The lab does not depend on the machine's own settings. A connection whose process was killed
+    # in the black hole is given up, so that it does not resume once the black hole is gone.
     lab_on "$1" sysctl -qw net.ipv6.conf.all.disable_ipv6=0 net.ipv6.conf.default.disable_ipv6=0 \
         net.ipv6.conf.default.accept_dad=0 net.ipv6.conf.default.accept_ra=0 \
         net.ipv4.ip_no_pmtu_disc=0 net.ipv4.tcp_mtu_probing=0 \
@@ -41,12 +41,11 @@ lab_machines() {
     lab_on switch sysctl -qw net.ipv4.ip_forward=1 net.ipv6.conf.all.forwarding=1
 }
 
-# Whether a link's packets look as they would on a wire.  False gives each end the offloads that
-# a network card has by default, for measurements of throughput.
+# Whether the packets on a link look as they would on a wire. If false, each end has a network
+# card's default offloads, for throughput measurements.
 lab_like_wire=true
 
-# Packets go onto the link as they would onto a wire: no larger than the MTU, with their
-# checksum, and none merged.
+# On a wire, packets are no larger than the MTU, have their checksum, and are not merged.
 lab_link_end() {
     local -r machine=$1 interface=$2 mtu=$3
     if "$lab_like_wire"; then
@@ -67,8 +66,8 @@ lab_give_address() {
     ip -n "$machine" address add "$(lab_address 6 "$vlan" "$host")/64" dev "$interface" nodad
 }
 
-# A host announces the segment size of a LAN of 1500 bytes, as one does that does not know that
-# its VLAN takes less: otherwise TCP alone would never meet the limit.
+# A host announces the segment size for an MTU of 1500, like a host that does not know that its VLAN
+# has less. Otherwise TCP would never reach the limit.
 lab_give_routes() {
     local -r machine=$1 vlan=$2
     ip -n "$machine" route add default via "$(lab_address 4 "$vlan" 1)" advmss 1460
@@ -81,7 +80,7 @@ lab_has_carrier() {
 }
 
 # lab_connect MACHINE VLAN MTU
-# Connects the machine to the switch's interface of that VLAN.
+# Connects the machine to the switch's interface for that VLAN.
 lab_connect() {
     local -r machine=$1 vlan=$2 mtu=$3
     local -r port=bcm0.$vlan
@@ -96,7 +95,7 @@ lab_connect() {
 }
 
 # lab_set_mtu MACHINE VLAN MTU
-# Both ends of the machine's link.
+# Sets the MTU at both ends of the machine's link.
 lab_set_mtu() {
     local -r machine=$1 vlan=$2 mtu=$3
     ip -n "$machine" link set eth0 mtu "$mtu"
@@ -109,7 +108,7 @@ lab_has_usable_addresses() {
 }
 
 # lab_passes FAMILY
-# Whether a small packet of host a's comes back from host b.
+# Whether host b answers a small packet from host a.
 lab_passes() {
     lab_on a ping -c 1 -W 1 -n "$(lab_address "$1" 20 2)" >"$LAB_FILES/ready"
 }
@@ -118,8 +117,8 @@ lab_has_ipv6() {
     lab_on a test -d /proc/sys/net/ipv6/conf/eth0 && lab_on b test -d /proc/sys/net/ipv6/conf/eth0
 }
 
-# Returns once the addresses are usable and a packet has passed in each family, so that the
-# neighbours know each other: what is shown or tested next does not depend on the machine's load.
+# Returns once the addresses are usable and a packet has passed in each family. Then all neighbours
+# are resolved, and what is shown or tested next does not depend on the machine's load.
 lab_await_ready() {
     local machine
     for machine in a b switch; do
@@ -131,7 +130,7 @@ lab_await_ready() {
 }
 
 # lab_build_links INGRESS_MTU EGRESS_MTU
-# A switch whose kernel answers as a router's does.
+# Builds a switch whose kernel answers like a router's.
 lab_build_links() {
     lab_machines
     lab_connect a 10 "$1"

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
-# Draws the demo's output, one string, as a terminal in SVG that plays by itself: a block of lines, up to
-# the next blank one, appears every two seconds, and the page scrolls with it. A viewer that does not
-# animate shows the first page.
+# Draws the demo's output, one string, as an animated terminal in SVG: every two seconds the next
+# block of lines, up to a blank one, appears, and the page scrolls. A viewer without animation shows
+# the first page.
 def rows: 30;
 def columns: 100;
 def seconds: 2;
@@ -15,7 +15,7 @@ def style:
   elif test("^  ok: ") then "ok"
   else "output" end;
 
-# The output's lines with their numbers, those of each block together.
+# The output's lines with their numbers, grouped by block.
 def blocks:
   reduce (rtrimstr("\n") | split("\n") | to_entries[]) as $line ([[]];
     if $line.value | test("^\\s*$")

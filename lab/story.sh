@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
-# Tells a demonstration step by step: what is done, what is seen, and whether it is as it should be.
+# Narrates a demonstration step by step: what is done, what is seen, and whether that is as
+# expected.
 
 story_begin() {
     story_steps=$1
@@ -12,7 +13,7 @@ story_begin() {
     trap story_leave EXIT
 }
 
-# Where a command failed that was not to be judged, the step is still named.
+# If a command fails that no check covers, this still names the step.
 story_leave() {
     if [[ -z $story_verdict ]]; then story_complain "could not go on"; fi
 }
@@ -29,8 +30,8 @@ story_step() {
 }
 
 # story_run MACHINE COMMAND [ARGUMENT...]
-# Shows the command and what it writes, and keeps that for what is expected of it.  Its status is
-# no matter: a ping without an answer fails, and may be what is to be shown.
+# Shows the command and its output, and keeps the output for story_expect. The exit status is not
+# checked: a ping without an answer fails, and may be just what a step shows.
 story_run() {
     local -r machine=$1
     shift

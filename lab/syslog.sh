@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
-# The lab's system log: what is written to /dev/log goes to a file.
+# The lab's system log: a file that receives what is written to /dev/log.
 
 lab_start_syslog() {
     : >"$LAB_FILES/syslog"
@@ -9,7 +9,7 @@ lab_start_syslog() {
     lab_await 5 "the system log" test -S /dev/log
 }
 
-# One line for each datagram, without the day, which varies.
+# Prints one line per datagram, without the time and the PID, which vary.
 lab_syslog() {
     sed -E 's/<[0-9]+>/\n/g' "$LAB_FILES/syslog" | sed -nE 's/^.* pmtud\[[0-9]+\]: //p'
 }

@@ -10,7 +10,7 @@ lab_listens() {
 }
 
 # lab_start_transfer FAMILY BYTES
-# The processes are in lab_receiver and lab_sender.
+# The PIDs are in lab_receiver and lab_sender.
 lab_start_transfer() {
     local -r family=$1 port=$((5000 + (lab_transfers += 1)))
     head -c "$2" /dev/urandom >"$lab_sent"

@@ -1,12 +1,13 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # lab_daemon is lab/daemon.sh's, soak_figures is host.sh's
-# The soak's accounts: what the rules, host A and the daemon's log count, and what the daemon uses.
+# The soak's accounts: the counts of the rules, host A and the daemon's log, and the daemon's
+# resources.
 
 declare -A before=() since=()
 readonly -a soak_counters=(bcm0.20 answers)
 
-# What the rules' counter counts, in packets.
+# Prints how many packets the rules' counter has counted.
 soak_counter() {
     lab_on switch nft list counter inet pmtud "$1" | sed -nE 's/^\s*packets ([0-9]+) .*/\1/p'
 }
@@ -15,8 +16,8 @@ soak_counter_since() {
     echo $(($(soak_counter "$1") - before[$1]))
 }
 
-# What was lost, of messages and of lines of the log, shows with the next ones: a few packets that
-# the daemon answers bring it to light.
+# Lost messages and log lines are only reported with the next ones, so this makes the daemon answer
+# a few packets.
 soak_bring_to_light() {
     soak_ask settle 1000
     soak_ask plain 2 either
@@ -35,7 +36,7 @@ soak_remember() {
     before[no_room]=$(soak_no_room)
 }
 
-# The two packets that bring to light what was lost are not counted among those sent.
+# The two packets that soak_bring_to_light sends do not count as sent.
 soak_compare() {
     soak_bring_to_light
     local name
@@ -47,13 +48,13 @@ soak_compare() {
     ((since[sent] -= 2, since[answered] -= 2))
 }
 
-# Nine lines tell of a frame that is answered, unless it is beyond the log's budget.
+# The daemon logs nine lines per answered frame, unless the frame exceeds the log's budget.
 soak_lines_are_accounted_for() {
     soak_read_figures
     local -ri lines=$((soak_figures[log_lines] - before[log_lines]))
     local -ri lost=$((soak_figures[log_lines_lost] - before[log_lines_lost]))
     local -ri unlogged=$((soak_figures[log_unlogged] - before[log_unlogged]))
-    # Host A does not see the answers to others, and the counter has the kernel's answers, too, that
+    # Host A does not see the answers to others, and the counter includes the kernel's answers that
     # were sent after all.
     local -ri seen=$((soak_figures[by_daemon] - before[by_daemon]))
     # What the kernel had no room for was logged, but did not leave.
@@ -71,7 +72,7 @@ soak_read_resources() {
     memory=$(lab_daemon_memory)
 }
 
-# What later phases are compared with.
+# Records what later phases are compared with.
 soak_measure() {
     soak_read_resources
     descriptors_before=$descriptors
@@ -81,7 +82,7 @@ soak_measure() {
 soak_check_resources() {
     soak_read_resources
     soak_check_no_more "$1: descriptors" "$descriptors_before" "$descriptors"
-    # The C library's heap may end some pages later; a leak would not end there.
+    # The C library's heap may grow by some pages; a leak would exceed that.
     soak_check "$1: anonymous memory in KiB ($memory_before before, $memory now)" \
         test "$memory" -le $((memory_before + 64))
 }

@@ -1,14 +1,14 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
-# Host A of the soak: the program that sends and judges, and what it is asked to do.
+# Host A of the soak: controls the program that sends packets and judges the answers.
 
-# shellcheck disable=SC2034  # read by those who source this
+# shellcheck disable=SC2034  # read by scripts that source this
 declare -A soak_figures=()
 
 # soak_start_host PROGRAM SEED
 soak_start_host() {
     mkfifo "$LAB_FILES/to-host" "$LAB_FILES/from-host"
-    # The daemon never waits for its log; the log's reader is given more room than usual.
+    # The daemon never waits for its log, so the log's reader gets more room than usual.
     lab_on a sysctl -qw net.unix.max_dgram_qlen=4096
     ip netns exec a "$1" "$2" eth0 /run/netns/switch \
         <"$LAB_FILES/to-host" >"$LAB_FILES/from-host" 2>"$LAB_FILES/host" &
@@ -19,7 +19,7 @@ soak_start_host() {
 }
 
 # soak_tell COMMAND [ARGUMENT...]
-# Does not wait; soak_hear does.
+# Does not wait for the reply; soak_hear does.
 soak_tell() {
     echo "$*" >&"$soak_to"
 }
@@ -46,7 +46,7 @@ soak_read_figures() {
 }
 
 # soak_in_parts COMMAND COUNT [ARGUMENT...]
-# Says every two seconds or so how far it is.
+# Reports its progress every two seconds or so.
 soak_in_parts() {
     local -r command=$1 count=$2
     shift 2
@@ -65,8 +65,8 @@ soak_in_parts() {
     done
 }
 
-# The kernel answers from here on without limits, and nobody needs to be asked for an address:
-# those that A's packets claim to come from are A's.
+# Removes the kernel's rate limits for answers, and makes all neighbours permanent: the addresses
+# from which A's packets claim to come are A's.
 soak_prepare_network() {
     lab_on switch sysctl -qw net.ipv4.icmp_ratelimit=0 net.ipv6.icmp.ratelimit=0
     local mac host

@@ -1,11 +1,12 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # lab_daemon is lab/daemon.sh's
-# Interfaces of the switch that come, go, change their names and their MTUs at random.
+# Adds, removes and renames interfaces of the switch, and changes their MTUs, at random.
 
 readonly -a soak_mtus=(300 575 576 1000 1280 1400 1500 9000 16383 16384 20000)
 
-# One ip command for one of the VLANs 100 to 131, or for one of the wires that are none yet.
+# Prints one ip command for one of the VLANs 100 to 131, or for an interface wireN that is not a
+# VLAN yet.
 soak_random_change() {
     local -ri vlan=$((100 + RANDOM % 32)) other=$((100 + RANDOM % 32))
     local -r mtu=${soak_mtus[RANDOM % ${#soak_mtus[@]}]}
@@ -21,8 +22,8 @@ soak_random_change() {
 soak_peers=0
 
 # soak_change_interfaces COUNT SEED
-# Those of the changes that cannot be made, as an interface is not there, are passed over.  How
-# many were made is in the file "changes".
+# Skips changes that are impossible because an interface does not exist. The file "changes" holds
+# the number of changes made.
 soak_change_interfaces() {
     local -i i
     RANDOM=$2
@@ -37,7 +38,7 @@ soak_await_rules() {
 }
 
 # soak_meanwhile COMMAND [ARGUMENT...]
-# What is changed while the daemon is stopped it finds all at once.
+# Stops the daemon during the command, so that it finds all changes at once.
 soak_meanwhile() {
     kill -STOP "$lab_daemon"
     "$@"
@@ -59,7 +60,7 @@ soak_set_all() {
     done | ip -n switch -batch -
 }
 
-# The largest changes of the rules that there can be: the memory for them is there from then on.
+# Makes the largest possible changes to the rules, so that the daemon has their memory from then on.
 soak_change_all_at_once() {
     local -i round
     for ((round = 0; round < 3; ++round)); do
@@ -71,7 +72,7 @@ soak_change_all_at_once() {
     done
 }
 
-# The VLANs that are to be served and their MTUs, in the order of the names.
+# Prints the VLANs that should be served and their MTUs, sorted by name.
 soak_vlans_wanted() {
     local name mtu
     while read -r name mtu; do

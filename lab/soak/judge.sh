@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # lab_daemon is lab/daemon.sh's, soak_figures is host.sh's
-# What the soak checks: each check is a stated sentence, "ok" or "NOT ok".
+# The soak's checks: each one prints a sentence, "ok" or "NOT ok".
 
 soak_bad=0
 
@@ -37,8 +37,8 @@ soak_no_faults() {
 }
 soak_faults_before=0
 
-# The kernel's answers of all namespaces share a socket's room; a busy machine can use it up.  The
-# kernel counts the answers it had no room for.
+# The kernel's answers in all namespaces share one socket's buffer, which a busy machine can
+# exhaust. The kernel counts the answers that it could not send.
 soak_no_room() {
     lab_on switch nstat -asz IcmpOutErrors Icmp6OutErrors | awk '/OutErrors/ {n += $2} END {print n}'
 }

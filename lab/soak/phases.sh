@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # packets, seed and the like are script/soak's
-# The soak's phases in which the daemon lives: comings, traffic, hardware, changes.
+# The soak's phases in which the daemon keeps running: comings, traffic, hardware, changes.
 
 step() {
     echo
@@ -31,7 +31,7 @@ come_and_go() {
     soak_await_rules
 }
 
-# Before the large changes, which leave memory behind in which a leak could hide.
+# Comes before the large changes, which leave free memory in which a leak could hide.
 comings() {
     local -ri together=$((comings < 200 ? comings / 2 : 200))
     step "comings: one interface comes and goes $comings times"
@@ -47,7 +47,7 @@ comings() {
     soak_check_resources "after the comings"
 }
 
-# Everything that follows has happened once before memory is compared.
+# Does everything once before memory is compared.
 warm_up() {
     step "to warm up: $((packets / 20)) packets, and the largest changes"
     soak_in_parts all $((packets / 20)) either
@@ -63,7 +63,7 @@ warm_up() {
     soak_no_faults "wrong, missing or superfluous answers, or answers with a wrong MTU"
 }
 
-# What the rules withdrew the daemon answered, as long as the queue does not overrun.
+# The daemon must answer whatever the rules withdrew, as long as the queue does not overrun.
 check_withdrawn() {
     soak_check_equal "messages of the rules lost in the queue" 0 "${since[log_messages_lost]}"
     soak_check_equal "messages that the rules withdrew, beside the answers that left" \
@@ -85,8 +85,8 @@ traffic() {
     soak_check_resources "after the traffic"
 }
 
-# From here to the end of this phase nobody but the daemon answers.  The rate is below the limit
-# up to which the rules leave an interface's packets to it.
+# In this phase, only the daemon answers. The rate is below the limit up to which the rules leave an
+# interface's packets to it.
 hardware() {
     local -ri count=$((packets / 50 < 3600 ? packets / 50 : 3600))
     step "mute hardware: $count packets to be answered, 60 per second"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// For each interface, whether the operator is to be told that answers are lost there.
+// Decides, for each interface, when lost answers and the end of the losses are worth a log line.
 #include "answer_news.h"
 
 namespace pmtud_linux {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// For each interface, whether the operator is to be told that answers are lost there.
+// Decides, for each interface, when lost answers and the end of the losses are worth a log line.
 #ifndef PMTUD_LINUX_ANSWER_NEWS_H
 #define PMTUD_LINUX_ANSWER_NEWS_H
 
@@ -13,13 +13,15 @@ class AnswerNews {
  public:
     using Clock = std::chrono::steady_clock;
 
-    /// How long answers must leave before that is news: some may leave while others do not.
+    /// How long no answer may be lost before recovery is reported: some answers may leave while
+    /// others do not.
     static constexpr std::chrono::seconds kQuiet{30};
 
-    /// An answer did not leave by the interface.  True: it is the first one.
+    /// Records that an answer did not leave on the interface. True: it is the first since the last
+    /// recovery.
     bool lost(uint32_t ifindex, Clock::time_point now);
 
-    /// An answer has left by the interface.  True: it is the first one after those that did not.
+    /// Records that an answer has left on the interface. True: the interface has recovered.
     bool left(uint32_t ifindex, Clock::time_point now);
 
  private:

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Whether the daemon's answers leave the router.
+// Detects whether the daemon's answers leave the router.
 #include "answer_watch.h"
 
 #include <arpa/inet.h>
@@ -20,7 +20,7 @@ namespace pmtud_linux {
 
 namespace {
 
-// The attributes are nested: an object's data, in it the counter's packets.
+// The attributes are nested: the object's data contains the counter's packets.
 int readPackets(const nlattr* attribute, void* data) {
     if (mnl_attr_get_type(attribute) != NFTA_COUNTER_PACKETS) return MNL_CB_OK;
     if (mnl_attr_get_payload_len(attribute) != sizeof(uint64_t)) {
@@ -58,7 +58,7 @@ std::optional<uint64_t> AnswerWatch::readCounter() const {
     mnl_attr_put_strz(request, NFTA_OBJ_NAME, kAnswersCounter);
     mnl_attr_put_u32(request, NFTA_OBJ_TYPE, htonl(NFT_OBJECT_COUNTER));
     std::optional<uint64_t> packets;
-    if (requestOfKernel(m_socket, request, readObject, &packets) != 0) return std::nullopt;
+    if (requestFromKernel(m_socket, request, readObject, &packets) != 0) return std::nullopt;
     return packets;
 }
 

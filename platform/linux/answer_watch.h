@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Whether the daemon's answers leave the router.
+// Detects whether the daemon's answers leave the router.
 #ifndef PMTUD_LINUX_ANSWER_WATCH_H
 #define PMTUD_LINUX_ANSWER_WATCH_H
 
@@ -10,19 +10,19 @@
 
 namespace pmtud_linux {
 
-/// After each frame handed to the daemon, reads the rules' counter of answers that left: an answer
-/// is sent before the callback returns.  Another process's message counts as one.  Reading it less
-/// often would lose answers: a stateful policy lets those about known flows pass and drops the
-/// others.
+/// Reads the rules' counter of answers that left the router. It is read after every frame passed to
+/// the daemon, because an answer is sent before the callback returns. Reading it less often would
+/// miss lost answers: a stateful policy passes those about known flows and drops the others.
+/// Another process's "too big" message counts as an answer.
 class AnswerWatch {
  public:
     /// 0 or a negative errno value.
     int open();
 
-    /// Whether an answer has left since the last call.  If the counter cannot be read, yes.
+    /// Whether an answer has left since the last call; true if the counter cannot be read.
     bool hasLeft();
 
-    /// Passes over the answers that have left since the last call.
+    /// Ignores the answers that have left since the last call.
     void catchUp() { static_cast<void>(hasLeft()); }
 
  private:

@@ -14,13 +14,14 @@ using pmtud_linux::Descriptor;
 
 int arpd_icmp6_socket_create(int32_t* fd, const char* ifname) {
     if (fd == nullptr || ifname == nullptr || *ifname == '\0') return -EINVAL;
-    // SO_BINDTODEVICE cuts a long name short, which could name another interface.
+    // SO_BINDTODEVICE truncates a long name, which could then match another interface.
     if (strnlen(ifname, IFNAMSIZ) == IFNAMSIZ) return -ENODEV;
 
     Descriptor raw(socket(AF_INET6, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_ICMPV6));
     if (!raw.valid()) return -errno;
 
-    // The socket only sends: without this it would be given a copy of every ICMPv6 message.
+    // The socket only sends. Without this filter the kernel would queue a copy of every ICMPv6
+    // message on it.
     icmp6_filter nothing;
     ICMP6_FILTER_SETBLOCKALL(&nothing);
     if (setsockopt(raw.get(), IPPROTO_ICMPV6, ICMP6_FILTER, &nothing, sizeof nothing) != 0)
@@ -44,7 +45,7 @@ int arpd_ipv6_pkt_send(int32_t fd, const sockaddr_in6* to, const iovec* iov, int
     message.msg_iov = const_cast<iovec*>(iov);  // sendmsg(2) only reads it
     message.msg_iovlen = static_cast<size_t>(iovcnt);
 
-    // The interface of a link-local destination, which comes without a scope id.
+    // A link-local destination needs an interface, but comes without a scope id.
     alignas(cmsghdr) unsigned char control[CMSG_SPACE(sizeof(in6_pktinfo))] = {};
     if (ifindex != 0) {
         message.msg_control = control;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Counts events of one kind so that a burst of them is logged in one line.
+// Counts events of one kind, so that a single line reports a whole burst.
 #ifndef PMTUD_LINUX_BURST_H
 #define PMTUD_LINUX_BURST_H
 
@@ -12,17 +12,17 @@ class Burst {
  public:
     using Clock = std::chrono::steady_clock;
 
-    void count(uint64_t events) { m_unsaid += events; }
+    void count(uint64_t events) { m_unreported += events; }
 
-    /// How many events to log now, 0 for none: all that were counted since the last
-    /// line, once the burst is over or, while it lasts, once a second.
+    /// How many events to log now, 0 for none: all that were counted since the last line, when the
+    /// burst is over or, while it lasts, once per second.
     uint64_t due(bool over, Clock::time_point now);
 
-    bool pending() const { return m_unsaid != 0; }
+    bool pending() const { return m_unreported != 0; }
 
  private:
-    uint64_t m_unsaid = 0;
-    Clock::time_point m_said{};
+    uint64_t m_unreported = 0;
+    Clock::time_point m_lastReport{};
 };
 
 }  // namespace pmtud_linux

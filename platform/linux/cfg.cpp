@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The configuration service: the kernel's own configuration of the bcm0.N interfaces.
+// The configuration service: answers from the kernel's configuration of the bcm0.N interfaces.
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -21,12 +21,12 @@ using pmtud_linux::Descriptor;
 
 namespace {
 
-// Opened by cfg_init before the receive thread exists and never closed again: the
-// questions come on that thread, which may outlive the static objects of this library.
+// Opened by cfg_init before the receive thread exists, and never closed: queries come on that
+// thread, which may outlive this library's static objects.
 int querySocket = -1;
 
-// The name of the registration's record; empty while the process is not registered.
-// A buffer and not a string, for the same reason.
+// The path of the registration's record; empty while the process is not registered. Not a string,
+// for the same reason.
 std::array<char, 128> registration{};
 
 std::optional<uint32_t> mtuOf(int vlan) {
@@ -41,7 +41,7 @@ int writeRecord(const char* path, std::string_view text) {
     constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
     Descriptor file(open(path, kFlags, 0644));
     if (!file.valid() && errno == EEXIST) {
-        // Left by a process of the same number that died between writing and renaming.
+        // Left by a process with the same PID that died between writing and renaming.
         if (unlink(path) != 0) return -errno;
         file.reset(open(path, kFlags, 0644));
     }
@@ -61,8 +61,8 @@ int cfg_init(void) {
     return querySocket >= 0 ? 0 : -errno;
 }
 
-// The record is /run/<process>.registered and holds the process number.  A record that
-// is already there is replaced: its process was killed, or goes on without it.
+// The record is /run/<process>.registered and contains the PID. It replaces an existing record,
+// whose process was killed or carries on without it.
 int cfg_add_pid(const char* process) {
     if (process == nullptr) return -EINVAL;
     const std::string_view name(process);
@@ -70,7 +70,7 @@ int cfg_add_pid(const char* process) {
     const std::string path = "/run/" + std::string(name) + ".registered";
     if (path.size() >= registration.size()) return -ENAMETOOLONG;
 
-    // Written beside and renamed, so that a reader never sees half a record.
+    // Written to a temporary file and renamed, so that a reader never sees half a record.
     const std::string draft = "/run/." + std::string(name) + "." + std::to_string(getpid());
     int result = writeRecord(draft.c_str(), ownRecord());
     if (result == 0 && rename(draft.c_str(), path.c_str()) != 0) result = -errno;
@@ -95,7 +95,7 @@ int cfg_clear_pid(void) {
     std::array<char, 32> text{};
     const ssize_t length = read(file.get(), text.data(), text.size());
     if (length < 0) return -errno;
-    // Another process has registered under the name since: the record is that one's.
+    // Another process has registered under the name since, and now owns the record.
     if (std::string_view(text.data(), static_cast<size_t>(length)) != ownRecord()) return -EEXIST;
     if (unlink(registration.data()) != 0) return -errno;
     registration[0] = '\0';
@@ -109,5 +109,5 @@ int cfg_vlan_l3_get_dest_vlan(int egress) {
 
 uint32_t cfg_vlan_l3_get_mtu(int vlan) { return mtuOf(vlan).value_or(0); }
 
-// Every VLAN has an MTU setting of its own: that of its interface.
+// Every VLAN has its own MTU setting: its interface's.
 int cfg_vlan_l3_get_mtu_vlan(int vlan) { return mtuOf(vlan) ? vlan : -1; }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Copies of candidates, kept until the kernel's message says which of them it refused.
+// Copies of candidates, kept until a kernel message shows which of them it refused.
 #include "copies.h"
 
 #include <algorithm>
@@ -20,8 +20,8 @@ bool same(std::span<const uint8_t> one, std::span<const uint8_t> other, size_t f
     return from >= to || memcmp(&one[from], &other[from], to - from) == 0;
 }
 
-// Before the kernel refuses an IPv4 packet it may have written into its options, which makes
-// the header's checksum a wrong one.
+// Before the kernel refuses an IPv4 packet, it may write into the options, which invalidates the
+// header checksum.
 bool matches(std::span<const uint8_t> packet, std::span<const uint8_t> quote) {
     const size_t size = std::min(packet.size(), quote.size());
     if (ipVersion(packet) == 6) return same(packet, quote, 0, size);

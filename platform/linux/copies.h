@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Copies of candidates, kept until the kernel's message says which of them it refused.
+// Copies of candidates, kept until a kernel message shows which of them it refused.
 #ifndef PMTUD_LINUX_COPIES_H
 #define PMTUD_LINUX_COPIES_H
 
@@ -13,21 +13,21 @@
 
 namespace pmtud_linux {
 
-/// A ring: the oldest copy makes room for the newest.  Most copies are never asked for, since
-/// the kernel forwards most candidates.  Those that it refuses it refuses within microseconds;
-/// only what other processors copy meanwhile comes in between.
+/// A ring, in which the newest copy replaces the oldest. Most copies are never needed, because the
+/// kernel forwards most candidates. It refuses the others within microseconds, so only what other
+/// processors copy meanwhile comes in between.
 class Copies {
  public:
     Copies() : m_ring(kCapacity) {}
 
     static constexpr size_t kCapacity = 128;
 
-    /// Keeps the packet.  False if it is not an IPv4 or IPv6 packet with a whole header,
-    /// if it was cut shorter than the rules cut, or if it lacks its ingress.
+    /// Keeps the packet. False if it is not IPv4 or IPv6 with a complete header, if it is longer
+    /// than kCopySize bytes or was truncated to fewer, or if its ingress is unknown.
     bool keep(const LogMessage& message, int egressVlan);
 
-    /// The newest copy that begins as the quote does, which is then no longer kept; null
-    /// if there is none.  Valid until the next call of keep.
+    /// The newest copy that begins like the quote; null if there is none. A copy is returned only
+    /// once, and is valid until the next call of keep.
     const Copy* take(std::span<const uint8_t> quote);
 
  private:

@@ -16,13 +16,13 @@ struct Copy {
     uint32_t ingress = 0;  ///< interface index
     int egressVlan = 0;
     std::array<uint8_t, 12> addresses{};  ///< destination and source MAC; zero if unknown
-    size_t size = 0;                      ///< of what is kept in `bytes`
+    size_t size = 0;                      ///< how much of `bytes` is used
     bool taken = true;
     std::array<uint8_t, kCopySize> bytes{};
 
     std::span<const uint8_t> packet() const { return {bytes.data(), size}; }
 
-    /// As the packet's own header claims, or that of the copy if it is longer.
+    /// The size in bytes that the packet's header claims, or the copy's if that is larger.
     size_t packetSize() const;
 };
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The debug process: lines to the system log at debug priority.
+// The debug process: writes lines to the system log at debug priority.
 #include <array>
 #include <cerrno>
 #include <cstdarg>

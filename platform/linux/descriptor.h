@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A file descriptor that is closed with its owner.
+// Owns a file descriptor and closes it.
 #ifndef PMTUD_LINUX_DESCRIPTOR_H
 #define PMTUD_LINUX_DESCRIPTOR_H
 

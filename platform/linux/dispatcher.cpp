@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The dispatcher: keeps the rules true and hands refused packets to the receive callback.
+// The dispatcher: keeps the rules up to date and passes refused packets to the receive callback.
 #include "dispatcher.h"
 
 #include <fcntl.h>
@@ -25,24 +25,24 @@ namespace pmtud_linux {
 
 namespace {
 
-// Receive calls between two looks at the link changes, which would otherwise be delayed until
-// a flood ends.
+// Receive calls between two checks for link changes, so that these are not delayed until a flood
+// ends.
 constexpr int kReceiveCalls = 4;
 
 constexpr int kRetryInterval = 1000;  // milliseconds
 
-// How long the packets of an interface by which nothing leaves are left to the kernel.
+// How long the kernel is left to answer on an interface after nothing could be sent on it.
 constexpr std::chrono::seconds kLeftToKernel(30);
 
-// What the log does not accept is said later.
-void sayBurst(Burst& burst, Priority priority, const std::string& what, bool over,
-              Burst::Clock::time_point now) {
+// If the log does not accept the line, a later line covers its events.
+void reportBurst(Burst& burst, Priority priority, const std::string& what, bool over,
+                 Burst::Clock::time_point now) {
     const uint64_t count = burst.due(over, now);
     if (count != 0 && !say(priority, what + std::to_string(count))) burst.count(count);
 }
 
-// Whether the daemon still has a reason to answer, by its own questions: since the kernel refused
-// the packet the VLAN may have gone, or its MTU changed.
+// Whether the daemon still has a reason to answer, according to the queries that it makes itself.
+// Since the kernel refused the packet, the VLAN may have been removed or its MTU changed.
 bool isRefusedStill(const Copy& copy, uint32_t egress) {
     const int vlan = cfg_vlan_l3_get_dest_vlan(static_cast<int>(egress));
     const uint32_t mtu = vlan > 0 ? cfg_vlan_l3_get_mtu(vlan) : 0;
@@ -72,11 +72,12 @@ int Dispatcher::attach() {
     return result;
 }
 
-// The group first: only a process's first netlink socket bears its number, by which
-// /proc/net/netfilter/nfnetlink_log names it; and without netfilter libnftables would end the
-// process.  The rules take the lower descriptor, since a process that dies closes them in their
-// order, and without the group the rules would withdraw messages that nobody answers.  The links
-// are watched before they are listed: a change in between is followed later.
+// The log group comes first: only a process's first netlink socket has its PID as port, which is
+// how /proc/net/netfilter/nfnetlink_log identifies it; and if the kernel lacks netfilter,
+// libnftables would end the process. The rules get the lower descriptor: a dying process closes its
+// descriptors in ascending order, and without the group the rules would withdraw messages that
+// nobody replaces. Links are watched before they are listed, so that no change in between is
+// missed.
 int Dispatcher::openAll() {
     Descriptor lower(open("/dev/null", O_RDONLY | O_CLOEXEC));
     if (!lower.valid()) return -errno;
@@ -94,7 +95,7 @@ int Dispatcher::installRules() {
         noteInstalled();
         return 0;
     }
-    say(Priority::kError, "the rules could not be installed: " + refusalOfRules());
+    say(Priority::kError, "the rules could not be installed: " + reasonForRefusal());
     return result;
 }
 
@@ -110,12 +111,12 @@ void Dispatcher::noteInstalled() {
     m_installed = m_table.vlans();
 }
 
-std::string Dispatcher::refusalOfRules() {
+std::string Dispatcher::reasonForRefusal() {
     const std::string problem = m_rules.problem();
     if (m_rules.run("list table inet pmtud\n") == 0)
         return "there is a table inet pmtud already; end the process that owns it, or delete it "
                "(nft delete table inet pmtud)";
-    const std::string missing = featureMissing();
+    const std::string missing = missingFeature();
     return missing.empty() ? problem : "this kernel lacks " + missing;
 }
 
@@ -137,14 +138,14 @@ void Dispatcher::run(pktd_rx_cb_t callback) {
         if (ready[0].revents != 0)
             receive(callback);
         else
-            sayBursts(true);
+            reportBursts(true);
     }
 }
 
-// In milliseconds; -1: nothing is to be done until something arrives.
+// In milliseconds; -1: there is nothing to do until something arrives.
 int Dispatcher::timeout() const {
     const int alive = m_service.interval();
-    if (!retrying() && !unsaid()) return alive;
+    if (!retrying() && !hasUnreported()) return alive;
     return alive < 0 ? kRetryInterval : std::min(alive, kRetryInterval);
 }
 
@@ -153,8 +154,8 @@ void Dispatcher::followLinks() {
     if (retrying()) m_nextTry = Burst::Clock::now() + std::chrono::milliseconds(kRetryInterval);
 }
 
-// If the kernel refuses, the rules stay as they were, and the next try covers this
-// change and those that came since.
+// If the kernel refuses, the rules stay as they were, and the next attempt covers this change and
+// all since.
 void Dispatcher::applyRules() {
     const std::string commands = changeText(m_installed, m_table.vlans());
     if (!commands.empty() && m_rules.run(commands) != 0) {
@@ -180,10 +181,10 @@ void Dispatcher::receive(pktd_rx_cb_t callback) {
             throw std::system_error(-count, std::generic_category(), "log group");
         }
         for (int i = 0; i < count; ++i) takeAll(datagrams[static_cast<size_t>(i)], callback);
-        // Fewer than there was room for: the queue is empty.
+        // Fewer than requested: the queue is empty.
         over = count == -EAGAIN || (count >= 0 && count < static_cast<int>(LogGroup::kAtOnce));
     }
-    sayBursts(over);
+    reportBursts(over);
 }
 
 void Dispatcher::takeAll(const LogGroup::Datagram& datagram, pktd_rx_cb_t callback) {
@@ -212,7 +213,8 @@ void Dispatcher::take(const LogMessage& message, pktd_rx_cb_t callback) {
     }
 }
 
-// Only this table's rules mark what they log with a VLAN: another's would not have withdrawn it.
+// Only this table's rules mark what they log with a VLAN. What another table logged was not
+// withdrawn.
 void Dispatcher::takeRefused(const LogMessage& message, pktd_rx_cb_t callback) {
     if (message.mark < uint32_t{kFirstVlan} || message.mark > uint32_t{kLastVlan}) {
         m_foreign.count(1);
@@ -221,12 +223,12 @@ void Dispatcher::takeRefused(const LogMessage& message, pktd_rx_cb_t callback) {
     const Copy* const copy = m_copies.take(quoteOf(message.payload));
     if (copy != nullptr && m_table.vlanOf(copy->ingress) != 0 &&
         m_table.vlans().contains(copy->egressVlan))
-        handOver(message, *copy, callback);
+        deliver(message, *copy, callback);
     else
-        giveBack(message, copy);
+        sendKernelAnswer(message, copy);
 }
 
-void Dispatcher::handOver(const LogMessage& message, const Copy& copy, pktd_rx_cb_t callback) {
+void Dispatcher::deliver(const LogMessage& message, const Copy& copy, pktd_rx_cb_t callback) {
     const uint32_t egress = m_table.vlans().at(copy.egressVlan).ifindex;
     m_frame.build(copy, m_table.vlanOf(copy.ingress), egress, quoteOf(message.payload));
     const auto now = Burst::Clock::now();
@@ -238,7 +240,7 @@ void Dispatcher::handOver(const LogMessage& message, const Copy& copy, pktd_rx_c
     }
     if (!m_answers.hasLeft()) {
         if (isRefusedStill(copy, egress)) noteLoss(message.egress, now);
-        giveBack(message, &copy);
+        sendKernelAnswer(message, &copy);
     } else if (m_answerNews.left(message.egress, now)) {
         say(Priority::kWarning, nameOf(message.egress) + ": the answers leave this router again");
     }
@@ -253,11 +255,11 @@ void Dispatcher::noteLoss(uint32_t ifindex, Burst::Clock::time_point now) {
             "accept");
 }
 
-// Someone must answer: the kernel's message goes out after all.  Where it cannot, those that
-// follow are no longer withdrawn.
-void Dispatcher::giveBack(const LogMessage& message, const Copy* copy) {
+// Somebody must answer, so the kernel's message is sent after all. If that fails, the next ones on
+// that interface are not withdrawn.
+void Dispatcher::sendKernelAnswer(const LogMessage& message, const Copy* copy) {
     const int result = m_kernelAnswer.send(message, copy);
-    // One that went through the rules was counted there.
+    // If the message passed through the rules, they counted it as an answer.
     m_answers.catchUp();
     if (result == 0) return;
     m_unanswered.count(1);
@@ -280,7 +282,7 @@ std::string Dispatcher::nameOf(uint32_t ifindex) const {
     return vlan != 0 ? nameOfVlan(vlan) : "interface " + std::to_string(ifindex);
 }
 
-// The kernel numbers the messages before it finds that the socket has no room for one.
+// The kernel numbers a message before it finds that the socket has no room for it.
 void Dispatcher::followSequence(uint32_t sequence) {
     const uint32_t lost = sequence - m_nextSequence;
     m_nextSequence = sequence + 1;
@@ -289,7 +291,7 @@ void Dispatcher::followSequence(uint32_t sequence) {
     m_overrun = false;
 }
 
-// The packet is gone already, so only discarding it has a meaning.
+// The packet has already been dropped, so only the verdict discard makes sense.
 void Dispatcher::countVerdict(int verdict) {
     const bool known = verdict == PKTD_VERDICT_DISCARD || verdict == PKTD_VERDICT_ACCEPT ||
                        verdict == PKTD_VERDICT_REPOST;
@@ -300,21 +302,25 @@ void Dispatcher::countVerdict(int verdict) {
             ") has no effect: the frame is a copy, and the kernel has refused the packet");
 }
 
-void Dispatcher::sayBursts(bool over) {
+void Dispatcher::reportBursts(bool over) {
     if (over && m_overrun && !m_lost.pending()) {
         say(Priority::kWarning,
             "the receive queue overran; how many messages were lost shows with the next one");
         m_overrun = false;
     }
-    if (!unsaid()) return;
+    if (!hasUnreported()) return;
     const Burst::Clock::time_point now = Burst::Clock::now();
-    sayBurst(m_lost, Priority::kWarning, "the receive queue overran, messages lost: ", over, now);
-    sayBurst(m_unanswered, Priority::kWarning, "refused packets that nobody answered: ", over, now);
-    // Once a second at most, even if each frame is a burst by itself: the line is to spare lines.
-    sayBurst(m_unlogged, Priority::kInfo, "answered without log lines, frames: ", false, now);
-    sayBurst(m_foreign, Priority::kWarning,
-             "log group " + std::to_string(kLogGroup) + ": messages not from this table, ignored: ",
-             over, now);
+    reportBurst(m_lost, Priority::kWarning, "the receive queue overran, messages lost: ", over,
+                now);
+    reportBurst(m_unanswered, Priority::kWarning, "refused packets that nobody answered: ", over,
+                now);
+    // At most once per second, even if each frame is a burst by itself: this line exists to save
+    // lines.
+    reportBurst(m_unlogged, Priority::kInfo, "answered without log lines, frames: ", false, now);
+    reportBurst(
+        m_foreign, Priority::kWarning,
+        "log group " + std::to_string(kLogGroup) + ": messages not from this table, ignored: ",
+        over, now);
 }
 
 }  // namespace pmtud_linux

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The dispatcher: keeps the rules true and hands refused packets to the receive callback.
+// The dispatcher: keeps the rules up to date and passes refused packets to the receive callback.
 #ifndef PMTUD_LINUX_DISPATCHER_H
 #define PMTUD_LINUX_DISPATCHER_H
 
@@ -28,24 +28,23 @@ namespace pmtud_linux {
 
 class Dispatcher {
  public:
-    /// Takes the log group and installs the rules: from here on the kernel's answers to
-    /// copied packets are withdrawn.  0, or a negative errno value with nothing left
-    /// installed.
+    /// Binds the log group and installs the rules, which withdraw the kernel's answers to copied
+    /// packets from then on. 0, or a negative errno value with nothing left installed.
     int attach();
 
-    /// Withdraws the rules, then gives the log group up.
+    /// Removes the rules, then releases the log group.
     void detach();
 
-    /// Calls `callback` for every packet that the kernel refused, on the calling thread, and
-    /// follows link changes; never returns.  What the callback throws passes through, as
-    /// does std::system_error if a socket fails.
+    /// Calls `callback` on the calling thread for every packet that the kernel refused, and follows
+    /// link changes; never returns. Lets the callback's exceptions pass, and throws
+    /// std::system_error if a socket fails.
     [[noreturn]] void run(pktd_rx_cb_t callback);
 
  private:
     int openAll();
     int installRules();
     void noteInstalled();
-    std::string refusalOfRules();
+    std::string reasonForRefusal();
     int timeout() const;
     void followLinks();
     void applyRules();
@@ -53,16 +52,16 @@ class Dispatcher {
     void takeAll(const LogGroup::Datagram& datagram, pktd_rx_cb_t callback);
     void take(const LogMessage& message, pktd_rx_cb_t callback);
     void takeRefused(const LogMessage& message, pktd_rx_cb_t callback);
-    void handOver(const LogMessage& message, const Copy& copy, pktd_rx_cb_t callback);
+    void deliver(const LogMessage& message, const Copy& copy, pktd_rx_cb_t callback);
     void noteLoss(uint32_t ifindex, Burst::Clock::time_point now);
-    void giveBack(const LogMessage& message, const Copy* copy);
+    void sendKernelAnswer(const LogMessage& message, const Copy* copy);
     void leaveToKernel(uint32_t ifindex);
     void followSequence(uint32_t sequence);
     void countVerdict(int verdict);
-    void sayBursts(bool over);
+    void reportBursts(bool over);
     std::string nameOf(uint32_t ifindex) const;
     bool retrying() const { return m_rulesRefused || m_links.stale(); }
-    bool unsaid() const {
+    bool hasUnreported() const {
         return m_lost.pending() || m_foreign.pending() || m_unanswered.pending() ||
                m_unlogged.pending();
     }
@@ -79,14 +78,14 @@ class Dispatcher {
 
     VlanTable m_table;
     Vlans m_installed;
-    // What the last try could not do is tried again a little later.
+    // Whatever failed is tried again at m_nextTry.
     bool m_rulesRefused = false;
     Burst::Clock::time_point m_nextTry{};
 
     Copies m_copies;
     Frame m_frame;
     uint32_t m_nextSequence = 0;
-    bool m_overrun = false;  // messages were lost; how many shows with the next one
+    bool m_overrun = false;  // messages were lost; the next one will show how many
     Burst m_lost;
     Burst m_foreign;
     Burst m_unanswered;

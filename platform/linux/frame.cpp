@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What the receive callback is given: queue record and tagged frame.
+// What the receive callback gets: a queue record and a tagged frame.
 #include "frame.h"
 
 #include <linux/if_ether.h>
@@ -36,7 +36,7 @@ void Frame::build(const Copy& copy, int ingressVlan, uint32_t egress,
     m_written = written;
     m_size = kHeaderSize + copy.packetSize();
 
-    // The record counts ports from 0, the kernel counts interfaces from 1.
+    // The record counts ports from 0; the kernel counts interfaces from 1.
     st_pktd_shm_queue_entry_ctrl_t& control = m_record.ctrl;
     control.port = static_cast<int32_t>(copy.ingress) - 1;
     control.proto = type;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What the receive callback is given: queue record and tagged frame.
+// What the receive callback gets: a queue record and a tagged frame.
 #ifndef PMTUD_LINUX_FRAME_H
 #define PMTUD_LINUX_FRAME_H
 
@@ -13,20 +13,20 @@
 
 namespace pmtud_linux {
 
-/// The one frame that is being handled, with its record.
+/// The frame being handled, with its record.
 class Frame {
  public:
     /// Ethernet header with one tag.
     static constexpr size_t kHeaderSize = 18;
 
-    /// The largest frame that a reader that trusts the headers may touch: one that carries
-    /// an IPv6 packet with the payload length 65,535.
+    /// The largest frame a reader that trusts the headers may touch: an IPv6 packet whose payload
+    /// length is 65,535.
     static constexpr size_t kCapacity = kHeaderSize + 40 + 65535;
 
-    /// Builds record and frame of a packet that came in on the VLAN's interface and was to
-    /// leave by that with the index `egress`.  The frame is as long as the packet was;
-    /// beyond what was copied of it, up to the capacity, it is zero.  Its IP header is that
-    /// of the quote: the kernel may have written into the options.
+    /// Builds record and frame of a packet that arrived on `ingressVlan` and was routed to the
+    /// interface with index `egress`. The frame is as long as the packet was. After the copied
+    /// bytes, it is zero up to the capacity. The IP header is taken from the quote, because the
+    /// kernel may have written into the options.
     void build(const Copy& copy, int ingressVlan, uint32_t egress, std::span<const uint8_t> quote);
 
     const st_pktd_shm_queue_entry_data_t& record() const { return m_record; }
@@ -37,7 +37,7 @@ class Frame {
     st_pktd_shm_queue_entry_data_t m_record{};
     std::array<uint8_t, kCapacity> m_bytes{};
     size_t m_size = 0;
-    size_t m_written = 0;  // beyond this all bytes are zero
+    size_t m_written = 0;  // all bytes from here on are zero
 };
 
 }  // namespace pmtud_linux

@@ -7,11 +7,11 @@
 
 namespace pmtud_linux {
 
-/// What becomes of the calling thread's lines.
+/// What happens to the calling thread's lines.
 LineFate lineFate();
 
-/// While it exists, the calling thread's lines are kept, or ignored; what was kept is written when
-/// it is destroyed.
+/// While it exists, the calling thread's lines are kept or ignored. Its destructor writes what was
+/// kept.
 class FrameLines {
  public:
     explicit FrameLines(bool logged);

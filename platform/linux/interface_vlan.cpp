@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The VLAN of an interface as the kernel names it at the moment.
+// The VLAN of an interface, according to its current names.
 #include "interface_vlan.h"
 
 #include <libmnl/libmnl.h>
@@ -28,8 +28,8 @@ int applyLink(const nlmsghdr* message, void* data) {
     return MNL_CB_STOP;
 }
 
-// Only link messages carry alternative names.  The kernel builds them under its lock of the
-// interfaces, which others may hold for long.
+// Only link messages contain alternative names. The kernel builds them under its interface lock
+// (RTNL), which others may hold for long.
 int askVlan(int ifindex) {
     MnlSocket socket;
     if (openSocket(socket, NETLINK_ROUTE, 0) != 0) return 0;
@@ -41,7 +41,7 @@ int askVlan(int ifindex) {
     header->ifi_index = ifindex;
     mnl_attr_put_u32(request, IFLA_EXT_MASK, RTEXT_FILTER_SKIP_STATS);
     VlanTable table;
-    if (requestOfKernel(socket, request, applyLink, &table) != 0) return 0;
+    if (requestFromKernel(socket, request, applyLink, &table) != 0) return 0;
     return table.vlanOf(static_cast<uint32_t>(ifindex));
 }
 
@@ -55,7 +55,7 @@ int vlanOfInterface(int socket, int ifindex) {
     const int known =
         table != nullptr ? table->vlanOf(static_cast<uint32_t>(ifindex)) : askVlan(ifindex);
     if (known == own || known == 0) return own;
-    // The table may be older than a change of the names.
+    // The table may predate a change of names.
     return indexOfInterface(socket, nameOfVlan(known)) == ifindex ? known : own;
 }
 

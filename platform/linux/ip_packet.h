@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What the platform reads of IP headers: version, header size, claimed size.
+// What the platform reads from IP headers: version, header size, claimed size.
 #ifndef PMTUD_LINUX_IP_PACKET_H
 #define PMTUD_LINUX_IP_PACKET_H
 
@@ -16,13 +16,13 @@ inline size_t bigEndian16(std::span<const uint8_t> bytes, size_t at) {
     return size_t{bytes[at]} << 8 | bytes[at + 1];
 }
 
-/// 4, 6 or anything else; 0 if there is no packet.
+/// 4, 6 or anything else; 0 if the packet is empty.
 inline int ipVersion(std::span<const uint8_t> packet) {
     return packet.empty() ? 0 : packet[0] >> 4;
 }
 
-/// The IPv4 header with its options, or the fixed IPv6 header; 0 if the packet has no such
-/// header or not all of it.
+/// The size of the IPv4 header with its options, or of the fixed IPv6 header; 0 if the packet has
+/// neither or not all of it.
 inline size_t ipHeaderSize(std::span<const uint8_t> packet) {
     size_t size = 0;
     if (ipVersion(packet) == 4) size = size_t{4} * (packet[0] & 0x0f);
@@ -31,15 +31,15 @@ inline size_t ipHeaderSize(std::span<const uint8_t> packet) {
     return size <= packet.size() ? size : 0;
 }
 
-/// The size that a packet with a whole header claims: IPv4 total length (RFC 791 section
-/// 3.1), IPv6 payload length (RFC 8200 section 3) and header.
+/// The size that a complete header claims: IPv4 total length (RFC 791 section 3.1), or IPv6 payload
+/// length (RFC 8200 section 3) plus the header.
 inline size_t claimedSize(std::span<const uint8_t> packet) {
     return ipVersion(packet) == 4 ? bigEndian16(packet, 2)
                                   : kIpv6HeaderSize + bigEndian16(packet, 4);
 }
 
-/// The packet that an ICMP or ICMPv6 error message quotes: what follows its IP header and the
-/// 8 bytes of ICMP header (RFC 792, RFC 4443 section 2.1).  Empty if there is none.
+/// The packet that an ICMP or ICMPv6 error message quotes: everything after the IP header and the
+/// 8-byte ICMP header (RFC 792, RFC 4443 section 2.1). Empty if there is none.
 inline std::span<const uint8_t> quoteOf(std::span<const uint8_t> error) {
     constexpr size_t kIcmpHeaderSize = 8;
     const size_t start = ipHeaderSize(error) + kIcmpHeaderSize;

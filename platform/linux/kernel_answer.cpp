@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Sends a withdrawn answer of the kernel's after all.
+// Sends the kernel's own answer, which the rules had withdrawn.
 #include "kernel_answer.h"
 
 #include <arpa/inet.h>
@@ -18,7 +18,7 @@ namespace pmtud_linux {
 
 namespace {
 
-constexpr size_t kSource = ETH_ALEN;  // in the addresses of a copy
+constexpr size_t kSource = ETH_ALEN;  // offset in a copy's addresses
 
 bool openOnce(Descriptor& kept, int family, int type, int protocol) {
     if (!kept.valid()) kept.reset(socket(family, type | SOCK_CLOEXEC, protocol));
@@ -33,7 +33,7 @@ int sendTo(const Descriptor& socket, const LogMessage& message, const Address& t
     return sent < 0 ? -errno : 0;
 }
 
-// The message brings its own IP header (raw(7), ipv6(7)).
+// The message includes its IP header (raw(7), ipv6(7)).
 bool openRaw(Descriptor& kept, int family) { return openOnce(kept, family, SOCK_RAW, IPPROTO_RAW); }
 
 bool knowsStation(const Copy& copy) {
@@ -52,7 +52,7 @@ int KernelAnswer::send(const LogMessage& message, const Copy* refused) {
 }
 
 int KernelAnswer::toStation(const LogMessage& message, const Copy& refused) {
-    // Protocol 0: the socket only sends, and no packet is copied to it.
+    // Protocol 0: the socket only sends, so the kernel copies no packets to it.
     if (!openOnce(m_packets, AF_PACKET, SOCK_DGRAM, 0)) return -errno;
     sockaddr_ll to{};
     to.sll_family = AF_PACKET;
@@ -63,8 +63,8 @@ int KernelAnswer::toStation(const LogMessage& message, const Copy& refused) {
     return sendTo(m_packets, message, to);
 }
 
-// Not bound to the interface: without a route by it the kernel would take the receiver for a
-// neighbour, and the loss would not show.
+// Not bound to the interface: without a route via it, the kernel would treat the receiver as a
+// neighbour, and the loss would go unnoticed.
 int KernelAnswer::byRoute4(const LogMessage& message) {
     if (!openRaw(m_raw4, AF_INET)) return -errno;
     sockaddr_in to{};
@@ -73,7 +73,7 @@ int KernelAnswer::byRoute4(const LogMessage& message) {
     return sendTo(m_raw4, message, to);
 }
 
-// A link-local receiver needs the interface, and so does one in a VRF.
+// A link-local receiver needs the interface, as does one in a VRF.
 int KernelAnswer::byRoute6(const LogMessage& message) {
     if (!openRaw(m_raw6, AF_INET6)) return -errno;
     const uint32_t egress = htonl(message.egress);

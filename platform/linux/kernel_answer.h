@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Sends a withdrawn answer of the kernel's after all.
+// Sends the kernel's own answer, which the rules had withdrawn.
 #ifndef PMTUD_LINUX_KERNEL_ANSWER_H
 #define PMTUD_LINUX_KERNEL_ANSWER_H
 
@@ -9,15 +9,14 @@
 
 namespace pmtud_linux {
 
-/// For a packet that the daemon did not answer, or whose answer did not leave the router.
+/// Used for a packet that the daemon did not answer, or whose answer did not leave the router.
 class KernelAnswer {
  public:
-    /// Sends the message that the rules withdrew.  Goes straight to the station that the refused
-    /// packet came from, past all rules, since it had passed all but the last of them.  Without
-    /// the packet's copy (null) or the station's address, if the message was to leave by another
-    /// interface than the packet's ingress, or if that fails: by the kernel's routes and through
-    /// the rules.  0 or a
-    /// negative errno value, -EPERM if the rules dropped it.
+    /// Sends the message straight to the station that the refused packet came from, bypassing all
+    /// rules, because it had passed all but the last of them. Uses the kernel's routes instead, and
+    /// so passes through the rules, if the packet's copy (null) or the station's address is
+    /// unknown, if the message was to leave on an interface other than the packet's ingress, or if
+    /// sending directly fails. 0 or a negative errno value: -EPERM if the rules dropped it.
     int send(const LogMessage& message, const Copy* refused);
 
  private:
@@ -25,7 +24,7 @@ class KernelAnswer {
     int byRoute4(const LogMessage& message);
     int byRoute6(const LogMessage& message);
 
-    // Opened when they are first needed, which is hardly ever.
+    // Opened when first needed, which is hardly ever.
     Descriptor m_packets;
     Descriptor m_raw4;
     Descriptor m_raw6;

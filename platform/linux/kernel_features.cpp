@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What the running kernel lacks, in an operator's words.
+// Finds which feature the running kernel lacks, and names it for the operator.
 #include "kernel_features.h"
 
 #include "nft_connection.h"
@@ -10,10 +10,10 @@ namespace {
 
 struct Feature {
     const char* name;
-    const char* use;  // in a table
+    const char* use;  // body of a table that uses it
 };
 
-// None uses what is named after it.
+// No entry uses a feature that is listed after it.
 constexpr Feature kFeatures[] = {
     {"nftables (nf_tables)", ""},
     {"tables that a process owns (Linux 5.12)", "flags owner;"},
@@ -30,9 +30,10 @@ constexpr Feature kFeatures[] = {
 
 }  // namespace
 
-std::string featureMissing() {
+std::string missingFeature() {
     for (const Feature& feature : kFeatures) {
-        // A connection believes that what it checked exists.
+        // A connection assumes that whatever it has only checked now exists, so each check needs a
+        // new one.
         NftConnection connection;
         if (connection.open() != 0) return {};
         const std::string use = feature.use;

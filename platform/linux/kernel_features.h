@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What the running kernel lacks, in an operator's words.
+// Finds which feature the running kernel lacks, and names it for the operator.
 #ifndef PMTUD_LINUX_KERNEL_FEATURES_H
 #define PMTUD_LINUX_KERNEL_FEATURES_H
 
@@ -7,9 +7,9 @@
 
 namespace pmtud_linux {
 
-/// The first feature that the rules need and the kernel refuses when asked for it alone, with
-/// its module; empty if it refuses none.  Changes nothing.
-std::string featureMissing();
+/// The first feature that the rules need and the kernel refuses even on its own, with its module;
+/// empty if there is none. Changes nothing.
+std::string missingFeature();
 
 }  // namespace pmtud_linux
 

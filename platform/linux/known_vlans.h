@@ -7,7 +7,7 @@
 
 namespace pmtud_linux {
 
-/// While it exists, `table` returns its table on the thread that made it.
+/// While it exists, all code on the calling thread can use the table.
 class KnownVlans {
  public:
     explicit KnownVlans(const VlanTable& table);
@@ -15,7 +15,7 @@ class KnownVlans {
     KnownVlans& operator=(const KnownVlans&) = delete;
     ~KnownVlans();
 
-    /// The calling thread's; null: there is none.
+    /// The calling thread's table; null: none.
     static const VlanTable* table();
 };
 

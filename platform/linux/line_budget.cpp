@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// How many frames are logged.
+// Limits how many frames are logged.
 #include "line_budget.h"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What becomes of the lines that a thread hands to the debug process.
+// What happens to the lines that a thread passes to the debug process.
 #ifndef PMTUD_LINUX_LINE_FATE_H
 #define PMTUD_LINUX_LINE_FATE_H
 

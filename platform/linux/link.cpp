@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// One network interface as a link message of the kernel describes it (rtnetlink).
+// One network interface, as a link message of the kernel (rtnetlink) describes it.
 #include "link.h"
 
 #include <libmnl/libmnl.h>
@@ -22,7 +22,7 @@ bool readNumber(const nlattr* attribute, uint32_t& number) {
     return true;
 }
 
-// The kind of the interface that this one is enslaved to.
+// The attribute holds the kind of this interface's master.
 int readMasterKind(const nlattr* attribute, void* data) {
     if (mnl_attr_get_type(attribute) == IFLA_INFO_SLAVE_KIND)
         static_cast<Link*>(data)->inVrf = textOf(attribute) == "vrf";
@@ -59,8 +59,8 @@ std::optional<Link> decodeLink(const nlmsghdr& message) {
     if (mnl_nlmsg_get_payload_len(&message) < sizeof(ifinfomsg)) return std::nullopt;
     ifinfomsg header;
     memcpy(&header, mnl_nlmsg_get_payload(&message), sizeof header);
-    // A bridge announces its ports with messages of its own family; there, "deleted"
-    // means that the interface left the bridge.
+    // A bridge announces its ports in messages of the bridge family, where "deleted" means that the
+    // interface left the bridge.
     if (header.ifi_family != AF_UNSPEC) return std::nullopt;
 
     Link link;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// One network interface as a link message of the kernel describes it (rtnetlink).
+// One network interface, as a link message of the kernel (rtnetlink) describes it.
 #ifndef PMTUD_LINUX_LINK_H
 #define PMTUD_LINUX_LINK_H
 
@@ -14,7 +14,7 @@ namespace pmtud_linux {
 
 struct Link {
     uint32_t ifindex = 0;
-    bool gone = false;      ///< the message says that it was removed
+    bool gone = false;      ///< the message reports its removal
     bool ethernet = false;  ///< ARPHRD_ETHER
     std::string name;
     std::vector<std::string> alternativeNames;
@@ -22,8 +22,8 @@ struct Link {
     bool inVrf = false;  ///< enslaved to a VRF, which has its own routing table
 };
 
-/// The interface that a whole RTM_NEWLINK or RTM_DELLINK message describes; nothing
-/// for any other message, and for what a bridge tells about its ports.
+/// The interface that a complete RTM_NEWLINK or RTM_DELLINK message describes; nothing for any
+/// other message, nor for a bridge's messages about its ports.
 std::optional<Link> decodeLink(const nlmsghdr& message);
 
 }  // namespace pmtud_linux

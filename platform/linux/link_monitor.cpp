@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The kernel's link messages (rtnetlink): what interfaces there are, and what changes.
+// Lists the kernel's interfaces and follows their changes, through link messages (rtnetlink).
 #include "link_monitor.h"
 
 #include <linux/if_link.h>
@@ -18,16 +18,17 @@ namespace pmtud_linux {
 
 namespace {
 
-// The kernel's own limit for the messages of a dump is 32 KiB.
+// The kernel limits the messages of a dump to 32 KiB.
 constexpr size_t kBufferSize = 32768;
 
 // A thousand interfaces that appear at once must not overrun the socket.
 constexpr int kReceiveBuffer = 1 << 20;
 
-// The kernel answers at once; this is for the case that the end of its list was lost.
+// In milliseconds. The kernel answers at once; this is for the case that the end of its list was
+// lost.
 constexpr int kAnswerTimeout = 1000;
 
-// The negative errno value that the kernel answers with; 0 for any other message.
+// The kernel's negative errno value; 0 for any other message.
 int errorOf(const nlmsghdr& message) {
     if (message.nlmsg_type != NLMSG_ERROR) return 0;
     if (mnl_nlmsg_get_payload_len(&message) < sizeof(nlmsgerr)) return 0;
@@ -39,7 +40,7 @@ int errorOf(const nlmsghdr& message) {
 int LinkMonitor::open() {
     if (const int result = openSocket(m_socket, NETLINK_ROUTE, RTMGRP_LINK); result != 0)
         return result;
-    // Without the privilege the system's own limit has to do: an overrun is made good.
+    // Without the privilege, the system's limit has to do: overruns are recovered from.
     setsockopt(fd(), SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer, sizeof kReceiveBuffer);
     return 0;
 }
@@ -63,7 +64,7 @@ LinkMonitor::Read LinkMonitor::read(const std::function<void(const nlmsghdr&)>& 
 }
 
 int LinkMonitor::list(VlanTable& table) {
-    // What changed while the kernel was listing makes the list doubtful; it is asked for again.
+    // Changes while the kernel is listing make the list unreliable, so it is requested again.
     constexpr int kAttempts = 10;
     int error = -EAGAIN;
     for (int attempt = 0; attempt < kAttempts && error == -EAGAIN; ++attempt) {
@@ -83,8 +84,8 @@ int LinkMonitor::listOnce(VlanTable& table) {
     return error == 0 && doubtful ? -EAGAIN : error;
 }
 
-// A socket that overran goes on losing changes silently until it is empty.  What is thrown
-// away here is older than the list that follows.
+// After an overrun, a socket keeps losing changes silently until it is empty. What is discarded
+// here is older than the list that follows.
 int LinkMonitor::dropStale() const {
     Read stale = Read::kSome;
     while (stale == Read::kSome || stale == Read::kLost) stale = read([](const nlmsghdr&) {});

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The kernel's link messages (rtnetlink): what interfaces there are, and what changes.
+// Lists the kernel's interfaces and follows their changes, through link messages (rtnetlink).
 #ifndef PMTUD_LINUX_LINK_MONITOR_H
 #define PMTUD_LINUX_LINK_MONITOR_H
 
@@ -14,24 +14,22 @@ namespace pmtud_linux {
 
 class LinkMonitor {
  public:
-    /// Subscribes to link changes.  0 or a negative errno value.
+    /// Subscribes to link changes. 0 or a negative errno value.
     int open();
 
     /// Readable when there are changes to follow.
     int fd() const { return mnl_socket_get_fd(m_socket.get()); }
 
-    /// Asks for all interfaces and fills the table anew.  If they change too fast for a
-    /// consistent list, fills it with what is known and becomes stale.  0 or a negative
-    /// errno value.
+    /// Requests all interfaces and refills the table. If they change too fast for a consistent
+    /// list, fills it with what is known and becomes stale. 0 or a negative errno value.
     int list(VlanTable& table);
 
-    /// Applies all changes that have arrived to the table, without waiting for more; if some
-    /// were lost, fills the table anew.  True if the table may have changed.  Throws
-    /// std::system_error if the socket fails.
+    /// Applies all changes that have arrived to the table, without waiting for more; if some were
+    /// lost, refills it. True if the table may have changed. Throws std::system_error if the socket
+    /// fails.
     bool follow(VlanTable& table);
 
-    /// The table may not be complete: follow is to be called again soon, whether or not
-    /// there are changes.
+    /// The table may be incomplete: call follow again soon, whether or not there are changes.
     bool stale() const { return m_stale; }
 
  private:

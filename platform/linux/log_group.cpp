@@ -18,22 +18,22 @@ namespace pmtud_linux {
 
 namespace {
 
-// Holds what arrives at the highest rates that the rules allow while this process waits for a
-// processor for some hundred milliseconds.
+// Large enough for what arrives, at the highest rates that the rules allow, while this process
+// waits a few hundred milliseconds for a CPU.
 constexpr int kReceiveBuffer = 8 << 20;
 
-// A copy and the message that refuses it, or two copies.  With the kernel's bookkeeping it is
-// one page: whatever is sent takes a whole buffer of the socket's room.
+// Room for a copy and the message that refuses it, or for two copies. With the kernel's overhead
+// this is one page: every datagram, however short, uses up a whole buffer of the socket's room.
 constexpr uint32_t kCollected = 3712;
 constexpr uint32_t kCollectedMessages = 16;
 
-// Any request of this family needs CAP_NET_ADMIN; this one changes nothing.
+// Every request of this family needs CAP_NET_ADMIN; this one changes nothing.
 int askGeneration(const MnlSocket& socket) {
     alignas(nlmsghdr) std::array<char, 64> buffer{};
     nlmsghdr* const message = mnl_nlmsg_put_header(buffer.data());
     message->nlmsg_type = (NFNL_SUBSYS_NFTABLES << 8) | NFT_MSG_GETGEN;
     mnl_nlmsg_put_extra_header(message, sizeof(nfgenmsg));
-    return requestOfKernel(socket, message, nullptr, nullptr);
+    return requestFromKernel(socket, message, nullptr, nullptr);
 }
 
 }  // namespace
@@ -52,8 +52,8 @@ int LogGroup::open(uint16_t group, uint32_t snapLength) {
     mnl_attr_put_u32(message, NFULA_CFG_NLBUFSIZ, htonl(kCollected));
     mnl_attr_put_u32(message, NFULA_CFG_QTHRESH, htonl(kCollectedMessages));
     mnl_attr_put_u16(message, NFULA_CFG_FLAGS, htons(NFULNL_CFG_F_SEQ));
-    const int result = requestOfKernel(opened, message, nullptr, nullptr);
-    // The kernel refuses another process's group with EPERM too.
+    const int result = requestFromKernel(opened, message, nullptr, nullptr);
+    // EPERM may also mean that another process has the group.
     if (result == -EPERM && askGeneration(opened) != -EPERM) return -EBUSY;
     if (result != 0) return result;
 

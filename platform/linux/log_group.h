@@ -16,9 +16,9 @@ namespace pmtud_linux {
 
 class LogGroup {
  public:
-    /// Takes the group for this process: up to `snapLength` bytes of every packet, with a
-    /// sequence number.  The kernel collects messages in one datagram until it is full or
-    /// a rule's own threshold is met.  0 or a negative errno value: -EPERM without
+    /// Binds this process to the group, which delivers up to `snapLength` bytes of every packet,
+    /// with a sequence number. The kernel collects messages in one datagram until it is full or a
+    /// rule's queue threshold is reached. 0 or a negative errno value: -EPERM without
     /// CAP_NET_ADMIN, -EBUSY if another process has the group.
     int open(uint16_t group, uint32_t snapLength);
 
@@ -27,21 +27,21 @@ class LogGroup {
     /// Readable when there are messages.
     int fd() const { return mnl_socket_get_fd(m_socket.get()); }
 
-    /// One datagram: whole netlink messages, unless it was not sent by the kernel or was
-    /// longer than the kernel makes them.
+    /// One datagram of complete netlink messages. Not usable if the kernel did not send it, or if
+    /// it is longer than the kernel makes them.
     struct Datagram {
         std::span<const char> bytes;
         bool usable = false;
     };
 
-    /// Receives what has arrived, up to `datagrams.size()` datagrams, without waiting.  How many,
-    /// or a negative errno value: -EAGAIN if there are none, -ENOBUFS if messages were
-    /// lost.  The bytes are valid until the next call.
+    /// Receives up to `datagrams.size()` datagrams that have arrived, without waiting. Returns
+    /// their number or a negative errno value: -EAGAIN if there are none, -ENOBUFS if messages were
+    /// lost. The bytes are valid until the next call.
     static constexpr size_t kAtOnce = 16;
     int receive(std::array<Datagram, kAtOnce>& datagrams);
 
  private:
-    // Larger than the kernel's own buffer with all that an allocation rounds up to.
+    // Larger than the kernel's buffer, even after its allocation is rounded up.
     static constexpr size_t kDatagramSize = 8192;
     struct alignas(nlmsghdr) Buffer {
         std::array<char, kDatagramSize> bytes;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A netlink socket of libmnl's, with its owner.
+// A libmnl netlink socket with an owner that closes it.
 #include "mnl_socket.h"
 
 #include <sys/socket.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A netlink socket of libmnl's, with its owner.
+// A libmnl netlink socket with an owner that closes it.
 #ifndef PMTUD_LINUX_MNL_SOCKET_H
 #define PMTUD_LINUX_MNL_SOCKET_H
 
@@ -14,8 +14,8 @@ struct MnlSocketClose {
 };
 using MnlSocket = std::unique_ptr<mnl_socket, MnlSocketClose>;
 
-/// Opens a socket of the netlink family that does not block and belongs to the multicast groups,
-/// a mask.  0 or a negative errno value, and then the socket stays what it was.
+/// Opens a non-blocking socket of the netlink family and joins it to the multicast groups, a bit
+/// mask. 0, or a negative errno value with `socket` unchanged.
 int openSocket(MnlSocket& socket, int family, unsigned int groups);
 
 }  // namespace pmtud_linux

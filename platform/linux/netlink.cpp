@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Netlink datagrams: validating their sender and their lengths, and the text of an attribute.
+// Validates the sender and the lengths of netlink datagrams, and reads the text of an attribute.
 #include "netlink.h"
 
 #include <libmnl/libmnl.h>
@@ -16,7 +16,7 @@ size_t wholeMessages(const char* bytes, size_t length) {
         memcpy(&header, bytes + whole, sizeof header);
         const size_t claimed = header.nlmsg_len;
         if (claimed < sizeof header || claimed > length - whole) break;
-        // The last one may end without the padding of the others.
+        // The last message may lack the padding of the others.
         const size_t padding = -claimed % NLMSG_ALIGNTO;
         whole += claimed + std::min(padding, length - whole - claimed);
     }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Netlink datagrams: validating their sender and their lengths, and the text of an attribute.
+// Validates the sender and the lengths of netlink datagrams, and reads the text of an attribute.
 #ifndef PMTUD_LINUX_NETLINK_H
 #define PMTUD_LINUX_NETLINK_H
 
@@ -16,12 +16,12 @@ inline bool isFromKernel(const sockaddr_nl& sender, socklen_t size) {
     return size == sizeof sender && sender.nl_pid == 0;
 }
 
-/// How many of the datagram's bytes are whole messages, one after the other; the rest must
-/// not be shown to libmnl, whose own check takes a length of 2 GiB and more for a negative
-/// number, which fits anywhere.  `bytes` is aligned as a message is.
+/// How many of the datagram's bytes are complete messages. The rest must not reach libmnl, whose
+/// own check treats a length of 2 GiB or more as a negative number, which fits anywhere. `bytes`
+/// must be aligned like a message.
 size_t wholeMessages(const char* bytes, size_t length);
 
-/// The attribute's payload up to its first zero, which need not be there.
+/// The attribute's payload up to its first zero byte, or all of it if there is none.
 std::string_view textOf(const nlattr* attribute);
 
 }  // namespace pmtud_linux

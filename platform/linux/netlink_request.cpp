@@ -9,8 +9,9 @@
 
 namespace pmtud_linux {
 
-int requestOfKernel(const MnlSocket& socket, nlmsghdr* request, mnl_cb_t take, void* data) {
-    // If receiving an answer failed, the rest of it arrives ahead of the next one.
+int requestFromKernel(const MnlSocket& socket, nlmsghdr* request, mnl_cb_t take, void* data) {
+    // Static, so that no number repeats: if receiving an answer failed, the rest of it arrives
+    // before the next one.
     static unsigned int sequence = 0;
     request->nlmsg_flags |= NLM_F_REQUEST;
     if (take == nullptr) request->nlmsg_flags |= NLM_F_ACK;

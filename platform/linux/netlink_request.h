@@ -9,10 +9,10 @@
 
 namespace pmtud_linux {
 
-/// Sends the request and awaits its acknowledgement, or, with `take`, hands each message of the
-/// answer to it until it returns MNL_CB_STOP.  The kernel queues the answer before the send
-/// returns, so nothing waits.  0 or a negative errno value.
-int requestOfKernel(const MnlSocket& socket, nlmsghdr* request, mnl_cb_t take, void* data);
+/// Sends the request and receives its acknowledgement or, if `take` is given, passes it each
+/// message of the answer until it returns MNL_CB_STOP. Nothing waits, because the kernel queues the
+/// answer before the send returns. 0 or a negative errno value.
+int requestFromKernel(const MnlSocket& socket, nlmsghdr* request, mnl_cb_t take, void* data);
 
 }  // namespace pmtud_linux
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A connection to nftables through libnftables: what it installs is gone when it closes.
+// A connection to nftables through libnftables; what it installs disappears when it closes.
 #include "nft_connection.h"
 
 #include <malloc.h>
@@ -11,16 +11,16 @@ namespace pmtud_linux {
 
 namespace {
 
-// With all VLANs the library takes some 100 MB for a while, which malloc would keep.  A little
-// is kept: the next change takes it again.
-void giveMemoryBack() {
+// With all VLANs, the library temporarily uses some 100 MB, which malloc would keep. A little is
+// kept because the next change needs it again.
+void trimHeap() {
     constexpr size_t kKept = size_t{16} << 20;
     if (mallinfo2().fordblks > kKept) malloc_trim(0);
 }
 
 }  // namespace
 
-// libnftables reports the kernel's answer in words only: errno is overwritten behind it.
+// libnftables reports the kernel's answer only as text: errno is overwritten before it returns.
 int errorOfMessage(std::string_view message) {
     constexpr int kLastError = 133;
     const std::string_view line = message.substr(0, message.find('\n'));
@@ -34,7 +34,7 @@ int errorOfMessage(std::string_view message) {
 int NftConnection::open() {
     m_context.reset(nft_ctx_new(NFT_CTX_DEFAULT));
     if (!m_context) return -ENOMEM;
-    // Nothing of the library's may reach the daemon's own standard output and error.
+    // The library must not write to the daemon's standard output and error.
     if (nft_ctx_buffer_output(m_context.get()) != 0 || nft_ctx_buffer_error(m_context.get()) != 0)
         return -ENOMEM;
     return 0;
@@ -42,7 +42,7 @@ int NftConnection::open() {
 
 int NftConnection::run(const std::string& commands) {
     const int result = nft_run_cmd_from_buffer(m_context.get(), commands.c_str());
-    giveMemoryBack();
+    trimHeap();
     if (result == 0) return 0;
     const std::string_view message = nft_ctx_get_error_buffer(m_context.get());
     m_problem = message.substr(0, message.find('\n'));

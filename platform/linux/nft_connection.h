@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A connection to nftables through libnftables: what it installs is gone when it closes.
+// A connection to nftables through libnftables; what it installs disappears when it closes.
 #ifndef PMTUD_LINUX_NFT_CONNECTION_H
 #define PMTUD_LINUX_NFT_CONNECTION_H
 
@@ -11,12 +11,12 @@
 
 namespace pmtud_linux {
 
-/// The errno value of what libnftables wrote about a failure: that of the first line's
-/// last words, or EINVAL where they name none (libnftables refused the commands itself).
+/// The errno value in libnftables' message about a failure: the first line ends with its text.
+/// EINVAL if it does not, because libnftables refused the commands itself.
 int errorOfMessage(std::string_view message);
 
-/// Tables with `flags owner` belong to the connection: the kernel removes them when it
-/// closes, that is with this object or with the process.
+/// Tables with `flags owner` belong to the connection: the kernel removes them when it closes,
+/// which is when this object is destroyed or the process ends.
 class NftConnection {
  public:
     /// 0 or a negative errno value.
@@ -24,13 +24,13 @@ class NftConnection {
 
     void close() { m_context.reset(); }
 
-    /// Runs the commands as one transaction, all or nothing.  0 or a negative errno value.
+    /// Runs the commands as one transaction, all or nothing. 0 or a negative errno value.
     int run(const std::string& commands);
 
-    /// The same, except that the kernel only checks whether it would carry them out.
+    /// The same, but the kernel only checks whether it would execute the commands.
     int check(const std::string& commands);
 
-    /// What libnftables said about the last failure, in one line.
+    /// libnftables' message about the last failure, in one line.
     const std::string& problem() const { return m_problem; }
 
  private:

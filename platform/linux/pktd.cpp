@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The packet-dispatch queue: the kernel picks and copies the packets, a thread hands them over.
+// The packet-dispatch queue: the kernel selects and copies the packets, a thread delivers them.
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -40,11 +40,11 @@ struct Client {
     bool running = false;
 };
 
-// Never destroyed: the receive thread uses it until the process is gone, also while the
-// static objects of the process are being destroyed.
+// Never destroyed: the receive thread uses it until the process ends, even while static objects are
+// being destroyed.
 Client* attached = nullptr;
 
-// The kernel's answers must not be withdrawn by a process that cannot answer.
+// A process that cannot answer must not withdraw the kernel's answers.
 int checkRightToAnswer() {
     const Descriptor raw(socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_ICMP));
     if (raw.valid()) return 0;
@@ -61,7 +61,7 @@ int attach() {
     return 0;
 }
 
-// The process's signals are the main thread's.
+// Signals must be delivered to the main thread only.
 int startThread(Dispatcher& dispatcher, pktd_rx_cb_t callback) {
     sigset_t all;
     sigset_t before;
@@ -79,15 +79,15 @@ int startThread(Dispatcher& dispatcher, pktd_rx_cb_t callback) {
     return result;
 }
 
-// The daemon's main thread only sleeps from now on, in steps of half a millisecond: 2,000 wake-ups
-// per second.  With this slack the kernel lets it sleep on until the processor is awake anyway, or
-// for a tenth of a second.  The receive thread was started before and keeps its precision.
+// From now on the daemon's main thread only sleeps, in steps of half a millisecond: 2,000 wake-ups
+// per second. With this slack, the kernel delays each wake-up until the CPU is awake anyway, by a
+// tenth of a second at most. The receive thread was started earlier and keeps its precision.
 void sleepLongSteps() {
     constexpr unsigned long kSlack = 100'000'000;  // nanoseconds
     prctl(PR_SET_TIMERSLACK, kSlack, 0, 0, 0);
 }
 
-// Without a thread the rules would withdraw answers for nothing.
+// Without a receive thread, the rules would withdraw answers that nobody replaces.
 int detach(int result) {
     say(Priority::kError, threadProblem(result));
     delete attached;

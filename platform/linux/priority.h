@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What a line of the system log begins with: facility daemon (3) with a severity.
+// The number that begins a system log line: facility daemon (3) and a severity.
 #ifndef PMTUD_LINUX_PRIORITY_H
 #define PMTUD_LINUX_PRIORITY_H
 

@@ -1,26 +1,26 @@
 // SPDX-License-Identifier: MIT
 // The nftables rules that copy candidates and withdraw the kernel's answers, as text.
 //
-// A packet's path through the first hook, after all priorities that have names; a later rule that
-// drops the packet costs one copy:
+// A packet's path through the first hook, which runs after all named priorities. If a later rule
+// drops the packet, one copy is wasted. K is 4, 4o or 6:
 //
 //   prerouting ─► to-bcm0.E ─► candidate ─► copied, and its header remembered in copiedK-MTU
 //      │ short,      │ fits      │ may be fragmented, too many,
 //      ▼ not ours    ▼           ▼ could not be answered as the kernel would
 //    accept        accept      accept
 //
-// "accept" only ends this table's part: nothing is ever taken out of the forwarding path.
+// "accept" ends only this table's processing; no packet is ever taken off the forwarding path.
 //
-// The path of a "too big" message through the second hook, after everyone else's rules, which may
-// drop it or the daemon's answer, and after source NAT:
+// A "too big" message's path through the second hook, which runs after source NAT and after all
+// other rules, because they may drop it or the daemon's answer:
 //
 //   postrouting ─► too-big-ipvN ─► refusedK-MTU ─► withdrawable ─► handed-over: count, log, drop
 //                     │ a process's    │ quotes no       │ not the router's own, too many,
 //                     ▼                ▼ copied packet   ▼ answers do not leave
 //                   count, accept    accept            accept: the kernel has answered
 //
-// The VLANs are found by hash lookups, however many there are.  The rules go by interface
-// index, the chains and counters by VLAN.
+// VLANs are found by hash lookups, however many there are. The rules match interface indexes;
+// chains and counters are named after VLANs.
 #include "ruleset.h"
 
 #include <algorithm>
@@ -32,11 +32,11 @@ namespace pmtud_linux {
 
 namespace {
 
-// What tells one packet from another, as the packet has it and as a message that quotes it
-// does: 16 bytes, because nft 1.0.6 cannot map a longer key to a value.  The key may be there for a
-// packet that was not copied, if one with the same key was; its message goes out after all.  A
-// message does not remove the key, because the kernel keeps removed ones for up to a second and
-// takes only some 16 equal ones meanwhile.
+// The key that distinguishes packets, as the packet contains it (`header`) and as a message that
+// quotes the packet does (`quoted`). It has 16 bytes, because nft 1.0.6 cannot map a longer key to
+// a value. A packet that was not copied may share the key of one that was; its message is then sent
+// after all. A message does not remove the key, because the kernel keeps removed keys for up to a
+// second and accepts only some 16 equal ones meanwhile.
 struct Kind {
     const char* name;
     const char* packets;
@@ -45,21 +45,23 @@ struct Kind {
 };
 
 constexpr Kind kKinds[] = {
-    // Source and destination, start of the transport header.
+    // Source, destination, start of the transport header.
     {"4", "ip hdrlength 5", "@nh,96,64 . @nh,160,64", "@th,160,64 . @th,224,64"},
-    // Source, destination, total length to protocol.  Not the options: the kernel may write into
-    // them before it refuses the packet.  With a longer header the 60 bytes that an answer quotes
-    // would lack the 8 bytes of payload that a host needs (RFC 792); there the kernel answers.
+    // Source, destination, total length to protocol. Not the options, because the kernel may write
+    // into them before it refuses the packet. If the header is longer than 52 bytes, the kernel
+    // answers: the 60 bytes that the daemon quotes would lack the 8 bytes of payload that a host
+    // needs (RFC 792).
     {"4o", "ip hdrlength 6-13", "@nh,96,32 . @nh,128,32 . @nh,16,64",
      "@th,160,32 . @th,192,32 . @th,80,64"},
-    // Of the destination what translation may change, in prefix and host; the start of what
-    // follows the header.
+    // The parts of the destination that address translation may change, in prefix and host; the
+    // start of what follows the header.
     {"6", "meta nfproto ipv6", "@nh,224,32 . @nh,288,32 . @nh,320,64",
      "@th,288,32 . @th,352,32 . @th,384,64"},
 };
 
-// Padded beyond the length of any name: libnftables takes a number for a name if an interface
-// has that name.  In quotes: without them it reads a number with leading zeros as octal.
+// Padded beyond the length of any interface name, because libnftables treats a number as a name if
+// an interface has that name. Quoted, because it reads an unquoted number with leading zeros as
+// octal.
 std::string indexKey(uint32_t ifindex) {
     const std::string digits = std::to_string(ifindex);
     return "\"" + std::string(16 - digits.size(), '0') + digits + "\"";
@@ -79,9 +81,9 @@ std::string refusedChain(const Kind& kind, uint32_t mtu) {
     return refusedMap(kind) + "-" + std::to_string(mtu);
 }
 
-// How many headers a map holds.  The kernel clears removed ones away once a second, so there is
-// room for all that may be copied in a second; and less if there are many MTUs, since it
-// allocates the room at once.
+// How many headers a map holds. The kernel frees removed ones only once per second, so there is
+// room for all that may be copied in a second; less if there are many MTUs, since the room is
+// allocated in advance.
 size_t mapSize(size_t mtus) { return size_t{65536} / std::max<size_t>(mtus, 8); }
 
 std::string addMap(const Kind& kind, uint32_t mtu, size_t size) {
@@ -90,8 +92,8 @@ std::string addMap(const Kind& kind, uint32_t mtu, size_t size) {
                                   "; flags dynamic,timeout; timeout 100ms; }");
 }
 
-// The lookup in the map comes first: it spares what passes in a flood the rest.  The limits come
-// before the mark is set: a message that passes leaves as the kernel made it.
+// The map lookup comes first, so that messages that pass in a flood skip the rest. The limits come
+// before the mark is set, so that a message that passes leaves as the kernel made it.
 std::string addRefusedChain(const Kind& kind, uint32_t mtu) {
     const std::string map = "@" + copiedMap(kind, mtu);
     const std::string chain = refusedChain(kind, mtu);
@@ -183,7 +185,7 @@ bool sameIngress(const Vlan* one, const Vlan& other) {
 
 bool isServed(const Vlan* vlan) { return vlan != nullptr && pmtud_linux::isServed(*vlan); }
 
-// What `before` has and `after`, which may be null, has not.
+// Removes what `before` has and `after`, which may be null, lacks.
 std::string dismantle(int number, const Vlan& before, const Vlan* after) {
     std::string commands;
     if (!sameIngress(after, before)) commands += removeIngress(before);
@@ -193,8 +195,8 @@ std::string dismantle(int number, const Vlan& before, const Vlan* after) {
     return commands;
 }
 
-// What `after` has and `before`, which may be null, has not.  The counter of a VLAN that was
-// served already stays, so that it counts on.
+// Adds what `after` has and `before`, which may be null, lacks. A VLAN that was already served
+// keeps its counter, so that the count continues.
 std::string build(int number, const Vlan* before, const Vlan& after) {
     std::string commands;
     if (!sameIngress(before, after)) commands += addIngress(after);
@@ -218,7 +220,7 @@ std::set<uint32_t> mtusOf(const Vlans& vlans) {
     return mtus;
 }
 
-// What is no longer than the smallest MTU costs nothing more.
+// Packets no longer than the smallest MTU skip everything else.
 std::string changeSmallest(const std::set<uint32_t>& before, const std::set<uint32_t>& after) {
     const std::string chain = "fits-every-vlan";
     const uint32_t smallest = after.empty() ? 0 : *after.begin();
@@ -386,7 +388,7 @@ std::string changeText(const Vlans& before, const Vlans& after) {
 
     commands += changeSmallest(oldMtus, newMtus);
 
-    // An interface may have moved from one VLAN to another: its old elements go first.
+    // An interface may have moved from one VLAN to another, so its old elements are removed first.
     for (const auto& [number, vlan] : before)
         commands += dismantle(number, vlan, find(after, number));
     for (const auto& [number, vlan] : after) commands += build(number, find(before, number), vlan);

@@ -13,10 +13,10 @@ namespace pmtud_linux {
 /// The log group that the rules log to.
 constexpr uint16_t kLogGroup = 89;
 
-/// How much of a candidate is copied, in bytes: an IPv6 answer quotes up to 1,492.
+/// How many bytes of a candidate are copied: an IPv6 answer quotes up to 1,492.
 constexpr uint32_t kCopySize = 1500;
 
-/// What the daemon accepts as the MTU of a VLAN.  An egress with any other stays the kernel's.
+/// The VLAN MTUs that the daemon accepts. On an egress with any other MTU, the kernel answers.
 constexpr uint32_t kMinimumMtu = 576;
 constexpr uint32_t kMaximumMtu = 16383;
 
@@ -24,24 +24,25 @@ inline bool isServed(const Vlan& vlan) {
     return vlan.mtu >= kMinimumMtu && vlan.mtu <= kMaximumMtu;
 }
 
-/// The log prefix of a copy is this and the egress VLAN in decimal.
+/// A copy's log prefix is this, followed by the egress VLAN in decimal.
 constexpr char kCopyPrefix[] = "pmtud:";
 
-/// The log prefix of a message of the kernel's that was withdrawn.
+/// The log prefix of a kernel message that was withdrawn.
 constexpr char kRefusedPrefix[] = "pmtud:refused";
 
-/// The counter of the "too big" messages of processes, the daemon's answers, that left the router.
+/// The counter of processes' "too big" messages, usually the daemon's answers, that left the
+/// router.
 constexpr char kAnswersCounter[] = "answers";
 
-/// The table with everything that does not depend on the VLANs.
+/// The table, with everything that does not depend on the VLANs.
 std::string tableText();
 
-/// The commands that turn the rules for one set of VLANs into those for another, to be
-/// run in one transaction on an existing table; empty if there is nothing to do.
+/// The commands that turn the rules for one set of VLANs into those for another, for one
+/// transaction on an existing table; empty if nothing changes.
 std::string changeText(const Vlans& before, const Vlans& after);
 
-/// The command that lets the kernel answer, for that many seconds, where the answer would leave by
-/// the interface.
+/// The command that lets the kernel answer, for that many seconds, if the answer would leave on the
+/// interface.
 std::string leaveToKernelText(uint32_t ifindex, int seconds);
 
 }  // namespace pmtud_linux

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The platform's own lines.
+// Writes the platform's own log lines.
 #include "say.h"
 
 #include "system_log.h"

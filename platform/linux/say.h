@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The platform's own lines.
+// Writes the platform's own log lines.
 #ifndef PMTUD_LINUX_SAY_H
 #define PMTUD_LINUX_SAY_H
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The platform seam's headers, with what they declare exported from the shared library.
-// Always included in place of the headers themselves.
+// The platform seam's headers, with everything they declare exported from the shared library.
+// Always include this instead of the headers themselves.
 #ifndef PMTUD_LINUX_SEAM_H
 #define PMTUD_LINUX_SEAM_H
 

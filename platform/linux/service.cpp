@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What the service manager learns: that the daemon serves, what it serves, that it is alive.
+// Reports to the service manager that the daemon serves, what it serves, and that it is alive.
 #include "service.h"
 
 #include <systemd/sd-daemon.h>
@@ -23,7 +23,7 @@ std::string statusOf(size_t served) {
 
 void Service::ready(const Vlans& vlans) {
     uint64_t microseconds = 0;
-    // Three signs of life per watchdog interval: one that is late does no harm.
+    // Three keep-alives per watchdog interval, so that a late one does no harm.
     if (sd_watchdog_enabled(0, &microseconds) > 0)
         m_interval = static_cast<int>(std::clamp<uint64_t>(microseconds / 3000, 1, 60000));
     serves(vlans);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What the service manager learns: that the daemon serves, what it serves, that it is alive.
+// Reports to the service manager that the daemon serves, what it serves, and that it is alive.
 #ifndef PMTUD_LINUX_SERVICE_H
 #define PMTUD_LINUX_SERVICE_H
 
@@ -9,18 +9,18 @@
 
 namespace pmtud_linux {
 
-/// Through sd_notify(3).  Without a service manager nothing is sent, and nobody is woken.
+/// Uses sd_notify(3). Without a service manager, nothing is sent and nothing wakes up.
 class Service {
  public:
     using Clock = std::chrono::steady_clock;
 
-    /// The rules are in place.  Also asks whether there is a watchdog.
+    /// Reports that the rules are in place. Also finds out whether there is a watchdog.
     void ready(const Vlans& vlans);
 
-    /// What is served has changed, perhaps.
+    /// Reports what is served, if that has changed.
     void serves(const Vlans& vlans);
 
-    /// To be called at least once per interval, by the thread that does the work.
+    /// Call it at least once per interval, on the thread that does the work.
     void keepAlive(Clock::time_point now);
 
     /// In milliseconds; -1 without a watchdog.

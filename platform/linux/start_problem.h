@@ -7,8 +7,7 @@
 
 namespace pmtud_linux {
 
-/// One line for a negative errno value with which the queue could not be attached: the cause and
-/// the remedy.
+/// One line for the negative errno value with which attaching the queue failed: cause and remedy.
 std::string startProblem(int result);
 
 /// The same for the receive thread.

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Lines to the system log, as datagrams to /dev/log; nothing here waits.
+// Writes lines to the system log, as datagrams to /dev/log; nothing here waits.
 #include "system_log.h"
 
 #include <sys/socket.h>
@@ -16,9 +16,8 @@ namespace pmtud_linux {
 
 namespace {
 
-// The log daemon is there and busy, or refuses this line.  After any other failure it is not
-// there any more.
-bool isOfTheLine(int error) { return error == EAGAIN || error == ENOBUFS || error == EMSGSIZE; }
+// The log daemon is busy or refuses this line. After any other failure it is gone.
+bool concernsLine(int error) { return error == EAGAIN || error == ENOBUFS || error == EMSGSIZE; }
 
 }  // namespace
 
@@ -64,7 +63,7 @@ bool SystemLog::format(Line& line, Priority priority, uint32_t module, const cha
     return true;
 }
 
-// Sends the lines, after one about those that were lost before.
+// Sends the lines, preceded by one that reports earlier losses.
 int SystemLog::send(std::span<const Line> lines) {
     Line lost;
     const bool someWereLost = m_lost != 0;
@@ -98,7 +97,7 @@ int SystemLog::send(std::span<const Line> lines) {
     return sent == lines.size() ? 0 : error;
 }
 
-// How many the log accepted.  If not all, why not, as a negative errno value.
+// How many messages the log accepted. If not all, sets the error, a negative errno value.
 size_t SystemLog::deliver(std::span<mmsghdr> messages, int& error) {
     constexpr int kFlags = MSG_DONTWAIT | MSG_NOSIGNAL;
     size_t sent = 0;
@@ -112,14 +111,14 @@ size_t SystemLog::deliver(std::span<mmsghdr> messages, int& error) {
             continue;
         }
         error = -errno;
-        if (isNew || isOfTheLine(-error)) return sent;
+        if (isNew || concernsLine(-error)) return sent;
         if (error = connectAgain(); error != 0) return sent;
         isNew = true;
     }
     return sent;
 }
 
-// At most one attempt a second while they fail: a line must stay cheap without a log daemon.
+// While attempts fail, at most one per second: a line must stay cheap without a log daemon.
 int SystemLog::connectAgain() {
     const Clock::time_point now = Clock::now();
     if (m_socket < 0 && now < m_nextAttempt) return -ENOTCONN;
@@ -138,7 +137,7 @@ int SystemLog::connectAgain() {
     return -error;
 }
 
-// "Mmm dd hh:mm:ss" in local time.  Not strftime(3), whose month names follow the locale.
+// "Mmm dd hh:mm:ss" in local time. Not strftime(3), whose month names depend on the locale.
 const char* SystemLog::stamp() {
     const time_t second = time(nullptr);
     if (second == m_second) return m_stamp.data();

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
-// Lines to the system log, as datagrams to /dev/log; nothing here waits.
+// Writes lines to the system log, as datagrams to /dev/log; nothing here waits.
 //
-// A datagram has the form of RFC 3164 section 4.1 without the host name, as local programs send
-// it: "<31>Mmm dd hh:mm:ss pmtud[PID]: MODULE TEXT".  It is at most 1,024 bytes, that RFC's
-// bound; a longer line is cut there.
+// A datagram has the form of RFC 3164 section 4.1 without the host name, as local programs send it:
+// "<31>Mmm dd hh:mm:ss pmtud[PID]: MODULE TEXT". Lines are truncated to 1,024 bytes, that RFC's
+// limit.
 //
-// A line that the log does not accept at once is dropped and counted, and the count is logged
-// ahead of the next line that the log accepts.
+// A line that the log does not accept at once is dropped and counted. The count is logged before
+// the next line that the log accepts.
 #ifndef PMTUD_LINUX_SYSTEM_LOG_H
 #define PMTUD_LINUX_SYSTEM_LOG_H
 
@@ -29,8 +29,8 @@ constexpr uint32_t kOwnModule = 89;
 
 class SystemLog {
  public:
-    /// The process's one log.  Never destroyed: the receive thread writes lines until the
-    /// process is gone, also while its static objects are being destroyed.
+    /// The process's only log. Never destroyed: the receive thread writes lines until the process
+    /// ends, even while static objects are being destroyed.
     static SystemLog& instance();
 
     /// 0, or a negative errno value if the line was lost.
@@ -39,8 +39,8 @@ class SystemLog {
     /// Counts a line that could not be formatted as lost.
     void lose();
 
-    /// Keeps a debug line for the next flush, which happens by itself once kLinesKept are
-    /// kept.  0, or -EINVAL if it cannot be formatted.
+    /// Keeps a debug line for the next flush, which is automatic when kLinesKept are kept. 0, or
+    /// -EINVAL if it cannot be formatted.
     static constexpr size_t kLinesKept = 16;
     int keep(uint32_t module, const char* text);
 

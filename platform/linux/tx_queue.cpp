@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The transmit queue: frames posted through a packet socket.
+// The transmit queue: sends posted frames through a packet socket.
 #include "tx_queue.h"
 
 #include <linux/if_ether.h>
@@ -19,8 +19,8 @@ namespace pmtud_linux {
 namespace {
 
 struct Egress {
-    int ifindex = 0;  // 0: there is none
-    int vlan = 0;     // 0: it is no bcm0.N, and takes a frame as it stands
+    int ifindex = 0;  // 0: none
+    int vlan = 0;     // 0: not a bcm0.N; frames are sent unchanged
 };
 
 Egress portEgress(int socket, int unit, int port) {
@@ -34,7 +34,7 @@ Egress vlanEgress(int socket, int vlan) {
     return {indexOfInterface(socket, nameOfVlan(vlan)), vlan};
 }
 
-// A tag of VLAN 0 only has a priority (IEEE 802.1Q), and belongs to no VLAN.
+// A tag with VLAN 0 carries only a priority (IEEE 802.1Q) and belongs to no VLAN.
 bool isTagged(const uint8_t* frame, size_t length, int vlan) {
     constexpr size_t kTaggedHeaderSize = ETH_HLEN + 4;
     if (vlan == 0 || length < kTaggedHeaderSize) return false;
@@ -56,7 +56,7 @@ int fillRecord(st_pktd_shm_queue_entry_data_t* record, int proto, int vid, const
 }
 
 int TxQueue::open() {
-    // Protocol 0: the socket only sends, and no packet is copied to it.
+    // Protocol 0: the socket only sends, so the kernel copies no packets to it.
     m_socket.reset(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
     return m_socket.valid() ? 0 : -errno;
 }

@@ -12,7 +12,7 @@ struct Vlan {
     uint32_t ifindex = 0;
     uint32_t mtu = 0;
     bool inVrf = false;
-    int alsoNamed = 0;  ///< the next VLAN that the interface has a name of as well; 0: none
+    int alsoNamed = 0;  ///< the next VLAN whose name the interface also has; 0: none
 
     friend bool operator==(const Vlan&, const Vlan&) = default;
 };

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The names of layer-3 VLAN interfaces, and the kernel's numbers for them.
+// The names of layer-3 VLAN interfaces: "bcm0." and the VLAN.
 #include "vlan_name.h"
 
 #include <sys/ioctl.h>

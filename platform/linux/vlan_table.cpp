@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Which layer-3 VLAN interfaces there are, according to link messages.
+// The layer-3 VLAN interfaces that exist, according to link messages.
 #include "vlan_table.h"
 
 #include <iterator>
@@ -12,7 +12,7 @@ namespace pmtud_linux {
 
 namespace {
 
-// The VLANs that the interface has a name of.
+// The VLANs whose names the interface has.
 std::set<int> vlansNamedBy(const Link& link) {
     std::set<int> vlans{vlanOfName(link.name)};
     for (const std::string& name : link.alternativeNames) vlans.insert(vlanOfName(name));

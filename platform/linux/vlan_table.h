@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Which layer-3 VLAN interfaces there are, according to link messages.
+// The layer-3 VLAN interfaces that exist, according to link messages.
 #ifndef PMTUD_LINUX_VLAN_TABLE_H
 #define PMTUD_LINUX_VLAN_TABLE_H
 
@@ -13,9 +13,9 @@ namespace pmtud_linux {
 
 class VlanTable {
  public:
-    /// True if the message changed the table.  Interfaces that are not Ethernet, or without a name,
-    /// their own or an alternative one, that is exactly "bcm0.N", are left out.  One with several
-    /// such names is the lowest of these VLANs.
+    /// True if the message changed the table. The table contains the Ethernet interfaces that have
+    /// a name or an alternative name of exactly the form "bcm0.N". One with several such names
+    /// counts as the lowest of these VLANs.
     bool apply(const Link& link);
 
     const Vlans& vlans() const { return m_vlans; }

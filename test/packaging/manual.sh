@@ -105,7 +105,7 @@ EachLineOfThePlatformInTheSystemLogIsExplained() {
         expect_explained "PMTUD-Linux:$(pattern "$statement")"
     done < <(
         statements 'say\((?!Priority priority)' "$project"/platform/linux/*.cpp
-        statements 'sayBurst\((?!Burst)' "$project"/platform/linux/dispatcher.cpp
+        statements 'reportBurst\((?!Burst)' "$project"/platform/linux/dispatcher.cpp
     )
     expect_explained 'PMTUD-Linux: .* lines lost$'
     expect_explained 'PMTUD-Linux: nothing is served \('

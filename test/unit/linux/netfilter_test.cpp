@@ -153,7 +153,7 @@ TEST_F(Netfilter, RequestIsNumberedAnewAndAcknowledgedByTheKernelOnly) {
     ASSERT_TRUE(socket);
     const auto request = [&] {
         Netlink message(NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_GETGEN, sizeof(nfgenmsg));
-        return pmtud_linux::requestOfKernel(socket, &message.header(), nullptr, nullptr);
+        return pmtud_linux::requestFromKernel(socket, &message.header(), nullptr, nullptr);
     };
     answer = [this] {
         give(errorMessage(sequence, -EBUSY), 4711);

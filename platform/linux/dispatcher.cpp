@@ -95,7 +95,7 @@ int Dispatcher::installRules() {
         noteInstalled();
         return 0;
     }
-    say(Priority::kError, "the rules could not be installed: " + reasonForRefusal());
+    say(Priority::kError, "cannot install the rules: " + reasonForRefusal());
     return result;
 }
 
@@ -114,7 +114,7 @@ void Dispatcher::noteInstalled() {
 std::string Dispatcher::reasonForRefusal() {
     const std::string problem = m_rules.problem();
     if (m_rules.run("list table inet pmtud\n") == 0)
-        return "there is a table inet pmtud already; end the process that owns it, or delete it "
+        return "table inet pmtud already exists; end the process that owns it, or delete it "
                "(nft delete table inet pmtud)";
     const std::string missing = missingFeature();
     return missing.empty() ? problem : "this kernel lacks " + missing;
@@ -160,8 +160,7 @@ void Dispatcher::applyRules() {
     const std::string commands = changeText(m_installed, m_table.vlans());
     if (!commands.empty() && m_rules.run(commands) != 0) {
         if (!m_rulesRefused)
-            say(Priority::kError,
-                "the rules could not be changed, trying again: " + m_rules.problem());
+            say(Priority::kError, "cannot change the rules, retrying: " + m_rules.problem());
         m_rulesRefused = true;
         return;
     }
@@ -274,7 +273,7 @@ void Dispatcher::leaveToKernel(uint32_t ifindex) {
     const bool isLeft = m_rules.run(leaveToKernelText(ifindex, seconds)) == 0;
     m_leftToKernel[ifindex] = now + (isLeft ? kLeftToKernel : std::chrono::seconds(1));
     if (!isLeft)
-        say(Priority::kError, "the kernel could not be left to answer: " + m_rules.problem());
+        say(Priority::kError, "cannot leave the answers to the kernel: " + m_rules.problem());
 }
 
 std::string Dispatcher::nameOf(uint32_t ifindex) const {
@@ -316,11 +315,11 @@ void Dispatcher::reportBursts(bool over) {
                 now);
     // At most once per second, even if each frame is a burst by itself: this line exists to save
     // lines.
-    reportBurst(m_unlogged, Priority::kInfo, "answered without log lines, frames: ", false, now);
-    reportBurst(
-        m_foreign, Priority::kWarning,
-        "log group " + std::to_string(kLogGroup) + ": messages not from this table, ignored: ",
-        over, now);
+    reportBurst(m_unlogged, Priority::kInfo, "frames answered but not logged: ", false, now);
+    reportBurst(m_foreign, Priority::kWarning,
+                "log group " + std::to_string(kLogGroup) +
+                    ": ignored messages that this table did not log: ",
+                over, now);
 }
 
 }  // namespace pmtud_linux

@@ -21,7 +21,7 @@ constexpr Feature kFeatures[] = {
     {"dynamic sets (nf_tables)",
      "set s { typeof iif; size 1; flags dynamic,timeout; timeout 1s; }; chain c { update @s { iif "
      "}; }"},
-    {"matching the user who sent a packet (nf_tables)", "chain c { meta skuid 0; }"},
+    {"matching a packet's user (nf_tables)", "chain c { meta skuid 0; }"},
     {"route lookups (nft_fib_inet)", "chain c { fib daddr . mark oif 1; }"},
     {"limits (nft_limit)", "chain c { limit rate 1/second; }"},
     {"logging (nft_log)", "chain c { log group 1; }"},

@@ -18,14 +18,14 @@ std::string causeOf(int error) {
                    "namespace that owns the network";
         case EBUSY:
             return "log group " + std::to_string(kLogGroup) +
-                   " belongs to another process, which /proc/net/netfilter/nfnetlink_log names; "
+                   " belongs to another process (see /proc/net/netfilter/nfnetlink_log); "
                    "end it";
         case EINVAL:
             return "the kernel has no log target; modprobe nfnetlink_log";
         case EPROTONOSUPPORT:
             return "the kernel has no netfilter netlink; modprobe nfnetlink";
         case EAFNOSUPPORT:
-            return "a family of sockets is forbidden; check RestrictAddressFamilies= of the unit";
+            return "a socket family is forbidden; check RestrictAddressFamilies= in the unit";
         case EMFILE:
         case ENFILE:
             return "too many open files; raise the limit (LimitNOFILE=, ulimit -n)";
@@ -46,7 +46,7 @@ std::string startProblem(int result) {
 }
 
 std::string threadProblem(int result) {
-    const std::string start = "no receive thread " + numbered(result);
+    const std::string start = "cannot start the receive thread " + numbered(result);
     if (result == -EAGAIN)
         return start + "the limit on tasks is reached; raise it (TasksMax=, ulimit -u)";
     return start + causeOf(-result);

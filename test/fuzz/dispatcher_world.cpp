@@ -184,15 +184,16 @@ void World::takeLine(Priority priority, const std::string& line) {
     constexpr Known kKnown[] = {
         {Priority::kWarning, "the receive queue overran, messages lost: ", kLost},
         {Priority::kWarning, "refused packets that nobody answered: ", kUnanswered},
-        {Priority::kWarning, "log group 89: messages not from this table, ignored: ", kForeign},
-        {Priority::kInfo, "answered without log lines, frames: ", kUnlogged},
+        {Priority::kWarning,
+         "log group 89: ignored messages that this table did not log: ", kForeign},
+        {Priority::kInfo, "frames answered but not logged: ", kUnlogged},
         {Priority::kWarning, "the receive queue overran; how many messages", -1},
         {Priority::kWarning, "the verdict ", -1},
         {Priority::kWarning, "nothing to serve: ", -1},
         {Priority::kError, "nothing is served (", -1},
-        {Priority::kError, "the rules could not be installed: ", -1},
-        {Priority::kError, "the rules could not be changed, trying again: ", -1},
-        {Priority::kError, "the kernel could not be left to answer: ", -1}};
+        {Priority::kError, "cannot install the rules: ", -1},
+        {Priority::kError, "cannot change the rules, retrying: ", -1},
+        {Priority::kError, "cannot leave the answers to the kernel: ", -1}};
     const auto* const known = std::find_if(std::begin(kKnown), std::end(kKnown), [&](auto& one) {
         return one.priority == priority && line.starts_with(one.start);
     });
@@ -213,7 +214,8 @@ void World::takeLine(Priority priority, const std::string& line) {
         require(m_linesOfVerdict.insert(line).second, "a verdict is logged once");
     } else if (line.starts_with("the receive queue overran; ")) {
         require(++m_linesOfOverrun <= overruns, "only an overrun is logged as one");
-    } else if (line.starts_with("nothing is served") || line.find("installed") != line.npos) {
+    } else if (line.starts_with("nothing is served") ||
+               line.starts_with("cannot install the rules")) {
         require(!isRunning, "a start fails before it runs");
         ++startLines;
     }

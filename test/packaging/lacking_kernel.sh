@@ -38,11 +38,11 @@ EachPartThatIsLackingHasItsLine() { # IPv4 only
         "nothing is served (-22): the kernel has no log target; modprobe nfnetlink_log"
     # The rules are refused for a reason that is not known.
     expect_said_without payload -2 \
-        "the rules could not be installed: Error: Could not process rule: No such file or directory"
+        "cannot install the rules: Error: Could not process rule: No such file or directory"
     local part result lacks
     while read -r part result lacks <&3; do
         expect_said_without "$part" "$result" \
-            "the rules could not be installed: this kernel lacks $lacks"
+            "cannot install the rules: this kernel lacks $lacks"
     done 3<<'END'
 nf_tables -22 nftables (nf_tables)
 log -2 logging (nft_log)
@@ -51,6 +51,6 @@ objref -2 named counters and limits (nft_objref)
 limit -2 limits (nft_limit)
 dynset -2 dynamic sets (nf_tables)
 lookup -2 sets (nf_tables)
-skuid -95 matching the user who sent a packet (nf_tables)
+skuid -95 matching a packet's user (nf_tables)
 END
 }

@@ -109,7 +109,7 @@ EachLineOfThePlatformInTheSystemLogIsExplained() {
     )
     expect_explained 'PMTUD-Linux: .* lines lost$'
     expect_explained 'PMTUD-Linux: nothing is served \('
-    expect_explained 'PMTUD-Linux: no receive thread \('
+    expect_explained 'PMTUD-Linux: cannot start the receive thread \('
     expect_count 16
 }
 

@@ -108,7 +108,7 @@ void SystemLog::takePlatformLine(std::string_view text) {
         m_counts.messagesLost += *messages;
     } else if (const auto unanswered = numberBehind(text, "that nobody answered: ")) {
         m_counts.unanswered += *unanswered;
-    } else if (const auto unlogged = numberBehind(text, "without log lines, frames: ")) {
+    } else if (const auto unlogged = numberBehind(text, "frames answered but not logged: ")) {
         m_counts.unlogged += *unlogged;
     } else {
         ++m_counts.others;

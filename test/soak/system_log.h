@@ -22,7 +22,7 @@ class SystemLog {
         std::atomic<uint64_t> sent{0};          ///< "message sent to source"
         std::atomic<uint64_t> messagesLost{0};  ///< of the rules, as the daemon reports
         std::atomic<uint64_t> unanswered{0};    ///< "refused packets that nobody answered"
-        std::atomic<uint64_t> unlogged{0};      ///< "answered without log lines"
+        std::atomic<uint64_t> unlogged{0};      ///< "frames answered but not logged"
         std::atomic<uint64_t> invalid{0};       ///< "Invalid VLAN"
         std::atomic<uint64_t> others{0};        ///< lines of the platform of any other kind
     };

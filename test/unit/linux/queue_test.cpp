@@ -43,7 +43,7 @@ unsigned long long numberIn(const std::string& line, const std::string& text) {
 }
 
 const std::string kIgnored =
-    "89 PMTUD-Linux: log group 89: messages not from this table, ignored: ";
+    "89 PMTUD-Linux: log group 89: ignored messages that this table did not log: ";
 const std::string kLost = "89 PMTUD-Linux: the receive queue overran, messages lost: ";
 
 // More than the socket holds.  Other rules' messages are not policed; the kernel does not trim

@@ -72,7 +72,7 @@ TEST_F(Refusal, OfAChangeOfTheRulesIsLoggedOnceAndTriedAgainEachSecond) {
         run("ip link set bcm0.20 mtu 1400");
         const std::string refused = log.next();
         EXPECT_EQ(lineOf(refused),
-                  "89 PMTUD-Linux: the rules could not be changed, trying again: internal:0:0-0: "
+                  "89 PMTUD-Linux: cannot change the rules, retrying: internal:0:0-0: "
                   "Error: Could not process rule: Device or resource busy");
         EXPECT_EQ(priorityOf(refused), "<27>");
         run("ip link set bcm0.30 mtu 1100");

@@ -24,22 +24,23 @@ TEST(StartProblem, NamesCauseAndRemedyOfEachResult) {
          "namespace that owns the network"},
         {-ENOMEM, "(-12): out of memory"},
         {-EBUSY,
-         "(-16): log group 89 belongs to another process, which "
-         "/proc/net/netfilter/nfnetlink_log names; end it"},
+         "(-16): log group 89 belongs to another process (see "
+         "/proc/net/netfilter/nfnetlink_log); end it"},
         {-EINVAL, "(-22): the kernel has no log target; modprobe nfnetlink_log"},
         {-ENFILE, "(-23): too many open files; raise the limit (LimitNOFILE=, ulimit -n)"},
         {-EMFILE, "(-24): too many open files; raise the limit (LimitNOFILE=, ulimit -n)"},
         {-EPROTONOSUPPORT, "(-93): the kernel has no netfilter netlink; modprobe nfnetlink"},
         {-EAFNOSUPPORT,
-         "(-97): a family of sockets is forbidden; check RestrictAddressFamilies= of the unit"},
+         "(-97): a socket family is forbidden; check RestrictAddressFamilies= in the unit"},
         {-ENOBUFS, "(-105): out of memory"},
         {-EIO, "(-5): Input/output error"}};
     for (const auto& [result, cause] : causes)
         EXPECT_EQ(startProblem(result), std::string("nothing is served ") + cause);
     EXPECT_EQ(threadProblem(-EAGAIN),
-              "no receive thread (-11): the limit on tasks is reached; raise it (TasksMax=, "
+              "cannot start the receive thread (-11): the limit on tasks is reached; raise it "
+              "(TasksMax=, "
               "ulimit -u)");
-    EXPECT_EQ(threadProblem(-ENOMEM), "no receive thread (-12): out of memory");
+    EXPECT_EQ(threadProblem(-ENOMEM), "cannot start the receive thread (-12): out of memory");
 }
 
 namespace {
@@ -54,7 +55,7 @@ void expectOnlyLine(LogDaemon& log, const std::string& line) {
     EXPECT_FALSE(log.poll());
 }
 
-constexpr char kRefused[] = "the rules could not be installed: ";
+constexpr char kRefused[] = "cannot install the rules: ";
 
 }  // namespace
 
@@ -110,9 +111,10 @@ TEST_F(FailedStart, WithoutAThreadIsLoggedOnceAndWithdrawsTheRules) {
         ASSERT_EQ(pthread_setattr_default_np(&endless), 0);
         EXPECT_EQ(startThread(), -EAGAIN);
         ASSERT_EQ(pthread_setattr_default_np(&before), 0);
-        expectOnlyLine(log,
-                       "no receive thread (-11): the limit on tasks is reached; raise it "
-                       "(TasksMax=, ulimit -u)");
+        expectOnlyLine(
+            log,
+            "cannot start the receive thread (-11): the limit on tasks is reached; raise it "
+            "(TasksMax=, ulimit -u)");
         EXPECT_EQ(ruleset(), "");
         sigset_t blocked;
         ASSERT_EQ(pthread_sigmask(SIG_SETMASK, nullptr, &blocked), 0);
@@ -179,7 +181,7 @@ TEST_F(FailedStart, OnAKernelThatLacksAPartNamesThePart) {
             {"flags owner;", "tables that a process owns (Linux 5.12)"},
             {"meta mark @s", "sets (nf_tables)"},
             {"flags dynamic,timeout", "dynamic sets (nf_tables)"},
-            {"meta skuid", "matching the user who sent a packet (nf_tables)"},
+            {"meta skuid", "matching a packet's user (nf_tables)"},
             {"fib daddr", "route lookups (nft_fib_inet)"},
             {"limit rate", "limits (nft_limit)"},
             {"log group", "logging (nft_log)"},
@@ -205,7 +207,7 @@ TEST_F(FailedStart, WithATableOfTheSameNameLeavesItAndTellsHowToDeleteIt) {
         LogDaemon log;
         EXPECT_LT(attach(), 0);
         expectOnlyLine(log, std::string(kRefused) +
-                                "there is a table inet pmtud already; end the process that owns "
+                                "table inet pmtud already exists; end the process that owns "
                                 "it, or delete it (nft delete table inet pmtud)");
         EXPECT_EQ(ruleset(), "table inet pmtud {\n\tchain prerouting {\n\t}\n}\n");
         run("nft delete table inet pmtud");

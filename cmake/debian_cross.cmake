@@ -1,19 +1,32 @@
 # SPDX-License-Identifier: MIT
-# Builds for another of Debian's architectures, with its cross compiler and the libraries that
-# dpkg has installed for it beside this machine's own.
+# Builds for another Debian architecture, with its cross compiler and the libraries that
+# script/sysroot has unpacked.
 #
-# Set before: triplet, the machine's name in the compiler's and in the libraries' folder's; processor.
+# Set before: architecture, Debian's name; triplet, the name of its library folders; processor.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR ${processor})
 
-# The compiler's name says i686 where the folder's says i386.
+# The compiler's name has i686 where the library folder's has i386.
 string(REPLACE "i386" "i686" tools ${triplet})
 find_program(PMTUD_FOUND_${tools}-g++ ${tools}-g++)
-if(NOT PMTUD_FOUND_${tools}-g++ OR NOT EXISTS /usr/lib/${triplet}/libnftables.so)
-  message(FATAL_ERROR "compiler or libraries for ${triplet} are missing: script/bootstrap cross")
+if(NOT PMTUD_FOUND_${tools}-g++)
+  message(FATAL_ERROR "${tools}-g++ is missing: script/bootstrap cross")
 endif()
 set(CMAKE_C_COMPILER ${tools}-gcc)
 set(CMAKE_CXX_COMPILER ${tools}-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE ${triplet})
+
+get_filename_component(CMAKE_SYSROOT ${CMAKE_CURRENT_LIST_DIR}/../build/sysroot/${architecture}
+  ABSOLUTE)
+if(NOT EXISTS ${CMAKE_SYSROOT}/usr/lib/${triplet}/pkgconfig/libnftables.pc)
+  message(FATAL_ERROR "the libraries for ${architecture} are missing: script/sysroot ${architecture}")
+endif()
+
+# Libraries and headers come only from the sysroot and from the compiler.
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/${triplet}/pkgconfig:/usr/share/pkgconfig)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+set(ENV{PKG_CONFIG_SYSROOT_DIR} ${CMAKE_SYSROOT})
+set(ENV{PKG_CONFIG_LIBDIR}
+  ${CMAKE_SYSROOT}/usr/lib/${triplet}/pkgconfig:${CMAKE_SYSROOT}/usr/share/pkgconfig)

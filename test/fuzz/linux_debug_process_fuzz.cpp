@@ -103,7 +103,8 @@ std::string drawText(Input& input) {
     for (size_t i = 0; i < length; ++i)
         text += piece.empty() ? 'x' : static_cast<char>(piece[i % piece.size()]);
     // A C string ends at its first zero.
-    return text.c_str();
+    text.resize(strlen(text.c_str()));
+    return text;
 }
 
 enum class Fate { kWritten, kKept, kIgnored };

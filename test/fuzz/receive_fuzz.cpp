@@ -272,7 +272,7 @@ void checkLog(const std::string& text, const Channel& channel, bool clockFails) 
         require(line.ends_with("\r\n"), "a line is whole");
         const std::string level =
             line.substr(0, line.find(':', 11)).substr(line.size() > 11 ? 11 : 0);
-        const auto known = std::find(kNames.begin(), kNames.end(), level);
+        const auto* const known = std::find(kNames.begin(), kNames.end(), level);
         require(clockFails ? line == "\r\n" : known - kNames.begin() <= channel.level,
                 "a line of the log is of a level that is reported");
     }

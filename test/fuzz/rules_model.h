@@ -67,7 +67,12 @@ class RulesModel {
 
     void runLine(const std::string& line) {
         std::istringstream words(line);
-        std::string verb, kind, family, table, name, rest;
+        std::string verb;
+        std::string kind;
+        std::string family;
+        std::string table;
+        std::string name;
+        std::string rest;
         words >> verb >> kind >> family >> table >> name;
         std::getline(words >> std::ws, rest);
         require(family == "inet" && table == "pmtud", "a command about this table");

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <string>
+#include <utility>
 
 #include "bytes.h"
 
@@ -144,7 +145,7 @@ Bytes extended6(Forge& forge, uint8_t type, Bytes header = {kUdp, 0, 1, 4, 0, 0,
     Ipv6 packet = forge.ipv6();
     packet.firstHeader = type;
     packet.payload.resize(packet.size - 48);
-    packet.extensions = header;
+    packet.extensions = std::move(header);
     return forge.frame(packet);
 }
 

@@ -69,7 +69,8 @@ Bytes bytesOf(const Ipv6& packet) {
     const size_t header = 40 + packet.extensions.size();
     Bytes bytes(packet.size, 0);
     bytes[0] = static_cast<uint8_t>(0x60 | packet.trafficClass >> 4);
-    bytes[1] = static_cast<uint8_t>(packet.trafficClass << 4 | (packet.flowLabel >> 16 & 15U));
+    bytes[1] =
+        static_cast<uint8_t>(uint32_t{packet.trafficClass} << 4 | (packet.flowLabel >> 16 & 15U));
     put16(&bytes[2], packet.flowLabel & 0xffff);
     put16(&bytes[4], packet.size - 40);
     bytes[6] = packet.extensions.empty() ? packet.nextHeader : packet.firstHeader;

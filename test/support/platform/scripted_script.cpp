@@ -68,7 +68,7 @@ class Line {
     }
 
     std::string oneOf(const std::set<std::string>& words) {
-        const std::string text = word();
+        std::string text = word();
         if (!words.contains(text)) throw Fault("'" + text + "' does not belong here");
         return text;
     }

@@ -64,13 +64,11 @@ std::string fed(const std::string& command, const std::string& input) {
 // A link takes packets once the kernel has seen its carrier and given it a queue.
 bool linksAreReady() {
     std::istringstream lines(output("ip -o link show up"));
-    for (std::string line; std::getline(lines, line);)
-        if (line.find("LOOPBACK") == std::string::npos &&
-            line.find("qdisc noqueue") == std::string::npos)
-            return false;
-        else if (line.find("NO-CARRIER") != std::string::npos ||
-                 line.find("state DOWN") != std::string::npos)
-            return false;
+    for (std::string line; std::getline(lines, line);) {
+        const auto has = [&](const char* word) { return line.find(word) != std::string::npos; };
+        const bool hasQueue = has("LOOPBACK") || has("qdisc noqueue");
+        if (!hasQueue || has("NO-CARRIER") || has("state DOWN")) return false;
+    }
     return true;
 }
 

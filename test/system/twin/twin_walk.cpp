@@ -84,7 +84,7 @@ void walkOne(const twin::Run& run, const Options& options, uint64_t seed, size_t
             result.differences.push_back("withdrawn " + std::to_string(result.withdrawn) +
                                          ", answered " + std::to_string(result.answers));
     } catch (const std::exception& error) {
-        result.differences.push_back(error.what());
+        result.differences.emplace_back(error.what());
     }
     ++sum.routers;
     sum.sent += result.sent;

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
-# The switch hardware's part in the black hole: it does not forward packets that are too large for
+# Plays the switch hardware in the black hole: it does not forward packets that are too large for
 # their egress VLAN, and it is mute, so nobody tells the sender.
 #
 # Here the kernel forwards in place of the hardware, but it does answer. These rules drop its "too

@@ -16,8 +16,8 @@ soak_counter_since() {
     echo $(($(soak_counter "$1") - before[$1]))
 }
 
-# Lost messages and log lines are only reported with the next ones, so this makes the daemon answer
-# a few packets.
+# The daemon reports lost messages and lines only with the next ones, so this makes it answer a few
+# packets.
 soak_bring_to_light() {
     soak_ask settle 1000
     soak_ask plain 2 either
@@ -72,7 +72,7 @@ soak_read_resources() {
     memory=$(lab_daemon_memory)
 }
 
-# Records what later phases are compared with.
+# Records the state that later phases are compared with.
 soak_measure() {
     soak_read_resources
     descriptors_before=$descriptors

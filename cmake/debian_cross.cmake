@@ -1,12 +1,13 @@
 # SPDX-License-Identifier: MIT
-# Builds for another of Debian's architectures, with its cross compiler and the libraries that
-# dpkg has installed for it beside this machine's own.
+# Builds for another of Debian's architectures, with its cross compiler and the libraries of that
+# architecture that dpkg has installed next to this machine's.
 #
-# Set before: triplet, the machine's name in the compiler's and in the libraries' folder's; processor.
+# The caller sets `triplet`, which names the machine in the names of the compiler and of the libraries'
+# folder, and `processor`.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR ${processor})
 
-# The compiler's name says i686 where the folder's says i386.
+# The compiler's name contains i686, the folder's i386.
 string(REPLACE "i386" "i686" tools ${triplet})
 find_program(PMTUD_FOUND_${tools}-g++ ${tools}-g++)
 if(NOT PMTUD_FOUND_${tools}-g++ OR NOT EXISTS /usr/lib/${triplet}/libnftables.so)

@@ -25,7 +25,7 @@ lab_program_hardware() {
     lab_hardware_rules | lab_on switch nft -f -
 }
 
-# From now on the kernel forwards and answers like a router's.
+# From now on, the switch's kernel forwards and answers as a router's kernel does.
 lab_remove_hardware() {
     lab_on switch nft delete table inet hardware
 }

@@ -130,7 +130,7 @@ lab_await_ready() {
 }
 
 # lab_build_links INGRESS_MTU EGRESS_MTU
-# Builds a switch whose kernel answers like a router's.
+# Builds a switch whose kernel answers as a router's kernel does.
 lab_build_links() {
     lab_machines
     lab_connect a 10 "$1"

@@ -57,7 +57,7 @@ soak_lines_are_accounted_for() {
     # Host A does not see the answers to others, and the counter includes the kernel's answers that
     # were sent after all.
     local -ri seen=$((soak_figures[by_daemon] - before[by_daemon]))
-    # What the kernel had no room for was logged, but did not leave.
+    # The daemon also logged the answers that the kernel then had no room to send.
     local -ri left=$(($(soak_counter_since answers) + $(soak_no_room) - before[no_room]))
     ((9 * (seen - unlogged) <= lines + lost && lines + lost <= 9 * (left - unlogged)))
 }

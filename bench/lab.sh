@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
-# Measures the daemon in the lab, beside the kernel's own answers on the same topology.
+# Measures the daemon in the lab, compared with the kernel's own answers on the same topology.
 set -euo pipefail
 
 if [[ ${1:-} == --help || $# -ne 3 || ! ${2:-} =~ ^(answers|floods|memory)$ ]]; then
     echo "usage: ${0##*/} BUILD_DIRECTORY answers|floods SECONDS"
     echo "       ${0##*/} BUILD_DIRECTORY memory FRAMES"
-    echo "answers and floods flood the lab for that long with each family, memory goes on until"
+    echo "answers and floods flood the lab for that long with each family; memory continues until"
     echo "that many frames are answered. Prints one line per figure: its name and its value."
     echo "Called by script/bench."
     [[ ${1:-} == --help ]] && exit 0
@@ -23,11 +23,11 @@ source "$here/floods.sh"
 bin=$(cd "$1" && pwd)/bin
 lab_isolate "$0" "$@"
 
-# Packets per second, fewer than the rules leave to the daemon per interface; each 10 ms one.
+# Packets per second, fewer than the rules leave to the daemon per interface: one every 10 ms.
 readonly within_limits=100
 
-# latency FAMILY: of five runs the one with the least median.  On two cores it depends on where the
-# scheduler happens to put the threads, for a whole run, and the least is what the code takes.
+# latency FAMILY: of five runs, the one with the lowest median. On two cores, the median depends, for a
+# whole run, on where the scheduler happens to put the threads; the lowest is what the code needs.
 latency() {
     local i
     for ((i = 0; i < 5; ++i)); do host_send a 10 "$1" one 200 10 HOST; done |
@@ -62,7 +62,7 @@ change_mtu() {
     host_send a 10 4 await 1400 10 HOST ip -n switch link set bcm0.20 mtu 1400 >"$LAB_FILES/back"
 }
 
-# The other 4,092, as pairs: each is the other's far end.
+# The other 4,092, in pairs: the two interfaces of a pair are each other's far end.
 add_vlans() {
     local -a vlans
     mapfile -t vlans < <(seq 4094 | grep -vx -e 10 -e 20)
@@ -96,7 +96,7 @@ measure_answers() {
     measure_many_vlans
 }
 
-# measure_memory FRAMES: twenty VLANs, as the limits leave no more of each to the daemon
+# measure_memory FRAMES: with twenty VLANs, because the limits apply to each VLAN
 measure_memory() {
     local family answered=0
     lab_build_links 1500 1400

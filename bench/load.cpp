@@ -80,8 +80,8 @@ struct Path {
     packets::Mac gateway;
 };
 
-/// The packet's Ethernet frame.  Its number follows the UDP header, and makes each packet's header
-/// another one, as those of most senders are: IPv4 identification, or UDP checksum.
+/// The packet's Ethernet frame. The packet's number follows the UDP header, and changes the IPv4
+/// identification or the UDP checksum, so that no two headers are equal, as with most senders.
 class Packet {
  public:
     Packet(const Path& path, const Host& host) : m_isIpv4(path.family == 4) {
@@ -117,8 +117,8 @@ class Sender {
         m_to.sll_halen = ETH_ALEN;
     }
 
-    /// Numbers and sends `count` packets, at most a batch.  What the link has no room for is sent
-    /// again.
+    /// Numbers and sends `count` packets, at most a batch. Packets that the link has no room for
+    /// are sent again.
     void send(uint64_t first, size_t count) {
         std::array<iovec, kBatch> pieces;
         std::array<mmsghdr, kBatch> messages{};
@@ -147,8 +147,8 @@ struct Answer {
     bool isByDaemon = false;
 };
 
-/// The answers as they come in on all interfaces: the start of each, in a ring shared with the
-/// kernel, since no receive buffer holds those of a flood.
+/// The start of each answer that arrives on any interface, in a ring shared with the kernel: a
+/// flood's answers would overflow any receive buffer.
 class Answers {
  public:
     explicit Answers(int family) : m_isIpv4(family == 4) {
@@ -168,7 +168,7 @@ class Answers {
         m_ring = static_cast<uint8_t*>(ring);
     }
 
-    /// Waits for answers and hands each one on.  False: none came in that time.
+    /// Waits for answers and passes each to `take`. False: none arrived in that time.
     template <typename Take>
     bool read(milliseconds wait, Take take) {
         pollfd readable{m_socket, POLLIN, 0};
@@ -206,8 +206,8 @@ class Answers {
         return (__atomic_load_n(&current()->tp_status, __ATOMIC_ACQUIRE) & TP_STATUS_USER) != 0;
     }
 
-    // The MTU has the same place in both: the lower half of ICMPv6's field is ICMP's.  The kernel's
-    // answers have 576 bytes and 1,280, the daemon's 88 and the MTU with its IPv6 header.
+    // ICMP's MTU field is the lower half of ICMPv6's. The length shows who sent an answer: the
+    // kernel's have 576 and 1,280 bytes, the daemon's 88, and the MTU plus the IPv6 header.
     bool isAnswer(const uint8_t* ip, const tpacket2_hdr& frame, Answer& answer) const {
         const size_t header = m_isIpv4 ? 20 : 40;
         const size_t numberAt = header + 8 + header + 8;
@@ -257,7 +257,7 @@ class Process {
             throw std::runtime_error("no such process");
     }
 
-    /// All its threads', in user space and in the kernel.
+    /// The processor time of all its threads, in user space and in the kernel.
     int64_t nanoseconds() const {
         timespec time{};
         if (m_id != 0) check(clock_gettime(m_clock, &time) == 0, "processor time");
@@ -304,7 +304,7 @@ void one(const Path& path, uint64_t count, milliseconds gap, const Host& host) {
 
 constexpr uint64_t kHonest = uint64_t{1} << 63;
 
-/// Every 10 ms, until it is to stop.
+/// Sends one packet every 10 ms while `going` is set.
 uint64_t sendHonestly(const Path& path, const Host& host, const std::atomic<bool>& going) {
     Sender sender(path, host);
     uint64_t sent = 0;
@@ -361,7 +361,7 @@ void load(const Path& path, double rate, double seconds, pid_t pid, const std::s
         senders[turn % senders.size()].send(sent, atOnce);
         sent += atOnce;
         if (rate == 0) continue;
-        // What a busy processor made late is not made up for: the rate is never exceeded.
+        // A busy processor's delays are not made up for, so that the rate is never exceeded.
         next = std::max(next + lasting(1 / rate), Clock::now() - milliseconds(2));
         std::this_thread::sleep_until(next);
     }
@@ -381,12 +381,12 @@ void load(const Path& path, double rate, double seconds, pid_t pid, const std::s
         int64_t{spent.tv_sec} * 1'000'000'000 + spent.tv_nsec, honestSent, honestOnes.answered);
 }
 
-/// The command goes on when this ends.
+/// The command continues after this program ends.
 void start(const std::vector<std::string>& command) {
     std::vector<char*> words;
     for (const std::string& word : command) words.push_back(const_cast<char*>(word.c_str()));
     words.push_back(nullptr);
-    // Whoever reads what this prints does not wait for the command's end.
+    // Otherwise a reader of this program's output would wait for the command's end.
     posix_spawn_file_actions_t output;
     posix_spawn_file_actions_init(&output);
     posix_spawn_file_actions_addopen(&output, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);

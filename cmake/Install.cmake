@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# What is installed where.
+# Installs the program, its library, the headers, the unit and the man page.
 include(GNUInstallDirs)
 
 set(PMTUD_UNIT_DIR lib/systemd/system CACHE STRING
@@ -7,8 +7,8 @@ set(PMTUD_UNIT_DIR lib/systemd/system CACHE STRING
 set(PMTUD_EXEC_PATHS /usr/lib -/usr/lib64 CACHE STRING
   "Where the system's shared libraries are, for the unit's ExecPaths=; with - in front, if there")
 
-# The platform's library is nobody's but the daemon's: in a folder of its own, where the daemon
-# looks for it relative to itself, so that the installed tree can be moved.
+# Only the daemon uses the platform's library, so it has a private folder. The daemon looks for it
+# relative to its own place, so that the installed tree can be moved.
 set(pmtud_private_libdir ${CMAKE_INSTALL_LIBDIR}/pmtud)
 install(TARGETS pmtud RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT pmtud)
 install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT pmtud)
@@ -23,8 +23,8 @@ install(FILES
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/pmtud COMPONENT development)
 
 # pmtud_path_from(RESULT PREFIX FROM TO)
-# How TO is named in a file that lies in FROM: by PREFIX and the way there, so that the tree can be
-# moved, unless one of the two is not below the prefix of the installation.
+# The path by which a file in FROM refers to TO: PREFIX and a relative path, so that the tree can be
+# moved. An absolute path if FROM or TO is absolute.
 function(pmtud_path_from result prefix from to)
   if(IS_ABSOLUTE "${from}" OR IS_ABSOLUTE "${to}")
     cmake_path(ABSOLUTE_PATH to BASE_DIRECTORY "${CMAKE_INSTALL_PREFIX}" NORMALIZE)

@@ -31,7 +31,7 @@ lab_serves() {
     [[ $table =~ chain\ to-bcm0\.$1\ \{[[:space:]]+meta\ length\ \<=\ $2\ accept ]]
 }
 
-# If the rules do not come, what the daemon and the platform wrote says why.
+# If the rules do not appear, prints what the daemon and the platform wrote, which shows why.
 lab_start_serving() {
     lab_start_daemon "$@"
     if lab_await 10 "the daemon's rules" lab_has_taken_over; then return; fi

@@ -1,10 +1,10 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # lab_ is lib.sh's
-# The steps of the demo, which the script tells as a story.
+# The steps of the demo, which script/demo narrates.
 #
-# They take from it: daemon, the program; capture, the name of the file that descriptor 3 writes, or
-# nothing.
+# The script sets `daemon`, the program, and `capture`, the name of the file that descriptor 3 writes,
+# or nothing.
 : "${daemon:=}" "${capture:=}"
 
 show_lab() {
@@ -29,7 +29,7 @@ END
 }
 
 # show_ping FAMILY SIZE SECONDS
-# One ping whose whole packet has that size; it waits that long for an answer.
+# Sends one ping whose whole packet has that size, and waits up to that long for an answer.
 show_ping() {
     local -r headers=$(($1 == 4 ? 28 : 48))
     story_run a ping -c 1 -W "$3" -n -M "do" -s $(($2 - headers)) "$(lab_address "$1" 20 2)"
@@ -50,7 +50,7 @@ show_black_hole() {
 }
 
 # show_transfer FAMILY SECONDS
-# Lets one run, and tells every second what has arrived.
+# Runs a transfer for up to that long, and prints every second how much has arrived.
 show_transfer() {
     echo
     echo "  a: 1 MiB by TCP over IPv$1 to $(lab_address "$1" 20 2) (socat at both ends)"

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
-# The switch hardware's part in the black hole: it does not forward packets that are too large for
+# Plays the switch hardware in the black hole: it does not forward packets that are too large for
 # their egress VLAN, and it is mute, so nobody tells the sender.
 #
 # Here the kernel forwards in place of the hardware, but it does answer. These rules drop its "too
@@ -25,7 +25,7 @@ lab_program_hardware() {
     lab_hardware_rules | lab_on switch nft -f -
 }
 
-# From now on the kernel forwards and answers like a router's.
+# From now on, the switch's kernel forwards and answers as a router's kernel does.
 lab_remove_hardware() {
     lab_on switch nft delete table inet hardware
 }

@@ -66,8 +66,8 @@ lab_give_address() {
     ip -n "$machine" address add "$(lab_address 6 "$vlan" "$host")/64" dev "$interface" nodad
 }
 
-# A host announces the segment size for an MTU of 1500, like a host that does not know that its VLAN
-# has less. Otherwise TCP would never reach the limit.
+# A host announces the segment size for an MTU of 1500, as if it did not know that its VLAN's MTU is
+# smaller. Otherwise no TCP segment would ever be too large.
 lab_give_routes() {
     local -r machine=$1 vlan=$2
     ip -n "$machine" route add default via "$(lab_address 4 "$vlan" 1)" advmss 1460
@@ -130,7 +130,7 @@ lab_await_ready() {
 }
 
 # lab_build_links INGRESS_MTU EGRESS_MTU
-# Builds a switch whose kernel answers like a router's.
+# Builds a switch whose kernel answers as a router's kernel does.
 lab_build_links() {
     lab_machines
     lab_connect a 10 "$1"

@@ -1,7 +1,6 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
-# Narrates a demonstration step by step: what is done, what is seen, and whether that is as
-# expected.
+# Narrates a demonstration step by step: what is done, what is seen, and whether it was expected.
 
 story_begin() {
     story_steps=$1
@@ -13,7 +12,7 @@ story_begin() {
     trap story_leave EXIT
 }
 
-# If a command fails that no check covers, this still names the step.
+# Names the step even if a command fails that no check covers.
 story_leave() {
     if [[ -z $story_verdict ]]; then story_complain "could not go on"; fi
 }

@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: MIT
-# Installs the systemd unit, and sees to it that it names the daemon and its libraries where they
-# are on this installation's machine.
+# Installs the systemd unit with the paths at which this installation has the daemon and its
+# libraries.
 #
-# Set before: source (the unit file), here (a file to write), directory, sbindir, libdir (the last
-# three below the prefix, or absolute), exec_paths (where the system's libraries are).
+# The caller sets source (the unit file), here (a file to write), directory, sbindir and libdir (below
+# the prefix, or absolute), and exec_paths (where the system's libraries are).
 foreach(name IN ITEMS directory sbindir libdir)
   cmake_path(ABSOLUTE_PATH ${name} BASE_DIRECTORY "${CMAKE_INSTALL_PREFIX}" NORMALIZE)
 endforeach()

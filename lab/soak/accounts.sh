@@ -16,8 +16,8 @@ soak_counter_since() {
     echo $(($(soak_counter "$1") - before[$1]))
 }
 
-# Lost messages and log lines are only reported with the next ones, so this makes the daemon answer
-# a few packets.
+# The daemon reports lost messages and lines only with the next ones, so this makes it answer a few
+# packets.
 soak_bring_to_light() {
     soak_ask settle 1000
     soak_ask plain 2 either
@@ -57,7 +57,7 @@ soak_lines_are_accounted_for() {
     # Host A does not see the answers to others, and the counter includes the kernel's answers that
     # were sent after all.
     local -ri seen=$((soak_figures[by_daemon] - before[by_daemon]))
-    # What the kernel had no room for was logged, but did not leave.
+    # The daemon also logged the answers that the kernel then had no room to send.
     local -ri left=$(($(soak_counter_since answers) + $(soak_no_room) - before[no_room]))
     ((9 * (seen - unlogged) <= lines + lost && lines + lost <= 9 * (left - unlogged)))
 }
@@ -72,7 +72,7 @@ soak_read_resources() {
     memory=$(lab_daemon_memory)
 }
 
-# Records what later phases are compared with.
+# Records the state that later phases are compared with.
 soak_measure() {
     soak_read_resources
     descriptors_before=$descriptors

@@ -3,7 +3,7 @@
 # shellcheck disable=SC2154  # packets, seed and the like are script/soak's
 # The soak's phases in which the daemon is stopped, dies or starts: floods, kills and starts.
 
-# How many messages the kernel had no room for in the socket of the log group.
+# How many messages the kernel dropped because the log group's socket was full.
 queue_drops() {
     # shellcheck disable=SC2016  # the dollars are awk's
     lab_on switch awk '
@@ -12,8 +12,9 @@ queue_drops() {
         END { print sum + 0 }' /proc/net/netfilter/nfnetlink_log /proc/net/netlink
 }
 
-# The rules leave to the daemon so many per second of each interface: more of them, at host A and at
-# the switch, fill the queue sooner.  They look alike, for A's packets go to the switch's bcm0.10.
+# The rules limit how many packets per second each interface leaves to the daemon. More interfaces, at
+# host A and at the switch, fill the queue sooner. At the switch, all have the MAC address of bcm0.10,
+# because A's packets are addressed to it.
 readonly -a more_vlans=({11..18})
 
 add_interfaces() {
@@ -33,15 +34,16 @@ remove_interfaces() {
     soak_await_rules
 }
 
-# No more per second than the rules copy, for host A knows its last 32,768 packets, and still has to
-# know each of them when it is answered at last.
+# Sends no more per second than the rules copy: host A remembers only its last 32,768 packets, and must
+# still know each one when its answer finally arrives.
 flood_until_over() {
     soak_ask forget 576 either 2500
     (($(queue_drops) > drops_before))
 }
 
-# Nothing is read meanwhile, so that the queue overruns wherever this runs.  In one of the rounds
-# the system log is stuck, too, and takes no line about what was lost.
+# overrun 0|1
+# Stops the daemon, so that the queue overruns on any machine. With 0, the system log is stuck too, and
+# accepts no line about the losses.
 overrun() {
     drops_before=$(queue_drops)
     kill -STOP "$lab_daemon"
@@ -85,12 +87,13 @@ no_tables() {
     [[ -z $(lab_on switch nft list tables) ]]
 }
 
-# At most that many milliseconds.
+# sleep_randomly MILLISECONDS
+# Sleeps less than that.
 sleep_randomly() {
     sleep "0.$(printf %03d $((RANDOM % $1)))"
 }
 
-# The daemon is gone: its rules are too, and the kernel answers from the next packet on.
+# Records whether a rule is left. From the next packet on, the kernel must answer.
 after_kill() {
     lab_await 10 "the end of the daemon" lab_is_gone "$lab_daemon"
     ((killed += 1))
@@ -99,7 +102,7 @@ after_kill() {
     ((kernels += 16))
 }
 
-# While it serves and packets are on their way, or while it starts.
+# Kills the daemon while it serves and packets are under way, or while it starts.
 kill_at_random() {
     if ((RANDOM % 3 == 0)); then
         lab_start_daemon "$programs/pmtud"
@@ -144,7 +147,7 @@ churn() {
     for ((round = 0; ; ++round)); do soak_change_interfaces 200 $((seed + round)); done
 }
 
-# Whether it serves, and answers, while the list of interfaces changes under it.
+# Checks that the daemon starts to serve, and answers, while the list of interfaces keeps changing.
 start_in_churn() {
     lab_start_daemon "$programs/pmtud"
     if lab_within 10 lab_has_taken_over; then
@@ -172,7 +175,7 @@ starting() {
     lab_kill_daemon
 }
 
-# Packets that two routers get, one with the daemon and one without.
+# Two routers, one with the daemon and one without, receive the same packets.
 walk() {
     if [[ ! -x $programs/twin_walk ]]; then return; fi
     step "walk: $walk packets to two routers, one of them with the daemon"

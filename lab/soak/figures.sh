@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # they are those of the soak's other scripts
-# Prints what the soak has done, in figures.
+# Prints how much the soak has done.
 
 show_figures() {
     step "figures"

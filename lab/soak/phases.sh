@@ -8,7 +8,7 @@ step() {
     echo "== $1"
 }
 
-# What precedes the phases need not be longer than they are.
+# The packets of the start and of the warm-up: no more than the phases themselves send.
 some=20000
 
 start() {

@@ -23,9 +23,9 @@ int arpd_icmp6_socket_create(int32_t* fd, const char* ifname);
  * of one IPv6 packet to `to`, via the interface with index ifindex (0: the
  * interface to which the socket is bound). The message's checksum field is 0: the
  * library fills it in over the pseudo-header (RFC 4443 section 2.3), because it
- * chooses the source address, and the hop limit. `to` carries no scope id. The
- * message may exceed the link's MTU; the library fragments it. The caller keeps
- * the buffers. 0 or more: sent. Negative: not sent.
+ * chooses the source address. It chooses the hop limit too. `to` carries no scope
+ * id. The message may exceed the link's MTU; the library fragments it. The caller
+ * keeps the buffers. 0 or more: sent. Negative: not sent.
  */
 int arpd_ipv6_pkt_send(int32_t fd, const struct sockaddr_in6* to, const struct iovec* iov,
                        int iovcnt, uint32_t ifindex);

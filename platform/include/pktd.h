@@ -61,8 +61,8 @@ int pktd_shm_rx_thread_init(const char* client, void* rx_pool, void* rx_wl_pool,
 
 /*
  * Fill a record for transmitting `frame` (len bytes, untagged or tagged) on VLAN
- * `vid`. The whole record is written. It may keep the pointer only until it is
- * posted. 0, or any other value for failure.
+ * `vid`. The whole record is written. It may point to the frame's memory only until
+ * it is posted. 0, or any other value for failure.
  */
 int pktd_queue_entry_data_vlan_based_init(st_pktd_shm_queue_entry_data_t* entry, int proto, int vid,
                                           const uint8_t* frame, size_t len);

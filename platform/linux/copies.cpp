@@ -20,8 +20,8 @@ bool same(std::span<const uint8_t> one, std::span<const uint8_t> other, size_t f
     return from >= to || memcmp(&one[from], &other[from], to - from) == 0;
 }
 
-// Before the kernel refuses an IPv4 packet, it may write into the options, which invalidates the
-// header checksum.
+// Ignores IPv4 options and the header checksum: the kernel may write into the options before it
+// refuses the packet, which changes the checksum.
 bool matches(std::span<const uint8_t> packet, std::span<const uint8_t> quote) {
     const size_t size = std::min(packet.size(), quote.size());
     if (ipVersion(packet) == 6) return same(packet, quote, 0, size);

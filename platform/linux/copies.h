@@ -14,16 +14,17 @@
 namespace pmtud_linux {
 
 /// A ring, in which the newest copy replaces the oldest. Most copies are never needed, because the
-/// kernel forwards most candidates. It refuses the others within microseconds, so only what other
-/// processors copy meanwhile comes in between.
+/// kernel forwards most candidates. It refuses the others within microseconds, so the only copies
+/// in between are those that other processors make meanwhile.
 class Copies {
  public:
     Copies() : m_ring(kCapacity) {}
 
     static constexpr size_t kCapacity = 128;
 
-    /// Keeps the packet. False if it is not IPv4 or IPv6 with a complete header, if it is longer
-    /// than kCopySize bytes or was truncated to fewer, or if its ingress is unknown.
+    /// Keeps the message's packet. False if it is not IPv4 or IPv6 with a complete header, if its
+    /// ingress is unknown, or if the message holds more than kCopySize bytes of it, or fewer
+    /// although the packet is longer.
     bool keep(const LogMessage& message, int egressVlan);
 
     /// The newest copy that begins like the quote; null if there is none. A copy is returned only

@@ -72,12 +72,14 @@ int Dispatcher::attach() {
     return result;
 }
 
-// The log group comes first: only a process's first netlink socket has its PID as port, which is
-// how /proc/net/netfilter/nfnetlink_log identifies it; and if the kernel lacks netfilter,
-// libnftables would end the process. The rules get the lower descriptor: a dying process closes its
-// descriptors in ascending order, and without the group the rules would withdraw messages that
-// nobody replaces. Links are watched before they are listed, so that no change in between is
-// missed.
+// The log group is opened first, for two reasons. Only a process's first netlink socket has its PID
+// as port, by which /proc/net/netfilter/nfnetlink_log identifies the process. And if the kernel
+// lacks netfilter, opening the group fails, whereas libnftables would end the process.
+//
+// The rules get a lower descriptor all the same. A dying process closes its descriptors in
+// ascending order, and rules that outlived the group would withdraw messages that nobody replaces.
+//
+// Links are watched before they are listed, so that no change in between is missed.
 int Dispatcher::openAll() {
     Descriptor lower(open("/dev/null", O_RDONLY | O_CLOEXEC));
     if (!lower.valid()) return -errno;
@@ -212,7 +214,7 @@ void Dispatcher::take(const LogMessage& message, pktd_rx_cb_t callback) {
     }
 }
 
-// Only this table's rules mark what they log with a VLAN. What another table logged was not
+// Only this table's rules log with a VLAN as the mark. A message that another table logged was not
 // withdrawn.
 void Dispatcher::takeRefused(const LogMessage& message, pktd_rx_cb_t callback) {
     if (message.mark < uint32_t{kFirstVlan} || message.mark > uint32_t{kLastVlan}) {

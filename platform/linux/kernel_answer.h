@@ -14,9 +14,10 @@ class KernelAnswer {
  public:
     /// Sends the message straight to the station that the refused packet came from, bypassing all
     /// rules, because it had passed all but the last of them. Uses the kernel's routes instead, and
-    /// so passes through the rules, if the packet's copy (null) or the station's address is
-    /// unknown, if the message was to leave on an interface other than the packet's ingress, or if
-    /// sending directly fails. 0 or a negative errno value: -EPERM if the rules dropped it.
+    /// so passes through the rules, if `refused`, the packet's copy, is null, if the station's
+    /// address is unknown, if the message was to leave via an interface other than the packet's
+    /// ingress, or if sending directly fails. 0 or a negative errno value: -EPERM if the rules
+    /// dropped it.
     int send(const LogMessage& message, const Copy* refused);
 
  private:

@@ -24,7 +24,7 @@ constexpr size_t kBufferSize = 32768;
 // A thousand interfaces that appear at once must not overrun the socket.
 constexpr int kReceiveBuffer = 1 << 20;
 
-// In milliseconds. The kernel answers at once; this is for the case that the end of its list was
+// In milliseconds. The kernel answers at once, so this matters only if the end of its list was
 // lost.
 constexpr int kAnswerTimeout = 1000;
 
@@ -40,7 +40,8 @@ int errorOf(const nlmsghdr& message) {
 int LinkMonitor::open() {
     if (const int result = openSocket(m_socket, NETLINK_ROUTE, RTMGRP_LINK); result != 0)
         return result;
-    // Without the privilege, the system's limit has to do: overruns are recovered from.
+    // Without the privilege, the system's limit applies. That is enough, because an overrun only
+    // costs another list.
     setsockopt(fd(), SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer, sizeof kReceiveBuffer);
     return 0;
 }

@@ -11,7 +11,7 @@ namespace pmtud_linux {
 
 int requestFromKernel(const MnlSocket& socket, nlmsghdr* request, mnl_cb_t take, void* data) {
     // Static, so that no number repeats: if receiving an answer failed, the rest of it arrives
-    // before the next one.
+    // before the next answer and must not be mistaken for it.
     static unsigned int sequence = 0;
     request->nlmsg_flags |= NLM_F_REQUEST;
     if (take == nullptr) request->nlmsg_flags |= NLM_F_ACK;

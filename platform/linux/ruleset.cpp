@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 // The nftables rules that copy candidates and withdraw the kernel's answers, as text.
 //
-// A packet's path through the first hook, which runs after all named priorities. If a later rule
-// drops the packet, one copy is wasted. K is 4, 4o or 6:
+// A packet's path through the first hook, which runs after all named priorities. If a rule that
+// runs even later drops the packet, one copy is wasted. K is 4, 4o or 6:
 //
 //   prerouting ─► to-bcm0.E ─► candidate ─► copied, and its header remembered in copiedK-MTU
 //      │ short,      │ fits      │ may be fragmented, too many,
@@ -53,8 +53,8 @@ constexpr Kind kKinds[] = {
     // needs (RFC 792).
     {"4o", "ip hdrlength 6-13", "@nh,96,32 . @nh,128,32 . @nh,16,64",
      "@th,160,32 . @th,192,32 . @th,80,64"},
-    // The parts of the destination that address translation may change, in prefix and host; the
-    // start of what follows the header.
+    // The second and the last 32 bits of the destination, since address translation may change its
+    // prefix or its host part; the 8 bytes after the header.
     {"6", "meta nfproto ipv6", "@nh,224,32 . @nh,288,32 . @nh,320,64",
      "@th,288,32 . @th,352,32 . @th,384,64"},
 };

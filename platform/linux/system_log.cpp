@@ -16,7 +16,7 @@ namespace pmtud_linux {
 
 namespace {
 
-// The log daemon is busy or refuses this line. After any other failure it is gone.
+// These errors mean that the log daemon is busy or refuses this line; any other, that it is gone.
 bool concernsLine(int error) { return error == EAGAIN || error == ENOBUFS || error == EMSGSIZE; }
 
 }  // namespace
@@ -118,7 +118,8 @@ size_t SystemLog::deliver(std::span<mmsghdr> messages, int& error) {
     return sent;
 }
 
-// While attempts fail, at most one per second: a line must stay cheap without a log daemon.
+// Makes at most one attempt per second while attempts fail, so that lines stay cheap without a log
+// daemon.
 int SystemLog::connectAgain() {
     const Clock::time_point now = Clock::now();
     if (m_socket < 0 && now < m_nextAttempt) return -ENOTCONN;

@@ -18,8 +18,9 @@ void appendHexByte(std::string& text, uint8_t byte) {
     text += kHexDigits[byte & 0xF];
 }
 
-/// If an address cannot be converted, the rest of its dump is lost and the line goes out with what
-/// precedes it. Some versions of Boost.Asio throw instead; this makes them do the same.
+/// If an address cannot be converted, the rest of its dump is lost, and the line goes out with what
+/// precedes the address. Versions of Boost.Asio that throw instead are made to behave like the
+/// others.
 template <typename Address>
 std::ostream& insertAddress(std::ostream& os, const Address& address) {
     try {

@@ -75,9 +75,9 @@ class SHM_Wrapper_App : public SHM_Wrapper {
     /// 7 discard, 8 accept, 9 repost, 1 for any other action.
     int queueActionCode(eActions action) override;
 
-    /// Posts a frame to the transmit queue, tagged for the VLAN of the frame being handled; if
-    /// `directed`, it leaves by the unit and port on which that frame arrived. True: posted. Call
-    /// it on the receive thread while a frame is being handled.
+    /// Posts a frame to the transmit queue, tagged for the VLAN of the frame being handled. If
+    /// `directed`, it leaves via the unit and port on which that frame arrived. True: posted. Call
+    /// this on the receive thread while a frame is being handled.
     bool pktdTxQueuePost(const uint8_t* frame, size_t len, bool directed);
 
     /// The queue library's receive callback (pktd_rx_cb_t): returns the frame's verdict code.

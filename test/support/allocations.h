@@ -14,11 +14,11 @@ inline thread_local bool counting = false;
 /// Called when an allocation fails, before it throws.
 inline std::atomic<void (*)()> onFailure = nullptr;
 
-/// While it lives, what the thread allocates counts as the daemon's.
+/// While it exists, what the thread allocates counts as the daemon's.
 class Counted {
  public:
-    /// The `nth` allocation, counted from 1, throws std::bad_alloc, and so does every later one
-    /// if `onwards`; 0: none.
+    /// The `nth` allocation, counted from 1, throws std::bad_alloc; if `onwards`, so does every
+    /// later one. 0: none does.
     explicit Counted(int nth = 0, bool onwards = false);
     Counted(const Counted&) = delete;
     Counted& operator=(const Counted&) = delete;
@@ -28,7 +28,7 @@ class Counted {
     bool failed() const;
 };
 
-/// While it lives, what the thread allocates is the test's own: not counted, and never failed.
+/// While it exists, what the thread allocates is the test's: it is not counted, and never fails.
 class Paused {
  public:
     Paused() : m_counting(detail::counting) { detail::counting = false; }
@@ -40,7 +40,7 @@ class Paused {
     bool m_counting;
 };
 
-/// Counted blocks that have not been freed, on all threads; their bytes; how many there have been.
+/// On all threads: the counted blocks not freed yet, their bytes, and all that were ever counted.
 long alive();
 long bytesAlive();
 long taken();

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The journal of everything that leaves the daemon, and calls that fail when a test says so.
+// The journal of everything that leaves the daemon, and calls that fail when a test wants it.
 #include "journal.h"
 
 #include <cerrno>

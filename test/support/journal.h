@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The journal of everything that leaves the daemon, and calls that fail when a test says so.
+// The journal of everything that leaves the daemon, and calls that fail when a test wants it.
 #ifndef PMTUD_TEST_JOURNAL_H
 #define PMTUD_TEST_JOURNAL_H
 
@@ -18,16 +18,16 @@ namespace fake {
 /// `before` more times.
 void fail(const std::string& call, Failure failure, int times = 1, int before = 0);
 
-/// Runs `hook` in every such call, after its entry in the journal.
+/// Runs `hook` in every call of that name, after its entry in the journal.
 void on(const std::string& call, std::function<void()> hook);
 
-/// All fakes as they are at first: nothing seen, nothing to fail, 14:03:07.245.
+/// Resets all fakes: nothing seen, no call fails, and the time is 14:03:07.245.
 void reset();
 
-/// While it lives, everything that leaves the daemon is noted in order: lines of the file channel,
-/// ended by CR LF and with function texts as GCC spells them; lines for the debug process, begun
-/// by the module number; calls.  Calls that leave nothing to see (inet_ntop, the clock's, fflush)
-/// are noted only if it is `detailed`.
+/// While it exists, everything that leaves the daemon is noted in order: lines of the file channel,
+/// with CR LF and with function texts as GCC spells them; lines for the debug process, preceded by
+/// the module number; calls. Calls without a visible effect (inet_ntop, the clock's, fflush) are
+/// noted only if it is `detailed`.
 class Journal {
  public:
     /// Opens the file channel at this threshold.

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Packets and netlink messages byte by byte, as hosts and the kernel write them; for the tests of
-// the Linux platform and its fuzz targets.
+// Packets and netlink messages byte by byte, as hosts and the kernel write them, for the Linux
+// platform's tests and fuzz targets.
 #ifndef PMTUD_TEST_MESSAGES_H
 #define PMTUD_TEST_MESSAGES_H
 
@@ -113,7 +113,7 @@ inline Bytes withChecksum(Bytes ipv6Packet, size_t at) {
     return ipv6Packet;
 }
 
-/// One netlink message.  Its own numbers are in this machine's byte order.
+/// One netlink message. Its numbers are in this machine's byte order.
 struct Netlink {
     static constexpr size_t kHeader = sizeof(nlmsghdr);
 

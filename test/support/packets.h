@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Frames and queue records in bytes, and memory whose end cannot be read beyond.
+// Frames and queue records in bytes, and memory after whose end nothing can be read.
 #ifndef PMTUD_TEST_PACKETS_H
 #define PMTUD_TEST_PACKETS_H
 
@@ -37,7 +37,7 @@ inline Bytes slice(const Bytes& bytes, size_t begin, size_t end) {
             bytes.begin() + static_cast<ptrdiff_t>(end)};
 }
 
-/// With these bytes from the offset on.
+/// The bytes, with those from the offset on replaced by `changed`.
 inline Bytes with(Bytes bytes, size_t offset, const Bytes& changed) {
     std::copy(changed.begin(), changed.end(), bytes.begin() + static_cast<ptrdiff_t>(offset));
     return bytes;
@@ -48,7 +48,7 @@ inline Bytes bytesOf(uint16_t number) {
     return {static_cast<uint8_t>(number / 256), static_cast<uint8_t>(number % 256)};
 }
 
-/// 0, 1, ... 250, 0, 1, ...: 251 is no divisor of any length in use, so a shifted copy differs.
+/// 0, 1, ... 250, 0, 1, ...: 251 does not divide any length in use, so a shifted copy differs.
 inline Bytes payload(size_t count) {
     Bytes bytes(count);
     for (size_t i = 0; i < count; ++i) bytes[i] = static_cast<uint8_t>(i % 251);
@@ -80,8 +80,8 @@ inline Bytes ipv6Frame(uint16_t payloadLength) {
 /// 60 bytes with this EtherType and zeros after the Ethernet header.
 inline Bytes frameOfType(uint16_t etherType) { return ethernet(etherType) + Bytes(42); }
 
-/// A queue record in bytes, every one 0xEE until it is set, so that a field read too wide or
-/// at another place shows.
+/// A queue record in bytes. Each is 0xEE until it is set, so that reading a field too wide or at
+/// the wrong offset shows.
 class QueueRecord {
  public:
     /// `shift` moves the record that many bytes from an aligned address.

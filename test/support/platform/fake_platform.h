@@ -18,7 +18,7 @@
 
 namespace fake {
 
-/// A line that debug_process was given.  The journal shows "89 PMTUD-Prot: text".
+/// A line that debug_process was given. The journal shows "89 PMTUD-Prot: text".
 struct DebugLine {
     uint32_t channel;
     std::string format;
@@ -42,8 +42,8 @@ struct PostedEntry {
     size_t len;
 };
 
-/// What the platform answers unless a call is to fail, and what it saw.  Every answer may throw.
-/// Calls without a field here answer 0.
+/// What the platform answers, unless a call has to fail, and what it saw. Every answer may throw.
+/// Calls without a field here return 0.
 struct Platform {
     std::function<int(int egress)> destVlan = [](int) { return 100; };
     std::function<uint32_t(int vlan)> vlanMtu = [](int) { return 1500U; };
@@ -57,7 +57,7 @@ struct Platform {
     };
     std::function<int()> icmp6Send = [] { return 0; };
 
-    /// Every call but debug_process, in order, as it stands in a C source:
+    /// Every call but debug_process, in order, as C source would spell it:
     /// "cfg_add_pid(\"pmtud\")", "cfg_vlan_l3_get_mtu(100)",
     /// "pktd_shm_queue_init(\"pmtud\", 0, 1, pktd_tx_queue_pool, pktd_rx_queue_pool)",
     /// "arpd_icmp6_socket_create(\"bcm0.20\")", "arpd_ipv6_pkt_send(606, 3)" (fd, ifindex), ...
@@ -77,10 +77,10 @@ struct Platform {
     std::vector<std::string> debugTexts() const;
 };
 
-/// The platform that the seam's functions answer from.
+/// The platform from which the seam's functions answer.
 Platform& platform();
 
-/// Back to the answers above, with nothing seen.
+/// Restores the answers above, with nothing seen.
 void resetPlatform();
 
 }  // namespace fake

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Plays a case: lines that prepare both routers, and the packets that both are fed.
+// Plays a case: its lines prepare both routers, and describe the packets that both receive.
 #ifndef PMTUD_TWIN_PLAY_H
 #define PMTUD_TWIN_PLAY_H
 
@@ -9,26 +9,36 @@
 
 namespace twin {
 
-/// One command per line.  The routers are prepared by
+/// One command per line. These prepare both routers:
 ///
-///     ip ...                  nft ...                  sh COMMAND
-///     sysctl NAME VALUE       hosts COMMAND            vlan NUMBER HOST MTU
-///     port BRIDGE HOST MAC    ignore source|host       fence6
+///     ip ARGUMENT...          runs ip in the router
+///     nft COMMANDS            runs nftables commands there
+///     sh COMMAND              runs a shell command there
+///     sysctl NAME VALUE       sets a kernel parameter there
+///     hosts COMMAND           runs a shell command in the hosts' namespace
+///     vlan NUMBER HOST MTU    adds bcm0.NUMBER, and a host of that name on it
+///     port BRIDGE HOST MAC    adds a port to the bridge, and a host with that name and MAC on it
+///     ignore source           does not compare the addresses that answers come from
+///     ignore host             does not compare the hosts that receive answers either
+///     fence6                  the fences are IPv6 packets: the router has no IPv4 address
 ///
-/// and fed, in this order, by
+/// These are carried out afterwards, in their order:
 ///
-///     v4 WORD...     an IPv4 packet          tcp4, udp4    merged segments or datagrams
-///     v6 WORD...     an IPv6 packet          tcp6, udp6
-///     v46 WORD...    one of each             tcp46, udp46
-///     meanwhile COMMAND
+///     v4 WORD...              sends an IPv4 packet
+///     v6 WORD...              sends an IPv6 packet
+///     v46 WORD...             sends one of each
+///     tcp4, tcp6, tcp46       send merged TCP segments
+///     udp4, udp6, udp46       send merged UDP datagrams
+///     meanwhile COMMAND       runs a shell command in the routers between the packets
 ///
-/// The words, NAME=VALUE, are the fields of the packet; an address VLAN.HOST is 10.0.VLAN.HOST or
-/// 2001:db8:VLAN::HOST.  `kernel`, `kernel4` and `kernel6` mark what only the kernel answers.
-/// ONE|OTHER anywhere repeats the line with each; so does times=N.
-///
-/// Of the routers' construction, `mtus a=9000 b=1500` in the first line is read by mtusOf().
+/// A word is NAME=VALUE, a field of the packet, or a name alone. play.cpp reads them: `host` is the
+/// host that sends, `fragments` the size of the fragments to send the packet in. An address
+/// VLAN.HOST is 10.0.VLAN.HOST or 2001:db8:VLAN::HOST. `kernel`, `kernel4` and `kernel6` mark
+/// packets that only the kernel answers. A line with ONE|OTHER is played once with each; times=N
+/// plays a line of packets N times.
 void play(Twins& twins, const std::string& lines);
 
+/// The MTUs of the VLANs of a, b and c, if the first line states them: `mtus a=9000 b=1500`.
 Mtus mtusOf(const std::string& lines);
 
 }  // namespace twin

@@ -13,7 +13,7 @@
 struct mnl_socket;
 struct nft_ctx;
 
-/// What is called in place of each function; the function itself if it is empty.  To be set before
+/// The replacement for each function; if it is empty, the function itself is called. Set it before
 /// another thread makes the call.
 struct Calls {
     std::function<int(int domain, int type, int protocol)> socket;
@@ -42,7 +42,7 @@ int netlinkBind(mnl_socket* socket, unsigned int groups, pid_t port);
 int nftRun(nft_ctx* context, const char* commands);
 }  // namespace real
 
-/// A call that fails like this.
+/// Sets errno and returns -1, as a failing call does.
 int refuse(int error);
 
 #endif

@@ -6,7 +6,7 @@
 //                             bcm0.20 (MTU 1280) ──  10.0.20.2  fd00:20::2
 //                             bcm0.30 (MTU 1000): where the fence packets go
 //
-// The test's own process is in the switch.  /run and /dev are the test's own as well.
+// The test's process is in the switch, and has a private /run and /dev.
 #ifndef PMTUD_TEST_LINUX_WORLD_H
 #define PMTUD_TEST_LINUX_WORLD_H
 
@@ -28,8 +28,8 @@ void check(bool succeeded, const char* what);
 /// All packets of an interface.
 sockaddr_ll address(int ifindex);
 
-/// Moves the process into mount and network namespaces of its own, with an empty /run and a
-/// /dev without the machine's sockets.  Throws std::system_error where that is not allowed.
+/// Moves the process into new mount and network namespaces, with an empty /run and a /dev without
+/// the machine's sockets. Throws std::system_error if that is not allowed.
 void isolate();
 
 /// How long a test waits for an event before it fails: twice what all VLANs take under valgrind.
@@ -39,7 +39,7 @@ constexpr std::chrono::seconds kPatience{45};
 /// patience runs out.
 void awaitReadable(int fd, const char* what);
 
-/// Runs the command line in the switch; throws std::runtime_error where it fails.
+/// Runs the command line in the switch; throws std::runtime_error if it fails.
 void run(const std::string& command);
 
 /// The same, and returns its standard output.
@@ -48,23 +48,28 @@ std::string output(const std::string& command);
 /// Runs `action` in the namespace of host "a" or "b".
 void onHost(const std::string& host, const std::function<void()>& action);
 
-/// Runs the body of a test in a process of its own, where it sees the library as it is
-/// at the start of a process; the test fails where the body does.
+/// Runs the body of a test in a new process, where the library is in the state in which a process
+/// starts. The test fails if the body does.
 void inOwnProcess(const std::function<void()>& body);
 
-/// Attaches this process to the packet-dispatch queue, and starts the receive thread, as the daemon
-/// does; their results.
+/// Attaches this process to the packet-dispatch queue, as the daemon does. Returns the call's
+/// result.
 int attach();
+
+/// A receive callback that only returns the verdict discard.
 int discard(const st_pktd_shm_queue_entry_data_t* record, uint8_t* frame, int size);
+
+/// Starts the receive thread, as the daemon does. Returns the call's result.
 int startThread(pktd_rx_cb_t callback = discard, const char* client = "pmtud");
 
 /// All packets that a host's or the switch's interface receives.
 class Capture {
  public:
-    /// An empty host: the switch.  Holds thousands of packets that nobody has asked for yet.
+    /// `host` is "a", "b" or, for the switch, empty. Holds thousands of packets until they are
+    /// read.
     explicit Capture(const std::string& host, const std::string& interface = "eth0");
 
-    /// The next packet, from its IP header on, that is as wanted; waits for it.
+    /// Waits for the next packet that `wanted` accepts; returns it from its IP header on.
     Bytes next(const std::function<bool(const Bytes&)>& wanted);
 
     /// Whether the frame of the packet that next returned was addressed to this interface.
@@ -91,7 +96,7 @@ class RuleChanges {
     pmtud_linux::Descriptor m_socket;
 };
 
-/// Waits until the interface takes packets.
+/// Waits until the interface accepts packets.
 void awaitLink(const std::string& interface);
 
 /// The interface's index.
@@ -111,8 +116,8 @@ class World : public testing::Test {
     /// Sends the packet from host b's interface to bcm0.20.
     void sendFromB(const Bytes& packet);
 
-    /// Sends a packet that the kernel is certain to refuse.  The frame that the client gets
-    /// next shows whether the kernel refused any that was sent before it.
+    /// Sends a packet that the kernel is certain to refuse. If the client's next frame is this one,
+    /// the kernel refused none of the packets sent before.
     void sendFence();
 
  private:
@@ -127,7 +132,7 @@ class World : public testing::Test {
     Sender m_b;
 };
 
-/// How many packets for the VLAN of the interface the kernel refused and the rules handed over.
+/// How many refused packets for the interface's VLAN the rules handed over.
 uint64_t handedOver(const std::string& interface);
 
 #endif

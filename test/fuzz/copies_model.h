@@ -87,8 +87,8 @@ inline bool same(Span left, Span right) {
     return left.size() == right.size() && std::equal(left.begin(), left.end(), right.begin());
 }
 
-/// The frame is the packet with the header that the message quotes, behind an Ethernet header with
-/// one tag.  A reader that trusts an IPv6 header reads 65,593 bytes, whatever the frame's size.
+/// The frame is an Ethernet header with one tag, then the packet with the header that the message
+/// quotes. A reader that trusts an IPv6 header reads 65,593 bytes, whatever the frame's size.
 inline void checkFrame(const st_pktd_shm_queue_entry_data_t& record, const uint8_t* frame,
                        std::size_t size, const Kept& kept, Span quote) {
     constexpr std::size_t kReadable = 18 + 40 + 65535;

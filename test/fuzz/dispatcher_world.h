@@ -26,7 +26,7 @@ struct Opened {
     std::string refusal = {};  // of the last rules
 };
 
-/// A withdrawn message.  It is answered, or given back to the kernel, exactly once.
+/// A withdrawn message. It is answered, or given back to the kernel, exactly once.
 struct Withdrawn {
     std::optional<Kept> copy;  // of the packet that it refuses
     Bytes quote;

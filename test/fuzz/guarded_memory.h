@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Memory that ends where reading is forbidden: the byte behind it cannot be read.
+// Memory whose end is guarded: the byte after it cannot be read.
 #ifndef PMTUD_TEST_FUZZ_GUARDED_MEMORY_H
 #define PMTUD_TEST_FUZZ_GUARDED_MEMORY_H
 

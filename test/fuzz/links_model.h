@@ -44,8 +44,8 @@ inline int vlanOf(const pmtud_linux::Vlans& vlans, uint32_t ifindex) {
     return 0;
 }
 
-/// Changes are applied until one was lost.  Then the socket is emptied, and a list is asked for,
-/// ten times at most as long as a list is doubtful: interrupted, or with a loss.  A doubtful list
+/// Changes are applied until one was lost. Then the socket is emptied, and a list is asked for,
+/// ten times at most as long as a list is doubtful: interrupted, or with a loss. A doubtful list
 /// counts until the next one; one that does not end does not.
 class LinksModel {
  public:

@@ -260,7 +260,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
     }
     if (frame) endFrame(frame, fate);
-    // A log that takes everything is told of all that was lost.
+    // A log that accepts every line again gets the count of all lost ones.
     world->healthy = true;
     world->now += std::chrono::seconds(2);
     world->begin({lineOf(31, 89, " last")});

@@ -71,7 +71,7 @@ void handle(const LogMessage& read, const fuzz::Message& expected, Platform& pla
 
 void receive(const Bytes& datagram, Platform& platform) {
     static fuzz::GuardedMemory memory(2 * fuzz::kLargestMessage);
-    // It starts aligned; behind its end is what an earlier one left there.
+    // It starts aligned; an earlier datagram's bytes follow its end.
     const std::size_t size = Netlink::aligned(datagram.size());
     const uint8_t* const placed = memory.place(datagram, size, 0xFF);
     const std::vector<Span> messages = fuzz::messagesOf({placed, size}, datagram.size());

@@ -229,7 +229,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Input input(data, size);
     Kernel fresh;
     kernel = &fresh;
-    // A copy of its own: a reader beyond the frame is seen.
+    // A separate allocation, so that reading beyond the record is noticed.
     const auto record = std::make_unique<Record>();
     {
         TxQueue queue;

@@ -72,7 +72,7 @@ inline void closeMessage(Input& input, Netlink& message) {
 }
 
 /// The whole messages of a datagram that starts at a message, each as far as its padding, if the
-/// datagram has it.  `padded` is the datagram and what fills it up to the next boundary.
+/// datagram has it. `padded` is the datagram and what fills it up to the next boundary.
 inline std::vector<Span> messagesOf(Span padded, std::size_t size) {
     std::vector<Span> messages;
     for (std::size_t start = 0; start < size && size - start >= Netlink::kHeader;) {

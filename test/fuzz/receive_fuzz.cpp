@@ -136,7 +136,7 @@ struct Channel {
     bool open;
 };
 
-// The bytes that the input gives of a frame, zeros behind them.
+// A frame's bytes as far as the input supplies them; zeros follow.
 class FrameBytes {
  public:
     explicit FrameBytes(Span known) : m_known(known) {}
@@ -252,7 +252,7 @@ void checkMessages(const FrameBytes& frame, const Answers& answers, bool throws)
     if (over6) checkIcmp6Message(frame, answers, fake::platform().icmp6Messages.front());
 }
 
-// The debug process is told that a message was sent, and only then.
+// The debug process gets the line about a sent message exactly if one was sent.
 void checkDebugLines(const Answers& answers) {
     const auto& lines = fake::platform().debugLines;
     const bool sent4 = !fake::syscalls().sent.empty() && answers.sendto >= 0;

@@ -132,7 +132,7 @@ class RulesModel {
         m_rules[chain].clear();
     }
 
-    // What a rule or an element's target refers to is used once more, or less.
+    // Counts the uses of what a rule or the target of an element refers to.
     void use(const std::string& text, int uses) {
         static const std::map<std::string, std::string> kinds = {{"goto ", "chain "},
                                                                  {"jump ", "chain "},
@@ -143,7 +143,7 @@ class RulesModel {
             for (std::size_t at = 0; (at = text.find(before, at)) != text.npos;) {
                 at += before.size();
                 const std::string name = text.substr(at, text.find_first_of(" \n", at) - at);
-                // Which counter, a map says.
+                // "meta": a map selects the counter.
                 if (name != "meta") m_uses[kind + name] += uses;
             }
         if (text.starts_with('"')) m_uses["counter " + text.substr(1, text.size() - 2)] += uses;

@@ -20,7 +20,7 @@ class Traffic {
         datagram = datagram + draw(input, kind);
     }
 
-    /// Adds short copies, and behind each the message that refuses it.
+    /// Adds short copies, each followed by the message that refuses it.
     void addRefused(unsigned count, Bytes& datagram) {
         for (; count > 0; --count) {
             addBurst(1, datagram);

@@ -1,13 +1,13 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # copy is copy.sh's
-# Boots systemd on the lab's switch, in a copy of this machine's files, as far as the service.
+# Boots systemd on the lab's switch, in a copy of this machine's files, up to the service.
 #
-# It is the process 1 of a process namespace of its own, in a control group of its own below that
-# of the test, and sees no settings of the kernel that it could change for the whole machine.
+# It is process 1 of a new PID namespace, in a new control group below the test's, and sees none of
+# the kernel's settings that it could change for the whole machine.
 
 # boot_install BUILD
-# Installs what is built there into the copy, and leaves systemd only the units that this takes.
+# Installs the build into the copy, and leaves systemd only the units that the service needs.
 boot_install() {
     local -r units=$copy/usr/lib/systemd/system
     make_copy
@@ -29,9 +29,9 @@ boot_own_cgroup() {
     echo "${mounted%/}$(sed -n 's/^0:://p' /proc/self/cgroup)"
 }
 
-# In its namespaces: the file systems that systemd finds on a machine, and then systemd.
+# Runs in the new namespaces: mounts the file systems that systemd expects, and then runs systemd.
 boot_process_1() {
-    # The devices that the service gets are taken from these.
+    # The service gets its devices from these.
     mkdir "$copy/dev/pts" "$copy/dev/shm"
     mount -t devpts -o newinstance,ptmxmode=0666 devpts "$copy/dev/pts"
     mount -t tmpfs shm "$copy/dev/shm"
@@ -41,7 +41,7 @@ boot_process_1() {
     mount -o remount,bind,ro "$copy/proc/sys"
     mount -t sysfs -o ro sysfs "$copy/sys"
     mount -t cgroup2 cgroup2 "$copy/sys/fs/cgroup"
-    # So that it is nobody's but this namespace's.
+    # Keeps the mounts inside this namespace.
     mount --make-rprivate /
     cd "$copy" || return
     pivot_root . mnt
@@ -50,14 +50,14 @@ boot_process_1() {
 }
 
 # boot_service
-# Boots and waits until the service's process is there, whose number is then in lab_daemon.
+# Boots, and waits until the service's process exists. Its PID is then in lab_daemon.
 boot_service() {
     boot_cgroup=$(mktemp -d "$(boot_own_cgroup)/pmtud-lab-XXXXXX")
     trap boot_end EXIT
     lab_daemon_output=$LAB_FILES/systemd
     (
         echo "$BASHPID" >"$boot_cgroup/cgroup.procs"
-        # What would reach the machine: modules, its clock, its devices, its log.
+        # Drops the capabilities that reach the machine: modules, clock, devices, log.
         exec ip netns exec switch setpriv \
             --bounding-set=-sys_module,-sys_boot,-sys_time,-sys_rawio,-mknod,-syslog \
             unshare --mount --pid --ipc --uts --cgroup --fork --kill-child \
@@ -81,7 +81,7 @@ boot_has_process() {
     now=$(pgrep -x pmtud) && [[ $now != "$boot_old_process" ]]
 }
 
-# systemd itself: the child of what made its namespaces.
+# The PID of systemd: the child of the process that created its namespaces.
 boot_init() {
     pgrep -x systemd --newest --parent "$(pgrep -x unshare --newest)"
 }
@@ -96,7 +96,7 @@ boot_end() {
     find "$boot_cgroup" -depth -type d -exec rmdir {} +
 }
 
-# What the journal has of the service, without the times.
+# The service's lines in the journal, without the times.
 boot_journal() {
     journalctl --directory "$copy/run/log/journal" --no-pager --output=cat --identifier=pmtud |
         sed -E -e 's/^[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9] //' -e 's/\r$//'

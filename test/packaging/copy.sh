@@ -1,20 +1,20 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
-# A copy of this machine's files to install into: what is written there is in memory and goes
-# with the mount namespace.
+# A copy of this machine's files to install into. What is written there is in memory and vanishes with
+# the mount namespace.
 
-# Where the copy is.  It is a mount of this namespace's and never removed by name.
+# Where the copy is mounted. It belongs to this namespace, and is never removed by name.
 readonly copy=/mnt/root
 
 # copy_isolate SCRIPT [ARGUMENT...]
-# Runs the script again where mounts are its own.
+# Runs the script again in a new mount namespace.
 copy_isolate() {
     local -r here=$(readlink /proc/self/ns/mnt)
     if [[ ${PMTUD_COPY_OUTSIDE:-} == mnt:* && $PMTUD_COPY_OUTSIDE != "$here" ]]; then return; fi
     PMTUD_COPY_OUTSIDE=$here exec unshare --mount -- "$@"
 }
 
-# The copy has its own, empty, /run, /tmp and /etc/systemd, and few devices.
+# The copy has empty folders /run, /tmp and /etc/systemd, and few devices.
 make_copy() {
     mount -t tmpfs copy /mnt
     mkdir /mnt/changes /mnt/work "$copy"

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
-# What compiler and linker did against memory errors, as an ELF file shows it.
+# How compiler and linker hardened a program against memory errors, as its ELF file shows.
 set -euo pipefail
 
 if [[ ${1:-} == --help || $# -lt 2 || $# -gt 3 ]]; then
@@ -15,8 +15,8 @@ fi
 source "$(dirname "${BASH_SOURCE[0]}")/expect.sh"
 readonly file=$2 tools=${3:-}
 
-# The rest of the lines of readelf's PART that begin with NAME in parentheses, or without.
 # part OPTION NAME
+# Of readelf's output with OPTION, the rest of the lines that begin with NAME or (NAME).
 part() {
     "${tools}readelf" --wide "$1" "$file" >"$scratch/part"
     sed -nE "s/^ *(0x[0-9a-f]+ +)?\(?$2\)?:? +//p" "$scratch/part"
@@ -43,7 +43,7 @@ AddressesAreResolvedBeforeItStarts() {
 
 ResolvedAddressesCannotBeWritten() {
     expect_word "its tables" R "$(part --segments GNU_RELRO)"
-    # Those of the lazy kind would be left out.
+    # Lazily resolved addresses would not be protected.
     expect_equal "text relocations" "" "$(part --dynamic TEXTREL)"
 }
 
@@ -70,13 +70,13 @@ OverrunsOfTheStackAreNoticed() {
 OverrunsOfBuffersAreNoticed() {
     undefined >"$scratch/undefined"
     grep -qxE '__v?snprintf_chk' "$scratch/undefined" || fail "no call is checked"
-    # Each of these has a checked form, which is called instead.
+    # Each of these has a checked form, which must be called instead.
     if grep -xE 'v?s?n?printf|v?fprintf' "$scratch/undefined"; then
         fail "calls are not checked"
     fi
 }
 
-# On x86-64, all functions that may be called through a pointer.
+# On x86-64, every function that may be called through a pointer must begin with endbr64.
 IndirectCallsLeadToFunctionsOnly() {
     if "${tools}nm" --dynamic --defined-only "$file" | grep -q ' T '; then
         "${tools}nm" --dynamic --defined-only "$file" | sed -nE 's/^.* T ([^@]+).*/\1/p'

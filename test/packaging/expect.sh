@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
-# What the cases of the packaging expect, and a folder of their own that goes with them.
+# Checks for the packaging's cases, and a folder that exists only while a case runs.
 
 fail() {
     echo "FAILED: $1" >&2
@@ -15,7 +15,7 @@ expect_equal() {
 }
 
 # run_case CASE
-# Calls the function CASE with the folder `scratch` there.
+# Calls the function CASE, with the folder `scratch`.
 run_case() {
     [[ $(type -t "$1") == function ]] || fail "no case $1"
     scratch=$(mktemp -d)

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
-# What "cmake --install" puts where, and that it works there.
+# What "cmake --install" installs where, and that it works there.
 set -euo pipefail
 
 if [[ ${1:-} == --help || $# -ne 2 ]]; then
@@ -61,7 +61,7 @@ TheUnitBelowUsrIsTheOneOfTheSources() {
 }
 
 # unit_of PREFIX CMAKE_OPTION...
-# Installs the service alone, for which nothing need be built, and prints what its unit executes.
+# Installs only the service, which needs no build, and prints what its unit may execute.
 unit_of() {
     cmake -S "$here/../.." -B "$scratch/build" -DBUILD_TESTING=OFF "${@:2}" >"$scratch/log"
     DESTDIR=$scratch/root cmake --install "$scratch/build" --prefix "$1" --component service \

@@ -1,10 +1,10 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # family and daemon are the runner's
-# What the daemon logs, to the letter, on a kernel that lacks something, whose answers are changed on
-# the way in: the lines for which the man page has a remedy.
+# What the daemon logs, to the letter, on a kernel that lacks something, which is simulated by changing
+# the kernel's answers. The man page has a remedy for each line.
 
-# What is in the system log after all that was logged so far, which a marker shows to be in.
+# Waits until the system log holds everything logged so far, which a marker shows, and compares it.
 expect_system_log() {
     printf '<31>Jan  1 00:00:00 pmtud[1]: marker' | socat -u STDIN UNIX-SENDTO:/dev/log
     expect "the marker is logged" lab_within 5 lab_syslog_has marker
@@ -36,7 +36,7 @@ EachPartThatIsLackingHasItsLine() { # IPv4 only
         "nothing is served (-93): the kernel has no netfilter netlink; modprobe nfnetlink"
     expect_said_without nfnetlink_log -22 \
         "nothing is served (-22): the kernel has no log target; modprobe nfnetlink_log"
-    # The rules are refused for a reason that is not known.
+    # The rules are refused for an unknown reason.
     expect_said_without payload -2 \
         "cannot install the rules: Error: Could not process rule: No such file or directory"
     local part result lacks

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
-# The man page: well formed, and with a word on every line that the daemon can write.
+# The man page: it is well formed, and explains every line that the daemon can write.
 set -euo pipefail
 
 if [[ ${1:-} == --help || $# -ne 2 ]]; then
@@ -18,21 +18,21 @@ readonly page=$project/packaging/pmtud.8
 readonly literal='"(?:[^"\\]|\\.)*"'
 
 # statements START FILE...
-# The statements that begin with START, each in one line: FILE, a tab, the statement.
+# The statements that begin with START, each on one line: FILE, a tab, the statement.
 statements() {
     local -r start=$1
     shift
     local file
     for file in "$@"; do
-        # A file may have none.
+        # A file may contain none.
         { tr '\n' ' ' <"$file" | grep -oP "\\b$start(?:[^;\"]|$literal)*;" || (($? == 1)); } |
             sed "s|^|${file##*/}\t|"
     done
 }
 
 # pattern STATEMENT
-# What a line must match to show the texts of the statement, in their order, with any values
-# between them.  Only the line's start counts of a text that goes on in a second one.
+# The pattern of a line that shows the statement's texts in their order, with any values between them.
+# Of a text that continues on a second line, only the first counts.
 pattern() {
     local text end result=
     while IFS= read -r text; do
@@ -47,7 +47,7 @@ pattern() {
 }
 
 # expect_explained PATTERN
-# One line of the page, as wide as it may be, matches.
+# Checks that a line of the page, formatted without line breaks, matches.
 expect_explained() {
     [[ -s $scratch/page ]] || mandoc -T ascii -O width=400 "$page" | col -bx >"$scratch/page"
     grep -Eq -- "$1" "$scratch/page" || fail "the man page has no line that matches: $1"
@@ -59,12 +59,12 @@ expect_count() {
 }
 
 MandocHasNothingToSay() {
-    # Which other manuals this machine has is not the page's business.
+    # It does not matter which other manuals this machine has.
     expect_equal "mandoc's lint" "" "$(mandoc -T lint -W style "$page" 2>"$scratch/database" |
         sed '/: STYLE: referenced manual not found: /d')"
 }
 
-# A word like "No" is a macro's name, too, unless it is escaped.
+# A word like "No" is also a macro's name, unless it is escaped.
 QuotedMessagesAreShownWhole() {
     expect_explained 'No route'
     expect_explained 'Could not process rule: No such file or directory'
@@ -100,7 +100,7 @@ EachLineOfTheEngineInTheSystemLogIsExplained() {
 EachLineOfThePlatformInTheSystemLogIsExplained() {
     local file statement
     while IFS=$'\t' read -r file statement; do
-        # What names no text gets it from a function, whose text is below.
+        # A statement without a text gets it from a function, whose texts are checked below.
         if [[ $statement != *\"* ]]; then continue; fi
         expect_explained "PMTUD-Linux:$(pattern "$statement")"
     done < <(

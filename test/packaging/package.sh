@@ -24,7 +24,7 @@ units=$(dpkg-query --listfiles systemd | grep -xE '(/usr)?/lib/systemd/system')
 daemon_package=$(echo "$folder"/pmtud_*_"$architecture".deb)
 headers_package=$(echo "$folder"/pmtud-dev_*_all.deb)
 
-# Lintian is content, too, or the script fails.
+# The script also fails if lintian finds anything.
 Builds() {
     rm -rf "$folder"
     "$project/script/package" "$folder" >"$scratch/log" 2>&1 || fail "$(tail -n 30 "$scratch/log")"
@@ -46,7 +46,7 @@ pmtud-dev" "$(cd "$folder" && printf '%s\n' *.deb | sed 's/_.*//' | LC_ALL=C sor
 }
 
 # content PACKAGE
-# Mode, owner and name of all that is no folder.
+# Mode, owner and name of everything that is not a folder.
 content() {
     dpkg-deb --contents "$1" | awk '$1 !~ /^d/ { print $1, $2, $6 }' | LC_ALL=C sort -k 3
 }
@@ -96,7 +96,7 @@ ItDependsOnTheLibrariesThatItCalls() {
 
 # in_copy COMMAND [ARGUMENT...]
 in_copy() {
-    # Debian's packages find their programs in these.
+    # The packages' scripts find their programs in these folders.
     chroot "$copy" env PATH=/usr/sbin:/usr/bin DEBIAN_FRONTEND=noninteractive "$@" \
         >"$scratch/log" 2>&1 || fail "$*: $(<"$scratch/log")"
 }
@@ -106,17 +106,17 @@ install_in_copy() {
     in_copy dpkg -i /tmp/pmtud.deb
 }
 
-# Names that have to do with pmtud and were not on this machine before.
+# Files whose names contain pmtud and that were not on this machine before.
 traces() {
     (cd "$copy" && find etc lib/systemd/system run "${libraries%/*}" usr/sbin usr/share/doc \
         usr/share/man var/lib/dpkg/info var/lib/systemd -name '*pmtud*' | LC_ALL=C sort)
 }
 
-# From here on systemd seems to run in the copy, where all is enabled and active; what is asked of
-# it is written down.
+# From here on, systemd appears to run in the copy, with everything enabled and active. Requests to it
+# are recorded.
 record_systemctl() {
     mkdir -p "$copy/run/systemd/system"
-    # The policy of the machine that builds is not the test's.
+    # The build machine's policy must not affect the test.
     rm -f "$copy/usr/bin/systemctl" "$copy/usr/sbin/policy-rc.d"
     cat >"$copy/usr/bin/systemctl" <<'END'
 #!/bin/sh
@@ -126,7 +126,7 @@ END
     chmod 755 "$copy/usr/bin/systemctl"
 }
 
-# What systemd was told to do since the last call.
+# The requests to systemd since the last call.
 asked() {
     grep -E '(daemon-reload|start|stop|restart)' "$copy/tmp/asked"
     : >"$copy/tmp/asked"
@@ -191,7 +191,7 @@ PolicyThatForbidsItKeepsItFromBeingStarted() {
     expect_equal "at the installation" "--system daemon-reload" "$(asked)"
 }
 
-# The cases that install need mounts of their own.
+# The cases that install need private mounts.
 if [[ $(type -t "$1") == function && $(declare -f "$1") == *make_copy* ]]; then
     copy_isolate "$0" "$@"
 fi

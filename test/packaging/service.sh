@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # family and daemon are the runner's
-# The service under systemd itself, on the lab's switch: sandboxed, it does its work.
+# The service under a real systemd, on the lab's switch: it works in its sandbox.
 
 here_of_service=$(dirname "${BASH_SOURCE[0]}")
 # shellcheck source=test/packaging/copy.sh
@@ -10,7 +10,7 @@ source "$here_of_service/copy.sh"
 source "$here_of_service/boot.sh"
 
 # start_service [SED_EXPRESSION...]
-# With the unit file so changed.
+# Starts the service, with the unit file changed by the expressions.
 start_service() {
     lab_build
     boot_install "$(dirname "$daemon")/.."
@@ -27,7 +27,7 @@ status_of_daemon() {
     sed -nE "s/^$1:\t+//p" "/proc/$lab_daemon/status"
 }
 
-# Asks the systemd of the switch, whose sockets are in the copy.
+# Sends a request to the switch's systemd, whose sockets are in the copy.
 ask_systemd() {
     nsenter --target "$(boot_init)" --all --root systemctl "$@"
 }
@@ -37,7 +37,7 @@ is_inactive() {
 }
 
 # expect_restarted_after SIGNAL
-# The process is there, and another one than before.
+# Checks that the service's process runs again, with a new PID.
 expect_restarted_after() {
     kill -"$1" "$lab_daemon"
     boot_await_process "$lab_daemon"
@@ -84,7 +84,7 @@ ServiceServesReportsAndIsSandboxed() {
         "$(<"$copy/run/pmtud/pmtud.registered")"
 }
 
-# The same black hole as without the daemon, if only single hosts elsewhere may be sent to.
+# If the unit allows only hosts elsewhere as destinations, the black hole is back.
 ServiceCanSendOnlyWhereItsAddressesAllow() {
     start_service -e '/^IPAddressAllow=/d' \
         -e 's|^IPAddressDeny=.*|&\nIPAddressAllow=192.0.2.0/24|'

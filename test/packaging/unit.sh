@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
-# The systemd unit: how far it shuts the daemon off, and that systemd understands it.
+# The systemd unit: how well it sandboxes the daemon, and that systemd understands it.
 set -euo pipefail
 
 if [[ ${1:-} == --help || $# -ne 3 ]]; then
@@ -15,7 +15,7 @@ source "$(dirname "${BASH_SOURCE[0]}")/expect.sh"
 readonly unit=$2 daemon=$3
 
 # analyze TENTHS
-# systemd-analyze's verdict on the unit, its status 0 up to that many tenths of a point.
+# systemd-analyze's verdict on the unit; the status is 0 up to that many tenths of a point.
 analyze() {
     systemd-analyze security --offline=true --no-pager --threshold="$1" "$unit"
 }
@@ -25,7 +25,7 @@ ExposureIsAtMost17() {
 }
 
 NothingIsOpenButWhatTheWorkTakes() {
-    # Its marks for good and bad depend on the locale; the status is the threshold's.
+    # The marks for good and bad depend on the locale.
     LC_ALL=C.UTF-8 analyze 100 >"$scratch/verdict"
     expect_equal "what is open" "AmbientCapabilities=
 CapabilityBoundingSet=~CAP_NET_(BIND_SERVICE|BROADCAST|RAW)
@@ -41,7 +41,7 @@ RestrictAddressFamilies=~AF_UNIX
 RootDirectory=/RootImage=" "$(sed -nE 's/^✗ +([^ ]+) .*/\1/p' "$scratch/verdict" | LC_ALL=C sort)"
 }
 
-# The daemon is where the build has put it, and not yet where the unit says.
+# The daemon is in the build folder, not yet in the place that the unit names.
 SystemdUnderstandsEveryLine() {
     sed "s|=/usr/sbin/pmtud\$|=$daemon|" "$unit" >"$scratch/pmtud.service"
     grep -Fxq "ExecStart=$daemon" "$scratch/pmtud.service" || fail "it does not start the daemon"

@@ -42,7 +42,7 @@ Bytes changed(Bytes frame, size_t at, uint8_t value) {
     return frame;
 }
 
-// The same, with the checksum over the header as long as IHL says it is.
+// The frame with one byte changed, and the checksum over as much header as IHL gives.
 Bytes changed4(Bytes frame, size_t at, uint8_t value) {
     frame[kIpAt + at] = value;
     packets::seal(&frame[kIpAt]);
@@ -225,7 +225,7 @@ const Kind kAllKinds[] = {
     {"IHL below 5", 4, kUnanswered, [](Forge& f) { return changed4(plain4(f), 0, byte(0x40 | f.below(5))); }},
     {"wrong version", 4, kUnanswered, [](Forge& f) { return changed4(plain4(f), 0, f.oneOf(kWrongVersions4)); }},
     {"claims more than it is", 4, kUnanswered, [](Forge& f) { return withLength4(plain4(f), 1501 + f.below(0xffff - 1500)); }},
-    // The kernel takes a packet to be as long as it says: what follows is padding.
+    // The kernel trusts the length field: the bytes after it are padding.
     {"claims less than it is", 4, kUnanswered, [](Forge& f) { return withLength4(plain4(f), f.below(1281)); }},
     {"header cut short", 4, kUnanswered, [](Forge& f) { return cut(plain4(f), f.below(20)); }},
     {"wrong checksum", 4, kUnanswered, [](Forge& f) { Bytes frame = plain4(f); frame[kIpAt + 10 + f.below(2)] ^= byte(1U << f.below(8)); return frame; }},

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Host A of the soak: sends packets by windows and judges every answer.
+// Host A of the soak: sends packets in windows and judges every answer.
 #ifndef PMTUD_SOAK_HOST_H
 #define PMTUD_SOAK_HOST_H
 
@@ -14,7 +14,7 @@
 
 namespace soak {
 
-/// Who is to answer.  The kernel fills its answers up to 576 and 1,280 bytes; the daemon's are
+/// Who must answer. The kernel fills its answers up to 576 and 1,280 bytes; the daemon's are
 /// 88 bytes for IPv4, and for IPv6 an ICMPv6 message as long as the MTU.
 enum class Answerer { kDaemon, kKernel, kEither };  // either: one of them, once
 
@@ -26,23 +26,23 @@ struct KindFigures {
 class Host {
  public:
     /// Sends and receives on the interface of its own network namespace, and changes the MTU
-    /// of bcm0.20 in the namespace of that path.  Throws std::system_error.
+    /// of bcm0.20 in the namespace of that path. Throws std::system_error.
     Host(uint64_t seed, const char* interface, const char* switchNamespace);
     ~Host();
     Host(const Host&) = delete;
     Host& operator=(const Host&) = delete;
 
-    /// Packets until `count` of those are sent that are to be answered, of the plain kinds
-    /// or of all; each window's answers are awaited, and the missing ones counted.  The rate, in
-    /// packets to be answered per second, is for what must stay within the rules' limits; 0 is
-    /// as fast as possible.
+    /// Sends packets, of the plain kinds or of all, until `count` of those that must be answered
+    /// are sent. Awaits each window's answers and counts the missing ones. The rate, in packets to
+    /// be answered per second, keeps the packets within the rules' limits; 0 is as fast as
+    /// possible.
     void sendAndAwait(uint64_t count, bool allKinds, Answerer answerer, uint64_t rate = 0);
 
-    /// The same with plain packets, and the MTU of bcm0.20 changes at any time.
+    /// The same with plain packets, while the MTU of bcm0.20 changes at any time.
     void sendWhileMtuChanges(uint64_t count);
 
-    /// Plain packets without a pause; answers may be missing.
-    /// The rate is in packets per second, 0 is as fast as possible.
+    /// Sends plain packets without a pause; answers may be missing. The rate is in packets per
+    /// second; 0 is as fast as possible.
     void sendAndForget(uint64_t count, Answerer answerer, uint64_t rate = 0);
 
     /// The following packets are sent from all interfaces in turn, or from the first one alone.

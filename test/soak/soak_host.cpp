@@ -13,7 +13,7 @@
 //   figures                 NAME=VALUE...
 //   kinds                   FAMILY|NAME|SENT|ANSWERED|OUTCOME;...
 //
-// ANSWERER is daemon, kernel or either.  The answer to a command is "ok", or what is asked for.
+// ANSWERER is daemon, kernel or either. The answer to a command is "ok", or what is asked for.
 // What is wrong with an answer is written to standard error and counted as a fault.
 #include <chrono>
 #include <cstdlib>

@@ -24,7 +24,7 @@ namespace {
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-// The number behind the words, where the text holds them.
+// The number after the words, if the text contains them.
 std::optional<uint64_t> numberBehind(std::string_view text, std::string_view words) {
     const size_t at = text.find(words);
     if (at == text.npos) return std::nullopt;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The lab's system log: reads /dev/log and counts what the daemon says.
+// The lab's system log: reads /dev/log and counts what the daemon logs.
 #ifndef PMTUD_SOAK_SYSTEM_LOG_H
 #define PMTUD_SOAK_SYSTEM_LOG_H
 
@@ -27,8 +27,8 @@ class SystemLog {
         std::atomic<uint64_t> others{0};        ///< lines of the platform of any other kind
     };
 
-    /// Makes /dev/log and starts to read it; throws std::system_error.  Lines of the
-    /// platform that are not counted are written to standard error, each text once.
+    /// Creates /dev/log and starts to read it; throws std::system_error. Writes the platform's
+    /// lines that are not counted to standard error, each text once.
     SystemLog();
     ~SystemLog();
     SystemLog(const SystemLog&) = delete;
@@ -36,7 +36,7 @@ class SystemLog {
 
     const Counts& counts() const { return m_counts; }
 
-    /// Whether lines are read; while they are not, the daemon soon finds no room for more.
+    /// Whether lines are read. While they are not, the log soon accepts no more.
     void setReading(bool reading);
 
  private:

@@ -53,7 +53,7 @@ class CapturedLog {
     size_t m_size = 0;
 };
 
-/// The log's text cut behind each CR LF.
+/// The log's text, cut after each CR LF.
 inline std::vector<std::string> linesOf(const std::string& text) {
     std::vector<std::string> lines;
     for (size_t begin = 0; begin < text.size();) {

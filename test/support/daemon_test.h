@@ -33,7 +33,7 @@ Lines logAt(int32_t level, Work work) {
     return linesOf(log.text());
 }
 
-/// The name of a case in a table: what its member `name` says.
+/// The name of a case in a table: its member `name`.
 constexpr auto kCaseName = [](const auto& instance) { return std::string(instance.param.name); };
 
 /// Starts each test with fakes that have seen nothing, at 14:03:07.245.

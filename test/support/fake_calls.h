@@ -17,8 +17,8 @@ struct Failure {
     int error = 0;
 };
 
-/// A fake has been called.  `entry` is what the journal (journal.h) or the scripted daemon's log
-/// shows; empty: nothing.  May throw.
+/// A fake has been called. `entry` is what the journal (journal.h) or the scripted daemon's log
+/// shows; empty: nothing. May throw.
 /// @return how the call is to fail, if it is
 std::optional<Failure> made(const char* call, const std::string& entry);
 

@@ -104,7 +104,7 @@ struct tm* __wrap_localtime_r(const time_t* seconds, struct tm* result) {
     const Paused paused;
     if (fake::made("localtime_r", "") || fake::clock().localtimeFails) return nullptr;
     gmtime_r(seconds, result);
-    // A leap second, which has no number of its own.
+    // A leap second, which shares its number with the second before it.
     if (*seconds == fake::clockSeconds()) {
         result->tm_hour = fake::clock().hour;
         result->tm_min = fake::clock().minute;

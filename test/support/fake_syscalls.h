@@ -21,7 +21,7 @@ struct SentMessage {
     unsigned addressLength;
 };
 
-/// What the network's calls answer, and what they saw.  None reaches the kernel.
+/// What the network's calls answer, and what they saw. None reaches the kernel.
 struct Syscalls {
     std::function<int()> socket = [] { return 404; };
     std::function<int()> setsockopt = [] { return 0; };
@@ -34,7 +34,7 @@ struct Syscalls {
 
     /// In order: "socket(2, 3, 1)", "setsockopt(404, 0, 2, [64], 1)" (value bytes, length),
     /// "sendto(404, 68 bytes, 0, 16)" (flags, address length), "close(404)",
-    /// "if_nametoindex(\"bcm0.20\")".  The journal shows address and bytes of a message as well.
+    /// "if_nametoindex(\"bcm0.20\")". The journal shows address and bytes of a message as well.
     std::vector<std::string> calls;
     std::vector<SentMessage> sent;
 };

@@ -17,7 +17,7 @@ class Random {
     explicit Random(uint32_t seed) : m_engine(seed) {}
 
     uint32_t number() { return static_cast<uint32_t>(m_engine()); }
-    /// 0 to limit - 1.  The standard leaves to the library how its distributions come by it.
+    /// 0 to limit - 1. The standard leaves to the library how its distributions come by it.
     uint32_t below(uint32_t limit) { return number() % limit; }
     bool once(uint32_t count) { return below(count) == 0; }
     uint8_t byte() { return static_cast<uint8_t>(below(256)); }

@@ -20,13 +20,13 @@ struct Answer {
     std::span<const uint8_t> source;  ///< of the answer
     std::span<const uint8_t> destination;
     std::span<const uint8_t> quote;  ///< of the packet that it answers, from its IP header on
-    /// The ICMP checksum is folded once, and the carry of that is not added back, as RFC 1071
-    /// section 4.1 would have it.  The daemon does so on purpose.
+    /// The ICMP checksum was folded only once, and the carry of that fold was dropped, whereas RFC
+    /// 1071 section 4.1 adds it back. The daemon does so intentionally.
     bool carryDropped = false;
     std::string problem;  ///< what is wrong with the message itself; empty: nothing
 };
 
-/// Nothing for a frame that is no path-MTU answer.  The views are into the frame.
+/// Nothing if the frame is not a path-MTU answer. The views point into the frame.
 std::optional<Answer> readAnswer(std::span<const uint8_t> frame);
 
 }  // namespace packets

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # family and daemon are the runner's
-# What a person sees of the daemon from end to end: answers, transfers, its log, and its refusals.
+# What a person sees of the daemon, end to end: answers, transfers, its log, and failed starts.
 
 LargePacketIsAnsweredAndTheAnswerLogged() {
     lab_build
@@ -48,7 +48,7 @@ StalledTcpTransferGoesOnOnceTheDaemonRuns() {
     expect_equal "what host b received" "$(sha256sum <"$lab_sent")" "$(sha256sum <"$lab_received")"
 }
 
-# lab_serves' opposite, for a condition.
+# The opposite of lab_serves, for use as a condition.
 does_not_serve() {
     ! lab_serves "$@"
 }
@@ -83,14 +83,14 @@ name_vlan() {
 }
 
 # expect_answer_of LENGTH
-# The daemon's and the kernel's differ in their lengths: the kernel fills its own up (RFC 1812
+# The length shows whether the daemon or the kernel answered: the kernel fills its answers up (RFC 1812
 # section 4.3.2.3; RFC 4443 section 2.4(c)).
 expect_answer_of() {
     await_errors
     expect_match "the answer" "\(?mtu 1400\)?, length $1\$" "$(errors)"
 }
 
-# Sends small packets to host b until it is told to stop; each must come back.
+# Sends small packets to host b until the file "stop" exists; each must be answered.
 send_without_loss() {
     while [[ ! -e $LAB_FILES/stop ]]; do
         lab_on a ping -q -c 100 -i 0.01 -W 10 -n "$(destination)" >>"$LAB_FILES/traffic"
@@ -154,7 +154,7 @@ EgressThatIsDownIsTheKernelsToAnswerAndServedOnceItIsUp() {
     expect_equal "system log" "" "$(lab_syslog)"
     ip -n switch link set bcm0.20 up
     expect "the link" lab_within 5 lab_has_carrier switch bcm0.20
-    # Its IPv6 address went with the link.
+    # It lost its IPv6 address when the link went down.
     ip -n switch address replace 2001:db8:20::1/64 dev bcm0.20 nodad
     expect_answered_with 1400 1500
     expect_equal "standard error" "" "$(said)"

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # family is the runner's
-# What the end-to-end cases expect, and the packets that they send.
+# Checks for the end-to-end cases, and the packets that they send.
 
 fail() {
     echo "FAILED: $1" >&2
@@ -39,7 +39,7 @@ expect_match() {
     fi
 }
 
-# What it wrote to standard error, without the time at the start and CR at the end of each line.
+# What the daemon wrote to standard error, without each line's time and CR.
 said() {
     sed -E -e 's/^[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9] //' -e 's/\r$//' "$lab_daemon_output"
 }
@@ -67,19 +67,20 @@ destination() {
 }
 
 # ping_size SIZE [OPTION...]
-# Sends host b one echo request whose whole packet has that size and must not be fragmented;
-# writes what ping prints.  It waits long only if nothing comes back.
+# Sends host b one echo request whose whole packet has that size and must not be fragmented, and prints
+# ping's output. Waits long only if nothing comes back.
 ping_size() {
     local -r size=$1
     shift
     local status=0
     lab_on a ping -c 1 -W 10 -n -M "do" -s $((size - $(by_family 28 48))) "$@" "$(destination)" \
         2>&1 || status=$?
-    # 1: no echo reply; more: it could not be sent.
+    # 1: no echo reply; more: ping itself failed.
     ((status <= 1)) || fail "ping: status $status"
 }
 
-# Also if host a has learned the MTU already.
+# expect_answered_with MTU SIZE
+# Works even if host a has already learned the MTU.
 expect_answered_with() {
     local -r mtu=$1 size=$2
     ip -n a "-$family" route flush cache
@@ -94,7 +95,7 @@ start_capture() {
     lab_start_capture "$capture_of_case"
 }
 
-# The path-MTU errors that host a got.
+# The path-MTU errors that host a received.
 errors() {
     lab_captured 'icmp[icmptype] == icmp-unreach or icmp6[icmp6type] == icmp6-packettoobig'
 }

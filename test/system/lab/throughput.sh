@@ -1,11 +1,12 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # family and daemon are the runner's
-# That forwarding goes on at its speed; script/bench measures by how much.
+# Checks that forwarding does not take several times as long with the daemon; script/bench measures how
+# much longer it takes.
 
 readonly bulk=$((100 << 20))
 
-# Sends host b 100 MiB; the time that takes, in microseconds, is in bulk_time.
+# Sends host b 100 MiB; bulk_time is the time that this takes, in microseconds.
 transfer_bulk() {
     local -r port=$((6000 + (bulk_transfers += 1)))
     ip netns exec b socat -u -b 1048576 "TCP$family-LISTEN:$port" "CREATE:$LAB_FILES/bulk" &
@@ -21,7 +22,7 @@ transfer_bulk() {
 }
 bulk_transfers=0
 
-# The best of three: a busy machine delays single ones.
+# The best of three, because a busy machine delays single transfers.
 best_of_three() {
     best=
     for _ in 1 2 3; do
@@ -31,7 +32,7 @@ best_of_three() {
 }
 
 # build_with_offloads INGRESS_MTU EGRESS_MTU
-# A sender's packets are then up to 64 KiB long: the kernel cuts them when they leave.
+# Then a sender's packets are up to 64 KiB long; the kernel segments them when they leave.
 build_with_offloads() {
     # shellcheck disable=SC2034  # lab/network.sh reads it
     lab_like_wire=false

@@ -13,7 +13,7 @@ has_request() {
     [[ -n $(lab_captured 'icmp[icmptype] == icmp-echo or icmp6[icmp6type] == icmp6-echo') ]]
 }
 
-# The packet that vanished in the black hole, as the switch's queue would hand it over.
+# A script with the packet that vanished in the black hole, as a switch's queue would deliver it.
 script_of_frame() {
     local ether_type sent
     ether_type=$(by_family 0800 86dd)
@@ -31,7 +31,7 @@ END
 answer_by_target() {
     lab_build
     start_capture
-    # It still waits when the reply comes: an error about a socket that is gone teaches IPv4 nothing.
+    # ping must still wait when the reply comes: from an error about a closed socket, IPv4 learns nothing.
     ping_size 1500 -W 30 >"$LAB_FILES/ping" &
     expect "host a's request is captured" lab_within 5 has_request
     script_of_frame >"$LAB_FILES/script"
@@ -62,7 +62,7 @@ ReplyOfTheTargetIsDecodedWithoutAFault() {
     answer_by_target
     lab_stop_capture
     local -r reply='icmp.type == 3 || icmpv6.type == 2'
-    # 1 is tshark's "good"; the first of each is the reply's own, those behind it are the quote's.
+    # 1 is tshark's "good". The first value of each field is the reply's, the others are the quote's.
     expect_equal "type, code, MTU and checksum" \
         "$(by_family '3,4,1400,1' '2,0,1400,1')" \
         "$(decoded "$reply" -T fields -E separator=, -E occurrence=f "$(by_family \

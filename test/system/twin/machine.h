@@ -11,7 +11,7 @@
 namespace twin {
 
 /// Moves the process into private mount and network namespaces, with an empty /run and a /dev
-/// without the machine's sockets.  Throws std::system_error if that is not allowed.
+/// without the machine's sockets. Throws std::system_error if that is not allowed.
 void isolate();
 
 /// A network namespace that `ip` knows by its name; it ends with the object.

@@ -13,7 +13,7 @@ namespace twin {
 
 using packets::Bytes;
 
-/// A "too big" message: who was told what about which packet.  Its length, and what it quotes
+/// A "too big" message: who was told what about which packet. Its length, and what it quotes
 /// beyond the first eight bytes after the IP header, are its sender's choice.
 ///
 /// Any other frame: all its bytes, except those that the kernel chooses at random.
@@ -30,7 +30,7 @@ struct Ignored {
 };
 
 /// Nothing for what a router sends unasked, neighbour discovery and group membership, nor for
-/// IPv4's "net unreachable" and "host unreachable", which the kernel limits by time.  Nothing for
+/// IPv4's "net unreachable" and "host unreachable", which the kernel limits by time. Nothing for
 /// the later fragments of an ICMPv6 message either.
 std::optional<Observation> observe(const std::string& host, const Bytes& frame, Ignored ignored);
 

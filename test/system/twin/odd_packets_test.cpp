@@ -19,9 +19,9 @@ v4 size=1400|1500 options=148.4.0*2|7.40.4.0|7.2.0*2|68.4.2.0|254.0*3|0*4|134.4.
     // An answer of the daemon's would quote all of this header and nothing that follows it.
     {"RecordedRouteOfTheLargestHeaderIsTheKernelsToAnswer", 1, "v4 options=7.39.4.0*37 kernel"},
     // Hop-by-hop: padding; router alert; a jumbo payload that lies; unknown options to skip, to
-    // discard, to tell of; longer than the packet.  Destination options: padding, unknown,
-    // endless.  Routing: of type 253 and 0.  Two headers.  The only fragment.  Authentication.
-    // ICMPv6 after options.  No next header.  An unknown one.
+    // discard, to tell of; longer than the packet. Destination options: padding, unknown,
+    // endless. Routing: of type 253 and 0. Two headers. The only fragment. Authentication.
+    // ICMPv6 after options. No next header. An unknown one.
     {"Ipv6ExtensionHeaders", 13,
      R"(v6 size=1400|1500 headers=0:17.0.1.4.0*4|0:17.0.5.2.0*2.1.0|0:17.0.194.4.0.1.0*2
 v6 size=1400|1500 headers=0:17.0.62.4.0*4|0:17.0.126.4.0*4|0:17.0.190.4.0*4|0:17.255.1.4.0*4
@@ -57,7 +57,7 @@ v6 icmp=1|2|3|4|100|127|128|129|137|139|255 headers=60:58.0.1.4.0*4)"},
      R"(v4 from=0.0.0.0|0.1.2.3|127.0.0.1|224.0.0.1|239.255.255.250|240.0.0.1|255.255.255.255|10.0|169.254.1.1
 v4 from=10.255|20.255 kernel
 v6 from=::|::1|ff02::1|ff0e::1|fe80::1|::ffff:10.0.10.2|2001:db8:10::|10.ffff)"},
-    // The kernel sends its message twice within the router, once for the router itself.  The
+    // The kernel sends its message twice within the router, once for the router itself. The
     // daemon's answer is refused; neither may make the daemon resign, or tell anyone twice.
     {"BroadcastSourcesDoNotKeepOthersFromBeingTold", 9,
      R"(v4 from=10.255 kernel

@@ -35,7 +35,7 @@ class RandomRouter {
     Value oneOf(std::initializer_list<Value> values) {
         return *(values.begin() + below(values.size()));
     }
-    /// One in so many routers has it.
+    /// Adds the line to one router in `number`.
     void maybe(size_t number, const std::string& line);
 
     void configure();

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// More packets than the daemon takes: every sender is told once, by someone.
+// More packets than the limits leave to the daemon: every sender is told once, by either side.
 #include "twin_fixture.h"
 
 namespace twin {

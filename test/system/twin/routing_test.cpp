@@ -53,7 +53,7 @@ v6 from=2001:db8:900::1)"},
       {"ByMark", 2, {kMark, "fwmark 5", "fwmark 5", ""}},
       {"ByPort", 2, {"", "ipproto udp dport 5003", "ipproto udp dport 5003", ""}},
       {"ByDscp", 2, {"", "tos 0x10 iif bcm0.10", "tos 0x10 iif bcm0.10", ""}}}},
-    // The packets that match do not fit where they go, but would where they do not go.  A lookup by
+    // The packets that match do not fit where they go, but would where they do not go. A lookup by
     // addresses, mark and class of service knows neither port nor ingress.
     {"PacketsRoutedToASmallerVlan",
      4,

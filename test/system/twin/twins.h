@@ -5,9 +5,9 @@
 //   10.0.10.2-9, .50-.59         the router     bcm0.30 ─── c  02:00:00:00:30:02
 //   2001:db8:10::2-9, ::50-::59
 //
-// VLAN N of the router is 10.0.N.1/24 and 2001:db8:N::1/64, its MAC 02:00:00:00:N:01.  The hosts
+// VLAN N of the router is 10.0.N.1/24 and 2001:db8:N::1/64, its MAC 02:00:00:00:N:01. The hosts
 // are bare interfaces without a protocol stack: frames go out as written, and whatever comes in
-// is compared.  Two more VLANs carry only the fences, each a packet whose answer is awaited.
+// is compared. Two more VLANs carry only the fences, each a packet whose answer is awaited.
 #ifndef PMTUD_TWIN_TWINS_H
 #define PMTUD_TWIN_TWINS_H
 
@@ -131,7 +131,7 @@ class Twins {
     void ignoreAnswerSource();
     void ignoreAnswerHost();
 
-    /// Add to what both are fed.  What `send` returns is the packet's serial number, in IPv4's
+    /// Add to what both are fed. What `send` returns is the packet's serial number, in IPv4's
     /// identification and IPv6's flow label.
     uint32_t send(Ipv4 packet, const How& how = {});
     uint32_t send(Ipv6 packet, const How& how = {});

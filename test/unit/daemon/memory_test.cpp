@@ -50,8 +50,8 @@ constexpr Shortage kShortages[] = {
 
 class AFrameAtWarning : public run::Daemon, public testing::WithParamInterface<const Frame*> {
  protected:
-    /// Whether a frame's journal without memory is one that may be.  A stream keeps to itself
-    /// that its buffer cannot grow: the line is what fitted, and the frame goes on.
+    /// Whether a frame's journal is possible when memory runs out. A stream does not report that
+    /// its buffer cannot grow: the line is cut to what fitted, and the frame is handled further.
     bool mayBe(const Lines& journal) const {
         Lines cutFirst = whole;
         cutFirst.at(0) = "89 PMTUD-Prot: Re";

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The daemon's objects, the frames that they are given, and what run.golden says of each frame.
+// The daemon's objects, the frames that they are given, and each frame's entries in run.golden.
 #include "run.h"
 
 #include <algorithm>
@@ -72,7 +72,7 @@ uint32_t mtuOf(int vlan) {
 }
 
 /// The sections of run.golden by their titles, in entries as the journal has them: a line of the
-/// file channel goes on up to its CR LF.
+/// file channel extends to its CR LF.
 std::map<std::string, Lines> readGolden() {
     std::ifstream file(PMTUD_GOLDEN_FILE, std::ios::binary);
     std::map<std::string, Lines> sections;

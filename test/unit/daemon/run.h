@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The daemon's objects, the frames that they are given, and what run.golden says of each frame.
+// The daemon's objects, the frames that they are given, and each frame's entries in run.golden.
 #ifndef PMTUD_TEST_RUN_H
 #define PMTUD_TEST_RUN_H
 
@@ -33,15 +33,15 @@ inline const Frame& ipv6() { return frames()[1]; }
 
 st_pktd_shm_queue_entry_data_t recordOf(const Frame& frame);
 
-/// What run.golden says of this frame: all that leaves the daemon at its threshold.
+/// This frame's entries in run.golden: everything that leaves the daemon at its threshold.
 const Lines& golden(const std::string& title);
 inline const Lines& golden(const Frame& frame) { return golden(frame.title); }
 
-/// The same at WARNING: all but the lines of the file channel.
+/// The same at WARNING: without the lines of the file channel.
 Lines goldenAtWarning(const Frame& frame);
 
-/// Up to the first entry that begins like this, and with it; throws std::out_of_range if there is
-/// none.
+/// The entries up to and including the first that begins like this; throws std::out_of_range if
+/// there is none.
 Lines upTo(const Lines& lines, const std::string& beginning);
 
 /// Without the first entry that begins like this; throws std::out_of_range if there is none.
@@ -53,7 +53,7 @@ class Daemon : public testing::Test {
     Daemon();
     ~Daemon() override;
 
-    /// Has the queue deliver the frame.  The journal ends with "verdict 7" or, if an exception
+    /// Has the queue deliver the frame. The journal ends with "verdict 7" or, if an exception
     /// leaves the callback, with "throws " and its text.
     static void receive(Journal& journal, const Frame& frame);
     static void receive(Journal& journal, const Frame& frame,

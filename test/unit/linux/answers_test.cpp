@@ -66,7 +66,7 @@ void blockOutput() {
 
 class Answers : public World {
  protected:
-    // Sends a packet under the number; the next answer must be to it.  Its MTU.
+    // Sends a packet under the number; the next answer must be to it. Its MTU.
     size_t answerTo(Capture& atA, uint16_t identification) {
         send(numbered(identification));
         const Bytes answer = atA.next(isTooBig4);

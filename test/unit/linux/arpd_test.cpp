@@ -30,7 +30,7 @@ sockaddr_in6 destination(const char* text) {
     return to;
 }
 
-// A Packet Too Big of so many bytes, with the MTU 1,280 and no checksum.
+// A Packet Too Big message of that many bytes, with the MTU 1,280 and no checksum.
 Bytes packetTooBig(size_t size) {
     return Bytes{2, 0, 0, 0, 0x00, 0x00, 0x05, 0x00} + Bytes(size - 8, 0x5a);
 }

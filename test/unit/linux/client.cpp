@@ -34,7 +34,7 @@ constexpr size_t kLargestFrame = 65593;
 constexpr char kAskCount = 'c';
 constexpr char kAskGate = 'g';
 
-// One datagram from the process: the results of the two calls, or a frame behind this.
+// One datagram from the process: the results of the two calls, or this followed by a frame.
 struct Report {
     int attached = 0;
     int started = 0;
@@ -60,7 +60,7 @@ void report(const Report& head, const uint8_t* frame, size_t size) {
     if (sendmsg(channel, &message, MSG_NOSIGNAL) < 0) _exit(1);
 }
 
-// "Too big" with the client's own MTU and the frame's IP header, to the frame's source.  What the
+// "Too big" with the client's own MTU and the frame's IP header, to the frame's source. What the
 // kernel does with it is the test's matter; it fills in the checksum of the second one.
 void answer(const uint8_t* frame) {
     const uint8_t* const packet = frame + 18;

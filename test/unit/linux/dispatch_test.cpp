@@ -32,7 +32,7 @@ class Dispatch : public World {
         EXPECT_EQ(+delivered.control.egress, indexOf("bcm0.20"));
     }
 
-    // The packet as it comes out of prerouting: the kernel lowers the TTL behind it.
+    // The packet as it leaves prerouting: the kernel lowers the TTL only later.
     template <typename Packet>
     void expectDelivery(Client& client, const Packet& sent, uint16_t type) {
         send(packet(sent));

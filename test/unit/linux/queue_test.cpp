@@ -46,7 +46,7 @@ const std::string kIgnored =
     "89 PMTUD-Linux: log group 89: ignored messages that this table did not log: ";
 const std::string kLost = "89 PMTUD-Linux: the receive queue overran, messages lost: ";
 
-// More than the socket holds.  Other rules' messages are not policed; the kernel does not trim
+// More than the socket holds. Other rules' messages are not policed; the kernel does not trim
 // the buffers of long ones.
 constexpr unsigned long long kFlood = 9000;
 
@@ -97,7 +97,7 @@ TEST_F(Queue, CountsWhatItLostWhenItOverran) {
     EXPECT_GT(missing, 0U);
     EXPECT_EQ(seen + missing, kFlood);
 
-    // It goes on as before, without another line.
+    // It continues as before, without another line.
     client.next();
     client.next();
     sendFence();
@@ -126,7 +126,7 @@ TEST_F(Queue, LogsALossOnceTheLogAcceptsIt) {
     EXPECT_EQ(seen + missing, kFlood);
 }
 
-// The mark names the VLAN; what this table does not log keeps its own, or none.  A mark of no VLAN
+// The mark names the VLAN; what this table does not log keeps its own, or none. A mark of no VLAN
 // does not make a message this table's.
 TEST_F(Queue, IgnoresAndCountsWhatRulesOfOthersLogToTheGroup) {
     LogDaemon log;

@@ -90,7 +90,7 @@ TEST_F(AllVlans, LeaveLittleOfTheMemoryThatTheirRulesTook) {
 }
 #endif
 
-// Each MTU has maps and chains of its own.
+// Each MTU has its own maps and chains.
 TEST_F(AllVlans, MayAllHaveDifferentMtus) {
     std::ofstream batch("/run/all-mtus");
     for (int vlan = 1; vlan <= 4094; ++vlan)

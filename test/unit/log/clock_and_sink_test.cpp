@@ -48,7 +48,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Time{"ALeapSecond", {23, 59, 60, 500000}, "23:59:60.5"}),
     daemon_test::kCaseName);
 
-/// The fakes' second changes between the two readings, which are not taken together.  The
+/// The fakes' second changes between the two readings, which are not taken together. The
 /// stream's own lock keeps lines of two threads apart, so a line must be one call.
 TEST_F(TheLog, ReadsSecondsThenMillisecondsAndWritesALineAtOnceAndFlushesIt) {
     Journal journal(qv::WARNING, true);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The gate of a statement: before everything else, and invisible where the statement stands.
+// The level check of a statement: it precedes everything else, and does not change what surrounds
+// the statement.
 #include <gtest/gtest.h>
 
 #include <algorithm>

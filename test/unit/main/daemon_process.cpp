@@ -44,7 +44,7 @@ int memoryFile(const std::string& content) {
     return fd;
 }
 
-/// The program and its arguments, behind the emulator that it needs on this machine, if any.
+/// The program and its arguments, preceded by the emulator that it needs on this machine, if any.
 std::vector<std::string> commandLine(const std::vector<std::string>& arguments) {
     std::vector<std::string> command;
     std::istringstream emulator(PMTUD_TEST_EMULATOR);
@@ -54,7 +54,7 @@ std::vector<std::string> commandLine(const std::vector<std::string>& arguments) 
     return command;
 }
 
-/// Does not return.  What the daemon may change or keep is set to a known state before.
+/// Does not return. What the daemon may change or keep is set to a known state before.
 void becomeDaemon(const Start& start, int script, int log, int standardOutput) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     const rlimit noCore{0, 0};

@@ -20,7 +20,7 @@ struct Start {
     mode_t umask = 022;
 };
 
-/// The script with these statements in which the clock stands at 14:03:07.245.
+/// A start with a script of these statements, in which the clock is fixed at 14:03:07.245.
 Start play(const std::string& statements);
 
 /// How it ended: "exit status 1", "signal 15".
@@ -42,22 +42,22 @@ class DaemonProcess {
 
     pid_t pid() const { return m_pid; }
 
-    /// What came since the last call, up to this line and with it: the daemon's log lines and the
-    /// platform's record of its calls, in the order in which they were made.  A failure of the
-    /// test if the line has not come after half a minute.
+    /// The lines since the last call, up to and including this one: the daemon's log lines and the
+    /// platform's record of its calls, in their order. The test fails if the line has not come
+    /// after half a minute.
     std::string logUntil(const std::string& line);
 
     void signal(int number) const;
 
-    /// Waits until it ends by itself, or by the signal that was sent.  A failure of the test if
-    /// it has not after half a minute.
+    /// Waits until it ends by itself, or by the signal that was sent. The test fails if it has not
+    /// ended after half a minute.
     Ending ending();
 
     bool isRunning() const;
     std::string standardOutput() const;
 
  private:
-    /// Appends what comes to m_unread.  False: nothing will come any more, or not in time.
+    /// Appends what comes to m_unread. False: nothing will come any more, or not in time.
     bool read(int64_t deadline);
 
     pid_t m_pid = -1;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Namespaces of the test process's own, so that a daemon under test finds a machine to itself.
+// Private namespaces for the test process, so that a daemon under test has a machine to itself.
 #ifndef PMTUD_TEST_PRIVATE_MACHINE_H
 #define PMTUD_TEST_PRIVATE_MACHINE_H
 
@@ -7,8 +7,8 @@
 
 #include <string>
 
-/// Moves the test process into mount and network namespaces of its own, with nothing in /run.
-/// Throws std::system_error where that is not allowed: the test must not go on without.
+/// Moves the test process into new mount and network namespaces, with nothing in /run. Throws
+/// std::system_error if that is not allowed: the test must not continue without them.
 void enterPrivateMachine();
 
 void makeRunReadOnly();

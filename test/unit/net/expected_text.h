@@ -11,7 +11,7 @@
 namespace expected {
 
 /// What printf would write of this, up to 4,095 characters.
-// Variadic, so that the compiler checks the arguments.  NOLINTNEXTLINE(cert-dcl50-cpp)
+// Variadic, so that the compiler checks the arguments. NOLINTNEXTLINE(cert-dcl50-cpp)
 __attribute__((format(printf, 1, 2))) inline std::string text(const char* format, ...) {
     std::array<char, 4096> buffer;
     va_list arguments;

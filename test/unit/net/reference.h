@@ -43,8 +43,8 @@ inline std::string shortMac(const uint8_t* b) {
 
 inline std::string ipv4(const uint8_t* b) { return text("%u.%u.%u.%u", b[0], b[1], b[2], b[3]); }
 
-/// As inet_ntop of glibc: the first longest run of two or more zero groups is "::", and the
-/// last four bytes behind only zeros, or behind zeros and ffff, are written as of IPv4.
+/// As glibc's inet_ntop: the first longest run of two or more zero groups is "::", and the last
+/// four bytes after only zeros, or after zeros and ffff, are written as an IPv4 address.
 inline std::string ipv6(const uint8_t* b) {
     std::array<unsigned, 8> groups{};
     for (size_t i = 0; i < 8; ++i) groups[i] = b[2 * i] * 256U + b[2 * i + 1];

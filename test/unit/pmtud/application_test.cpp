@@ -34,7 +34,7 @@ static_assert(std::is_same_v<decltype(Fields::logId(std::declval<PMTUDApp&>())),
 static_assert(std::is_same_v<decltype(Fields::logName(std::declval<PMTUDApp&>())), std::string&>);
 static_assert(sizeof(Fields::spare(std::declval<PMTUDApp&>())) == 12);
 
-/// An adapter whose init answers what the test says.
+/// An adapter whose init returns what the test sets.
 class ScriptedAdapter : public SHM_Wrapper {
  public:
     bool init() override {

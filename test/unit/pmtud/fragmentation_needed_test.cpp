@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Tests of the IPv4 reply: its message, and what does not keep it from being sent.  The lines and
+// Tests of the IPv4 reply: its message, and what does not keep it from being sent. The lines and
 // calls of the whole path, and its failures, are in unit/daemon.
 #include "engine_test.h"
 

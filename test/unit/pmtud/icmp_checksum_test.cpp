@@ -51,7 +51,7 @@ INSTANTIATE_TEST_SUITE_P(
         Sum{"WordsInOneOrder", {0x00, 0x02, 0xff, 0xff, 0xff, 0xfe}, 6, 0xffff},
         Sum{"WordsInAnotherOrder", {0xff, 0xfe, 0x00, 0x02, 0xff, 0xff}, 6, 0xffff},
         // An odd length adds the last byte and the next, shifted by 8: 0102 + (0304 << 8) = 30502,
-        // folded 0505.  RFC 1071 pads with a zero byte: FBFD.
+        // folded 0505. RFC 1071 pads with a zero byte: FBFD.
         Sum{"ThreeBytesAndTheNext", {0x01, 0x02, 0x03, 0x04}, 3, 0xfafa},
         // AB00 << 8 = AB0000, folded 00AB; ABCD << 8 = ABCD00, folded CD00 + AB = CDAB.
         Sum{"OneByteBeforeZero", {0xab, 0x00}, 1, 0xff54},

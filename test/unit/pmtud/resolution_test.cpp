@@ -87,7 +87,7 @@ TEST_P(ResolutionTest, HasAChangedMtuInForceFromTheNextFrameOn) {
     EXPECT_FALSE(handleOne());
 }
 
-// Which answers are valid.  Some of the others are valid in their low 12, 16 or 31 bits.
+// Which answers are valid. Some of the others are valid in their low 12, 16 or 31 bits.
 
 class AnswerTest : public EngineTest, public testing::WithParamInterface<Family> {
  protected:

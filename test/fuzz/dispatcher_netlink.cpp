@@ -22,7 +22,7 @@ enum class Sender { kKernel, kProcess, kNobody };
 // Where a receive call puts the datagram and who has sent it.
 struct Room {
     void* buffer;
-    std::size_t size;
+    size_t size;
     sockaddr* address;
     socklen_t* addressSize;
 

@@ -57,7 +57,7 @@ void World::drawDatagram(mmsghdr& header) {
         if (left > 0) datagram.resize(Netlink::aligned(datagram.size()));
     }
     msghdr& how = header.msg_hdr;
-    const std::size_t taken = std::min(datagram.size(), how.msg_iov[0].iov_len);
+    const size_t taken = std::min(datagram.size(), how.msg_iov[0].iov_len);
     datagram.resize(std::min(Netlink::aligned(taken), how.msg_iov[0].iov_len));
     std::copy(datagram.begin(), datagram.end(), static_cast<uint8_t*>(how.msg_iov[0].iov_base));
     header.msg_len = static_cast<unsigned>(taken);
@@ -84,7 +84,7 @@ void World::drawDatagram(mmsghdr& header) {
 // What becomes of withdrawn messages.
 
 int World::handOver(const st_pktd_shm_queue_entry_data_t& record, const uint8_t* frame,
-                    std::size_t size) {
+                    size_t size) {
     finishCurrent();
     require(!m_expected.empty(), "only refused packets are handed over, and once");
     m_current = std::move(m_expected.front());
@@ -208,7 +208,7 @@ void World::takeLine(Priority priority, const std::string& line) {
         const std::string number = line.substr(strlen(known->start));
         require(number.find_first_not_of("0123456789") == number.npos && number != "0", "a count");
         if (!logIsDown)
-            m_logged[static_cast<std::size_t>(known->count)] +=
+            m_logged[static_cast<size_t>(known->count)] +=
                 std::strtoull(number.c_str(), nullptr, 10);
     } else if (line.starts_with("the verdict ")) {
         require(m_linesOfVerdict.insert(line).second, "a verdict is logged once");

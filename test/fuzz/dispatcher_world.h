@@ -71,8 +71,7 @@ class World {
     int overruns = 0;
 
     // What becomes of withdrawn messages.
-    int handOver(const st_pktd_shm_queue_entry_data_t& record, const uint8_t* frame,
-                 std::size_t size);
+    int handOver(const st_pktd_shm_queue_entry_data_t& record, const uint8_t* frame, size_t size);
     void readCounter(std::optional<uint64_t> reading);
     const Withdrawn& givenBack();
     void send(bool isNear, bool succeeds);

@@ -19,7 +19,7 @@ namespace fuzz {
 class GuardedMemory {
  public:
     /// For up to `capacity` bytes.
-    explicit GuardedMemory(std::size_t capacity)
+    explicit GuardedMemory(size_t capacity)
         : m_size((capacity + m_page - 1) / m_page * m_page),
           m_start(mmap(nullptr, m_size + m_page, PROT_READ | PROT_WRITE,
                        MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) {
@@ -31,10 +31,10 @@ class GuardedMemory {
     ~GuardedMemory() { munmap(m_start, m_size + m_page); }
 
     /// `size` bytes that end at the guard: as many of `bytes` as go in, then `filler`.
-    uint8_t* place(Span bytes, std::size_t size, uint8_t filler = 0) {
+    uint8_t* place(Span bytes, size_t size, uint8_t filler = 0) {
         require(size <= m_size, "guarded memory holds what is placed in it");
         uint8_t* const start = end() - size;
-        const std::size_t known = std::min(size, bytes.size());
+        const size_t known = std::min(size, bytes.size());
         if (known != 0) memcpy(start, bytes.data(), known);
         if (known != size) memset(start + known, filler, size - known);
         return start;
@@ -43,8 +43,8 @@ class GuardedMemory {
  private:
     uint8_t* end() const { return static_cast<uint8_t*>(m_start) + m_size; }
 
-    std::size_t m_page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-    std::size_t m_size;
+    size_t m_page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    size_t m_size;
     void* m_start;
 };
 

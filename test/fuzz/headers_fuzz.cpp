@@ -19,10 +19,10 @@ using fuzz::Span;
 
 namespace {
 
-constexpr std::size_t kLargestIpv6Packet = 40 + 65535;
+constexpr size_t kLargestIpv6Packet = 40 + 65535;
 
 /// printf takes long over a large dump; there, only the bytes' part of it is compared.
-constexpr std::size_t kLargestForPrintf = 128;
+constexpr size_t kLargestForPrintf = 128;
 
 GuardedMemory& memory() {
     static GuardedMemory guarded(kLargestIpv6Packet);
@@ -36,9 +36,9 @@ std::string inserted(const View& view) {
     return os.str();
 }
 
-bool isHexOf(const char* text, const uint8_t* bytes, std::size_t count) {
+bool isHexOf(const char* text, const uint8_t* bytes, size_t count) {
     constexpr char kDigits[] = "0123456789abcdef";
-    for (std::size_t i = 0; i < count; ++i) {
+    for (size_t i = 0; i < count; ++i) {
         const unsigned byte = bytes[i];
         const char* const at = text + 3 * i;
         if (at[0] != kDigits[byte / 16] || at[1] != kDigits[byte % 16]) return false;
@@ -81,7 +81,7 @@ void viewIpv6(Span bytes) {
 void dumpIpv6(Span bytes) {
     const unsigned high = bytes.size() > 4 ? bytes[4] : 0;
     const unsigned low = bytes.size() > 5 ? bytes[5] : 0;
-    const std::size_t size = 40 + high * 256 + low;
+    const size_t size = 40 + high * 256 + low;
     const uint8_t* const b = memory().place(bytes, size);
     const std::string dump = ipv6Dump(Ipv6Header(b));
     if (size <= kLargestForPrintf) {
@@ -90,7 +90,7 @@ void dumpIpv6(Span bytes) {
         return;
     }
     const std::string before = "\n===== [IPv6 DUMP] =====\ndata[" + std::to_string(size) + "]: [";
-    const std::size_t end = before.size() + 3 * size - 1;
+    const size_t end = before.size() + 3 * size - 1;
     require(dump.starts_with(before) && dump.size() > end, "dump of a large IPv6 packet");
     require(isHexOf(dump.data() + before.size(), b, size), "the packet's bytes in its dump");
     require(dump.substr(end, 11) == "]\nVersion: ", "what stands behind the bytes");
@@ -127,7 +127,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Input input(data, size);
     constexpr std::array<void (*)(Span), 7> kReaders = {
         viewEthernet, viewIpv4, dumpIpv4, viewIpv6, dumpIpv6, dumpBytes, writeAddress};
-    const std::size_t which = input.byte() % 8;
+    const size_t which = input.byte() % 8;
     if (which < kReaders.size())
         kReaders[which](input.rest());
     else

@@ -19,7 +19,7 @@ using Span = std::span<const uint8_t>;
 /// Reads from the front; a number is the same on every machine, so that an input is, too.
 class Input {
  public:
-    Input(const uint8_t* data, std::size_t size) : m_rest(data, size) {}
+    Input(const uint8_t* data, size_t size) : m_rest(data, size) {}
 
     bool exhausted() const { return m_rest.empty(); }
 
@@ -34,19 +34,19 @@ class Input {
     template <typename T>
     T number() {
         std::make_unsigned_t<T> value = 0;
-        for (std::size_t i = 0; i < sizeof(T); ++i)
+        for (size_t i = 0; i < sizeof(T); ++i)
             value = static_cast<std::make_unsigned_t<T>>(uint64_t{value} << 8 | byte());
         return static_cast<T>(value);
     }
 
     /// One of these.
-    template <typename T, std::size_t Count>
+    template <typename T, size_t Count>
     T oneOf(const std::array<T, Count>& values) {
         return values[byte() % Count];
     }
 
     /// At most `count` bytes; fewer where fewer are left.
-    Span bytes(std::size_t count) {
+    Span bytes(size_t count) {
         const Span taken = m_rest.first(std::min(count, m_rest.size()));
         m_rest = m_rest.subspan(taken.size());
         return taken;

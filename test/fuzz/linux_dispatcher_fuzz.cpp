@@ -18,10 +18,10 @@ namespace {
 struct Stop {};
 
 int callback(const st_pktd_shm_queue_entry_data_t* record, uint8_t* frame, int size) {
-    const int choice = world->handOver(*record, frame, static_cast<std::size_t>(size));
+    const int choice = world->handOver(*record, frame, static_cast<size_t>(size));
     if (choice == 0xFF) throw Stop();
     constexpr std::array<int, 8> kVerdicts = {7, 7, 7, 8, 9, 1, 0, -1};
-    return kVerdicts[static_cast<std::size_t>(choice / 4 % 8)];
+    return kVerdicts[static_cast<size_t>(choice / 4 % 8)];
 }
 
 }  // namespace

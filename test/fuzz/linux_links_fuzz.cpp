@@ -20,7 +20,7 @@ constexpr int kMessagesPerInput = 24;
 std::optional<Link> decode(Span message) {
     static fuzz::GuardedMemory memory(fuzz::kLargestMessage);
     // Netlink pads every message; libmnl reads the last attribute into the padding.
-    const std::size_t size = Netlink::aligned(fuzz::load<uint32_t>(message));
+    const size_t size = Netlink::aligned(fuzz::load<uint32_t>(message));
     const uint8_t* const placed = memory.place(message, size);
     auto read = pmtud_linux::decodeLink(*reinterpret_cast<const nlmsghdr*>(placed));
     const auto expected = fuzz::expectedLink({placed, size});
@@ -85,7 +85,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (int count = 0; count < kMessagesPerInput && !input.exhausted(); ++count) {
         const Bytes message = fuzz::drawLinkMessage(input);
         if (message.size() < Netlink::kHeader) continue;
-        const std::size_t claimed = fuzz::load<uint32_t>(message);
+        const size_t claimed = fuzz::load<uint32_t>(message);
         if (claimed < Netlink::kHeader || claimed > message.size()) continue;
         const auto link = decode(message);
         if (!link) continue;

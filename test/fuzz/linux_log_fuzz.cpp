@@ -72,10 +72,10 @@ void handle(const LogMessage& read, const fuzz::Message& expected, Platform& pla
 void receive(const Bytes& datagram, Platform& platform) {
     static fuzz::GuardedMemory memory(2 * fuzz::kLargestMessage);
     // It starts aligned; an earlier datagram's bytes follow its end.
-    const std::size_t size = Netlink::aligned(datagram.size());
+    const size_t size = Netlink::aligned(datagram.size());
     const uint8_t* const placed = memory.place(datagram, size, 0xFF);
     const std::vector<Span> messages = fuzz::messagesOf({placed, size}, datagram.size());
-    std::size_t whole = 0;
+    size_t whole = 0;
     for (const Span message : messages) whole += message.size();
     require(pmtud_linux::wholeMessages(reinterpret_cast<const char*>(placed), datagram.size()) ==
                 std::min(whole, datagram.size()),

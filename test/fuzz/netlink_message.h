@@ -16,11 +16,11 @@
 namespace fuzz {
 
 /// A message is no larger, whatever the input wants.
-constexpr std::size_t kLargestMessage = 200000;
+constexpr size_t kLargestMessage = 200000;
 
 /// The number at the offset, in this machine's byte order.
 template <typename T>
-T load(Span bytes, std::size_t offset = 0) {
+T load(Span bytes, size_t offset = 0) {
     T value;
     memcpy(&value, bytes.data() + offset, sizeof value);
     return value;
@@ -38,13 +38,13 @@ inline std::string textOf(Span bytes) {
 
 /// Adds attributes of these types, mostly; some that claim another length than they have.
 inline void addAttributes(Input& input, const std::vector<uint16_t>& known, Bytes& bytes) {
-    constexpr std::size_t kLargestAttribute = 0x10010;
+    constexpr size_t kLargestAttribute = 0x10010;
     unsigned left = input.byte() % 16;
     for (; left > 0 && bytes.size() < kLargestMessage - kLargestAttribute; --left) {
         const uint8_t choice = input.byte();
-        const std::size_t which = choice % 16;
+        const size_t which = choice % 16;
         const uint16_t type = which < known.size() ? known[which] : input.number<uint16_t>();
-        std::size_t size = input.byte();
+        size_t size = input.byte();
         if (size >= 250) size = input.number<uint16_t>();
         const Span given = input.bytes(size);
         Bytes payload(given.begin(), given.end());
@@ -65,7 +65,7 @@ inline void closeMessage(Input& input, Netlink& message) {
     const uint8_t choice = input.byte();
     if (choice == 1) claimed = input.number<uint32_t>();
     if (choice == 2 || choice == 4) claimed -= input.byte() % 4;
-    const std::size_t size = message.bytes.size();
+    const size_t size = message.bytes.size();
     if (choice == 3) message.bytes.resize(size - input.number<uint16_t>() % size);
     // Without the padding after the last attribute.
     if (choice == 4) message.bytes.resize(claimed);
@@ -73,10 +73,10 @@ inline void closeMessage(Input& input, Netlink& message) {
 
 /// The whole messages of a datagram that starts at a message, each as far as its padding, if the
 /// datagram has it. `padded` is the datagram and what fills it up to the next boundary.
-inline std::vector<Span> messagesOf(Span padded, std::size_t size) {
+inline std::vector<Span> messagesOf(Span padded, size_t size) {
     std::vector<Span> messages;
-    for (std::size_t start = 0; start < size && size - start >= Netlink::kHeader;) {
-        const std::size_t claimed = load<uint32_t>(padded, start);
+    for (size_t start = 0; start < size && size - start >= Netlink::kHeader;) {
+        const size_t claimed = load<uint32_t>(padded, start);
         if (claimed < Netlink::kHeader || claimed > size - start) break;
         messages.push_back(padded.subspan(start, Netlink::aligned(claimed)));
         start += Netlink::aligned(claimed);
@@ -100,7 +100,7 @@ bool forEachAttribute(Span space, Take take) {
 
 // Links.
 
-constexpr std::size_t kLinkHeaders = Netlink::kHeader + sizeof(ifinfomsg);
+constexpr size_t kLinkHeaders = Netlink::kHeader + sizeof(ifinfomsg);
 
 /// What interfaces really are like, mostly; few numbers and names, so that they come again.
 inline Bytes drawLinkMessage(Input& input) {
@@ -172,7 +172,7 @@ inline std::optional<pmtud_linux::Link> expectedLink(Span padded) {
 
 // Packets of the log group.
 
-constexpr std::size_t kLogHeaders = Netlink::kHeader + 4;
+constexpr size_t kLogHeaders = Netlink::kHeader + 4;
 
 /// What is to be read in a message, by the rules of the format alone.
 struct Message {

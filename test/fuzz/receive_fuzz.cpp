@@ -33,7 +33,7 @@ using Bytes = std::vector<uint8_t>;
 using Lines = std::vector<std::string>;
 
 constexpr int kFramesPerInput = 8;
-constexpr std::size_t kLargestFrame = 18 + 65575;
+constexpr size_t kLargestFrame = 18 + 65575;
 
 bool addressesFail = false;
 
@@ -92,7 +92,7 @@ struct Answers {
         fake::Syscalls& syscalls = fake::syscalls();
         syscalls.socket = [answer = socket] { return answer; };
         syscalls.setsockopt = [answer = setsockopt] { return answer; };
-        syscalls.sendto = [answer = sendto](std::size_t) { return long{answer}; };
+        syscalls.sendto = [answer = sendto](size_t) { return long{answer}; };
         syscalls.close = [answer = close] { return answer; };
         syscalls.ifNameToIndex = [answer = interface](const std::string&) { return answer; };
         fake::clock().localtimeFails = clockFails;
@@ -141,10 +141,10 @@ class FrameBytes {
  public:
     explicit FrameBytes(Span known) : m_known(known) {}
 
-    unsigned at(std::size_t i) const { return i < m_known.size() ? m_known[i] : 0; }
-    unsigned number(std::size_t i) const { return at(i) * 256 + at(i + 1); }
+    unsigned at(size_t i) const { return i < m_known.size() ? m_known[i] : 0; }
+    unsigned number(size_t i) const { return at(i) * 256 + at(i + 1); }
 
-    Bytes slice(std::size_t begin, std::size_t end) const {
+    Bytes slice(size_t begin, size_t end) const {
         const Span known = m_known.first(std::min(end, m_known.size()));
         const Span wanted = known.subspan(std::min(begin, known.size()));
         Bytes bytes(wanted.begin(), wanted.end());
@@ -156,24 +156,24 @@ class FrameBytes {
     unsigned vlan() const { return number(14) % 4096; }
     bool ipv4() const { return tagged() && number(16) == 0x0800; }
     bool ipv6() const { return tagged() && number(16) == 0x86DD; }
-    std::size_t ipv6Packet() const { return 40 + number(22); }
+    size_t ipv6Packet() const { return 40 + number(22); }
 
  private:
     Span m_known;
 };
 
-std::size_t ipv6Message(const FrameBytes& frame, uint32_t mtu) {
-    const std::size_t longest = std::min<std::size_t>(mtu, 1500);
+size_t ipv6Message(const FrameBytes& frame, uint32_t mtu) {
+    const size_t longest = std::min<size_t>(mtu, 1500);
     return std::min(longest, frame.ipv6Packet() + 8);
 }
 
 // How many bytes there must be of a frame: its headers, what is quoted, what is dumped.
-std::size_t readableOf(const FrameBytes& frame, const Answers& answers, const Channel& channel) {
+size_t readableOf(const FrameBytes& frame, const Answers& answers, const Channel& channel) {
     if (frame.ipv4()) return 18 + 60;
     if (!frame.ipv6()) return 18;
     if (channel.writes(qv::DEBUG)) return 18 + frame.ipv6Packet();
-    const std::size_t quote = answers.mtuIsValid() ? ipv6Message(frame, answers.mtu) - 8 : 0;
-    return 18 + std::max<std::size_t>(40, quote);
+    const size_t quote = answers.mtuIsValid() ? ipv6Message(frame, answers.mtu) - 8 : 0;
+    return 18 + std::max<size_t>(40, quote);
 }
 
 // The calls and messages that a frame must come to.
@@ -208,7 +208,7 @@ void checkChecksum(Bytes message) {
     const unsigned stored = message[2] * 256U + message[3];
     message[2] = message[3] = 0;
     unsigned sum = 0;
-    for (std::size_t i = 0; i < message.size(); i += 2) sum += message[i] * 256U + message[i + 1];
+    for (size_t i = 0; i < message.size(); i += 2) sum += message[i] * 256U + message[i + 1];
     require(stored == (~(sum % 65536 + sum / 65536) & 0xFFFF), "checksum of the ICMP message");
 }
 
@@ -228,7 +228,7 @@ void checkIcmpMessage(const FrameBytes& frame, uint32_t mtu, const fake::SentMes
 
 void checkIcmp6Message(const FrameBytes& frame, const Answers& answers,
                        const fake::Icmp6Message& sent) {
-    const std::size_t size = ipv6Message(frame, answers.mtu);
+    const size_t size = ipv6Message(frame, answers.mtu);
     require(sent.bytes.size() == size && size <= 1500, "length of the ICMPv6 message");
     require(Bytes(sent.bytes.begin(), sent.bytes.begin() + 6) == Bytes{2, 0, 0, 0, 0, 0},
             "type and code of the ICMPv6 message");
@@ -315,7 +315,7 @@ void handleOne(Input& input, const Channel& channel) {
     const auto len = int{input.number<uint16_t>()};
     const FrameBytes frame(input.bytes(input.number<uint16_t>()));
 
-    const std::size_t readable = readableOf(frame, answers, channel);
+    const size_t readable = readableOf(frame, answers, channel);
     const Bytes before = frame.slice(0, readable);
     uint8_t* const placed = frameMemory.place(before, readable);
     uint8_t* const recordBytes = recordMemory.place(

@@ -105,7 +105,7 @@ class RulesModel {
                 "an element's set is there");
         require(text.starts_with("{ ") && text.ends_with(" }"), "an element is in braces");
         const std::string inside = text.substr(2, text.size() - 4);
-        const std::size_t colon = inside.find(" : ");
+        const size_t colon = inside.find(" : ");
         const std::string key = set + " " + inside.substr(0, colon);
         const auto known = m_elements.find(key);
         require((known == m_elements.end()) == (verb == "add"),
@@ -140,7 +140,7 @@ class RulesModel {
                                                                  {"counter name ", "counter "},
                                                                  {"@copied", "map copied"}};
         for (const auto& [before, kind] : kinds)
-            for (std::size_t at = 0; (at = text.find(before, at)) != text.npos;) {
+            for (size_t at = 0; (at = text.find(before, at)) != text.npos;) {
                 at += before.size();
                 const std::string name = text.substr(at, text.find_first_of(" \n", at) - at);
                 // "meta": a map selects the counter.

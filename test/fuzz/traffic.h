@@ -59,28 +59,28 @@ class Traffic {
     const Sent& drawSent(Input& input) {
         if (m_sent.empty()) m_sent.push_back({makePacket(4, 5, 28, 28, 0), 1});
         const uint8_t choice = input.byte();
-        const std::size_t age = choice < 0x80 ? choice % 8 : (choice & 0x7F) * std::size_t{3};
+        const size_t age = choice < 0x80 ? choice % 8 : (choice & 0x7F) * size_t{3};
         return m_sent[m_sent.size() - 1 - age % m_sent.size()];
     }
 
-    static Bytes makePacket(unsigned version, unsigned words, std::size_t size, std::size_t claimed,
+    static Bytes makePacket(unsigned version, unsigned words, size_t size, size_t claimed,
                             uint16_t identity) {
         Bytes packet(size);
-        for (std::size_t i = 0; i < size; ++i)
+        for (size_t i = 0; i < size; ++i)
             packet[i] = static_cast<uint8_t>(i * 7 + identity + (i % 2 == 0 ? identity / 256 : 0));
         if (size == 0) return packet;
         packet[0] = static_cast<uint8_t>(version * 16 + words);
-        const std::size_t at = version == 4 ? 2 : 4;
-        if (version == 6) claimed -= std::min<std::size_t>(claimed, 40);
+        const size_t at = version == 4 ? 2 : 4;
+        if (version == 6) claimed -= std::min<size_t>(claimed, 40);
         if (size >= at + 2) put16(packet, at, claimed);
         return packet;
     }
 
     static Bytes drawPacket(Input& input, uint8_t kind) {
         const uint8_t shape = input.byte();
-        constexpr std::array<std::size_t, 8> kSizes = {1500, 1500, 1500, 1499, 600, 64, 44, 1501};
-        std::size_t size = kSizes[shape % 8];
-        std::size_t claimed = shape % 8 < 3 ? 1500 + shape : size;
+        constexpr std::array<size_t, 8> kSizes = {1500, 1500, 1500, 1499, 600, 64, 44, 1501};
+        size_t size = kSizes[shape % 8];
+        size_t claimed = shape % 8 < 3 ? 1500 + shape : size;
         if (kind == 5) claimed = input.number<uint16_t>();
         if (kind == 6) size = input.number<uint16_t>() % 1600;
         const unsigned version = shape / 8 % 2 == 0 ? 4 : 6;
@@ -110,9 +110,9 @@ class Traffic {
         Netlink message = logged(prefix, kind / 8 % 4);
         const uint32_t ingress = choice == 0xDF ? input.number<uint32_t>() : sent.ingress;
         if (choice != 0xDE) message.netNumber(NFULA_IFINDEX_INDEV, ingress);
-        constexpr std::array<std::size_t, 4> kNown = {14, 14, 6, 0};
+        constexpr std::array<size_t, 4> kNown = {14, 14, 6, 0};
         Bytes addresses;
-        for (std::size_t i = 0; i < kNown[choice % 4]; ++i)
+        for (size_t i = 0; i < kNown[choice % 4]; ++i)
             addresses.push_back(static_cast<uint8_t>(0x40 + i + ingress));
         if (!addresses.empty()) message.add(NFULA_HWHEADER, addresses);
         return message.add(NFULA_PAYLOAD, sent.packet).bytes;
@@ -125,11 +125,11 @@ class Traffic {
 
     // What the kernel writes into a packet before it refuses it, and what nobody writes.
     static void alter(Bytes& quote, uint8_t how, Input& input) {
-        const std::size_t header = headerOf(quote);
+        const size_t header = headerOf(quote);
         if (how == 1 && header != 0) quote[10] ^= 0x5A;
         if (how == 2 && header > 20) quote[20 + input.byte() % (header - 20)] ^= 0x5A;
         if (how == 3 && !quote.empty()) quote[input.number<uint16_t>() % quote.size()] ^= 0x5A;
-        if (how == 4) quote.resize(std::min<std::size_t>(quote.size(), input.byte()));
+        if (how == 4) quote.resize(std::min<size_t>(quote.size(), input.byte()));
         if (how == 5) quote.insert(quote.end(), 3, uint8_t{0x77});
     }
 
@@ -137,7 +137,7 @@ class Traffic {
         const Sent sent = drawSent(input);
         const uint8_t choice = input.byte();
         Bytes quote = sent.packet;
-        constexpr std::array<std::size_t, 4> kQuoted = {28, 48, 548, 1232};
+        constexpr std::array<size_t, 4> kQuoted = {28, 48, 548, 1232};
         quote.resize(std::min(quote.size(), kQuoted[choice % 4]));
         alter(quote, choice / 4 % 8, input);
         const bool isIpv6 = headerOf(sent.packet) == 40;

@@ -43,9 +43,9 @@ void redirect(nlmsghdr& message, char* payload) {
             static_cast<uint16_t>(kNoPart << 8 | NFNL_MSG_TYPE(message.nlmsg_type));
     if (message.nlmsg_type != NFNL_MSG_BATCH_BEGIN) return;
     nfgenmsg batch;
-    std::memcpy(&batch, payload, sizeof batch);
+    memcpy(&batch, payload, sizeof batch);
     if (ntohs(batch.res_id) == lackingPart()) batch.res_id = htons(kNoBatch);
-    std::memcpy(payload, &batch, sizeof batch);
+    memcpy(payload, &batch, sizeof batch);
 }
 
 // An expression's name is a string attribute; one with another first letter is nobody's.
@@ -56,7 +56,7 @@ void rename(std::vector<char>& bytes) {
     std::string attribute(reinterpret_cast<const char*>(&header), sizeof header);
     attribute.append(name).push_back('\0');
     for (size_t at = 0; at + attribute.size() <= bytes.size(); ++at)
-        if (std::memcmp(&bytes[at], attribute.data(), attribute.size()) == 0)
+        if (memcmp(&bytes[at], attribute.data(), attribute.size()) == 0)
             bytes[at + sizeof header] = '-';
 }
 
@@ -68,8 +68,8 @@ void changeKey(std::vector<char>& bytes) {
     constexpr std::string_view kEy("\x08\0\x02\0\0\0\0\x0a", 8);
     constexpr size_t kData = NLA_ALIGN(kName.size()) + sizeof(nlattr);
     for (size_t at = 0; at + kData + kEy.size() <= bytes.size(); ++at) {
-        if (std::memcmp(&bytes[at], kName.data(), kName.size()) != 0) continue;
-        if (std::memcmp(&bytes[at + kData], kEy.data(), kEy.size()) == 0)
+        if (memcmp(&bytes[at], kName.data(), kName.size()) != 0) continue;
+        if (memcmp(&bytes[at + kData], kEy.data(), kEy.size()) == 0)
             bytes[at + kData + kEy.size() - 1] = '\x7f';
     }
 }
@@ -80,10 +80,10 @@ void change(std::vector<char>& bytes) {
     size_t at = 0;
     while (at + sizeof(nlmsghdr) + sizeof(nfgenmsg) <= bytes.size()) {
         nlmsghdr message;
-        std::memcpy(&message, &bytes[at], sizeof message);
+        memcpy(&message, &bytes[at], sizeof message);
         if (message.nlmsg_len < sizeof message) return;
         redirect(message, &bytes[at + sizeof message]);
-        std::memcpy(&bytes[at], &message, sizeof message);
+        memcpy(&bytes[at], &message, sizeof message);
         at += NLMSG_ALIGN(message.nlmsg_len);
     }
 }

@@ -51,7 +51,7 @@ Mac macOf(const char* interface, const char* what) {
     close(probe);
     if (result != 0) fail(what);
     Mac mac;
-    std::memcpy(mac.data(), request.ifr_hwaddr.sa_data, mac.size());
+    memcpy(mac.data(), request.ifr_hwaddr.sa_data, mac.size());
     return mac;
 }
 

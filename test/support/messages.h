@@ -131,7 +131,7 @@ struct Netlink {
         const nlattr attribute{static_cast<uint16_t>(sizeof(nlattr) + payload.size()), type};
         const size_t start = bytes.size();
         bytes.resize(start + sizeof attribute);
-        std::memcpy(&bytes[start], &attribute, sizeof attribute);
+        memcpy(&bytes[start], &attribute, sizeof attribute);
         bytes.insert(bytes.end(), payload.begin(), payload.end());
         bytes.resize(aligned(bytes.size()));
         return close();
@@ -176,7 +176,7 @@ inline Netlink linkMessage(uint16_t type, int index, uint16_t hardware = ARPHRD_
     link.ifi_family = family;
     link.ifi_type = hardware;
     link.ifi_index = index;
-    std::memcpy(&message.bytes[Netlink::kHeader], &link, sizeof link);
+    memcpy(&message.bytes[Netlink::kHeader], &link, sizeof link);
     return message;
 }
 
@@ -188,7 +188,7 @@ inline Netlink logMessage() { return {kLoggedPacket, 4}; }
 inline Netlink errorMessage(uint32_t sequence, int error, uint32_t port = 0) {
     Netlink message(NLMSG_ERROR, sizeof(nlmsgerr), sequence);
     message.header().nlmsg_pid = port;
-    std::memcpy(&message.bytes[Netlink::kHeader], &error, sizeof error);
+    memcpy(&message.bytes[Netlink::kHeader], &error, sizeof error);
     return message;
 }
 

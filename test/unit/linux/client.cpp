@@ -70,7 +70,7 @@ void answer(const uint8_t* frame) {
         put16(message, 2, checksum(message));
         sockaddr_in to{};
         to.sin_family = AF_INET;
-        std::memcpy(&to.sin_addr, packet + 12, sizeof to.sin_addr);
+        memcpy(&to.sin_addr, packet + 12, sizeof to.sin_addr);
         sendto(icmp4, message.data(), message.size(), 0, reinterpret_cast<const sockaddr*>(&to),
                sizeof to);
         return;
@@ -80,7 +80,7 @@ void answer(const uint8_t* frame) {
     message.insert(message.end(), packet, packet + 48);
     sockaddr_in6 to{};
     to.sin6_family = AF_INET6;
-    std::memcpy(&to.sin6_addr, packet + 8, sizeof to.sin6_addr);
+    memcpy(&to.sin6_addr, packet + 8, sizeof to.sin6_addr);
     sendto(icmp6, message.data(), message.size(), 0, reinterpret_cast<const sockaddr*>(&to),
            sizeof to);
 }
@@ -182,7 +182,7 @@ Delivered Client::next() {
     const ssize_t length = recv(m_channel.get(), bytes.data(), bytes.size(), 0);
     if (length < static_cast<ssize_t>(sizeof(Report))) throw std::runtime_error("the client died");
     Report head;
-    std::memcpy(&head, bytes.data(), sizeof head);
+    memcpy(&head, bytes.data(), sizeof head);
     return {head.control, Bytes(bytes.begin() + sizeof head, bytes.begin() + length),
             head.zeroBehind, head.signalsBlocked};
 }

@@ -22,42 +22,44 @@ class InterfaceOfAKnownVlan : public World {
     void SetUp() override {
         World::SetUp();
         run("ip link property add dev fence altname bcm0.40");
-        m_link.ifindex = if_nametoindex("fence");
-        m_link.name = "fence";
-        m_link.ethernet = true;
-        m_link.alternativeNames = {"bcm0.40"};
-        m_socket.reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        link.ifindex = if_nametoindex("fence");
+        link.name = "fence";
+        link.ethernet = true;
+        link.alternativeNames = {"bcm0.40"};
+        socketForNames.reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     }
 
-    int vlan() const { return vlanOfInterface(m_socket.get(), static_cast<int>(m_link.ifindex)); }
+    int vlan() const {
+        return vlanOfInterface(socketForNames.get(), static_cast<int>(link.ifindex));
+    }
 
-    Link m_link;
-    VlanTable m_table;
-    Descriptor m_socket;
+    Link link;
+    VlanTable table;
+    Descriptor socketForNames;
 };
 
 TEST_F(InterfaceOfAKnownVlan, IsThatVlanWhileTheKernelHasTheName) {
-    m_table.apply(m_link);
-    const KnownVlans known(m_table);
+    table.apply(link);
+    const KnownVlans known(table);
     EXPECT_EQ(vlan(), 40);
     run("ip link property del dev fence altname bcm0.40");
     EXPECT_EQ(vlan(), 0);
 }
 
 TEST_F(InterfaceOfAKnownVlan, IsNotThatVlanIfAnotherInterfaceHasTakenTheName) {
-    m_table.apply(m_link);
-    const KnownVlans known(m_table);
+    table.apply(link);
+    const KnownVlans known(table);
     run("ip link property del dev fence altname bcm0.40");
     run("ip link property add dev bcm0.30 altname bcm0.40");
     EXPECT_EQ(vlan(), 0);
 }
 
 TEST_F(InterfaceOfAKnownVlan, FallsBackToItsOwnName) {
-    m_link.name = "bcm0.50";
+    link.name = "bcm0.50";
     run("ip link set fence down");
     run("ip link set fence name bcm0.50");
-    m_table.apply(m_link);
-    const KnownVlans known(m_table);
+    table.apply(link);
+    const KnownVlans known(table);
     EXPECT_EQ(vlan(), 40);
     run("ip link property del dev bcm0.50 altname bcm0.40");
     EXPECT_EQ(vlan(), 50);
@@ -66,15 +68,15 @@ TEST_F(InterfaceOfAKnownVlan, FallsBackToItsOwnName) {
 // Asking the kernel could take long.
 TEST_F(InterfaceOfAKnownVlan, IsLookedUpInTheTableAlone) {
     {
-        const KnownVlans known(m_table);
+        const KnownVlans known(table);
         EXPECT_EQ(vlan(), 0);
     }
     EXPECT_EQ(vlan(), 40);
 }
 
 TEST_F(InterfaceOfAKnownVlan, IsNoneOnceItIsGone) {
-    m_table.apply(m_link);
-    const KnownVlans known(m_table);
+    table.apply(link);
+    const KnownVlans known(table);
     run("ip link del fence");
     EXPECT_EQ(vlan(), 0);
 }

@@ -157,7 +157,7 @@ TEST_F(Links, ThatCannotBeListedAreAnError) {
     changeLists([](nlmsghdr& message) {
         message.nlmsg_type = NLMSG_ERROR;
         const int error = -EPERM;
-        std::memcpy(mnl_nlmsg_get_payload(&message), &error, sizeof error);
+        memcpy(mnl_nlmsg_get_payload(&message), &error, sizeof error);
     });
     EXPECT_EQ(monitor.list(table), -EPERM);
     calls.recvfrom = [](int, void*, size_t, int, sockaddr*, socklen_t*) -> ssize_t {
@@ -220,8 +220,8 @@ TEST(InterfaceName, IsReadNoFurtherThanTheKernelsAnswer) {
         calls.ioctl = [](int, unsigned long request, void* argument) {
             EXPECT_EQ(request, static_cast<unsigned long>(SIOCGIFNAME));
             auto& answer = *static_cast<ifreq*>(argument);
-            std::memset(&answer, '7', sizeof answer);
-            std::memcpy(answer.ifr_name, "bcm0.20", 7);
+            memset(&answer, '7', sizeof answer);
+            memcpy(answer.ifr_name, "bcm0.20", 7);
             return 0;
         };
         EXPECT_EQ(pmtud_linux::nameOfInterface(3, 7), "bcm0.20777777777");

@@ -53,8 +53,8 @@ TEST(Datagram, IsReadAsFarAsItsMessagesAreWhole) {
     };
     for (const auto& one : cases) {
         alignas(nlmsghdr) std::array<char, 64> bytes{};
-        std::memcpy(&bytes[0], &one.first, sizeof one.first);
-        std::memcpy(&bytes[20], &one.second, sizeof one.second);
+        memcpy(bytes.data(), &one.first, sizeof one.first);
+        memcpy(&bytes[20], &one.second, sizeof one.second);
         EXPECT_EQ(wholeMessages(bytes.data(), one.size), one.whole) << one.what;
     }
 }
@@ -208,7 +208,7 @@ TEST(LogMessage, CutShortIsReadNoFurtherThanItGoes) {
     const Netlink bytes = wholeLogMessage();
     for (uint32_t size = Netlink::kHeader; size < bytes.bytes.size() - 12; size += 4) {
         const std::unique_ptr<char[]> part(new char[size]);
-        std::memcpy(part.get(), bytes.bytes.data(), size);
+        memcpy(part.get(), bytes.bytes.data(), size);
         auto* const header = reinterpret_cast<nlmsghdr*>(part.get());
         header->nlmsg_len = size;
         const auto message = decodeLogMessage(*header);

@@ -40,7 +40,7 @@ class Netfilter : public testing::Test {
         calls.netlinkSend = [this](const mnl_socket*, const void* message, size_t size) {
             const auto* const start = static_cast<const uint8_t*>(message);
             requests.emplace_back(start, start + size);
-            std::memcpy(&sequence, &start[8], sizeof sequence);
+            memcpy(&sequence, &start[8], sizeof sequence);
             if (answer) answer();
             return static_cast<ssize_t>(size);
         };
@@ -49,10 +49,10 @@ class Netfilter : public testing::Test {
             if (datagrams.empty()) return refuse(EAGAIN);
             const Datagram next = datagrams.front();
             datagrams.pop_front();
-            std::memcpy(buffer, next.bytes.data(), next.bytes.size());
+            memcpy(buffer, next.bytes.data(), next.bytes.size());
             sockaddr_nl sender{};
             sender.nl_pid = next.sender;
-            std::memcpy(from, &sender, sizeof sender);
+            memcpy(from, &sender, sizeof sender);
             *fromSize = sizeof sender;
             return static_cast<ssize_t>(next.bytes.size());
         };

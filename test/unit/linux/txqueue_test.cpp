@@ -27,7 +27,7 @@ Bytes frame(int vlan) {
 
 std::unique_ptr<Record> recordOf(const Bytes& bytes, int vid) {
     auto record = std::make_unique<Record>();
-    std::memset(record.get(), 0xff, sizeof *record);
+    memset(record.get(), 0xff, sizeof *record);
     EXPECT_EQ(pktd_queue_entry_data_vlan_based_init(record.get(), 0x0800, vid, bytes.data(),
                                                     bytes.size()),
               0);

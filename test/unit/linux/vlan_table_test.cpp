@@ -31,7 +31,7 @@ TEST(VlanName, IsThePrefixAndTheVlanInDecimal) {
 
 TEST(VlanName, ThatIsTooLongForTheKernelIsNotCutShort) {
     ifreq request;
-    std::memset(&request, 0xee, sizeof request);
+    memset(&request, 0xee, sizeof request);
     EXPECT_FALSE(putName(request, "bcm0.10-and-more"));
     EXPECT_EQ(static_cast<unsigned char>(request.ifr_name[0]), 0xee);
     EXPECT_TRUE(putName(request, "bcm0.10-and-mor"));

@@ -215,7 +215,7 @@ void World::send(const Sender& sender, const Bytes& packet, const std::string& d
     link.sll_halen = ETH_ALEN;
     ether_addr mac{};
     check(ether_aton_r(destination.c_str(), &mac) != nullptr, "ether_aton");
-    std::memcpy(link.sll_addr, &mac, sizeof mac);
+    memcpy(link.sll_addr, &mac, sizeof mac);
     const ssize_t sent = sendto(sender.socket.get(), packet.data(), packet.size(), 0,
                                 reinterpret_cast<const sockaddr*>(&link), sizeof link);
     check(sent == static_cast<ssize_t>(packet.size()), "sendto");

@@ -30,7 +30,6 @@ std::optional<Link> decode(Span message) {
     require(read->ethernet == expected->ethernet, "its hardware");
     require(read->name == expected->name, "its name");
     require(read->alternativeNames == expected->alternativeNames, "its alternative names");
-    require(read->alternativeNames == expected->alternativeNames, "its alternative names");
     require(read->mtu == expected->mtu && read->inVrf == expected->inVrf, "its MTU and its master");
     return read;
 }

@@ -269,6 +269,23 @@ TEST_F(AlternativeNameOnTheKernel, OfASecondVlanIsLoggedAtTheStart) {
         "served, so remove one of the names");
 }
 
+// The kernel describes such an interface in one message, and lists it in one datagram with others.
+TEST_F(AlternativeNameOnTheKernel, AmongHundredsOfTheLongestCounts) {
+    giveName("eth0.10", "bcm0.10");
+    giveName("eth0.20", "bcm0.20");
+    std::ofstream batch("/run/names");
+    for (int number = 100; number < 500; ++number)
+        batch << "link property add dev eth0.20 altname " << number << std::string(124, 'x')
+              << "\n";
+    batch.close();
+    run("ip -batch /run/names");
+    Client client;
+    EXPECT_THAT(ruleset(), HasSubstr("chain to-bcm0.10"));
+    EXPECT_THAT(ruleset(), HasSubstr("chain to-bcm0.20"));
+    change([] { run("ip link set eth0.20 mtu 1300"); });
+    EXPECT_THAT(ruleset(), HasSubstr("meta length <= 1300"));
+}
+
 // The rules name interfaces by such numbers.
 TEST_F(AlternativeNameOnTheKernel, LikeTheNumberOfAnotherInterfaceConfusesNoRule) {
     giveName("eth0.10", "bcm0.10");

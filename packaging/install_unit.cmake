@@ -4,8 +4,11 @@
 #
 # The caller sets source (the unit file), here (a file to write), directory, sbindir and libdir (below
 # the prefix, or absolute), and exec_paths (where the system's libraries are).
+# A relative prefix is below the folder that cmake was started in.
+cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY "${CMAKE_CURRENT_BINARY_DIR}" NORMALIZE
+  OUTPUT_VARIABLE prefix)
 foreach(name IN ITEMS directory sbindir libdir)
-  cmake_path(ABSOLUTE_PATH ${name} BASE_DIRECTORY "${CMAKE_INSTALL_PREFIX}" NORMALIZE)
+  cmake_path(ABSOLUTE_PATH ${name} BASE_DIRECTORY "${prefix}" NORMALIZE)
 endforeach()
 
 set(executed "${sbindir}/pmtud" ${exec_paths})
@@ -20,10 +23,17 @@ endforeach()
 if(NOT has_libdir)
   list(APPEND executed "${libdir}")
 endif()
+
+# As systemd reads a path: % starts a specifier, and a blank ends an unquoted word.
+set(start "${sbindir}/pmtud")
+string(REPLACE "%" "%%" start "${start}")
+string(REPLACE "%" "%%" executed "${executed}")
+list(TRANSFORM executed REPLACE "^.* .*$" "\"\\0\"")
+list(TRANSFORM start REPLACE "^.* .*$" "\"\\0\"")
 list(JOIN executed " " executed)
 
 file(READ "${source}" unit)
-string(REPLACE "\nExecStart=/usr/sbin/pmtud\n" "\nExecStart=${sbindir}/pmtud\n" unit "${unit}")
+string(REPLACE "\nExecStart=/usr/sbin/pmtud\n" "\nExecStart=${start}\n" unit "${unit}")
 string(REGEX REPLACE "\nExecPaths=[^\n]*" "\nExecPaths=${executed}" unit "${unit}")
 file(WRITE "${here}" "${unit}")
 file(INSTALL "${here}" DESTINATION "${directory}")

@@ -222,11 +222,17 @@ void Dispatcher::takeRefused(const LogMessage& message, pktd_rx_cb_t callback) {
         return;
     }
     const Copy* const copy = m_copies.take(quoteOf(message.payload));
-    if (copy != nullptr && m_table.vlanOf(copy->ingress) != 0 &&
-        m_table.vlans().contains(copy->egressVlan))
+    if (copy != nullptr && m_table.vlanOf(copy->ingress) != 0 && isStillMtu(message, *copy))
         deliver(message, *copy, callback);
     else
         sendKernelAnswer(message, copy);
+}
+
+// Since the rules withdrew the message, the VLAN's name may have moved to an interface with another
+// MTU, which would be the wrong one to tell.
+bool Dispatcher::isStillMtu(const LogMessage& message, const Copy& copy) const {
+    const auto egress = m_table.vlans().find(copy.egressVlan);
+    return egress != m_table.vlans().end() && egress->second.mtu == mtuNamedBy(message.payload);
 }
 
 void Dispatcher::deliver(const LogMessage& message, const Copy& copy, pktd_rx_cb_t callback) {

@@ -52,6 +52,7 @@ class Dispatcher {
     void takeAll(const LogGroup::Datagram& datagram, pktd_rx_cb_t callback);
     void take(const LogMessage& message, pktd_rx_cb_t callback);
     void takeRefused(const LogMessage& message, pktd_rx_cb_t callback);
+    bool isStillMtu(const LogMessage& message, const Copy& copy) const;
     void deliver(const LogMessage& message, const Copy& copy, pktd_rx_cb_t callback);
     void noteLoss(uint32_t ifindex, Burst::Clock::time_point now);
     void sendKernelAnswer(const LogMessage& message, const Copy* copy);

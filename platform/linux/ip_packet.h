@@ -47,6 +47,16 @@ inline std::span<const uint8_t> quoteOf(std::span<const uint8_t> error) {
     return error.subspan(start);
 }
 
+/// The MTU that an ICMP (RFC 1191 section 4) or ICMPv6 (RFC 4443 section 3.2) "too big" message
+/// names; 0 if the message ends before its quote.
+inline uint32_t mtuNamedBy(std::span<const uint8_t> tooBig) {
+    constexpr size_t kIcmpHeaderSize = 8;
+    const size_t icmp = ipHeaderSize(tooBig);
+    if (icmp == 0 || tooBig.size() < icmp + kIcmpHeaderSize) return 0;
+    const size_t upper = ipVersion(tooBig) == 6 ? bigEndian16(tooBig, icmp + 4) : 0;
+    return static_cast<uint32_t>(upper << 16 | bigEndian16(tooBig, icmp + 6));
+}
+
 }  // namespace pmtud_linux
 
 #endif

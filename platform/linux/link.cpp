@@ -16,6 +16,12 @@ namespace pmtud_linux {
 
 namespace {
 
+struct Contents {
+    Link link;
+    bool hasName = false;
+    bool hasMtu = false;
+};
+
 bool readNumber(const nlattr* attribute, uint32_t& number) {
     if (mnl_attr_validate(attribute, MNL_TYPE_U32) < 0) return false;
     number = mnl_attr_get_u32(attribute);
@@ -36,13 +42,16 @@ int readAlternativeName(const nlattr* attribute, void* data) {
 }
 
 int readAttribute(const nlattr* attribute, void* data) {
-    Link& link = *static_cast<Link*>(data);
+    Contents& contents = *static_cast<Contents*>(data);
+    Link& link = contents.link;
     switch (mnl_attr_get_type(attribute)) {
         case IFLA_IFNAME:
+            contents.hasName = true;
             link.name = textOf(attribute);
             return MNL_CB_OK;
         case IFLA_MTU:
-            return readNumber(attribute, link.mtu) ? MNL_CB_OK : MNL_CB_ERROR;
+            contents.hasMtu = readNumber(attribute, link.mtu);
+            return contents.hasMtu ? MNL_CB_OK : MNL_CB_ERROR;
         case IFLA_LINKINFO:
             return mnl_attr_parse_nested(attribute, readMasterKind, &link);
         case IFLA_PROP_LIST:
@@ -63,11 +72,15 @@ std::optional<Link> decodeLink(const nlmsghdr& message) {
     // interface left the bridge.
     if (header.ifi_family != AF_UNSPEC) return std::nullopt;
 
-    Link link;
-    if (mnl_attr_parse(&message, sizeof header, readAttribute, &link) < 0) return std::nullopt;
+    Contents contents;
+    if (mnl_attr_parse(&message, sizeof header, readAttribute, &contents) < 0) return std::nullopt;
+    Link& link = contents.link;
     link.ifindex = static_cast<uint32_t>(header.ifi_index);
     link.gone = message.nlmsg_type == RTM_DELLINK;
     link.ethernet = header.ifi_type == ARPHRD_ETHER;
+    // A wireless driver announces events in link messages that have neither MTU nor alternative
+    // names.
+    if (!link.gone && !(contents.hasName && contents.hasMtu)) return std::nullopt;
     return link;
 }
 

@@ -23,7 +23,8 @@ struct Link {
 };
 
 /// The interface that a complete RTM_NEWLINK or RTM_DELLINK message describes; nothing for any
-/// other message, nor for a bridge's messages about its ports.
+/// other message, nor for a bridge's messages about its ports, nor for one that announces an event
+/// and does not describe the interface.
 std::optional<Link> decodeLink(const nlmsghdr& message);
 
 }  // namespace pmtud_linux

@@ -18,8 +18,9 @@ namespace pmtud_linux {
 
 namespace {
 
-// The kernel limits the messages of a dump to 32 KiB.
-constexpr size_t kBufferSize = 32768;
+// An interface's alternative names may take 64 KiB of its message. The kernel then sends the whole
+// list in datagrams of that size.
+constexpr size_t kBufferSize = 131072;
 
 // A thousand interfaces that appear at once must not overrun the socket.
 constexpr int kReceiveBuffer = 1 << 20;
@@ -37,6 +38,8 @@ int errorOf(const nlmsghdr& message) {
 
 }  // namespace
 
+LinkMonitor::LinkMonitor() : m_buffer(std::make_unique_for_overwrite<char[]>(kBufferSize)) {}
+
 int LinkMonitor::open() {
     if (const int result = openSocket(m_socket, NETLINK_ROUTE, RTMGRP_LINK); result != 0)
         return result;
@@ -47,19 +50,19 @@ int LinkMonitor::open() {
 }
 
 LinkMonitor::Read LinkMonitor::read(const std::function<void(const nlmsghdr&)>& take) const {
-    alignas(nlmsghdr) std::array<char, kBufferSize> buffer;
+    char* const buffer = m_buffer.get();
     sockaddr_nl sender{};
     socklen_t senderSize = sizeof sender;
-    const ssize_t received = recvfrom(fd(), buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC,
+    const ssize_t received = recvfrom(fd(), buffer, kBufferSize, MSG_DONTWAIT | MSG_TRUNC,
                                       reinterpret_cast<sockaddr*>(&sender), &senderSize);
     if (received < 0) {
         if (errno == EAGAIN || errno == EINTR) return Read::kNone;
         return errno == ENOBUFS ? Read::kLost : Read::kFailed;
     }
     if (!isFromKernel(sender, senderSize)) return Read::kSome;
-    if (static_cast<size_t>(received) > buffer.size()) return Read::kLost;
-    int left = static_cast<int>(wholeMessages(buffer.data(), static_cast<size_t>(received)));
-    const auto* message = reinterpret_cast<const nlmsghdr*>(buffer.data());
+    if (static_cast<size_t>(received) > kBufferSize) return Read::kLost;
+    int left = static_cast<int>(wholeMessages(buffer, static_cast<size_t>(received)));
+    const auto* message = reinterpret_cast<const nlmsghdr*>(buffer);
     for (; mnl_nlmsg_ok(message, left); message = mnl_nlmsg_next(message, &left)) take(*message);
     return Read::kSome;
 }

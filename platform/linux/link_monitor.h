@@ -6,6 +6,7 @@
 #include <linux/netlink.h>
 
 #include <functional>
+#include <memory>
 
 #include "mnl_socket.h"
 #include "vlan_table.h"
@@ -14,6 +15,8 @@ namespace pmtud_linux {
 
 class LinkMonitor {
  public:
+    LinkMonitor();
+
     /// Subscribes to link changes. 0 or a negative errno value.
     int open();
 
@@ -41,6 +44,7 @@ class LinkMonitor {
     int receiveList(VlanTable& table, bool& doubtful);
 
     MnlSocket m_socket;
+    std::unique_ptr<char[]> m_buffer;  // of each read
     unsigned int m_sequence = 0;
     bool m_stale = false;
 };

@@ -21,6 +21,18 @@ bool Withdrawn::isNear() const {
 
 // What arrives.
 
+namespace {
+
+// The MTU in a "too big" message.
+uint32_t mtuIn(Span error) {
+    const std::size_t header = headerOf(error);
+    if (header == 0 || error.size() < header + 8) return 0;
+    return header == 40 ? bigEndian(error.subspan(44, 4))
+                        : static_cast<uint32_t>(get16(error, header + 6));
+}
+
+}  // namespace
+
 void World::expect(const Message& message) {
     if (message.sequence) {
         m_counted[kLost] += *message.sequence - m_nextSequence;
@@ -40,7 +52,7 @@ void World::expect(const Message& message) {
     if (const Kept* const kept = m_copies.take(quote)) {
         withdrawn.copy = *kept;
         const auto egress = links.vlans().find(kept->egressVlan);
-        if (egress != links.vlans().end()) {
+        if (egress != links.vlans().end() && egress->second.mtu == mtuIn(message.payload)) {
             withdrawn.ingressVlan = vlanOf(links.vlans(), kept->ingress);
             withdrawn.vlanEgress = egress->second.ifindex;
         }
@@ -51,9 +63,9 @@ void World::expect(const Message& message) {
 void World::drawDatagram(mmsghdr& header) {
     const uint8_t choice = input.byte();
     Bytes datagram;
-    if (choice >= 0xC0) m_traffic.addRefused(1 + choice % 32, datagram);
+    if (choice >= 0xC0) m_traffic.addRefused(1 + choice % 32, links.vlans(), datagram);
     for (int left = choice / 16 % 4; left >= 0; --left) {
-        m_traffic.add(input, datagram);
+        m_traffic.add(input, links.vlans(), datagram);
         if (left > 0) datagram.resize(Netlink::aligned(datagram.size()));
     }
     msghdr& how = header.msg_hdr;

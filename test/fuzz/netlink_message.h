@@ -148,6 +148,8 @@ inline std::optional<pmtud_linux::Link> expectedLink(Span padded) {
     const auto info = load<ifinfomsg>(padded, Netlink::kHeader);
     if (info.ifi_family != AF_UNSPEC) return std::nullopt;
     pmtud_linux::Link link;
+    bool hasName = false;
+    bool hasMtu = false;
     const auto takeKind = [&](uint16_t kind, Span payload) {
         if (kind == IFLA_INFO_SLAVE_KIND) link.inVrf = textOf(payload) == "vrf";
         return true;
@@ -160,10 +162,13 @@ inline std::optional<pmtud_linux::Link> expectedLink(Span padded) {
         if (kind == IFLA_MTU && payload.size() != 4) return false;
         if (kind == IFLA_IFNAME) link.name = textOf(payload);
         if (kind == IFLA_MTU) link.mtu = load<uint32_t>(payload);
+        hasName = hasName || kind == IFLA_IFNAME;
+        hasMtu = hasMtu || kind == IFLA_MTU;
         if (kind == IFLA_PROP_LIST) forEachAttribute(payload, takeName);
         return kind != IFLA_LINKINFO || forEachAttribute(payload, takeKind);
     };
     if (!forEachAttribute(padded.subspan(kLinkHeaders), take)) return std::nullopt;
+    if (type == RTM_NEWLINK && !(hasName && hasMtu)) return std::nullopt;
     link.ifindex = static_cast<uint32_t>(info.ifi_index);
     link.gone = type == RTM_DELLINK;
     link.ethernet = info.ifi_type == ARPHRD_ETHER;

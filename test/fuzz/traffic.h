@@ -14,21 +14,22 @@ class Traffic {
     static constexpr uint8_t kInterfaces = 7;
 
     /// Adds one message, or a burst of short copies, to the datagram.
-    void add(Input& input, Bytes& datagram) {
+    void add(Input& input, const pmtud_linux::Vlans& vlans, Bytes& datagram) {
         const uint8_t kind = input.byte();
         if (kind % 8 == 6) return addBurst(1 + kind / 8 * 2, datagram);
-        datagram = datagram + draw(input, kind);
+        datagram = datagram + draw(input, vlans, kind);
     }
 
     /// Adds short copies, each followed by the message that refuses it.
-    void addRefused(unsigned count, Bytes& datagram) {
+    void addRefused(unsigned count, const pmtud_linux::Vlans& vlans, Bytes& datagram) {
+        Bytes error = makePacket(4, 5, 28, 56, 9);
+        nameMtu(error, 1, vlans);
         for (; count > 0; --count) {
             addBurst(1, datagram);
-            datagram = datagram +
-                       refusal(1, 0)
-                           .netNumber(NFULA_MARK, 1)
-                           .add(NFULA_PAYLOAD, makePacket(4, 5, 28, 56, 9) + m_sent.back().packet)
-                           .bytes;
+            datagram = datagram + refusal(1, 0)
+                                      .netNumber(NFULA_MARK, 1)
+                                      .add(NFULA_PAYLOAD, error + m_sent.back().packet)
+                                      .bytes;
         }
     }
 
@@ -36,9 +37,10 @@ class Traffic {
     struct Sent {
         Bytes packet;
         uint32_t ingress = 0;
+        int egressVlan = 1;  // of the last copy, mostly
     };
 
-    Bytes draw(Input& input, uint8_t kind) {
+    Bytes draw(Input& input, const pmtud_linux::Vlans& vlans, uint8_t kind) {
         switch (kind % 8) {
             case 0:
             case 1: {
@@ -51,12 +53,12 @@ class Traffic {
             case 7:
                 return drawLogMessage(input, kind / 8);
             default:
-                return drawRefusal(input, kind / 8);
+                return drawRefusal(input, vlans, kind / 8);
         }
     }
 
     // Mostly one of the last.
-    const Sent& drawSent(Input& input) {
+    Sent& drawSent(Input& input) {
         if (m_sent.empty()) m_sent.push_back({makePacket(4, 5, 28, 28, 0), 1});
         const uint8_t choice = input.byte();
         const size_t age = choice < 0x80 ? choice % 8 : (choice & 0x7F) * size_t{3};
@@ -102,9 +104,10 @@ class Traffic {
         return logged("pmtud:refused", choice).netNumber(NFULA_IFINDEX_OUTDEV, egress);
     }
 
-    Bytes copyOf(const Sent& sent, Input& input, uint8_t kind) {
+    Bytes copyOf(Sent& sent, Input& input, uint8_t kind) {
         const uint8_t choice = input.byte();
-        std::string prefix = "pmtud:" + std::to_string(choice % 4 + 1);
+        sent.egressVlan = choice % 4 + 1;
+        std::string prefix = "pmtud:" + std::to_string(sent.egressVlan);
         if (choice >= 0xE0) prefix = "pmtud:" + std::to_string(input.number<int16_t>());
         if (choice >= 0xF0) prefix = drawText(input);
         Netlink message = logged(prefix, kind / 8 % 4);
@@ -133,7 +136,15 @@ class Traffic {
         if (how == 5) quote.insert(quote.end(), 3, uint8_t{0x77});
     }
 
-    Bytes drawRefusal(Input& input, uint8_t kind) {
+    // The error ends with its ICMP header.
+    static void nameMtu(Bytes& error, int vlan, const pmtud_linux::Vlans& vlans) {
+        const auto found = vlans.find(vlan);
+        if (found == vlans.end()) return;
+        put16(error, error.size() - 4, found->second.mtu >> 16);
+        put16(error, error.size() - 2, found->second.mtu & 0xffff);
+    }
+
+    Bytes drawRefusal(Input& input, const pmtud_linux::Vlans& vlans, uint8_t kind) {
         const Sent sent = drawSent(input);
         const uint8_t choice = input.byte();
         Bytes quote = sent.packet;
@@ -144,6 +155,7 @@ class Traffic {
         const unsigned words = choice >= 0xF0 ? 6 : 5;
         Bytes error = isIpv6 ? makePacket(6, 0, 48, 48 + quote.size(), 9)
                              : makePacket(4, words, words * 4 + 8, 28 + quote.size(), 9);
+        if (choice != 0xBF) nameMtu(error, sent.egressVlan, vlans);
         error = error + quote;
         if (choice == 0xEF) error.resize(input.byte() % error.size());
         Netlink message =

@@ -54,6 +54,22 @@ ExecPaths=$scratch/prefix/sbin/pmtud /usr/lib -/usr/lib64 $scratch/prefix/lib/pm
     expect_equal "what systemd says of it" "" "$(systemd-analyze verify --man=no "$unit" 2>&1)"
 }
 
+TheUnitStartsTheDaemonBelowAPrefixWithBlanksAndPercentSigns() {
+    install_to "$scratch/my 100%"
+    local -r unit="$scratch/my 100%/lib/systemd/system/pmtud.service"
+    expect_equal "what it starts and what may be executed" \
+        "ExecStart=\"$scratch/my 100%%/sbin/pmtud\"
+ExecPaths=\"$scratch/my 100%%/sbin/pmtud\" /usr/lib -/usr/lib64 \"$scratch/my 100%%/lib/pmtud\"" \
+        "$(grep -E '^Exec' "$unit")"
+    expect_equal "what systemd says of it" "" "$(systemd-analyze verify --man=no "$unit" 2>&1)"
+}
+
+TheUnitStartsTheDaemonBelowARelativePrefix() {
+    (cd "$scratch" && install_to prefix)
+    expect_equal "what it starts" "ExecStart=$scratch/prefix/sbin/pmtud" \
+        "$(grep '^ExecStart=' "$scratch/prefix/lib/systemd/system/pmtud.service")"
+}
+
 TheUnitBelowUsrIsTheOneOfTheSources() {
     DESTDIR=$scratch/root install_to /usr
     cmp "$scratch/root/usr/lib/systemd/system/pmtud.service" \

@@ -31,12 +31,15 @@ Builds() {
 }
 
 SameSourcesGiveTheSamePackagesInAnotherFolder() {
+    mkdir -p "$scratch/deeper/folder/source"
     "$project/script/package" "$scratch/deeper/folder" >"$scratch/log" 2>&1 ||
         fail "$(tail -n 30 "$scratch/log")"
     local package
     for package in "$folder"/*.{deb,tar.xz}; do
         cmp "$package" "$scratch/deeper/folder/${package##*/}" || fail "${package##*/} differs"
     done
+    # It was there before.
+    [[ -d $scratch/deeper/folder/source ]] || fail "a folder of another's is gone"
 }
 
 ThesePackagesAreBuiltAndNoOthers() {

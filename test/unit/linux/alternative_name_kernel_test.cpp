@@ -178,6 +178,32 @@ TEST_F(AlternativeNameOnTheKernel, TakenAwayWhileAnAnswerIsDueLetsTheKernelAnswe
     EXPECT_EQ(+client.next().control.egress, indexOf("bcm0.30"));
 }
 
+TEST_F(AlternativeNameOnTheKernel, SwappedWhileAnAnswerIsDueLetsTheKernelAnswer) {
+    giveName("eth0.10", "bcm0.10");
+    giveName("eth0.20", "bcm0.20");
+    ClientOptions gated;
+    gated.gated = true;
+    Client client(gated);
+    Capture atA("a");
+    sendFence();
+    const auto limit = std::chrono::steady_clock::now() + kPatience;
+    while (handedOver("bcm0.30") != 1) ASSERT_LT(std::chrono::steady_clock::now(), limit);
+    awaitEmptyQueues();
+    // The thread is in the callback with the first packet; this one has to wait.
+    send(packet(Ipv4{}));
+    while (handedOver("bcm0.20") != 1) ASSERT_LT(std::chrono::steady_clock::now(), limit);
+    takeName("eth0.10", "bcm0.10");
+    takeName("eth0.20", "bcm0.20");
+    giveName("eth0.10", "bcm0.20");
+    giveName("eth0.20", "bcm0.10");
+    client.openGate();
+    EXPECT_EQ(+client.next().control.egress, indexOf("bcm0.30"));
+    EXPECT_EQ(mtuOf4(atA.next(isTooBig4)), int{kAnsweredMtu});
+    EXPECT_EQ(mtuOf4(atA.next(isTooBig4)), 1280);
+    sendFence();
+    EXPECT_EQ(+client.next().control.egress, indexOf("bcm0.30"));
+}
+
 TEST_F(AlternativeNameOnTheKernel, OutlivesARename) {
     giveName("eth0.10", "bcm0.10");
     giveName("eth0.20", "bcm0.20");
@@ -241,6 +267,23 @@ TEST_F(AlternativeNameOnTheKernel, OfASecondVlanIsLoggedAtTheStart) {
         lineOf(log.next()),
         "89 PMTUD-Linux: bcm0.30: the interface is also named bcm0.31; only the lower VLAN is "
         "served, so remove one of the names");
+}
+
+// The kernel describes such an interface in one message, and lists it in one datagram with others.
+TEST_F(AlternativeNameOnTheKernel, AmongHundredsOfTheLongestCounts) {
+    giveName("eth0.10", "bcm0.10");
+    giveName("eth0.20", "bcm0.20");
+    std::ofstream batch("/run/names");
+    for (int number = 100; number < 500; ++number)
+        batch << "link property add dev eth0.20 altname " << number << std::string(124, 'x')
+              << "\n";
+    batch.close();
+    run("ip -batch /run/names");
+    Client client;
+    EXPECT_THAT(ruleset(), HasSubstr("chain to-bcm0.10"));
+    EXPECT_THAT(ruleset(), HasSubstr("chain to-bcm0.20"));
+    change([] { run("ip link set eth0.20 mtu 1300"); });
+    EXPECT_THAT(ruleset(), HasSubstr("meta length <= 1300"));
 }
 
 // The rules name interfaces by such numbers.

@@ -44,6 +44,7 @@ TEST(AlternativeName, IsReadFromTheLinksProperties) {
     header->ifi_type = ARPHRD_ETHER;
     header->ifi_index = 7;
     mnl_attr_put_strz(message, IFLA_IFNAME, "eth0.20");
+    mnl_attr_put_u32(message, IFLA_MTU, 1280);
     nlattr* const properties = mnl_attr_nest_start(message, IFLA_PROP_LIST);
     mnl_attr_put_strz(message, IFLA_ALT_IFNAME, "enp1s0v20");
     mnl_attr_put_u32(message, IFLA_MTU, 9000);
@@ -55,7 +56,7 @@ TEST(AlternativeName, IsReadFromTheLinksProperties) {
     ASSERT_TRUE(link);
     EXPECT_EQ(link->name, "eth0.20");
     EXPECT_THAT(link->alternativeNames, ElementsAre("enp1s0v20", "bcm0.20"));
-    EXPECT_EQ(link->mtu, 0U);
+    EXPECT_EQ(link->mtu, 1280U);
 }
 
 TEST(AlternativeName, MakesTheInterfaceAVlan) {

@@ -82,7 +82,23 @@ TEST(LinkMessage, HasIndexNameMtuAndKindOfHardware) {
     EXPECT_FALSE(link->gone);
     EXPECT_FALSE(link->inVrf);
     EXPECT_TRUE(decodeLink(linkMessage(RTM_DELLINK, 7).header())->gone);
-    EXPECT_FALSE(decodeLink(linkMessage(RTM_NEWLINK, 7, ARPHRD_LOOPBACK).header())->ethernet);
+    EXPECT_FALSE(decodeLink(linkMessage(RTM_NEWLINK, 1, ARPHRD_LOOPBACK)
+                                .text(IFLA_IFNAME, "lo")
+                                .number(IFLA_MTU, 65536)
+                                .header())
+                     ->ethernet);
+}
+
+// Wireless drivers send the first, without MTU and alternative names.
+TEST(LinkMessage, OfAnEventDescribesNoInterface) {
+    EXPECT_FALSE(decodeLink(linkMessage(RTM_NEWLINK, 7)
+                                .text(IFLA_IFNAME, "wlan0")
+                                .add(IFLA_WIRELESS, Bytes(8))
+                                .header()));
+    EXPECT_FALSE(decodeLink(linkMessage(RTM_NEWLINK, 7).number(IFLA_MTU, 1280).header()));
+    const Netlink described =
+        linkMessage(RTM_NEWLINK, 7).text(IFLA_IFNAME, "wlan0").number(IFLA_MTU, 0);
+    EXPECT_EQ(decodeLink(described.header())->mtu, 0U);
 }
 
 // A bridge announces that a port leaves it as a removal, in its own family.
@@ -93,7 +109,7 @@ TEST(LinkMessage, OfAnotherKindOrFamilyOrTooShortIsNone) {
     Netlink cutShort = linkMessage(RTM_NEWLINK, 7);
     cutShort.header().nlmsg_len -= 1;
     EXPECT_FALSE(decodeLink(cutShort.header()));
-    EXPECT_FALSE(decodeLink(linkMessage(RTM_NEWLINK, 7).add(IFLA_MTU, Bytes(2)).header()));
+    EXPECT_FALSE(decodeLink(linkMessage(RTM_DELLINK, 7).add(IFLA_MTU, Bytes(2)).header()));
 }
 
 TEST(LinkMessage, IsOfAVrfsPortIfItsMastersKindIsVrf) {
@@ -101,7 +117,12 @@ TEST(LinkMessage, IsOfAVrfsPortIfItsMastersKindIsVrf) {
         Netlink kinds = nested();
         kinds.add(IFLA_INFO_KIND, own);
         if (!master.empty()) kinds.add(IFLA_INFO_SLAVE_KIND, master);
-        return decodeLink(linkMessage(RTM_NEWLINK, 7).nest(IFLA_LINKINFO, kinds).header())->inVrf;
+        return decodeLink(linkMessage(RTM_NEWLINK, 7)
+                              .text(IFLA_IFNAME, "bcm0.20")
+                              .number(IFLA_MTU, 1280)
+                              .nest(IFLA_LINKINFO, kinds)
+                              .header())
+            ->inVrf;
     };
     const Bytes vlan = {'v', 'l', 'a', 'n', 0};
     const Bytes vrf = {'v', 'r', 'f'};
@@ -113,7 +134,7 @@ TEST(LinkMessage, IsOfAVrfsPortIfItsMastersKindIsVrf) {
 }
 
 TEST(LinkMessage, HasANameThatEndsWithItsAttribute) {
-    Netlink message = linkMessage(RTM_NEWLINK, 7);
+    Netlink message = linkMessage(RTM_NEWLINK, 7).number(IFLA_MTU, 1280);
     // Without its zero, and padded with what would continue it.
     message.add(IFLA_IFNAME, Bytes{'b', 'c', 'm', '0', '.', '2'});
     std::fill_n(message.bytes.end() - 2, 2, uint8_t{'0'});

@@ -25,7 +25,7 @@ namespace {
 
 // The MTU in a "too big" message.
 uint32_t mtuIn(Span error) {
-    const std::size_t header = headerOf(error);
+    const size_t header = headerOf(error);
     if (header == 0 || error.size() < header + 8) return 0;
     return header == 40 ? bigEndian(error.subspan(44, 4))
                         : static_cast<uint32_t>(get16(error, header + 6));

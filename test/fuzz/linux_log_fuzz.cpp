@@ -103,7 +103,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (int count = 0; count < kDatagramsPerInput && !input.exhausted(); ++count) {
         Bytes datagram;
         for (int left = input.byte() % 4; left >= 0; --left)
-            if (datagram.size() < fuzz::kLargestMessage) traffic.add(input, datagram);
+            if (datagram.size() < fuzz::kLargestMessage) traffic.add(input, {}, datagram);
         receive(datagram, *platform);
     }
     return 0;

@@ -53,7 +53,7 @@ std::string macText(int vlan, const char* end) {
 
 Mac routerMac(const std::string& host) {
     if (host == kFenceHost) return {2, 0, 0, 0xff, 0, 1};
-    const uint8_t vlan = static_cast<uint8_t>((host[0] - 'a' + 1) * 0x10);
+    const auto vlan = static_cast<uint8_t>((host[0] - 'a' + 1) * 0x10);
     return {2, 0, 0, 0, vlan, 1};
 }
 
@@ -280,8 +280,8 @@ void Site::fence(bool isIpv6) {
     }
 }
 
-Twins::Twins(const Run& run, const Mtus& mtus)
-    : m_run(run), m_plain("plain", mtus), m_served("served", mtus) {}
+Twins::Twins(Run run, const Mtus& mtus)
+    : m_run(std::move(run)), m_plain("plain", mtus), m_served("served", mtus) {}
 
 void Twins::both(const std::function<void(Site&)>& action) {
     action(m_plain);

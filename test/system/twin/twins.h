@@ -114,7 +114,7 @@ struct Comparison {
 
 class Twins {
  public:
-    explicit Twins(const Run& run, const Mtus& mtus = {});
+    explicit Twins(Run run, const Mtus& mtus = {});
 
     /// Prepare both routers; each throws std::runtime_error if a command fails.
     void ip(const std::string& batch);

@@ -210,8 +210,8 @@ TEST_F(Random, HeadersAreDumpedAsPrintfWritesThem) {
         ASSERT_EQ(inserted(EthVlanHeader(start)), reference::ethDump(start)) << round;
         ASSERT_EQ(inserted(Ipv4Header(start)), reference::ipv4Dump(start)) << round;
 
-        const uint16_t length = static_cast<uint16_t>(round % 1000 == 0 ? 65535 - random.below(1000)
-                                                                        : random.below(100));
+        const auto length = static_cast<uint16_t>(round % 1000 == 0 ? 65535 - random.below(1000)
+                                                                    : random.below(100));
         bytes = packets::with(random.bytes(41U + length), 4U + round % 2, packets::bytesOf(length));
         writeAddress(bytes, 8U + round % 2);
         writeAddress(bytes, 24U + round % 2);

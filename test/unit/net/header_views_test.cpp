@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
 // The header views: every field against literal bytes, at an odd address.
+#include <gtest/gtest.h>
+
 #include <array>
 #include <type_traits>
 

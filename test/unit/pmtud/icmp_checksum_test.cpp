@@ -2,6 +2,8 @@
 // Tests of the checksum routine: sums added up by hand, and its definition over random messages.
 #include "icmp_checksum.h"
 
+#include <gtest/gtest.h>
+
 #include <type_traits>
 
 #include "packets.h"

@@ -21,11 +21,6 @@ soak_check_equal() {
     if [[ $2 != "$3" ]]; then echo "          it should be $2"; fi
 }
 
-# soak_check_no_more WHAT BEFORE NOW
-soak_check_no_more() {
-    soak_check "$1 ($2 before, $3 now)" test "$3" -le "$2"
-}
-
 soak_no_faults() {
     soak_read_figures
     soak_check_equal "$1" 0 "$((soak_figures[faults] - soak_faults_before))"

@@ -65,9 +65,22 @@ warm_up() {
 
 # The daemon must answer whatever the rules withdrew, as long as the queue does not overrun.
 check_withdrawn() {
-    soak_check_equal "messages of the rules lost in the queue" 0 "${since[log_messages_lost]}"
+    check_nothing_lost
     soak_check_equal "messages that the rules withdrew, beside the answers that left" \
         "$(soak_counter_since answers)" "$(soak_counter_since bcm0.20)"
+}
+
+# If the MTU has changed since the kernel refused a packet, the platform sends the kernel's message
+# straight to the station, past the counter. That the hosts get all answers is checked there.
+check_withdrawn_during_changes() {
+    check_nothing_lost
+    local -ri withdrawn=$(soak_counter_since bcm0.20) answers=$(soak_counter_since answers)
+    soak_check "answers that left ($answers) are at most the messages that the rules withdrew ($withdrawn)" \
+        test "$answers" -le "$withdrawn"
+}
+
+check_nothing_lost() {
+    soak_check_equal "messages of the rules lost in the queue" 0 "${since[log_messages_lost]}"
     soak_check "every line of the system log was taken or is counted as lost" \
         lab_within 5 soak_lines_are_accounted_for
 }
@@ -122,7 +135,7 @@ changing() {
     soak_no_faults "wrong, missing or superfluous answers, or answers with a wrong MTU"
     soak_check_equal "packets answered while interfaces change, or missing" "$sent" \
         $((since[answered] + since[missing]))
-    check_withdrawn
+    check_withdrawn_during_changes
     soak_check "the rules are those of the $(soak_vlans_wanted | wc -l) VLANs that are there" \
         lab_within 10 soak_rules_are_true
     soak_remove_interfaces

@@ -49,11 +49,11 @@ int happen(uint8_t choice, pollfd* ready) {
     }
 }
 
-// The rules that a new table for the interfaces would have.
-void requireFitting(const fuzz::RulesModel& rules) {
+// Whether they are those that a new table for the interfaces would have.
+bool areFitting(const fuzz::RulesModel& rules) {
     fuzz::RulesModel fresh;
     fresh.run(pmtud_linux::tableText() + pmtud_linux::changeText({}, world->links.vlans()));
-    rules.requireEqual(fresh);
+    return rules == fresh;
 }
 
 int refuse(Opened& context) {
@@ -93,7 +93,11 @@ int __wrap_poll(pollfd* ready, nfds_t count, int timeout) {
         return 0;
     }
     world->settle();
-    if (!world->areRulesRefused) requireFitting(*world->rules);
+    // The interfaces may also have taken back what was refused.
+    if (areFitting(*world->rules))
+        world->areRulesRefused = false;
+    else
+        require(world->areRulesRefused, "the rules follow the interfaces");
     const bool isIdle = !world->areRulesRefused && !world->links.isStale() && world->isAllLogged();
     require(timeout == (isIdle ? -1 : 1000), "the wait ends if there is something to do");
     require(ready[0].fd == world->group.fd && ready[1].fd == world->linkSocket.fd,
@@ -233,7 +237,7 @@ int __wrap_nft_run_cmd_from_buffer(nft_ctx* to, const char* text) {
     if (world->areRulesRefused) return refuse(context);
     fuzz::RulesModel changed = world->rules.value_or(fuzz::RulesModel());
     changed.run(commands);
-    requireFitting(changed);
+    require(areFitting(changed), "a change leads to the rules that a new table would have");
     if (world->rules) changed.requireKept(*world->rules);
     world->rules = std::move(changed);
     return 0;

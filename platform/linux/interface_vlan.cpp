@@ -3,9 +3,7 @@
 #include "interface_vlan.h"
 
 #include <libmnl/libmnl.h>
-#include <linux/if_link.h>
-#include <linux/rtnetlink.h>
-#include <sys/socket.h>
+#include <linux/netlink.h>
 
 #include <array>
 #include <cstdint>
@@ -33,15 +31,10 @@ int applyLink(const nlmsghdr* message, void* data) {
 int askVlan(int ifindex) {
     MnlSocket socket;
     if (openSocket(socket, NETLINK_ROUTE, 0) != 0) return 0;
-    alignas(nlmsghdr) std::array<char, 256> buffer{};
-    nlmsghdr* const request = mnl_nlmsg_put_header(buffer.data());
-    request->nlmsg_type = RTM_GETLINK;
-    auto* const header =
-        static_cast<ifinfomsg*>(mnl_nlmsg_put_extra_header(request, sizeof(ifinfomsg)));
-    header->ifi_index = ifindex;
-    mnl_attr_put_u32(request, IFLA_EXT_MASK, RTEXT_FILTER_SKIP_STATS);
+    alignas(nlmsghdr) std::array<char, 256> request{};
     VlanTable table;
-    if (requestFromKernel(socket, request, applyLink, &table) != 0) return 0;
+    if (requestFromKernel(socket, putLinkRequest(request.data(), ifindex), applyLink, &table) != 0)
+        return 0;
     return table.vlanOf(static_cast<uint32_t>(ifindex));
 }
 

@@ -11,6 +11,7 @@ namespace pmtud_linux {
 
 constexpr size_t kIpv4HeaderSize = 20;
 constexpr size_t kIpv6HeaderSize = 40;
+constexpr size_t kIcmpHeaderSize = 8;  // ICMPv6 too
 
 inline size_t bigEndian16(std::span<const uint8_t> bytes, size_t at) {
     return size_t{bytes[at]} << 8 | bytes[at + 1];
@@ -41,7 +42,6 @@ inline size_t claimedSize(std::span<const uint8_t> packet) {
 /// The packet that an ICMP or ICMPv6 error message quotes: everything after the IP header and the
 /// 8-byte ICMP header (RFC 792, RFC 4443 section 2.1). Empty if there is none.
 inline std::span<const uint8_t> quoteOf(std::span<const uint8_t> error) {
-    constexpr size_t kIcmpHeaderSize = 8;
     const size_t start = ipHeaderSize(error) + kIcmpHeaderSize;
     if (start == kIcmpHeaderSize || start > error.size()) return {};
     return error.subspan(start);
@@ -50,7 +50,6 @@ inline std::span<const uint8_t> quoteOf(std::span<const uint8_t> error) {
 /// The MTU that an ICMP (RFC 1191 section 4) or ICMPv6 (RFC 4443 section 3.2) "too big" message
 /// names; 0 if the message ends before its quote.
 inline uint32_t mtuNamedBy(std::span<const uint8_t> tooBig) {
-    constexpr size_t kIcmpHeaderSize = 8;
     const size_t icmp = ipHeaderSize(tooBig);
     if (icmp == 0 || tooBig.size() < icmp + kIcmpHeaderSize) return 0;
     const size_t upper = ipVersion(tooBig) == 6 ? bigEndian16(tooBig, icmp + 4) : 0;

@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 
 #include <cstring>
+#include <utility>
 
 #include "netlink.h"
 
@@ -81,7 +82,18 @@ std::optional<Link> decodeLink(const nlmsghdr& message) {
     // A wireless driver announces events in link messages that have neither MTU nor alternative
     // names.
     if (!link.gone && !(contents.hasName && contents.hasMtu)) return std::nullopt;
-    return link;
+    return std::move(contents.link);
+}
+
+nlmsghdr* putLinkRequest(char* buffer, int ifindex) {
+    nlmsghdr* const request = mnl_nlmsg_put_header(buffer);
+    request->nlmsg_type = RTM_GETLINK;
+    request->nlmsg_flags = NLM_F_REQUEST;
+    auto* const header =
+        static_cast<ifinfomsg*>(mnl_nlmsg_put_extra_header(request, sizeof(ifinfomsg)));
+    header->ifi_index = ifindex;
+    mnl_attr_put_u32(request, IFLA_EXT_MASK, RTEXT_FILTER_SKIP_STATS);
+    return request;
 }
 
 }  // namespace pmtud_linux

@@ -27,6 +27,11 @@ struct Link {
 /// and does not describe the interface.
 std::optional<Link> decodeLink(const nlmsghdr& message);
 
+/// Writes a request for the interface's link message to `buffer`, which must be zero, aligned like
+/// a message and of at least 64 bytes; 0: for those of all interfaces, if the caller adds
+/// NLM_F_DUMP.
+nlmsghdr* putLinkRequest(char* buffer, int ifindex);
+
 }  // namespace pmtud_linux
 
 #endif

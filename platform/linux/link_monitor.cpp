@@ -2,7 +2,6 @@
 // Lists the kernel's interfaces and follows their changes, through link messages (rtnetlink).
 #include "link_monitor.h"
 
-#include <linux/if_link.h>
 #include <linux/rtnetlink.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -98,12 +97,9 @@ int LinkMonitor::dropStale() const {
 
 int LinkMonitor::requestList() {
     alignas(nlmsghdr) std::array<char, 256> request{};
-    nlmsghdr* const header = mnl_nlmsg_put_header(request.data());
-    header->nlmsg_type = RTM_GETLINK;
-    header->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    nlmsghdr* const header = putLinkRequest(request.data(), 0);
+    header->nlmsg_flags |= NLM_F_DUMP;
     header->nlmsg_seq = ++m_sequence;
-    mnl_nlmsg_put_extra_header(header, sizeof(ifinfomsg));
-    mnl_attr_put_u32(header, IFLA_EXT_MASK, RTEXT_FILTER_SKIP_STATS);
     return mnl_socket_sendto(m_socket.get(), header, header->nlmsg_len) < 0 ? -errno : 0;
 }
 

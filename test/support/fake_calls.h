@@ -8,6 +8,9 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <vector>
+
+#include "allocations.h"
 
 namespace fake {
 
@@ -34,6 +37,17 @@ std::string callText(const char* call, const Arguments&... arguments) {
     ((os << separator << arguments, separator = ", "), ...);
     os << ")";
     return os.str();
+}
+
+/// Notes a call in `calls`. The result is the failure's if the call is to fail, or else the
+/// answer's; `detail` is for the journal alone.
+template <typename Answer, typename... Arguments>
+auto play(std::vector<std::string>& calls, const char* call, Answer answer,
+          const std::string& detail, const Arguments&... arguments) {
+    const allocations::Paused paused;
+    calls.push_back(callText(call, arguments...));
+    const auto failure = made(call, calls.back() + detail);
+    return failure ? static_cast<decltype(answer())>(failure->result) : answer();
 }
 
 /// An argument to be shown in quotes.

@@ -20,17 +20,6 @@ namespace {
 Syscalls currentSyscalls;
 Clock currentClock;
 
-/// The result of a call that failed on request, or else the test's answer; `detail` is for the
-/// journal alone.
-template <typename Answer, typename... Arguments>
-long play(const char* call, Answer answer, const std::string& detail,
-          const Arguments&... arguments) {
-    const Paused paused;
-    syscalls().calls.push_back(callText(call, arguments...));
-    const auto failure = made(call, syscalls().calls.back() + detail);
-    return failure ? failure->result : static_cast<long>(answer());
-}
-
 time_t clockSeconds() { return clock().hour * 3600 + clock().minute * 60 + clock().second; }
 
 }  // namespace
@@ -50,7 +39,7 @@ extern "C" {
 
 int __wrap_socket(int domain, int type, int protocol) {
     const Paused paused;
-    const auto fd = static_cast<int>(play("socket", syscalls().socket, {}, domain, type, protocol));
+    const int fd = play(syscalls().calls, "socket", syscalls().socket, {}, domain, type, protocol);
     if (fd >= 0) fake::openSockets.insert(fd);
     return fd;
 }
@@ -61,8 +50,8 @@ int __wrap_setsockopt(int fd, int level, int option, const void* value, socklen_
     for (socklen_t i = 0; i < length; ++i) {
         bytes += (i == 0 ? "" : " ") + std::to_string(static_cast<const uint8_t*>(value)[i]);
     }
-    return static_cast<int>(play("setsockopt", syscalls().setsockopt, {}, fd, level, option,
-                                 "[" + bytes + "]", length));
+    return play(syscalls().calls, "setsockopt", syscalls().setsockopt, {}, fd, level, option,
+                "[" + bytes + "]", length);
 }
 
 ssize_t __wrap_sendto(int fd, const void* message, size_t length, int flags,
@@ -73,7 +62,7 @@ ssize_t __wrap_sendto(int fd, const void* message, size_t length, int flags,
     memcpy(&sent.to, to, sizeof sent.to);
     syscalls().sent.push_back(sent);
     return play(
-        "sendto", [length] { return syscalls().sendto(length); },
+        syscalls().calls, "sendto", [length] { return syscalls().sendto(length); },
         " to " + fake::hex(&sent.to.sin_addr, 4) + ": " + fake::hex(message, length), fd,
         std::to_string(length) + " bytes", flags, addressLength);
 }
@@ -83,12 +72,12 @@ int __wrap_close(int fd) {
     const Paused paused;
     const auto found = fake::openSockets.find(fd);
     if (found != fake::openSockets.end()) fake::openSockets.erase(found);
-    return static_cast<int>(play("close", syscalls().close, {}, fd));
+    return play(syscalls().calls, "close", syscalls().close, {}, fd);
 }
 
 unsigned __wrap_if_nametoindex(const char* name) {
     const auto answer = [name] { return syscalls().ifNameToIndex(name); };
-    return static_cast<unsigned>(play("if_nametoindex", answer, {}, fake::Quoted{name}));
+    return play(syscalls().calls, "if_nametoindex", answer, {}, fake::Quoted{name});
 }
 
 time_t __wrap_time(time_t* out) {

@@ -25,22 +25,11 @@ const char* poolName(const void* pool) {
     return pool == nullptr ? "0" : "?";
 }
 
-/// The result of a call that failed on request, or else the test's answer; `detail` is for the
-/// journal alone.
-template <typename Answer, typename... Arguments>
-auto play(const char* call, Answer answer, const std::string& detail,
-          const Arguments&... arguments) {
-    const Paused paused;
-    platform().calls.push_back(callText(call, arguments...));
-    const auto failure = made(call, platform().calls.back() + detail);
-    return failure ? static_cast<decltype(answer())>(failure->result) : answer();
-}
-
 /// Of a call that succeeds with 0.
 template <typename... Arguments>
 int status(const char* call, const Arguments&... arguments) {
     return play(
-        call, [] { return 0; }, {}, arguments...);
+        platform().calls, call, [] { return 0; }, {}, arguments...);
 }
 
 }  // namespace
@@ -76,17 +65,17 @@ int cfg_clear_pid(void) { return status("cfg_clear_pid"); }
 
 int cfg_vlan_l3_get_dest_vlan(int egress) {
     const auto answer = [egress] { return platform().destVlan(egress); };
-    return play("cfg_vlan_l3_get_dest_vlan", answer, {}, egress);
+    return play(platform().calls, "cfg_vlan_l3_get_dest_vlan", answer, {}, egress);
 }
 
 uint32_t cfg_vlan_l3_get_mtu(int vlan) {
     const auto answer = [vlan] { return platform().vlanMtu(vlan); };
-    return play("cfg_vlan_l3_get_mtu", answer, {}, vlan);
+    return play(platform().calls, "cfg_vlan_l3_get_mtu", answer, {}, vlan);
 }
 
 int cfg_vlan_l3_get_mtu_vlan(int vlan) {
     const auto answer = [vlan] { return platform().mtuVlan(vlan); };
-    return play("cfg_vlan_l3_get_mtu_vlan", answer, {}, vlan);
+    return play(platform().calls, "cfg_vlan_l3_get_mtu_vlan", answer, {}, vlan);
 }
 
 int pktd_shm_queue_init(const char* client, int first, int second, void* tx_pool, void* rx_pool) {
@@ -98,9 +87,9 @@ int pktd_shm_rx_thread_init(const char* client, void* rx_pool, void* rx_wl_pool,
                             int second, pktd_rx_cb_t callback, void* user) {
     platform().callback = callback;
     const auto answer = [] { return platform().rxThreadInit(); };
-    return play("pktd_shm_rx_thread_init", answer, {}, Quoted{client}, poolName(rx_pool),
-                poolName(rx_wl_pool), first, second, callback == nullptr ? "0" : "callback",
-                poolName(user));
+    return play(platform().calls, "pktd_shm_rx_thread_init", answer, {}, Quoted{client},
+                poolName(rx_pool), poolName(rx_wl_pool), first, second,
+                callback == nullptr ? "0" : "callback", poolName(user));
 }
 
 /// Every byte is 0xEE, so that one written later shows.
@@ -125,7 +114,8 @@ int arpd_icmp6_socket_create(int32_t* fd, const char* ifname) {
     const Paused paused;
     platform().interface = ifname;
     const auto answer = [fd] { return platform().icmp6SocketCreate(fd); };
-    const int created = play("arpd_icmp6_socket_create", answer, {}, Quoted{ifname});
+    const int created =
+        play(platform().calls, "arpd_icmp6_socket_create", answer, {}, Quoted{ifname});
     if (created == 0) fake::openSockets.insert(*fd);
     return created;
 }
@@ -142,7 +132,7 @@ int arpd_ipv6_pkt_send(int32_t fd, const struct sockaddr_in6* to, const struct i
     const std::string detail = " to " + fake::hex(&to->sin6_addr, 16) + ": " +
                                fake::hex(message.bytes.data(), message.bytes.size());
     const auto answer = [] { return platform().icmp6Send(); };
-    return play("arpd_ipv6_pkt_send", answer, detail, fd, ifindex);
+    return play(platform().calls, "arpd_ipv6_pkt_send", answer, detail, fd, ifindex);
 }
 
 int debug_process(uint32_t channel, const char* format, ...) {

@@ -32,8 +32,6 @@ namespace {
 
 int indexOf(const char* name) { return static_cast<int>(if_nametoindex(name)); }
 
-std::string ruleset() { return output("nft list ruleset"); }
-
 // Gives the interface another name; what it loses by going down it is given again.
 void rename(const char* from, const char* to, const char* vlan) {
     const std::string network = std::string("fd00:") + vlan;
@@ -52,13 +50,6 @@ void giveName(const char* interface, const char* name) {
 void takeName(const char* interface, const char* name) {
     run(std::string("ip link property del dev ") + interface + " altname " + name);
 }
-
-bool isTooBig4(const Bytes& bytes) {
-    return bytes.size() >= 48 && bytes[0] == 0x45 && bytes[9] == 1 && bytes[20] == 3 &&
-           bytes[21] == 4;
-}
-
-int mtuOf4(const Bytes& tooBig) { return tooBig[26] << 8 | tooBig[27]; }
 
 // Waits until a socket of the group's kind has nothing left for its process to receive.
 void awaitEmptyQueues() {
@@ -99,6 +90,17 @@ class AlternativeNameOnTheKernel : public World {
         RuleChanges changes;
         action();
         changes.await();
+    }
+
+    // While the gated client's thread is in the callback with the packet for bcm0.30, the rules
+    // withdraw the answer to one for bcm0.20.
+    void sendTwoOfWhichOneWaits() {
+        const auto limit = std::chrono::steady_clock::now() + kPatience;
+        sendFence();
+        while (handedOver("bcm0.30") != 1) ASSERT_LT(std::chrono::steady_clock::now(), limit);
+        awaitEmptyQueues();
+        send(packet(Ipv4{}));
+        while (handedOver("bcm0.20") != 1) ASSERT_LT(std::chrono::steady_clock::now(), limit);
     }
 };
 
@@ -149,7 +151,7 @@ TEST_F(AlternativeNameOnTheKernel, ThatIsTakenAwayLeavesTheInterfaceToTheKernel)
     change([] { takeName("eth0.20", "bcm0.20"); });
     EXPECT_THAT(ruleset(), Not(HasSubstr("bcm0.20")));
     send(packet(Ipv4{}));
-    EXPECT_EQ(mtuOf4(atA.next(isTooBig4)), 1280);
+    EXPECT_EQ(mtuOf4(atA.next(isTooBig4)), 1280U);
     sendFence();
     EXPECT_EQ(+client.next().control.egress, indexOf("bcm0.30"));
 }
@@ -161,19 +163,12 @@ TEST_F(AlternativeNameOnTheKernel, TakenAwayWhileAnAnswerIsDueLetsTheKernelAnswe
     gated.gated = true;
     Client client(gated);
     Capture atA("a");
-    sendFence();
-    const auto isWithdrawn = [] { return handedOver("bcm0.30") == 1; };
-    const auto limit = std::chrono::steady_clock::now() + kPatience;
-    while (!isWithdrawn()) ASSERT_LT(std::chrono::steady_clock::now(), limit);
-    awaitEmptyQueues();
-    // The thread is in the callback with the first packet; this one has to wait.
-    send(packet(Ipv4{}));
-    while (handedOver("bcm0.20") != 1) ASSERT_LT(std::chrono::steady_clock::now(), limit);
+    ASSERT_NO_FATAL_FAILURE(sendTwoOfWhichOneWaits());
     takeName("eth0.20", "bcm0.20");
     client.openGate();
     EXPECT_EQ(+client.next().control.egress, indexOf("bcm0.30"));
-    EXPECT_EQ(mtuOf4(atA.next(isTooBig4)), int{kAnsweredMtu});
-    EXPECT_EQ(mtuOf4(atA.next(isTooBig4)), 1280);
+    EXPECT_EQ(mtuOf4(atA.next(isTooBig4)), size_t{kAnsweredMtu});
+    EXPECT_EQ(mtuOf4(atA.next(isTooBig4)), 1280U);
     sendFence();
     EXPECT_EQ(+client.next().control.egress, indexOf("bcm0.30"));
 }
@@ -185,21 +180,15 @@ TEST_F(AlternativeNameOnTheKernel, SwappedWhileAnAnswerIsDueLetsTheKernelAnswer)
     gated.gated = true;
     Client client(gated);
     Capture atA("a");
-    sendFence();
-    const auto limit = std::chrono::steady_clock::now() + kPatience;
-    while (handedOver("bcm0.30") != 1) ASSERT_LT(std::chrono::steady_clock::now(), limit);
-    awaitEmptyQueues();
-    // The thread is in the callback with the first packet; this one has to wait.
-    send(packet(Ipv4{}));
-    while (handedOver("bcm0.20") != 1) ASSERT_LT(std::chrono::steady_clock::now(), limit);
+    ASSERT_NO_FATAL_FAILURE(sendTwoOfWhichOneWaits());
     takeName("eth0.10", "bcm0.10");
     takeName("eth0.20", "bcm0.20");
     giveName("eth0.10", "bcm0.20");
     giveName("eth0.20", "bcm0.10");
     client.openGate();
     EXPECT_EQ(+client.next().control.egress, indexOf("bcm0.30"));
-    EXPECT_EQ(mtuOf4(atA.next(isTooBig4)), int{kAnsweredMtu});
-    EXPECT_EQ(mtuOf4(atA.next(isTooBig4)), 1280);
+    EXPECT_EQ(mtuOf4(atA.next(isTooBig4)), size_t{kAnsweredMtu});
+    EXPECT_EQ(mtuOf4(atA.next(isTooBig4)), 1280U);
     sendFence();
     EXPECT_EQ(+client.next().control.egress, indexOf("bcm0.30"));
 }

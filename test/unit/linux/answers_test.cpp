@@ -19,17 +19,11 @@ constexpr char kLostLine[] =
     "them in the output hook: icmp type destination-unreachable accept; icmpv6 type "
     "packet-too-big accept";
 
-// A "too big" message of ICMP or ICMPv6.
-bool isTooBig4(const Bytes& bytes) {
-    return bytes.size() >= 48 && bytes[0] == 0x45 && bytes[9] == 1 && get16(bytes, 20) == 0x0304;
-}
-
 bool isTooBig6(const Bytes& bytes) {
     return bytes.size() >= 48 && bytes[0] >> 4 == 6 && bytes[6] == 58 && bytes[40] == 2;
 }
 
 // The MTU tells who answered: only the client answers with its own.
-size_t mtuOf4(const Bytes& tooBig) { return get16(tooBig, 26); }
 size_t mtuOf6(const Bytes& tooBig) { return get16(tooBig, 46); }
 size_t quotedIdentification(const Bytes& tooBig) { return get16(tooBig, 32); }
 

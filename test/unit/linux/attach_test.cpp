@@ -23,8 +23,6 @@ using testing::IsEmpty;
 
 namespace {
 
-std::string ruleset() { return output("nft list ruleset"); }
-
 // Who has log group 89: the second field.
 int ownerOfTheGroup() {
     std::ifstream groups("/proc/self/net/netfilter/nfnetlink_log");

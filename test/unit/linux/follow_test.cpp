@@ -9,12 +9,6 @@
 using testing::HasSubstr;
 using testing::Not;
 
-namespace {
-
-std::string ruleset() { return output("nft list ruleset"); }
-
-}  // namespace
-
 class Rules : public World {
  protected:
     // Runs the commands, which bring about one change of the rules, and awaits it.

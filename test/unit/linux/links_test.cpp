@@ -65,8 +65,6 @@ void overrunLists() {
     };
 }
 
-std::string ruleset() { return output("nft list ruleset"); }
-
 class Links : public World {
  protected:
     void SetUp() override {

@@ -87,3 +87,12 @@ uint64_t handedOver(const std::string& interface) {
     if (at == std::string::npos) throw std::runtime_error("no counter " + interface);
     return std::stoull(text.substr(at + kBefore.size()));
 }
+
+std::string ruleset() { return output("nft list ruleset"); }
+
+bool isTooBig4(const Bytes& packet) {
+    return packet.size() >= 48 && packet[0] == 0x45 && packet[9] == 1 &&
+           get16(packet, 20) == 0x0304;
+}
+
+size_t mtuOf4(const Bytes& tooBig) { return get16(tooBig, 26); }

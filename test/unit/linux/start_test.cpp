@@ -45,8 +45,6 @@ TEST(StartProblem, NamesCauseAndRemedyOfEachResult) {
 
 namespace {
 
-std::string ruleset() { return output("nft list ruleset"); }
-
 // Fails if there is not one line, an error.
 void expectOnlyLine(LogDaemon& log, const std::string& line) {
     const std::string datagram = log.next();

@@ -135,4 +135,13 @@ class World : public testing::Test {
 /// How many refused packets for the interface's VLAN the rules handed over.
 uint64_t handedOver(const std::string& interface);
 
+/// All rules in the namespace, as nft lists them.
+std::string ruleset();
+
+/// Whether an IPv4 packet without options is ICMP "fragmentation needed".
+bool isTooBig4(const Bytes& packet);
+
+/// The MTU that such a packet names.
+size_t mtuOf4(const Bytes& tooBig);
+
 #endif

@@ -134,7 +134,7 @@ show_change() {
     local family
     for family in 4 6; do
         show_ping "$family" 1400 10
-        story_expect "the next packet is told the new MTU" '(mtu = 1300\)|mtu=1300)'
+        story_expect "the next packet's sender learns the new MTU" '(mtu = 1300\)|mtu=1300)'
         show_ping "$family" 1300 10
         story_expect "and a packet of that size passes" ' 0% packet loss'
     done

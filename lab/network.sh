@@ -45,7 +45,7 @@ lab_machines() {
 # card's default offloads, for throughput measurements.
 lab_like_wire=true
 
-# On a wire, packets are no larger than the MTU, have their checksum, and are not merged.
+# Makes the link behave like a wire: no packet exceeds the MTU, lacks its checksum or is merged.
 lab_link_end() {
     local -r machine=$1 interface=$2 mtu=$3
     if "$lab_like_wire"; then

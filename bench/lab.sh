@@ -96,7 +96,7 @@ measure_answers() {
     measure_many_vlans
 }
 
-# measure_memory FRAMES: with twenty VLANs, because the limits apply to each VLAN
+# measure_memory FRAMES: with twenty VLANs, enough to reach the limit that applies to all together
 measure_memory() {
     local family answered=0
     lab_build_links 1500 1400

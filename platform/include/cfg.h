@@ -24,7 +24,7 @@ int cfg_add_pid(const char* process);
 /* Update the process's time zone. 0, or a negative errno value. */
 int updateTZ(void);
 
-/* Undo cfg_add_pid; called on the main thread before the process exits. */
+/* Undo cfg_add_pid; called on the main thread, only if an exception there ends the daemon. */
 int cfg_clear_pid(void);
 
 /*

@@ -37,8 +37,8 @@ extern uint8_t pktd_rx_wl_pool[25980];
  *   - the first 18 of every frame (Ethernet header with one tag);
  *   - for EtherType 0x0800, the first 78;
  *   - for EtherType 0x86DD, the first 58 and as many more as the IPv6 payload length
- *     gives, up to 1,510. At level DEBUG, the IPv6 dump reads the whole packet that the
- *     payload length gives: at most 18 + 40 + 65,535 bytes.
+ *     gives, up to 1,510 in all. At level DEBUG or a more verbose one, the IPv6 dump reads
+ *     the whole packet that the payload length gives: at most 18 + 40 + 65,535 bytes.
  * Bytes after the received frame may be quoted to its sender, so they must not
  * contain anybody else's data.
  */

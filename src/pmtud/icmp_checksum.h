@@ -5,9 +5,10 @@
 
 #include <cstdint>
 
-/// The Internet checksum (RFC 1071) of `len` bytes, in host byte order. The carries are
-/// deliberately folded in only once, so a carry out of that fold is dropped. With an odd `len`, the
-/// byte after the message is read too.
+/// The Internet checksum (RFC 1071) of `len` bytes, in host byte order, with two deliberate
+/// differences. The carries are folded in only once, so a carry out of that fold is dropped. With
+/// an odd `len`, the last byte and the one after the message are added shifted left by 8, instead
+/// of the last byte and a zero.
 uint16_t icmpChecksum(const uint8_t* message, uint16_t len);
 
 #endif

@@ -32,7 +32,7 @@ int cfg_clear_pid(void);
  * configuration at that moment and must not block for long.
  */
 
-/* The VLAN (1 to 4094) via which this egress leaves; any other value: unknown egress. */
+/* The VLAN (1 to 4094) via which packets with this egress leave; any other value: none. */
 int cfg_vlan_l3_get_dest_vlan(int egress);
 
 /* The MTU of this layer-3 VLAN in bytes, including the IP header; 0: no such VLAN. */

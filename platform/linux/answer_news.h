@@ -13,8 +13,8 @@ class AnswerNews {
  public:
     using Clock = std::chrono::steady_clock;
 
-    /// How long no answer may be lost before recovery is reported: some answers may leave while
-    /// others do not.
+    /// Recovery is reported after this long without a lost answer, because some answers may leave
+    /// while others do not.
     static constexpr std::chrono::seconds kQuiet{30};
 
     /// Records that an answer did not leave on the interface. True: it is the first since the last

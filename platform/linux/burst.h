@@ -14,8 +14,8 @@ class Burst {
 
     void count(uint64_t events) { m_unreported += events; }
 
-    /// How many events to log now, 0 for none: all that were counted since the last line, when the
-    /// burst is over or, while it lasts, once per second.
+    /// The number of events to log now: all since the last line if the burst is over, or if that
+    /// line is at least a second old; 0 otherwise.
     uint64_t due(bool over, Clock::time_point now);
 
     bool pending() const { return m_unreported != 0; }

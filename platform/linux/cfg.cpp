@@ -21,8 +21,8 @@ using pmtud_linux::Descriptor;
 
 namespace {
 
-// Opened by cfg_init before the receive thread exists, and never closed: queries come on that
-// thread, which may outlive this library's static objects.
+// Opened by cfg_init before the receive thread exists, and never closed: that thread makes the
+// queries and may outlive this library's static objects.
 int querySocket = -1;
 
 // The path of the registration's record; empty while the process is not registered. Not a string,
@@ -62,7 +62,7 @@ int cfg_init(void) {
 }
 
 // The record is /run/<process>.registered and contains the PID. It replaces an existing record,
-// whose process was killed or carries on without it.
+// whose process was killed or keeps running without it.
 int cfg_add_pid(const char* process) {
     if (process == nullptr) return -EINVAL;
     const std::string_view name(process);

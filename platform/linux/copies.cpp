@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Copies of candidates, kept until a kernel message shows which of them it refused.
+// Copies of candidates, kept until the kernel's messages show which of them it refused.
 #include "copies.h"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Copies of candidates, kept until a kernel message shows which of them it refused.
+// Copies of candidates, kept until the kernel's messages show which of them it refused.
 #ifndef PMTUD_LINUX_COPIES_H
 #define PMTUD_LINUX_COPIES_H
 
@@ -23,8 +23,8 @@ class Copies {
     static constexpr size_t kCapacity = 128;
 
     /// Keeps the message's packet. False if it is not IPv4 or IPv6 with a complete header, if its
-    /// ingress is unknown, or if the message holds more than kCopySize bytes of it, or fewer
-    /// although the packet is longer.
+    /// ingress is unknown, if the message holds more than kCopySize bytes of it, or if it was
+    /// truncated to fewer.
     bool keep(const LogMessage& message, int egressVlan);
 
     /// The newest copy that begins like the quote; null if there is none. A copy is returned only

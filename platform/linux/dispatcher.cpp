@@ -31,7 +31,7 @@ constexpr int kReceiveCalls = 4;
 
 constexpr int kRetryInterval = 1000;  // milliseconds
 
-// How long the kernel is left to answer on an interface after nothing could be sent on it.
+// How long the kernel is left to answer on an interface after no answer could be sent on it.
 constexpr std::chrono::seconds kLeftToKernel(30);
 
 // If the log does not accept the line, a later line covers its events.
@@ -229,7 +229,7 @@ void Dispatcher::takeRefused(const LogMessage& message, pktd_rx_cb_t callback) {
 }
 
 // Since the rules withdrew the message, the VLAN's name may have moved to an interface with another
-// MTU, which would be the wrong one to tell.
+// MTU. The daemon would then announce the wrong one.
 bool Dispatcher::isStillMtu(const LogMessage& message, const Copy& copy) const {
     const auto egress = m_table.vlans().find(copy.egressVlan);
     return egress != m_table.vlans().end() && egress->second.mtu == mtuNamedBy(message.payload);

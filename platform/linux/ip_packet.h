@@ -23,7 +23,7 @@ inline int ipVersion(std::span<const uint8_t> packet) {
 }
 
 /// The size of the IPv4 header with its options, or of the fixed IPv6 header; 0 if the packet has
-/// neither or not all of it.
+/// neither, or only a part of it.
 inline size_t ipHeaderSize(std::span<const uint8_t> packet) {
     size_t size = 0;
     if (ipVersion(packet) == 4) size = size_t{4} * (packet[0] & 0x0f);

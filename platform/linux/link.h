@@ -22,14 +22,13 @@ struct Link {
     bool inVrf = false;  ///< enslaved to a VRF, which has its own routing table
 };
 
-/// The interface that a complete RTM_NEWLINK or RTM_DELLINK message describes; nothing for any
-/// other message, nor for a bridge's messages about its ports, nor for one that announces an event
-/// and does not describe the interface.
+/// The interface that a complete RTM_NEWLINK or RTM_DELLINK message describes. Nothing for any
+/// other message, for a bridge's message about a port, and for one that only announces an event.
 std::optional<Link> decodeLink(const nlmsghdr& message);
 
-/// Writes a request for the interface's link message to `buffer`, which must be zero, aligned like
-/// a message and of at least 64 bytes; 0: for those of all interfaces, if the caller adds
-/// NLM_F_DUMP.
+/// Writes a request for the interface's link message to `buffer`, which must be zeroed, aligned
+/// like a message and at least 64 bytes long. With `ifindex` 0, and if the caller adds NLM_F_DUMP,
+/// the request is for all interfaces.
 nlmsghdr* putLinkRequest(char* buffer, int ifindex);
 
 }  // namespace pmtud_linux

@@ -17,8 +17,8 @@ namespace pmtud_linux {
 
 namespace {
 
-// An interface's alternative names may take 64 KiB of its message. The kernel then sends the whole
-// list in datagrams of that size.
+// An interface's alternative names may take up to 64 KiB of its message. The kernel then sends the
+// whole list in datagrams of that size.
 constexpr size_t kBufferSize = 131072;
 
 // A thousand interfaces that appear at once must not overrun the socket.
@@ -28,7 +28,7 @@ constexpr int kReceiveBuffer = 1 << 20;
 // lost.
 constexpr int kAnswerTimeout = 1000;
 
-// The kernel's negative errno value; 0 for any other message.
+// The negative errno value of the kernel's error message; 0 for any other message.
 int errorOf(const nlmsghdr& message) {
     if (message.nlmsg_type != NLMSG_ERROR) return 0;
     if (mnl_nlmsg_get_payload_len(&message) < sizeof(nlmsgerr)) return 0;

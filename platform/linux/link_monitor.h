@@ -44,7 +44,7 @@ class LinkMonitor {
     int receiveList(VlanTable& table, bool& doubtful);
 
     MnlSocket m_socket;
-    std::unique_ptr<char[]> m_buffer;  // of each read
+    std::unique_ptr<char[]> m_buffer;  // reused by every read
     unsigned int m_sequence = 0;
     bool m_stale = false;
 };

@@ -23,7 +23,7 @@ namespace {
 constexpr int kReceiveBuffer = 8 << 20;
 
 // Room for a copy and the message that refuses it, or for two copies. With the kernel's overhead
-// this is one page. Every datagram, however short, takes a whole such buffer of the socket's room.
+// this is one page. Every datagram, however short, takes up such a page in the socket's buffer.
 constexpr uint32_t kCollected = 3712;
 constexpr uint32_t kCollectedMessages = 16;
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A libmnl netlink socket with an owner that closes it.
+// Owns a libmnl netlink socket and closes it.
 #ifndef PMTUD_LINUX_MNL_SOCKET_H
 #define PMTUD_LINUX_MNL_SOCKET_H
 

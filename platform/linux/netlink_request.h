@@ -10,8 +10,8 @@
 namespace pmtud_linux {
 
 /// Sends the request and receives its acknowledgement or, if `take` is given, passes it each
-/// message of the answer until it returns MNL_CB_STOP. Nothing waits, because the kernel queues the
-/// answer before the send returns. 0 or a negative errno value.
+/// message of the answer until it returns MNL_CB_STOP. Does not block: the kernel queues the answer
+/// before the send returns. 0 or a negative errno value.
 int requestFromKernel(const MnlSocket& socket, nlmsghdr* request, mnl_cb_t take, void* data);
 
 }  // namespace pmtud_linux

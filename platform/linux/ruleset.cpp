@@ -32,11 +32,11 @@ namespace pmtud_linux {
 
 namespace {
 
-// The key that distinguishes packets, as the packet contains it (`header`) and as a message that
-// quotes the packet does (`quoted`). It has 16 bytes, because nft 1.0.6 cannot map a longer key to
+// The key that distinguishes packets, as it is read from the packet (`header`) and from a message
+// that quotes the packet (`quoted`). It has 16 bytes, because nft 1.0.6 cannot map a longer key to
 // a value. A packet that was not copied may share the key of one that was; its message is then sent
 // after all. A message does not remove the key, because the kernel keeps removed keys for up to a
-// second and accepts only some 16 equal ones meanwhile.
+// second and accepts only about 16 equal ones meanwhile.
 struct Kind {
     const char* name;
     const char* packets;

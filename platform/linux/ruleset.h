@@ -41,8 +41,7 @@ std::string tableText();
 /// transaction on an existing table; empty if nothing changes.
 std::string changeText(const Vlans& before, const Vlans& after);
 
-/// The command that lets the kernel answer, for that many seconds, if the answer would leave on the
-/// interface.
+/// The command that leaves the answers on the interface to the kernel for that many seconds.
 std::string leaveToKernelText(uint32_t ifindex, int seconds);
 
 }  // namespace pmtud_linux

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Writes lines to the system log, as datagrams to /dev/log; nothing here waits.
+// Writes lines to the system log, as datagrams to /dev/log, without blocking.
 #include "system_log.h"
 
 #include <sys/socket.h>
@@ -97,7 +97,7 @@ int SystemLog::send(std::span<const Line> lines) {
     return sent == lines.size() ? 0 : error;
 }
 
-// How many messages the log accepted. If not all, sets the error, a negative errno value.
+// How many messages the log accepted. If not all, sets `error` to a negative errno value.
 size_t SystemLog::deliver(std::span<mmsghdr> messages, int& error) {
     constexpr int kFlags = MSG_DONTWAIT | MSG_NOSIGNAL;
     size_t sent = 0;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Writes lines to the system log, as datagrams to /dev/log; nothing here waits.
+// Writes lines to the system log, as datagrams to /dev/log, without blocking.
 //
 // A datagram has the form of RFC 3164 section 4.1 without the host name, as local programs send it:
 // "<31>Mmm dd hh:mm:ss pmtud[PID]: MODULE TEXT". Lines are truncated to 1,024 bytes, that RFC's
@@ -36,7 +36,7 @@ class SystemLog {
     /// 0, or a negative errno value if the line was lost.
     int write(Priority priority, uint32_t module, const char* text);
 
-    /// Counts a line that could not be formatted as lost.
+    /// Counts one line as lost, because it could not be formatted.
     void lose();
 
     /// Keeps a debug line for the next flush, which is automatic when kLinesKept are kept. 0, or

@@ -16,8 +16,8 @@ namespace qv {
 namespace {
 
 // Each line's stream is moved from this one: moving looks up the locale's facets once, constructing
-// twice. It also carries over the memory of the thread's previous line. An empty one allocates
-// nothing, so it cannot fail.
+// twice. It also carries over the memory of the thread's previous line. An empty stream allocates
+// nothing, so constructing it cannot fail.
 // NOLINTNEXTLINE(cert-err58-cpp)
 thread_local std::ostringstream idleStream(std::ios_base::out);
 

@@ -7,7 +7,7 @@
 
 namespace qv {
 
-/// Deliberately not a public std::exception: only a handler that names qv::exception catches it.
+/// Deliberately inherits privately: a handler for std::exception does not catch it.
 class exception : private std::runtime_error {
  public:
     using std::runtime_error::runtime_error;

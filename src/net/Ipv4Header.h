@@ -28,8 +28,8 @@
 ///     +---------------------------------------------------------------+
 class Ipv4Header {
  public:
-    /// The largest header that IHL can describe. Dump and quote deliberately take this many bytes,
-    /// whatever this header's IHL is. The true length is ihl().
+    /// The largest header that IHL can describe. The dump and the quote deliberately take this many
+    /// bytes, whatever this header's IHL is. The true length is ihl().
     static constexpr size_t kSize = 60;
 
     explicit Ipv4Header(const uint8_t* bytes) : m_bytes(bytes) {}

@@ -18,9 +18,8 @@ void appendHexByte(std::string& text, uint8_t byte) {
     text += kHexDigits[byte & 0xF];
 }
 
-/// If an address cannot be converted, the rest of its dump is lost, and the line goes out with what
-/// precedes the address. Versions of Boost.Asio that throw instead are made to behave like the
-/// others.
+/// If an address cannot be converted, the dump ends before it, and the line is written all the
+/// same. Versions of Boost.Asio that throw instead are made to behave like the others.
 template <typename Address>
 std::ostream& insertAddress(std::ostream& os, const Address& address) {
     try {
@@ -97,7 +96,7 @@ std::string ipv4Dump(const Ipv4Header& header) {
     os << "data[" << header.size() << "]: [" << hexDump(header.data(), header.size()) << "]"
        << std::endl;
     os << "Version: " << decHex(header.version()) << std::endl;
-    // The missing blank before the slash is intentional: scripts match this line.
+    // The missing space before the slash is intentional: scripts match this line.
     os << "IHL raw: " << decHex(header.ihlRaw())
        << "/ IHL: " << decHex(static_cast<int32_t>(header.ihl())) << std::endl;
     os << "TOS: " << decHex(header.tos()) << std::endl;

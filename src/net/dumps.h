@@ -18,10 +18,10 @@
 /// std::showbase: "0 [0]".
 std::string decHex(int32_t value);
 
-/// Two lower-case digits per byte, separated by blanks: "00 0a ff". No bytes: "".
+/// Two lower-case digits per byte, separated by spaces: "00 0a ff". No bytes: "".
 std::string hexDump(const uint8_t* bytes, size_t count);
 
-/// Lower-case digits without leading zeros, separated by blanks: "0 a ff". No bytes: "". This is
+/// Lower-case digits without leading zeros, separated by spaces: "0 a ff". No bytes: "". This is
 /// how the queue record's control block is logged.
 std::string byteDump(const void* start, size_t count);
 

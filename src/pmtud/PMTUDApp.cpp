@@ -144,7 +144,7 @@ bool PMTUDApp::sendICMP4PacketTooBig(uint8_t* frame, size_t len) {
             << " VLAN MTU: " << mtu;
         return false;
     }
-    // Logs the VLAN of the frame's own tag. The missing blank before the number is intentional.
+    // Logs the VLAN of the frame's own tag. The missing space before the number is intentional.
     QV_LOG(DEBUG, 127) << "MTU VLAN: " << mtu << " VLAN:" << eth.vlan_id();
 
     qv::QVDebugProcLog().get(m_logId, m_logName) << "Received IPv4 packet len " << len << ":";
@@ -208,7 +208,7 @@ bool PMTUDApp::sendICMP6PacketTooBig(const uint8_t& frame, size_t len) {
     const int egress = m_shm->frameInfo().egress;
     const int vlan = m_cfg->getDestVlan(egress);
     if (!isValidVlan(vlan)) {
-        // The first line has a blank before the parenthesis, the second has none: field scripts
+        // The first line has a space before the parenthesis, the second has none: field scripts
         // match both.
         QV_LOG(DEBUG, 211) << "Invalid VLAN ID: " << vlan << " (Egress ID: " << egress << ")";
         qv::QVDebugProcLog().get(m_logId, m_logName)
@@ -224,7 +224,7 @@ bool PMTUDApp::sendICMP6PacketTooBig(const uint8_t& frame, size_t len) {
             << ")";
         return false;
     }
-    // Logs the VLAN of the frame's own tag. The missing blank before the number is intentional.
+    // Logs the VLAN of the frame's own tag. The missing space before the number is intentional.
     QV_LOG(DEBUG, 223) << "MTU VLAN: " << mtu << " VLAN:" << eth.vlan_id();
 
     qv::QVDebugProcLog().get(m_logId, m_logName) << "Received IPv6 packet len " << len << ":";

@@ -10,7 +10,7 @@
 /// range mean "none".
 class VlanConfig {
  public:
-    /// The VLAN via which this egress leaves the switch; valid: 1 to 4094.
+    /// The VLAN via which packets with this egress leave the switch; valid: 1 to 4094.
     int getDestVlan(int egress);
 
     /// The VLAN's MTU in bytes; valid: 576 to 16383.

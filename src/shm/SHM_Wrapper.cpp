@@ -17,7 +17,7 @@ constexpr uint16_t kTpid8021Q = 0x8100;
 constexpr size_t kTxQueueInPool = 8;
 constexpr uint32_t kPostKind = 4;
 
-/// Converts a number that the record counts from 0 to the front panel's, which counts from 1.
+/// The number as on the front panel, which counts from 1, while the record counts from 0.
 int32_t countedFromOne(int32_t number) {
     return static_cast<int32_t>(static_cast<uint32_t>(number) + 1);
 }
@@ -72,7 +72,7 @@ int SHM_Wrapper::handleFrame(uint8_t* frame, size_t len) {
             QV_LOG(DEBUG, 60) << "Reposting packet";
             break;
         default:
-            // DEBUG is intentional: an invalid code shows only to those who look for it.
+            // DEBUG is intentional: an invalid code is logged only for those who look for it.
             QV_LOG(DEBUG, 63) << "Error! Invalid post action code " << int32_t{m_action};
             break;
     }

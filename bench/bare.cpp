@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Answers like the daemon with the least that a program can do: the floor for the daemon's figures.
+// Answers like the daemon, with the least work possible: the floor for the daemon's figures.
 #include <arpa/inet.h>
 #include <libmnl/libmnl.h>
 #include <libnetfilter_log/libnetfilter_log.h>

@@ -53,7 +53,7 @@ processor_time() {
     awk '{print $14 + $15}' "/proc/$lab_daemon/stat"
 }
 
-# Written to the log, and those that there was no room for.
+# The lines written to the log, and those that it did not accept.
 log_lines() {
     lab_syslog | awk '/PMTUD-Linux: [0-9]+ lines lost/ {lost += $3} END {print NR + lost}'
 }

@@ -23,7 +23,7 @@ source "$here/floods.sh"
 bin=$(cd "$1" && pwd)/bin
 lab_isolate "$0" "$@"
 
-# Packets per second, fewer than the rules leave to the daemon per interface: one every 10 ms.
+# Packets per second, fewer than the rules leave to the daemon for each interface.
 readonly within_limits=100
 
 # latency FAMILY: of five runs, the one with the lowest median. On two cores, the median depends, for a
@@ -62,7 +62,7 @@ change_mtu() {
     host_send a 10 4 await 1400 10 HOST ip -n switch link set bcm0.20 mtu 1400 >"$LAB_FILES/back"
 }
 
-# The other 4,092, in pairs: the two interfaces of a pair are each other's far end.
+# The other 4,092 VLANs, as veth pairs, both of whose ends are VLANs.
 add_vlans() {
     local -a vlans
     mapfile -t vlans < <(seq 4094 | grep -vx -e 10 -e 20)

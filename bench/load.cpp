@@ -48,20 +48,18 @@ constexpr char kUsage[] =
     "       pmtud_load MAC 4|6 flood SECONDS PID HONEST HOST...\n"
     "       pmtud_load MAC 4|6 await MTU SECONDS HOST COMMAND [ARGUMENT...]\n"
     "Sends UDP packets of 1,500 bytes that may not be fragmented, no two alike, to host 2 of\n"
-    "VLAN 20. HOST is INTERFACE:VLAN: out of that interface, from host 2 of that VLAN. MAC is "
-    "that\n"
-    "of the switch's interfaces.\n"
-    "  one     one packet after the other, so long after the answer to the one before\n"
-    "  rate    that many per second in all, evenly, from one host after the other\n"
-    "  flood   as many as go, and one packet every 10 ms from the host HONEST; 0: from none\n"
-    "  await   starts the command, and sends until an answer names the MTU\n"
+    "VLAN 20. HOST is INTERFACE:VLAN: out of that interface, from host 2 of that VLAN. MAC is\n"
+    "the address of the switch's interfaces.\n"
+    "  one     one packet after another, each that long after the previous answer\n"
+    "  rate    that many per second in all, evenly, from each host in turn\n"
+    "  flood   as many as possible, and one packet every 10 ms from the host HONEST (0: none)\n"
+    "  await   starts the command, and sends until an answer names that MTU\n"
     "Prints one JSON object: what was sent and answered, counting each packet once; by_pmtud, the\n"
     "answers that the daemon sent; duplicates; seconds to the last answer, null if await timed\n"
-    "out; process_ns, the processor time of the process PID meanwhile, 0 for none; sender_ns,\n"
-    "that of sending, in which the kernel also forwards, refuses and answers; median_ns and "
-    "p99_ns\n"
-    "for one; honest_sent and honest_answered for flood. Fails if an answer is wrong or was\n"
-    "missed.\n";
+    "out; process_ns, the processor time of the process PID meanwhile (PID 0: none); sender_ns,\n"
+    "that of sending, in which the kernel also forwards, refuses and answers; median_ns and\n"
+    "p99_ns for one; honest_sent and honest_answered for flood. Fails if an answer is wrong or\n"
+    "was missed.\n";
 
 void check(bool good, const char* what) {
     if (!good) throw std::system_error(errno, std::generic_category(), what);
@@ -232,7 +230,7 @@ class Answers {
 class Tally {
  public:
     void take(const Answer& answer, uint64_t number) {
-        if (answer.mtu != kMtu) throw std::runtime_error("an answer with another MTU");
+        if (answer.mtu != kMtu) throw std::runtime_error("an answer with a wrong MTU");
         if (number >= m_seen.size()) m_seen.resize(std::max<size_t>(number + 1, m_seen.size() * 2));
         if (m_seen[number])
             ++duplicates;

@@ -44,7 +44,7 @@ pid_t startPeer() {
     close(ready[1]);
     const bool isReady = peer > 0 && read(ready[0], &byte, 1) == 1;
     close(ready[0]);
-    if (!isReady) throw std::runtime_error("the peer's namespace could not be made");
+    if (!isReady) throw std::runtime_error("the peer's namespace could not be created");
     return peer;
 }
 

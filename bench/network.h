@@ -9,7 +9,7 @@ namespace bench {
 
 /// Moves this process into a new network namespace. A veth pair, bcm0.10 on this side, connects it
 /// to a peer namespace that lives as long as this object. Addresses: here 10.0.10.1 and fd00:10::1,
-/// the peer 10.0.10.2 and fd00:10::2. Throws std::runtime_error, with what is missing, if that
+/// the peer 10.0.10.2 and fd00:10::2. Throws std::runtime_error, with the reason, if that
 /// fails.
 class Network {
  public:

@@ -3,8 +3,8 @@
 # shellcheck disable=SC2154  # lab_ is lib.sh's
 # The steps of the demo, which script/demo narrates.
 #
-# The script sets `daemon`, the program, and `capture`, the name of the file that descriptor 3 writes,
-# or nothing.
+# The script sets `daemon`, the program, and `capture`, the name of the file that descriptor 3 writes
+# to, or empty.
 : "${daemon:=}" "${capture:=}"
 
 show_lab() {
@@ -43,7 +43,7 @@ show_black_hole() {
         story_expect "no answer, and no reason given" '^1 packets transmitted, 0 received, 100%'
         story_expect_not "nobody names an MTU" '(too big|mtu ?=)'
         show_transfer "$family" 3
-        story_check "the connection is there" lab_transfer_is_connected
+        story_check "the connection is established" lab_transfer_is_connected
         story_check "and not a byte of the file arrives" test "$(lab_bytes_received)" -eq 0
         lab_stop_transfer
     done
@@ -88,13 +88,13 @@ show_cure_of() {
     esac
     show_route "$1"
     story_expect "A's kernel has learned it" ' mtu 1400( |$)'
-    forget_mtu "$1" "so that TCP has to find out itself"
+    forget_mtu "$1" "so that TCP has to discover it itself"
     show_transfer "$1" 10
     story_check "the transfer finishes" lab_transfer_is_over
     show_sums
     show_route "$1"
     story_expect "A's kernel has learned it from TCP's segments" ' mtu 1400( |$)'
-    forget_mtu "$1" "so that tracepath has to find out itself"
+    forget_mtu "$1" "so that tracepath has to discover it itself"
     story_run a tracepath "-$1" -n "$destination"
     story_expect "the switch names the MTU to tracepath" "$(lab_address "$1" 10 1) .* pmtu 1400"
     story_expect "which reaches B" "$destination .* reached"
@@ -120,9 +120,9 @@ show_sums() {
 }
 
 show_log() {
-    echo "  switch: pmtud in the system log, of its first frame"
+    echo "  switch: pmtud in the system log, for its first frame"
     lab_syslog | sed -n '1,/ sent to source /p' | sed -e 's/^/      /'
-    story_check "it says whom it answered" lab_syslog_has 'ICMP message sent to source 10.0.10.2'
+    story_check "it logs whom it answered" lab_syslog_has 'ICMP message sent to source 10.0.10.2'
 }
 
 show_change() {
@@ -141,14 +141,14 @@ show_change() {
 }
 
 show_way_out() {
-    story_step "the way out" "pmtud is killed with SIGKILL, so that it can clean up nothing itself"
+    story_step "the way out" "pmtud is killed with SIGKILL, so that it cannot clean up"
     story_run switch nft list tables
     story_expect "its table is there" '^table inet pmtud$'
     echo "  switch\$ kill -KILL $lab_daemon"
     lab_kill_daemon
     story_run switch nft list tables
     story_expect_not "the kernel has removed it" 'pmtud'
-    story_expect "and left the lab's own alone" '^table inet hardware$'
+    story_expect "and left the lab's own table alone" '^table inet hardware$'
     if [[ -n $capture ]]; then
         lab_stop_capture
         echo

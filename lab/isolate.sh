@@ -40,7 +40,7 @@ lab_complain() {
 lab_require_isolation() {
     local reason
     if ! reason=$("${lab_isolation[@]}" true 2>&1); then
-        lab_complain "CANNOT ISOLATE: it takes CAP_SYS_ADMIN: $reason"
+        lab_complain "CANNOT ISOLATE: CAP_SYS_ADMIN is needed: $reason"
         lab_complain "the lab runs only in its own namespaces: run it as root," \
             "or in a container with --cap-add SYS_ADMIN --cap-add NET_ADMIN"
         return 1
@@ -85,7 +85,7 @@ lab_end_inside() {
     # If process 1 does not exist yet, its parent is killed instead.
     first=$(pgrep -P "$run") || first=$run
     lab_is_gone "$run" || kill -KILL "$first"
-    wait "$run" || lab_complain "interrupted; everything is taken away"
+    wait "$run" || lab_complain "interrupted; the lab is removed"
     trap - "$signal"
     kill -"$signal" "$BASHPID"
 }

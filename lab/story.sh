@@ -12,9 +12,9 @@ story_begin() {
     trap story_leave EXIT
 }
 
-# Names the step even if a command fails that no check covers.
+# Names the step even if a command that no check covers fails.
 story_leave() {
-    if [[ -z $story_verdict ]]; then story_complain "could not go on"; fi
+    if [[ -z $story_verdict ]]; then story_complain "could not continue"; fi
 }
 
 story_complain() {

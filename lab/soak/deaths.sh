@@ -102,7 +102,7 @@ after_kill() {
     ((kernels += 16))
 }
 
-# Kills the daemon while it serves and packets are under way, or while it starts.
+# Kills the daemon while it serves and packets are in flight, or while it starts.
 kill_at_random() {
     if ((RANDOM % 3 == 0)); then
         lab_start_daemon "$programs/pmtud"
@@ -121,7 +121,7 @@ kill_at_random() {
 }
 
 killing() {
-    step "kills: $kills times SIGKILL, while it starts or while packets are on their way"
+    step "kills: SIGKILL $kills times, while the daemon starts or while packets are in flight"
     killed=0 left_behind=0 kernels=0
     RANDOM=$seed
     local -i said

@@ -49,7 +49,7 @@ comings() {
 
 # Does everything once before memory is compared.
 warm_up() {
-    step "to warm up: $((packets / 20)) packets, and the largest changes"
+    step "warm-up: $((packets / 20)) packets, and the largest changes"
     soak_in_parts all $((packets / 20)) either
     soak_ask changing "$some"
     soak_change_all_at_once
@@ -66,12 +66,12 @@ warm_up() {
 # The daemon must answer whatever the rules withdrew, as long as the queue does not overrun.
 check_withdrawn() {
     check_nothing_lost
-    soak_check_equal "messages that the rules withdrew, beside the answers that left" \
+    soak_check_equal "messages that the rules withdrew, as many as answers that left" \
         "$(soak_counter_since answers)" "$(soak_counter_since bcm0.20)"
 }
 
 # If the MTU has changed since the kernel refused a packet, the platform sends the kernel's message
-# straight to the station, past the counter. That the hosts get all answers is checked there.
+# straight to the station, past the counter. Host A checks that every answer arrives.
 check_withdrawn_during_changes() {
     check_nothing_lost
     local -ri withdrawn=$(soak_counter_since bcm0.20) answers=$(soak_counter_since answers)
@@ -81,7 +81,7 @@ check_withdrawn_during_changes() {
 
 check_nothing_lost() {
     soak_check_equal "messages of the rules lost in the queue" 0 "${since[log_messages_lost]}"
-    soak_check "every line of the system log was taken or is counted as lost" \
+    soak_check "every line was accepted by the system log or is counted as lost" \
         lab_within 5 soak_lines_are_accounted_for
 }
 

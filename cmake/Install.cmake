@@ -5,10 +5,10 @@ include(GNUInstallDirs)
 set(PMTUD_UNIT_DIR lib/systemd/system CACHE STRING
   "Where the systemd unit is installed, below the prefix unless absolute")
 set(PMTUD_EXEC_PATHS /usr/lib -/usr/lib64 CACHE STRING
-  "Where the system's shared libraries are, for the unit's ExecPaths=; with - in front, if there")
+  "Where the system's shared libraries are, for the unit's ExecPaths=; a leading - if it may be missing")
 
-# Only the daemon uses the platform's library, so it has a private folder. The daemon looks for it
-# relative to its own place, so that the installed tree can be moved.
+# Only the daemon uses the platform's library, so the library has a private folder. The daemon looks
+# for it relative to its own location, so that the installed tree can be moved.
 set(pmtud_private_libdir ${CMAKE_INSTALL_LIBDIR}/pmtud)
 install(TARGETS pmtud RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT pmtud)
 install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT pmtud)

@@ -2,11 +2,12 @@
 # Builds for another Debian architecture, with its cross compiler and the libraries that
 # script/sysroot has unpacked.
 #
-# Set before: architecture, Debian's name; triplet, the name of its library folders; processor.
+# The caller sets architecture (Debian's name), triplet (the name of its library folders) and
+# processor.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR ${processor})
 
-# The compiler's name has i686 where the library folder's has i386.
+# The compiler is named after i686, the library folder after i386.
 string(REPLACE "i386" "i686" tools ${triplet})
 find_program(PMTUD_FOUND_${tools}-g++ ${tools}-g++)
 if(NOT PMTUD_FOUND_${tools}-g++)

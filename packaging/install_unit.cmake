@@ -4,6 +4,7 @@
 #
 # The caller sets source (the unit file), here (a file to write), directory, sbindir and libdir (below
 # the prefix, or absolute), and exec_paths (where the system's libraries are).
+
 # A relative prefix is below the folder that cmake was started in.
 cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY "${CMAKE_CURRENT_BINARY_DIR}" NORMALIZE
   OUTPUT_VARIABLE prefix)
@@ -24,7 +25,7 @@ if(NOT has_libdir)
   list(APPEND executed "${libdir}")
 endif()
 
-# As systemd reads a path: % starts a specifier, and a blank ends an unquoted word.
+# As systemd reads a path: % starts a specifier, and a space ends an unquoted word.
 set(start "${sbindir}/pmtud")
 string(REPLACE "%" "%%" start "${start}")
 string(REPLACE "%" "%%" executed "${executed}")

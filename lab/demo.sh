@@ -88,13 +88,13 @@ show_cure_of() {
     esac
     show_route "$1"
     story_expect "A's kernel has learned it" ' mtu 1400( |$)'
-    forget_mtu "$1" "so that TCP has to discover it itself"
+    forget_mtu "$1" "so that TCP has to discover the MTU itself"
     show_transfer "$1" 10
     story_check "the transfer finishes" lab_transfer_is_over
     show_sums
     show_route "$1"
     story_expect "A's kernel has learned it from TCP's segments" ' mtu 1400( |$)'
-    forget_mtu "$1" "so that tracepath has to discover it itself"
+    forget_mtu "$1" "so that tracepath has to discover the MTU itself"
     story_run a tracepath "-$1" -n "$destination"
     story_expect "the switch names the MTU to tracepath" "$(lab_address "$1" 10 1) .* pmtu 1400"
     story_expect "which reaches B" "$destination .* reached"

@@ -3,6 +3,7 @@
 #include "netlink_request.h"
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 
 #include "netlink.h"
@@ -12,7 +13,7 @@ namespace pmtud_linux {
 int requestFromKernel(const MnlSocket& socket, nlmsghdr* request, mnl_cb_t take, void* data) {
     // Static, so that no number repeats: if receiving an answer failed, the rest of it arrives
     // before the next answer and must not be mistaken for it.
-    static unsigned int sequence = 0;
+    static std::atomic<unsigned int> sequence = 0;
     request->nlmsg_flags |= NLM_F_REQUEST;
     if (take == nullptr) request->nlmsg_flags |= NLM_F_ACK;
     request->nlmsg_seq = ++sequence;

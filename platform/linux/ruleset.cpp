@@ -235,6 +235,8 @@ std::string changeSmallest(const std::set<uint32_t>& before, const std::set<uint
 }  // namespace
 
 std::string tableText() {
+    // Protocols are numbers, because libnftables looks names up in /etc/protocols, which a minimal
+    // system lacks.
     return std::string(R"(table inet pmtud {
     flags owner
 
@@ -336,7 +338,7 @@ std::string tableText() {
 
     chain postrouting {
         type filter hook postrouting priority 1000000; policy accept;
-        meta l4proto != { icmp, ipv6-icmp } accept
+        meta l4proto != { 1, 58 } accept comment "neither ICMP nor ICMPv6"
         icmp type destination-unreachable icmp code frag-needed goto too-big-ipv4
         icmpv6 type packet-too-big goto too-big-ipv6
     }

@@ -92,7 +92,7 @@ ItsVersionIsTheProjectsAndTheChangelogs() {
 
 ItDependsOnTheLibrariesThatItCalls() {
     expect_equal "what it depends on" \
-        "libc6 libgcc-s1 libmnl0 libnetfilter-log1 libnftables1 libstdc++6 libsystemd0 netbase" \
+        "libc6 libgcc-s1 libmnl0 libnetfilter-log1 libnftables1 libstdc++6 libsystemd0" \
         "$(dpkg-deb -f "$daemon_package" Depends | sed 's/ ([^)]*)//g' | tr -d ' ' | tr ',' '\n' |
             LC_ALL=C sort | xargs)"
 }

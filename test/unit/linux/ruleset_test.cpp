@@ -135,7 +135,7 @@ TEST(RuleText, OfTheTableCopiesOnlyWhatCanBeAnsweredUpToItsLimits) {
 TEST(RuleText, OfTheTableCountsTheMessagesOfProcessesAndWithdrawsTheKernelsOwn) {
     EXPECT_THAT(tableText(), HasSubstr(R"(    chain postrouting {
         type filter hook postrouting priority 1000000; policy accept;
-        meta l4proto != { icmp, ipv6-icmp } accept
+        meta l4proto != { 1, 58 } accept comment "neither ICMP nor ICMPv6"
         icmp type destination-unreachable icmp code frag-needed goto too-big-ipv4
         icmpv6 type packet-too-big goto too-big-ipv6
     }

@@ -11,7 +11,7 @@ set(PMTUD_EXEC_PATHS /usr/lib -/usr/lib64 CACHE STRING
 # for it relative to its own location, so that the installed tree can be moved.
 set(pmtud_private_libdir ${CMAKE_INSTALL_LIBDIR}/pmtud)
 install(TARGETS pmtud RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT pmtud)
-install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT pmtud)
+install(FILES LICENSE docs/operating.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT pmtud)
 
 # For the owner of another platform.
 install(FILES

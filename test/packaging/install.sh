@@ -32,6 +32,7 @@ lib/pmtud/libpmtud-platform.so.1.0.0
 lib/systemd/system/pmtud.service
 sbin/pmtud
 share/doc/pmtud/LICENSE
+share/doc/pmtud/operating.md
 share/man/man8/pmtud.8
 share/pkgconfig/pmtud.pc" "$(cd "$scratch/prefix" && find . ! -type d -printf '%P\n' | LC_ALL=C sort)"
 }
@@ -90,6 +91,12 @@ TheUnitFollowsTheFoldersOfADistribution() {
 ExecStart=/usr/bin/pmtud
 ExecPaths=/usr/bin/pmtud /usr/lib -/usr/lib64" "$(unit_of /usr \
         -DCMAKE_INSTALL_SBINDIR=bin -DCMAKE_INSTALL_LIBDIR=lib64)"
+}
+
+TheUnitBelowHomeMayReadIt() {
+    unit_of /home/user/pmtud >"$scratch/unit"
+    expect_equal "the protection" "ProtectHome=read-only" \
+        "$(grep '^ProtectHome=' "$scratch/root/home/user/pmtud/lib/systemd/system/pmtud.service")"
 }
 
 TheUnitFollowsFoldersThatAreAbsolute() {

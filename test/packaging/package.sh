@@ -60,9 +60,9 @@ DaemonPackageHasExactlyTheseFiles() {
 lrwxrwxrwx root/root ./$libraries/libpmtud-platform.so.1
 -rw-r--r-- root/root ./$libraries/libpmtud-platform.so.1.0.0
 -rwxr-xr-x root/root ./usr/sbin/pmtud
--rw-r--r-- root/root ./usr/share/doc/pmtud/README.md
 -rw-r--r-- root/root ./usr/share/doc/pmtud/changelog.gz
 -rw-r--r-- root/root ./usr/share/doc/pmtud/copyright
+-rw-r--r-- root/root ./usr/share/doc/pmtud/operating.md
 -rw-r--r-- root/root ./usr/share/man/man8/pmtud.8.gz
 END
 )" "$(content "$daemon_package")"
@@ -78,6 +78,15 @@ HeadersPackageHasExactlyTheseFiles() {
 -rw-r--r-- root/root ./usr/share/doc/pmtud-dev/copyright
 -rw-r--r-- root/root ./usr/share/doc/pmtud-dev/porting.md
 -rw-r--r-- root/root ./usr/share/pkgconfig/pmtud.pc" "$(content "$headers_package")"
+}
+
+TheirDocumentsNameNoFileThatIsNotInstalled() {
+    local package
+    for package in "$daemon_package" "$headers_package"; do
+        dpkg-deb --extract "$package" "$scratch/root"
+    done
+    expect_equal "their links to files" "" \
+        "$(grep -rohE --include='*.md' '\]\([^)#]+\)' "$scratch/root/usr/share/doc" | grep -v '](http')"
 }
 
 ItsVersionIsTheProjectsAndTheChangelogs() {

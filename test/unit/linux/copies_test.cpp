@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What is read of IP headers, and which copy a quote belongs to.
+// Fields of IP headers, and the copy that a quote belongs to.
 #include "copies.h"
 
 #include <gmock/gmock.h>

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What is read from netlink datagrams: their messages, links, logged packets; and from the words of
-// libnftables.
+// Reading netlink datagrams, link messages, logged packets, and the messages of libnftables.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <libmnl/libmnl.h>
@@ -59,7 +58,7 @@ TEST(Datagram, IsReadAsFarAsItsMessagesAreWhole) {
     }
 }
 
-TEST(Datagram, IsTheKernelsWithPortZeroAndAWholeAddressOnly) {
+TEST(Datagram, IsTheKernelsIfItsSenderIsAWholeAddressWithPortZero) {
     sockaddr_nl sender{};
     EXPECT_TRUE(isFromKernel(sender, sizeof sender));
     EXPECT_FALSE(isFromKernel(sender, 0));
@@ -68,61 +67,57 @@ TEST(Datagram, IsTheKernelsWithPortZeroAndAWholeAddressOnly) {
     EXPECT_FALSE(isFromKernel(sender, sizeof sender));
 }
 
+namespace {
+
+std::optional<pmtud_linux::Link> decoded(const Netlink& message) {
+    return decodeLink(message.header());
+}
+
+Netlink named(const char* name, uint32_t mtu = 1280, uint16_t hardware = ARPHRD_ETHER) {
+    return linkMessage(RTM_NEWLINK, 7, hardware).text(IFLA_IFNAME, name).number(IFLA_MTU, mtu);
+}
+
+}  // namespace
+
 TEST(LinkMessage, HasIndexNameMtuAndKindOfHardware) {
-    // An MTU that is 1,280 as far as its lower sixteen bits go.
-    const auto link = decodeLink(linkMessage(RTM_NEWLINK, 2147483647)
-                                     .text(IFLA_IFNAME, "bcm0.20")
-                                     .number(IFLA_MTU, 66816)
-                                     .header());
+    // The lower sixteen bits of the MTU are 1,280.
+    const auto link = decoded(named("bcm0.20", 66816));
     ASSERT_TRUE(link);
-    EXPECT_EQ(link->ifindex, 2147483647U);
+    EXPECT_EQ(link->ifindex, 7U);
     EXPECT_EQ(link->name, "bcm0.20");
     EXPECT_EQ(link->mtu, 66816U);
     EXPECT_TRUE(link->ethernet);
     EXPECT_FALSE(link->gone);
     EXPECT_FALSE(link->inVrf);
-    EXPECT_TRUE(decodeLink(linkMessage(RTM_DELLINK, 7).header())->gone);
-    EXPECT_FALSE(decodeLink(linkMessage(RTM_NEWLINK, 1, ARPHRD_LOOPBACK)
-                                .text(IFLA_IFNAME, "lo")
-                                .number(IFLA_MTU, 65536)
-                                .header())
-                     ->ethernet);
+    EXPECT_FALSE(decoded(named("lo", 65536, ARPHRD_LOOPBACK))->ethernet);
+    EXPECT_TRUE(decoded(linkMessage(RTM_DELLINK, 7))->gone);
+    EXPECT_EQ(decoded(linkMessage(RTM_DELLINK, 2147483647))->ifindex, 2147483647U);
 }
 
-// Wireless drivers send the first, without MTU and alternative names.
+// The first is what wireless drivers send, without MTU and alternative names.
 TEST(LinkMessage, OfAnEventDescribesNoInterface) {
-    EXPECT_FALSE(decodeLink(linkMessage(RTM_NEWLINK, 7)
-                                .text(IFLA_IFNAME, "wlan0")
-                                .add(IFLA_WIRELESS, Bytes(8))
-                                .header()));
-    EXPECT_FALSE(decodeLink(linkMessage(RTM_NEWLINK, 7).number(IFLA_MTU, 1280).header()));
-    const Netlink described =
-        linkMessage(RTM_NEWLINK, 7).text(IFLA_IFNAME, "wlan0").number(IFLA_MTU, 0);
-    EXPECT_EQ(decodeLink(described.header())->mtu, 0U);
+    const Netlink message = linkMessage(RTM_NEWLINK, 7);
+    EXPECT_FALSE(decoded(Netlink(message).text(IFLA_IFNAME, "wlan0").add(IFLA_WIRELESS, Bytes(8))));
+    EXPECT_FALSE(decoded(Netlink(message).number(IFLA_MTU, 1280)));
+    EXPECT_EQ(decoded(named("wlan0", 0))->mtu, 0U);
 }
 
 // A bridge announces that a port leaves it as a removal, in its own family.
-TEST(LinkMessage, OfAnotherKindOrFamilyOrTooShortIsNone) {
-    EXPECT_FALSE(decodeLink(linkMessage(RTM_DELLINK, 7, ARPHRD_ETHER, AF_BRIDGE).header()));
-    EXPECT_FALSE(decodeLink(linkMessage(RTM_NEWADDR, 7).header()));
-    EXPECT_FALSE(decodeLink(linkMessage(NLMSG_DONE, 7).header()));
-    Netlink cutShort = linkMessage(RTM_NEWLINK, 7);
+TEST(LinkMessage, OfAnotherKindOrFamilyOrCutShortDescribesNoInterface) {
+    EXPECT_FALSE(decoded(linkMessage(RTM_DELLINK, 7, ARPHRD_ETHER, AF_BRIDGE)));
+    EXPECT_FALSE(decoded(linkMessage(RTM_NEWADDR, 7)));
+    EXPECT_FALSE(decoded(linkMessage(NLMSG_DONE, 7)));
+    Netlink cutShort = linkMessage(RTM_DELLINK, 7);
     cutShort.header().nlmsg_len -= 1;
-    EXPECT_FALSE(decodeLink(cutShort.header()));
-    EXPECT_FALSE(decodeLink(linkMessage(RTM_DELLINK, 7).add(IFLA_MTU, Bytes(2)).header()));
+    EXPECT_FALSE(decoded(cutShort));
+    EXPECT_FALSE(decoded(linkMessage(RTM_DELLINK, 7).add(IFLA_MTU, Bytes(2))));
 }
 
 TEST(LinkMessage, IsOfAVrfsPortIfItsMastersKindIsVrf) {
     const auto inVrf = [](const Bytes& own, const Bytes& master) {
-        Netlink kinds = nested();
-        kinds.add(IFLA_INFO_KIND, own);
+        Netlink kinds = nested().add(IFLA_INFO_KIND, own);
         if (!master.empty()) kinds.add(IFLA_INFO_SLAVE_KIND, master);
-        return decodeLink(linkMessage(RTM_NEWLINK, 7)
-                              .text(IFLA_IFNAME, "bcm0.20")
-                              .number(IFLA_MTU, 1280)
-                              .nest(IFLA_LINKINFO, kinds)
-                              .header())
-            ->inVrf;
+        return decoded(named("bcm0.20").nest(IFLA_LINKINFO, kinds))->inVrf;
     };
     const Bytes vlan = {'v', 'l', 'a', 'n', 0};
     const Bytes vrf = {'v', 'r', 'f'};
@@ -133,12 +128,25 @@ TEST(LinkMessage, IsOfAVrfsPortIfItsMastersKindIsVrf) {
     EXPECT_FALSE(inVrf(vrf + Bytes{0}, {}));
 }
 
+TEST(LinkMessage, HasTheAlternativeNamesAmongItsProperties) {
+    const Netlink properties = nested()
+                                   .text(IFLA_ALT_IFNAME, "enp1s0v20")
+                                   .number(IFLA_MTU, 9000)
+                                   // Without the zero that ends it.
+                                   .add(IFLA_ALT_IFNAME, Bytes{'b', 'c', 'm', '0', '.', '2'});
+    const auto link = decoded(named("eth0.20").nest(NLA_F_NESTED | IFLA_PROP_LIST, properties));
+    ASSERT_TRUE(link);
+    EXPECT_EQ(link->name, "eth0.20");
+    EXPECT_THAT(link->alternativeNames, ElementsAre("enp1s0v20", "bcm0.2"));
+    EXPECT_EQ(link->mtu, 1280U);
+}
+
 TEST(LinkMessage, HasANameThatEndsWithItsAttribute) {
     Netlink message = linkMessage(RTM_NEWLINK, 7).number(IFLA_MTU, 1280);
-    // Without its zero, and padded with what would continue it.
+    // Without the zero that ends it, and padded with digits that would continue it.
     message.add(IFLA_IFNAME, Bytes{'b', 'c', 'm', '0', '.', '2'});
     std::fill_n(message.bytes.end() - 2, 2, uint8_t{'0'});
-    EXPECT_EQ(decodeLink(message.header())->name, "bcm0.2");
+    EXPECT_EQ(decoded(message)->name, "bcm0.2");
 }
 
 namespace {
@@ -201,7 +209,7 @@ TEST(LogMessage, IsAPacketOfALogGroupByItsType) {
         EXPECT_FALSE(isLogged(Netlink(static_cast<uint16_t>(type), 4).header())) << type;
 }
 
-TEST(LogMessage, TooShortForItsHeaderOrWithANumberOfTheWrongSizeIsNone) {
+TEST(LogMessage, IsNotReadIfItsHeaderIsCutShortOrANumberHasTheWrongSize) {
     Netlink bytes = logMessage();
     bytes.header().nlmsg_len -= 1;
     EXPECT_FALSE(decodeLogMessage(bytes.header()));
@@ -225,7 +233,7 @@ TEST(LogMessage, EndsBeforeAnAttributeThatContradictsTheSpaceItIsIn) {
 }
 
 // A copy of exactly that many bytes, so that a sanitizer sees every read beyond them.
-TEST(LogMessage, CutShortIsReadNoFurtherThanItGoes) {
+TEST(LogMessage, IsNeverReadBeyondItsEnd) {
     const Netlink bytes = wholeLogMessage();
     for (uint32_t size = Netlink::kHeader; size < bytes.bytes.size() - 12; size += 4) {
         const std::unique_ptr<char[]> part(new char[size]);

@@ -48,7 +48,7 @@ TEST(Burst, ThatLastsIsLoggedOnceASecondAndAtItsEnd) {
 }
 
 // A stateful policy lets the answers about known flows pass and drops the others.
-TEST(AnswersThatDoNotLeave, AreNewsOnceAndLeaveAgainIfNoneIsLostFor30Seconds) {
+TEST(AnswersThatDoNotLeave, AreLoggedOnceAndLeaveAgainIfNoneIsLostFor30Seconds) {
     AnswerNews news;
     EXPECT_FALSE(news.left(7, kStart));
     EXPECT_TRUE(news.lost(7, kStart));
@@ -60,7 +60,7 @@ TEST(AnswersThatDoNotLeave, AreNewsOnceAndLeaveAgainIfNoneIsLostFor30Seconds) {
     EXPECT_TRUE(news.lost(7, kStart + 62s));
 }
 
-TEST(AnswersThatDoNotLeave, AreOneInterfacesNews) {
+TEST(AnswersThatDoNotLeave, AreLoggedForEachInterfaceSeparately) {
     AnswerNews news;
     EXPECT_TRUE(news.lost(7, kStart));
     EXPECT_FALSE(news.left(8, kStart + 30s));
@@ -68,7 +68,7 @@ TEST(AnswersThatDoNotLeave, AreOneInterfacesNews) {
     EXPECT_TRUE(news.left(7, kStart + 30s));
 }
 
-// Also right after the machine has started, with which the clock starts.
+// Also right after the machine has started: its clock starts at zero.
 TEST(LineBudget, IsABurstOfAHundredFramesAtFirst) {
     for (const auto now : {kStart, LineBudget::Clock::time_point{}}) {
         LineBudget budget;

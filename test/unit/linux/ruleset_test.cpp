@@ -57,7 +57,6 @@ delete chain inet pmtud refused6-1280
 delete map inet pmtud copied6-1280
 )";
 
-// VLAN 20 with the interface index 7.
 // The rules of VLAN 20's chain.
 constexpr char kChain20[] = R"(add rule inet pmtud to-bcm0.20 meta length <= 1280 accept
 add rule inet pmtud to-bcm0.20 jump candidate
@@ -66,6 +65,7 @@ add rule inet pmtud to-bcm0.20 ip hdrlength 6-13 update @copied4o-1280 { @nh,96,
 add rule inet pmtud to-bcm0.20 meta nfproto ipv6 update @copied6-1280 { @nh,224,32 . @nh,288,32 . @nh,320,64 : 20 } log prefix "pmtud:20" group 89 snaplen 1500
 )";
 
+// Its interface has the index 7.
 const std::string kAddVlan20 =
     R"(add element inet pmtud vlans { "0000000000000007" }
 add counter inet pmtud bcm0.20
@@ -222,7 +222,7 @@ delete element inet pmtud vrf-ports { "0000000000000007" }
 add element inet pmtud vlans { "0000000000000007" }
 )";
 
-// Of the commands that add VLAN 20 and those that remove it: the ones about the ingress.
+// The commands about the ingress, among those that add VLAN 20 and those that remove it.
 constexpr char kAddIngress20[] = "add element inet pmtud vlans { \"0000000000000007\" }\n";
 constexpr char kRemoveIngress20[] = "delete element inet pmtud vlans { \"0000000000000007\" }\n";
 
@@ -232,77 +232,67 @@ TEST_P(RuleChange, IsMadeByTheseCommands) {
     EXPECT_EQ(changeText(GetParam().before, GetParam().after), GetParam().commands);
 }
 
+const Vlans kVlan20 = {{20, {7, 1280}}};
+const Vlans kVlan30 = {{30, {9, 1280}}};
+const Vlans kBoth = {{20, {7, 1280}}, {30, {9, 1280}}};
+const Vlans kOddOnes = {{20, {7, 1280, true}}, {30, {9, 575}}};
+const std::string kFirstOf1280 = std::string(kAdd1280) + kSmallest1280;
+
 INSTANTIATE_TEST_SUITE_P(
     From, RuleChange,
-    testing::Values(
-        Change{"NothingToNothing", {}, {}, ""},
-        Change{"SomethingToTheSame",
-               {{20, {7, 1280, true}}, {30, {9, 575, false}}},
-               {{20, {7, 1280, true}}, {30, {9, 575, false}}},
-               ""},
-        Change{"NothingToTheFirstVlanOfAnMtu",
-               {},
-               {{20, {7, 1280, false}}},
-               std::string(kAdd1280) + kSmallest1280 + kAddVlan20},
-        Change{"OneVlanToAnotherOfTheMtu",
-               {{30, {9, 1280, false}}},
-               {{20, {7, 1280, false}}, {30, {9, 1280, false}}},
-               kAddVlan20},
-        Change{"TheLastVlanOfAnMtuToNothing",
-               {{20, {7, 1280, false}}},
-               {},
-               std::string(kFlushFits) + kRemoveVlan20 + kRemove1280},
-        Change{"TwoVlansOfAnMtuToOne",
-               {{20, {7, 1280, false}}, {30, {9, 1280, false}}},
-               {{30, {9, 1280, false}}},
-               kRemoveVlan20},
-        Change{"AnMtuToAnotherVlans",
-               {{10, {5, 1280, false}}, {20, {7, 1280, false}}, {30, {9, 1400, false}}},
-               {{10, {5, 1280, false}}, {20, {7, 1400, false}}, {30, {9, 1400, false}}},
-               kFlush20 + with(kChain20, "1280", "1400")},
-        // The new maps come first and the old ones go last.
-        Change{"AnMtuToANewOne",
-               {{20, {7, 1400, false}}},
-               {{20, {7, 1280, false}}},
-               std::string(kAdd1280) + kSmallest1280 + kFlush20 + kChain20 +
-                   with(kRemove1280, "1280", "1400")},
-        Change{"AnInterfaceToAnotherOfTheName",
-               {{20, {7, 1280, false}}},
-               {{20, {9, 1280, false}}},
-               kMove20},
-        Change{"ANameToAnother",
-               {{20, {7, 1280, false}}},
-               {{11, {7, 1280, false}}},
-               kRemoveVlan20 + with(with(with(kAddVlan20, "bcm0.20", "bcm0.11"), " 20 ", " 11 "),
+    testing::Values(Change{"NothingToNothing", {}, {}, ""},
+                    Change{"SomethingToTheSame", kOddOnes, kOddOnes, ""},
+                    Change{"NothingToTheFirstVlanOfAnMtu", {}, kVlan20, kFirstOf1280 + kAddVlan20},
+                    Change{"OneVlanToAnotherOfTheMtu", kVlan30, kBoth, kAddVlan20},
+                    Change{"TheLastVlanOfAnMtuToNothing",
+                           kVlan20,
+                           {},
+                           std::string(kFlushFits) + kRemoveVlan20 + kRemove1280},
+                    Change{"TwoVlansOfAnMtuToOne", kBoth, kVlan30, kRemoveVlan20},
+                    Change{"AnMtuToAnotherVlans",
+                           {{10, {5, 1280}}, {20, {7, 1280}}, {30, {9, 1400}}},
+                           {{10, {5, 1280}}, {20, {7, 1400}}, {30, {9, 1400}}},
+                           kFlush20 + with(kChain20, "1280", "1400")},
+                    // The new maps come first and the old ones go last.
+                    Change{"AnMtuToANewOne",
+                           {{20, {7, 1400}}},
+                           kVlan20,
+                           kFirstOf1280 + kFlush20 + kChain20 + with(kRemove1280, "1280", "1400")},
+                    Change{"AnInterfaceToAnotherOfTheName", kVlan20, {{20, {9, 1280}}}, kMove20},
+                    Change{"ANameToAnother",
+                           kVlan20,
+                           {{11, {7, 1280}}},
+                           kRemoveVlan20 +
+                               with(with(with(kAddVlan20, "bcm0.20", "bcm0.11"), " 20 ", " 11 "),
                                     "pmtud:20", "pmtud:11")},
-        Change{"NamesToSwappedOnes",
-               {{10, {5, 1280, false}}, {20, {7, 1280, true}}},
-               {{10, {7, 1280, true}}, {20, {5, 1280, false}}},
-               kSwap},
-        Change{"OutsideAVrfToInside", {{20, {7, 1280, false}}}, {{20, {7, 1280, true}}}, kEnterVrf},
-        Change{"InsideAVrfToOutside", {{20, {7, 1280, true}}}, {{20, {7, 1280, false}}}, kLeaveVrf},
-        Change{"AnMtuToOneThatTheDaemonRefuses",
-               {{20, {7, 1280, false}}},
-               {{20, {7, 575, false}}},
-               kFlushFits + with(kRemoveVlan20, kRemoveIngress20, "") + kRemove1280},
-        Change{"AnMtuThatTheDaemonRefusesToOneThatItServes",
-               {{20, {7, 17000, false}}},
-               {{20, {7, 1280, false}}},
-               std::string(kAdd1280) + kSmallest1280 + with(kAddVlan20, kAddIngress20, "")}),
+                    Change{"NamesToSwappedOnes",
+                           {{10, {5, 1280}}, {20, {7, 1280, true}}},
+                           {{10, {7, 1280, true}}, {20, {5, 1280}}},
+                           kSwap},
+                    Change{"OutsideAVrfToInside", kVlan20, {{20, {7, 1280, true}}}, kEnterVrf},
+                    Change{"InsideAVrfToOutside", {{20, {7, 1280, true}}}, kVlan20, kLeaveVrf},
+                    Change{"AnMtuToOneThatTheDaemonRefuses",
+                           kVlan20,
+                           {{20, {7, 575}}},
+                           kFlushFits + with(kRemoveVlan20, kRemoveIngress20, "") + kRemove1280},
+                    Change{"AnMtuThatTheDaemonRefusesToOneThatItServes",
+                           {{20, {7, 17000}}},
+                           kVlan20,
+                           kFirstOf1280 + with(kAddVlan20, kAddIngress20, "")}),
     [](const auto& change) { return std::string(change.param.name); });
 
 TEST(RuleChanges, ServeTheMtusThatTheDaemonAnswersForAndTakeOthersAsIngressOnly) {
     for (const uint32_t mtu : {576U, 16383U})
-        EXPECT_THAT(changeText({}, {{20, {7, mtu, false}}}), HasSubstr("to-bcm0.20")) << mtu;
+        EXPECT_THAT(changeText({}, {{20, {7, mtu}}}), HasSubstr("to-bcm0.20")) << mtu;
     for (const uint32_t mtu : {0U, 68U, 575U, 16384U, 65535U, 66816U, 4294967295U})
-        EXPECT_EQ(changeText({}, {{20, {7, mtu, false}}}), kAddIngress20) << mtu;
+        EXPECT_EQ(changeText({}, {{20, {7, mtu}}}), kAddIngress20) << mtu;
 }
 
 TEST(RuleChanges, LetWhatFitsEveryVlanPassFirst) {
-    const Vlans vlans = {{10, {5, 1500, false}}, {20, {7, 1400, false}}, {30, {9, 575, false}}};
+    const Vlans vlans = {{10, {5, 1500}}, {20, {7, 1400}}, {30, {9, 575}}};
     EXPECT_THAT(changeText({}, vlans),
                 HasSubstr("add rule inet pmtud fits-every-vlan meta length <= 1400 accept\n"));
-    EXPECT_THAT(changeText(vlans, {{10, {5, 1500, false}}}),
+    EXPECT_THAT(changeText(vlans, {{10, {5, 1500}}}),
                 HasSubstr(with(kSmallest1280, "1280", "1500")));
 }
 
@@ -311,7 +301,7 @@ TEST(RuleChanges, GiveManyMtusSmallerMaps) {
     Vlans vlans;
     for (int vlan = 1; vlan <= 128; ++vlan) {
         const auto number = static_cast<uint32_t>(vlan);
-        vlans[vlan] = {number, 1000 + number, false};
+        vlans[vlan] = {number, 1000 + number};
     }
     EXPECT_THAT(changeText({}, vlans), HasSubstr("; size 512; "));
     vlans.erase(vlans.upper_bound(8), vlans.end());

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Packets and netlink messages byte by byte, as hosts and the kernel write them, for the Linux
-// platform's tests and fuzz targets.
+// Netlink messages byte by byte, as the kernel writes them, for the Linux platform's tests and fuzz
+// targets.
 #ifndef PMTUD_TEST_MESSAGES_H
 #define PMTUD_TEST_MESSAGES_H
 
@@ -14,104 +14,16 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <span>
-#include <stdexcept>
 #include <string>
-#include <vector>
 
-using Bytes = std::vector<uint8_t>;
-using Span = std::span<const uint8_t>;
+#include "packets/bytes.h"
 
-struct Ipv4 {
-    size_t size = 1400;  ///< header included
-    bool dontFragment = true;
-    uint16_t identification = 0x1234;
-    uint8_t protocol = 17;
-    std::string source = "10.0.10.2";
-    std::string destination = "10.0.20.2";
-    Bytes start = {};  ///< of the payload; bytes 0xa5 follow
-};
-
-struct Ipv6 {
-    size_t size = 1400;  ///< header included
-    uint8_t nextHeader = 17;
-    std::string source = "fd00:10::2";
-    std::string destination = "fd00:20::2";
-    Bytes start = {};
-};
-
-inline void put16(Bytes& bytes, size_t at, size_t value) {
-    bytes.at(at) = static_cast<uint8_t>(value >> 8);
-    bytes.at(at + 1) = static_cast<uint8_t>(value);
-}
-
-inline size_t get16(Span bytes, size_t at) { return size_t{bytes[at]} << 8 | bytes[at + 1]; }
-
-inline Bytes cut(Span bytes, size_t from, size_t to) {
-    const Span part = bytes.subspan(from, to - from);
-    return {part.begin(), part.end()};
-}
-
-inline Bytes operator+(Bytes left, const Bytes& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
-/// The Internet checksum (RFC 1071) of the bytes: 0 over what carries a right one.
-inline uint16_t checksum(Span bytes) {
-    size_t sum = 0;
-    for (size_t i = 0; i < bytes.size(); ++i) sum += i % 2 == 0 ? bytes[i] * 256U : bytes[i];
-    while (sum > 0xffff) sum = (sum & 0xffff) + (sum >> 16);
-    return static_cast<uint16_t>(~sum & 0xffff);
-}
-
-/// The checksum over an IPv6 packet's payload and pseudo-header (RFC 8200 section 8.1).
-inline uint16_t transportChecksum(const Bytes& ipv6Packet) {
-    Bytes length(8);
-    put16(length, 2, ipv6Packet.size() - 40);
-    length[7] = ipv6Packet[6];
-    return checksum(cut(ipv6Packet, 8, 40) + length + cut(ipv6Packet, 40, ipv6Packet.size()));
-}
-
-inline void putAddress(int family, const std::string& text, uint8_t* to) {
-    if (inet_pton(family, text.c_str(), to) != 1) throw std::invalid_argument(text);
-}
-
-/// The whole packet, with its header checksum.
-inline Bytes packet(const Ipv4& ipv4) {
-    Bytes bytes(ipv4.size, 0xa5);
-    std::fill_n(bytes.begin(), 20, uint8_t{0});
-    std::copy(ipv4.start.begin(), ipv4.start.end(), bytes.begin() + 20);
-    bytes[0] = 0x45;
-    put16(bytes, 2, ipv4.size);
-    put16(bytes, 4, ipv4.identification);
-    bytes[6] = ipv4.dontFragment ? 0x40 : 0;
-    bytes[8] = 64;
-    bytes[9] = ipv4.protocol;
-    putAddress(AF_INET, ipv4.source, &bytes[12]);
-    putAddress(AF_INET, ipv4.destination, &bytes[16]);
-    put16(bytes, 10, checksum(cut(bytes, 0, 20)));
-    return bytes;
-}
-
-inline Bytes packet(const Ipv6& ipv6) {
-    Bytes bytes(ipv6.size, 0xa5);
-    std::fill_n(bytes.begin(), 40, uint8_t{0});
-    std::copy(ipv6.start.begin(), ipv6.start.end(), bytes.begin() + 40);
-    bytes[0] = 0x60;
-    put16(bytes, 4, ipv6.size - 40);
-    bytes[6] = ipv6.nextHeader;
-    bytes[7] = 64;
-    putAddress(AF_INET6, ipv6.source, &bytes[8]);
-    putAddress(AF_INET6, ipv6.destination, &bytes[24]);
-    return bytes;
-}
-
-/// The IPv6 packet with the checksum of its payload, which is zero so far, at the offset.
-inline Bytes withChecksum(Bytes ipv6Packet, size_t at) {
-    put16(ipv6Packet, at, transportChecksum(ipv6Packet));
-    return ipv6Packet;
-}
+using packets::Bytes;
+using packets::cut;
+using packets::get16;
+using packets::put16;
+using packets::Span;
+using packets::operator+;
 
 /// One netlink message. Its numbers are in this machine's byte order.
 struct Netlink {

@@ -14,17 +14,12 @@
 #include <string>
 #include <vector>
 
+#include "packets/bytes.h"
 #include "pktd_record.h"
 
 namespace packets {
 
-using Bytes = std::vector<uint8_t>;
 using Lines = std::vector<std::string>;
-
-inline Bytes operator+(Bytes left, const Bytes& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
 
 inline Lines operator+(Lines left, const Lines& right) {
     left.insert(left.end(), right.begin(), right.end());

@@ -83,4 +83,9 @@ std::optional<Answer> readAnswer(std::span<const uint8_t> frame) {
     return std::nullopt;
 }
 
+std::optional<Answer> readAnswerPacket(std::span<const uint8_t> packet) {
+    const std::optional<Answer> answer = readAnswer4(packet);
+    return answer ? answer : readAnswer6(packet);
+}
+
 }  // namespace packets

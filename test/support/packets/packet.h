@@ -9,9 +9,10 @@
 #include <string>
 #include <vector>
 
+#include "bytes.h"
+
 namespace packets {
 
-using Bytes = std::vector<uint8_t>;
 using Mac = std::array<uint8_t, 6>;
 
 /// An IPv4 packet; UDP with a right checksum unless it has another protocol or an offset.
@@ -63,8 +64,8 @@ std::vector<Ipv6> fragments(const Ipv6& whole, size_t size, uint32_t id);
 
 Bytes frameOf(const Bytes& packet, const Mac& from, const Mac& to);
 
-/// The ones' complement checksum of the transport header at `at`, with the pseudo-header of the
-/// packet around it; `frame` starts with the IP header.
+/// The ones' complement checksum of the transport header at `at`, with the pseudo-header; 0 if the
+/// packet, which starts with its IP header, contains the right one.
 uint16_t transportChecksum(const Bytes& packet, size_t at, uint8_t protocol);
 
 /// Writes the checksum of an IPv4 header.

@@ -5,23 +5,6 @@
 #include <cerrno>
 #include <cstdarg>
 
-Calls calls;
-
-int refuse(int error) {
-    errno = error;
-    return -1;
-}
-
-namespace {
-
-template <typename Result, typename... Arguments>
-Result call(const std::function<Result(Arguments...)>& changed, Result (*itself)(Arguments...),
-            Arguments... arguments) {
-    return changed ? changed(arguments...) : itself(arguments...);
-}
-
-}  // namespace
-
 extern "C" {
 
 int __real_socket(int domain, int type, int protocol);
@@ -36,26 +19,47 @@ int __real_mnl_socket_bind(mnl_socket* socket, unsigned int groups, pid_t port);
 int __real_nft_run_cmd_from_buffer(nft_ctx* context, const char* commands);
 const char* __real_nft_ctx_get_error_buffer(nft_ctx* context);
 
+}  // extern "C"
+
+// Never destroyed: the receive thread calls until the process is gone.
+const Calls& real = *new Calls{__real_socket,
+                               __real_sendmmsg,
+                               __real_recvmmsg,
+                               __real_recvfrom,
+                               __real_poll,
+                               __real_ioctl,
+                               __real_mnl_socket_sendto,
+                               __real_mnl_socket_bind,
+                               __real_nft_run_cmd_from_buffer,
+                               __real_nft_ctx_get_error_buffer};
+Calls& calls = *new Calls(real);
+
+int refuse(int error) {
+    errno = error;
+    return -1;
+}
+
+extern "C" {
+
 int __wrap_socket(int domain, int type, int protocol) {
-    return call(calls.socket, __real_socket, domain, type, protocol);
+    return calls.socket(domain, type, protocol);
 }
 
 int __wrap_sendmmsg(int fd, mmsghdr* messages, unsigned int count, int flags) {
-    return call(calls.sendmmsg, __real_sendmmsg, fd, messages, count, flags);
+    return calls.sendmmsg(fd, messages, count, flags);
 }
 
 int __wrap_recvmmsg(int fd, mmsghdr* messages, unsigned int count, int flags, timespec* timeout) {
-    if (calls.recvmmsg) return calls.recvmmsg(fd, messages, count, flags);
-    return __real_recvmmsg(fd, messages, count, flags, timeout);
+    return calls.recvmmsg(fd, messages, count, flags, timeout);
 }
 
 ssize_t __wrap_recvfrom(int fd, void* buffer, size_t size, int flags, sockaddr* from,
                         socklen_t* fromSize) {
-    return call(calls.recvfrom, __real_recvfrom, fd, buffer, size, flags, from, fromSize);
+    return calls.recvfrom(fd, buffer, size, flags, from, fromSize);
 }
 
 int __wrap_poll(pollfd* descriptors, nfds_t count, int timeout) {
-    return call(calls.poll, __real_poll, descriptors, count, timeout);
+    return calls.poll(descriptors, count, timeout);
 }
 
 int __wrap_ioctl(int fd, unsigned long request, ...) {
@@ -63,53 +67,31 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
     va_start(arguments, request);
     void* const argument = va_arg(arguments, void*);
     va_end(arguments);
-    return calls.ioctl ? calls.ioctl(fd, request, argument) : __real_ioctl(fd, request, argument);
+    return calls.ioctl(fd, request, argument);
 }
 
 ssize_t __wrap_mnl_socket_sendto(const mnl_socket* socket, const void* message, size_t size) {
-    return call(calls.netlinkSend, __real_mnl_socket_sendto, socket, message, size);
+    return calls.netlinkSend(socket, message, size);
 }
 
 int __wrap_mnl_socket_bind(mnl_socket* socket, unsigned int groups, pid_t port) {
-    return call(calls.netlinkBind, __real_mnl_socket_bind, socket, groups, port);
+    return calls.netlinkBind(socket, groups, port);
 }
 
 int __wrap_nft_run_cmd_from_buffer(nft_ctx* context, const char* commands) {
-    return call(calls.nftRun, __real_nft_run_cmd_from_buffer, context, commands);
+    return calls.nftRun(context, commands);
 }
 
-const char* __wrap_nft_ctx_get_error_buffer(nft_ctx* context) {
-    return call(calls.nftError, __real_nft_ctx_get_error_buffer, context);
-}
+const char* __wrap_nft_ctx_get_error_buffer(nft_ctx* context) { return calls.nftError(context); }
 
-// What the C library's headers may make of the same calls in optimised builds.
+// The C library's headers may call these instead in optimised builds.
 ssize_t __wrap___recvfrom_chk(int fd, void* buffer, size_t size, size_t /*room*/, int flags,
                               sockaddr* from, socklen_t* fromSize) {
-    return __wrap_recvfrom(fd, buffer, size, flags, from, fromSize);
+    return calls.recvfrom(fd, buffer, size, flags, from, fromSize);
 }
 
 int __wrap___poll_chk(pollfd* descriptors, nfds_t count, int timeout, size_t /*room*/) {
-    return __wrap_poll(descriptors, count, timeout);
+    return calls.poll(descriptors, count, timeout);
 }
 
 }  // extern "C"
-
-int real::socket(int domain, int type, int protocol) {
-    return __real_socket(domain, type, protocol);
-}
-int real::sendmmsg(int fd, mmsghdr* messages, unsigned int count, int flags) {
-    return __real_sendmmsg(fd, messages, count, flags);
-}
-ssize_t real::recvfrom(int fd, void* buffer, size_t size, int flags, sockaddr* from,
-                       socklen_t* fromSize) {
-    return __real_recvfrom(fd, buffer, size, flags, from, fromSize);
-}
-int real::poll(pollfd* descriptors, nfds_t count, int timeout) {
-    return __real_poll(descriptors, count, timeout);
-}
-int real::netlinkBind(mnl_socket* socket, unsigned int groups, pid_t port) {
-    return __real_mnl_socket_bind(socket, groups, port);
-}
-int real::nftRun(nft_ctx* context, const char* commands) {
-    return __real_nft_run_cmd_from_buffer(context, commands);
-}

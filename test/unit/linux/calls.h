@@ -13,12 +13,11 @@
 struct mnl_socket;
 struct nft_ctx;
 
-/// The replacement for each function; if it is empty, the function itself is called. Set it before
-/// another thread makes the call.
 struct Calls {
     std::function<int(int domain, int type, int protocol)> socket;
     std::function<int(int fd, mmsghdr* messages, unsigned int count, int flags)> sendmmsg;
-    std::function<int(int fd, mmsghdr* messages, unsigned int count, int flags)> recvmmsg;
+    std::function<int(int fd, mmsghdr* messages, unsigned int count, int flags, timespec* timeout)>
+        recvmmsg;
     std::function<ssize_t(int fd, void* buffer, size_t size, int flags, sockaddr* from,
                           socklen_t* fromSize)>
         recvfrom;
@@ -30,19 +29,18 @@ struct Calls {
     std::function<const char*(nft_ctx* context)> nftError;
 };
 
-extern Calls calls;
-
 /// The functions themselves.
-namespace real {
-int socket(int domain, int type, int protocol);
-int sendmmsg(int fd, mmsghdr* messages, unsigned int count, int flags);
-ssize_t recvfrom(int fd, void* buffer, size_t size, int flags, sockaddr* from, socklen_t* fromSize);
-int poll(pollfd* descriptors, nfds_t count, int timeout);
-int netlinkBind(mnl_socket* socket, unsigned int groups, pid_t port);
-int nftRun(nft_ctx* context, const char* commands);
-}  // namespace real
+extern const Calls& real;
+
+/// What is called in their place. Change it before another thread makes the call.
+extern Calls& calls;
 
 /// Sets errno and returns -1, as a failing call does.
 int refuse(int error);
+
+/// A replacement that always fails.
+inline auto failing(int error) {
+    return [error](auto...) { return refuse(error); };
+}
 
 #endif

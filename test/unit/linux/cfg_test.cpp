@@ -2,33 +2,20 @@
 // The configuration service's answers, from the kernel's interfaces, and the registration.
 #include "cfg.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <fstream>
-#include <sstream>
 #include <string>
 
 #include "world.h"
 
 namespace {
 
-std::string contents(const char* path) {
-    std::ifstream file(path);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
-bool exists(const char* path) {
-    struct stat status;
-    return lstat(path, &status) == 0;
-}
-
 constexpr const char* kRecord = "/run/pmtud.registered";
+
+std::string recorded() { return output(std::string("cat ") + kRecord); }
 
 }  // namespace
 
@@ -50,7 +37,7 @@ TEST_F(Configuration, AnswersNothingBeforeItIsAttached) {
     });
 }
 
-TEST_F(Configuration, KnowsTheVlanOfAnEgressThatIsOne) {
+TEST_F(Configuration, KnowsTheVlanOfAnInterfaceThatIsOne) {
     run("ip link add bcm0.0 type veth peer name bcm0.4095");
     inOwnProcess([] {
         ASSERT_EQ(cfg_init(), 0);
@@ -68,7 +55,6 @@ TEST_F(Configuration, KnowsTheVlanOfAnEgressThatIsOne) {
     });
 }
 
-// The least and the greatest VLAN that there can be.
 TEST_F(Configuration, KnowsTheMtusOfTheFirstAndTheLastVlan) {
     run("ip link add bcm0.1 mtu 1111 type veth peer name bcm0.4094 mtu 1222");
     inOwnProcess([] {
@@ -99,8 +85,8 @@ TEST_F(Configuration, ReplacesARecordOrALinkThatIsThereAndDoesNotWriteThroughIt)
             std::ofstream(kRecord) << "1\n";
         inOwnProcess([] {
             ASSERT_EQ(cfg_add_pid("pmtud"), 0);
-            EXPECT_FALSE(exists("/run/victim"));
-            EXPECT_EQ(contents(kRecord), std::to_string(getpid()) + "\n");
+            EXPECT_NE(access("/run/victim", F_OK), 0);
+            EXPECT_EQ(recorded(), std::to_string(getpid()) + "\n");
         });
     }
 }
@@ -110,14 +96,14 @@ TEST_F(Configuration, LeavesTheRecordOfAnotherProcessAlone) {
         ASSERT_EQ(cfg_add_pid("pmtud"), 0);
         std::ofstream(kRecord) << "1\n";
         EXPECT_EQ(cfg_clear_pid(), -EEXIST);
-        EXPECT_EQ(contents(kRecord), "1\n");
+        EXPECT_EQ(recorded(), "1\n");
     });
 }
 
 TEST_F(Configuration, LeavesNoDraftBehind) {
     const std::string before = output("ls -A /run");
     inOwnProcess([] {
-        // What a process of this number left when it died.
+        // A process with this number died before it had finished.
         std::ofstream("/run/.pmtud." + std::to_string(getpid())) << "half";
         ASSERT_EQ(cfg_add_pid("pmtud"), 0);
         EXPECT_EQ(cfg_clear_pid(), 0);

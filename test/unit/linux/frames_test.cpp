@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: MIT
-// From a copy and the quote that refuses it to record and frame.
+// Record and frame, built from a copy and the quote in the message that refuses it.
 #include "frame.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "messages.h"
+#include "packets/bytes.h"
 
+using packets::Bytes;
+using packets::cut;
+using packets::operator+;
 using pmtud_linux::Copy;
 using pmtud_linux::Frame;
 using testing::Each;
@@ -16,6 +19,16 @@ namespace {
 
 // The addresses, then the tag's TPID.
 const Bytes kStart = {2, 0, 0, 0, 0x10, 1, 2, 0, 0, 0, 0x10, 2, 0x81, 0x00};
+
+// With four bytes of options: 28 bytes.
+const Bytes kIpv4 = {0x46, 0x00, 0x00, 0x1c, 0x12, 0x34, 0x40, 0x00, 0x40, 0x11,
+                     0xfd, 0x9a, 0x0a, 0x00, 0x0a, 0x02, 0x0a, 0x00, 0x14, 0x02,
+                     0x07, 0x04, 0x04, 0x00, 0xde, 0xad, 0xbe, 0xef};
+
+// The version and the payload length decide; a copy ends after 1,500 bytes.
+Bytes ipv6(uint8_t lengthHigh, uint8_t lengthLow, size_t copied) {
+    return Bytes{0x60, 0, 0, 0, lengthHigh, lengthLow} + Bytes(copied - 6, 0xa5);
+}
 
 void build(Frame& frame, const Bytes& packet, int vlan = 10, const Bytes& quote = {}) {
     Copy copy;
@@ -31,42 +44,29 @@ Bytes part(Frame& frame, size_t from, size_t to) {
     return {frame.data() + from, frame.data() + to};
 }
 
-Bytes shortIpv4() {
-    Ipv4 ipv4;
-    ipv4.size = 24;
-    return packet(ipv4);
-}
-
-// A packet of 9,000 bytes of which 1,500 were copied.
-Bytes jumbo() {
-    Bytes bytes = packet(Ipv4{.size = 1500});
-    put16(bytes, 2, 9000);
-    return bytes;
-}
-
 }  // namespace
 
 TEST(Frame, OfIpv4IsThePacketTaggedWithTheIngressVlan) {
     Frame frame;
-    build(frame, shortIpv4());
-    ASSERT_EQ(frame.size(), 42U);
-    EXPECT_THAT(part(frame, 0, 42),
-                ElementsAreArray(kStart + Bytes{0x00, 0x0a, 0x08, 0x00} + shortIpv4()));
+    build(frame, kIpv4);
+    ASSERT_EQ(frame.size(), 46U);
+    EXPECT_THAT(part(frame, 0, 46),
+                ElementsAreArray(kStart + Bytes{0x00, 0x0a, 0x08, 0x00} + kIpv4));
 }
 
 TEST(Frame, OfIpv6IsThePacketTaggedWithTheIngressVlan) {
-    const Bytes ipv6 = packet(Ipv6{.size = 42});
+    const Bytes packet = ipv6(0, 2, 42);
     Frame frame;
-    build(frame, ipv6, 4094);
+    build(frame, packet, 4094);
     ASSERT_EQ(frame.size(), 60U);
     EXPECT_THAT(part(frame, 0, 60),
-                ElementsAreArray(kStart + Bytes{0x0f, 0xfe, 0x86, 0xdd} + ipv6));
+                ElementsAreArray(kStart + Bytes{0x0f, 0xfe, 0x86, 0xdd} + packet));
     EXPECT_EQ(+frame.record().ctrl.proto, 0x86dd);
 }
 
 TEST(Frame, HasARecordThatCountsPortsFromZero) {
     Frame frame;
-    build(frame, shortIpv4());
+    build(frame, kIpv4);
     // The plus reads the unaligned member as a value.
     const st_pktd_shm_queue_entry_ctrl_t& control = frame.record().ctrl;
     EXPECT_EQ(+control.unit, 0);
@@ -84,35 +84,30 @@ TEST(Frame, HasARecordThatCountsPortsFromZero) {
 TEST(Frame, HasZerosInPlaceOfWhatWasNotCopiedAndBeyondIt) {
     Frame frame;
     ASSERT_EQ(Frame::kCapacity, 65593U);
-    build(frame, shortIpv4());
-    build(frame, jumbo());
+    build(frame, kIpv4);
+    // 9,000 bytes with the header of 40.
+    build(frame, ipv6(0x23, 0x00, 1500));
     EXPECT_EQ(frame.size(), 9018U);
-    EXPECT_THAT(part(frame, 38, 1518), Each(0xa5));
+    EXPECT_THAT(part(frame, 24, 1518), Each(0xa5));
     EXPECT_THAT(part(frame, 1518, 65593), Each(0));
-    build(frame, shortIpv4());
-    EXPECT_EQ(frame.size(), 42U);
-    EXPECT_THAT(part(frame, 42, 65593), Each(0));
+    build(frame, kIpv4);
+    EXPECT_EQ(frame.size(), 46U);
+    EXPECT_THAT(part(frame, 46, 65593), Each(0));
 }
 
 TEST(Frame, OfTheLargestPacketFillsTheCapacity) {
-    Bytes largest = packet(Ipv6{.size = 1500});
-    put16(largest, 4, 65535);
     Frame frame;
-    build(frame, largest);
+    build(frame, ipv6(0xff, 0xff, 1500));
     EXPECT_EQ(frame.size(), 65593U);
 }
 
 // The kernel may have written into the options before it refused the packet, and it quotes what
 // it wrote.
 TEST(Frame, HasTheIpHeaderOfTheQuoteAndThePayloadOfTheCopy) {
-    Bytes copied = {0x46, 0x00, 0x00, 0x1c, 0x12, 0x34, 0x40, 0x00, 0x40, 0x11,
-                    0xfd, 0x9a, 0x0a, 0x00, 0x0a, 0x02, 0x0a, 0x00, 0x14, 0x02,
-                    0x07, 0x04, 0x04, 0x00, 0xde, 0xad, 0xbe, 0xef};
-    Bytes quote = copied;
-    put16(quote, 10, 0xaabb);
-    put16(quote, 22, 0x080a);
+    Bytes header = cut(kIpv4, 0, 24);
+    packets::put16(header, 10, 0xaabb);
+    packets::put16(header, 22, 0x080a);
     Frame frame;
-    build(frame, copied, 10, cut(quote, 0, 24) + Bytes{0x11, 0x22, 0x33, 0x44});
-    EXPECT_THAT(part(frame, 18, 46),
-                ElementsAreArray(cut(quote, 0, 24) + Bytes{0xde, 0xad, 0xbe, 0xef}));
+    build(frame, kIpv4, 10, header + Bytes{0x11, 0x22, 0x33, 0x44});
+    EXPECT_THAT(part(frame, 18, 46), ElementsAreArray(header + Bytes{0xde, 0xad, 0xbe, 0xef}));
 }

@@ -10,11 +10,8 @@
 #include "link.h"
 #include "world.h"
 
-using pmtud_linux::Descriptor;
 using pmtud_linux::KnownVlans;
-using pmtud_linux::Link;
 using pmtud_linux::vlanOfInterface;
-using pmtud_linux::VlanTable;
 
 // The kernel calls it fence, and bcm0.40 by an alternative name.
 class InterfaceOfAKnownVlan : public World {
@@ -33,9 +30,9 @@ class InterfaceOfAKnownVlan : public World {
         return vlanOfInterface(socketForNames.get(), static_cast<int>(link.ifindex));
     }
 
-    Link link;
-    VlanTable table;
-    Descriptor socketForNames;
+    pmtud_linux::Descriptor socketForNames;
+    pmtud_linux::Link link;
+    pmtud_linux::VlanTable table;
 };
 
 TEST_F(InterfaceOfAKnownVlan, IsThatVlanWhileTheKernelHasTheName) {
@@ -56,10 +53,9 @@ TEST_F(InterfaceOfAKnownVlan, IsNotThatVlanIfAnotherInterfaceHasTakenTheName) {
 
 TEST_F(InterfaceOfAKnownVlan, FallsBackToItsOwnName) {
     link.name = "bcm0.50";
-    run("ip link set fence down");
-    run("ip link set fence name bcm0.50");
     table.apply(link);
     const KnownVlans known(table);
+    run("ip link set fence down && ip link set fence name bcm0.50");
     EXPECT_EQ(vlan(), 40);
     run("ip link property del dev bcm0.50 altname bcm0.40");
     EXPECT_EQ(vlan(), 50);

@@ -1,16 +1,21 @@
 // SPDX-License-Identifier: MIT
-// Lists of the kernel's interfaces that are interrupted, overrun or refused.
+// Lists of the kernel's interfaces that are interrupted, overrun or refused, interfaces that change
+// all the time, and changes that another process forges.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <libmnl/libmnl.h>
+#include <linux/if_link.h>
 #include <sys/ioctl.h>
 
+#include <atomic>
 #include <cerrno>
+#include <thread>
 
 #include "calls.h"
 #include "cfg.h"
 #include "link.h"
 #include "link_monitor.h"
+#include "messages.h"
 #include "vlan_name.h"
 #include "world.h"
 
@@ -33,9 +38,8 @@ int listsEnded = 0;
 
 // Lets `change` alter each message of the lists.
 void changeLists(const std::function<void(nlmsghdr&)>& change) {
-    calls.recvfrom = [change](int fd, void* buffer, size_t size, int flags, sockaddr* from,
-                              socklen_t* fromSize) {
-        const ssize_t received = real::recvfrom(fd, buffer, size, flags, from, fromSize);
+    calls.recvfrom = [change](int fd, void* buffer, auto... others) {
+        const ssize_t received = real.recvfrom(fd, buffer, others...);
         if (!isOfLinks(fd)) return received;
         int left = static_cast<int>(received);
         auto* message = static_cast<nlmsghdr*>(buffer);
@@ -52,11 +56,10 @@ void interrupt(nlmsghdr& message) { message.nlmsg_flags |= NLM_F_DUMP_INTR; }
 
 // Overruns once per list, in the middle of it.
 void overrunLists() {
-    calls.recvfrom = [](int fd, void* buffer, size_t size, int flags, sockaddr* from,
-                        socklen_t* fromSize) -> ssize_t {
+    calls.recvfrom = [](int fd, void* buffer, auto... others) -> ssize_t {
         static bool inTheMiddle = false;
         if (std::exchange(inTheMiddle, false)) return refuse(ENOBUFS);
-        const ssize_t received = real::recvfrom(fd, buffer, size, flags, from, fromSize);
+        const ssize_t received = real.recvfrom(fd, buffer, others...);
         const auto* const message = static_cast<const nlmsghdr*>(buffer);
         const bool isEnd = received > 0 && message->nlmsg_type == NLMSG_DONE;
         inTheMiddle = received > 0 && message->nlmsg_seq != 0 && !isEnd;
@@ -72,7 +75,7 @@ class Links : public World {
         ASSERT_EQ(monitor.open(), 0);
         listsEnded = 0;
     }
-    void TearDown() override { calls = {}; }
+    void TearDown() override { calls = real; }
 
     LinkMonitor monitor;
     VlanTable table;
@@ -89,7 +92,7 @@ TEST_F(Links, AreFollowedAfterAListThatIsInterruptedTenTimes) {
     EXPECT_TRUE(monitor.follow(table));
     EXPECT_TRUE(monitor.stale());
 
-    calls.recvfrom = nullptr;
+    calls.recvfrom = real.recvfrom;
     run("ip link del bcm0.30");
     EXPECT_TRUE(monitor.follow(table));
     EXPECT_FALSE(monitor.stale());
@@ -102,7 +105,7 @@ TEST_F(Links, AreFollowedAfterAListThatOverrunsTenTimes) {
     EXPECT_EQ(monitor.list(table), 0);
     EXPECT_EQ(listsEnded, 10);
     EXPECT_TRUE(monitor.stale());
-    calls.recvfrom = nullptr;
+    calls.recvfrom = real.recvfrom;
     EXPECT_TRUE(monitor.follow(table));
     EXPECT_FALSE(monitor.stale());
     EXPECT_EQ(table.vlans().size(), 3U);
@@ -111,8 +114,8 @@ TEST_F(Links, AreFollowedAfterAListThatOverrunsTenTimes) {
 TEST_F(Links, AreListedAnewAfterALoss) {
     ASSERT_EQ(monitor.list(table), 0);
     run("ip link set bcm0.20 mtu 1400");
-    calls.recvfrom = [](int, void*, size_t, int, sockaddr*, socklen_t*) -> ssize_t {
-        calls.recvfrom = nullptr;
+    calls.recvfrom = [](auto...) {
+        calls.recvfrom = real.recvfrom;
         return refuse(ENOBUFS);
     };
     EXPECT_TRUE(monitor.follow(table));
@@ -120,14 +123,13 @@ TEST_F(Links, AreListedAnewAfterALoss) {
     EXPECT_EQ(table.vlans().at(20).mtu, 1400U);
 }
 
-// Whatever is in the buffer is not all of it.
+// The buffer then holds only a part of it.
 TEST_F(Links, AreListedAnewAfterADatagramThatTheBufferHasNoRoomFor) {
     ASSERT_EQ(monitor.list(table), 0);
     run("ip link set bcm0.20 mtu 1400");
-    calls.recvfrom = [](int fd, void* buffer, size_t size, int flags, sockaddr* from,
-                        socklen_t* fromSize) -> ssize_t {
-        calls.recvfrom = nullptr;
-        real::recvfrom(fd, buffer, size, flags, from, fromSize);
+    calls.recvfrom = [](int fd, void* buffer, size_t size, auto... others) {
+        calls.recvfrom = real.recvfrom;
+        real.recvfrom(fd, buffer, size, others...);
         return static_cast<ssize_t>(size) + 1;
     };
     EXPECT_TRUE(monitor.follow(table));
@@ -138,9 +140,7 @@ TEST_F(Links, AreWhatTheyWereIfTheKernelEndsNoList) {
     ASSERT_EQ(monitor.list(table), 0);
     const auto before = table.vlans();
     int timeout = 0;
-    calls.recvfrom = [](int, void*, size_t, int, sockaddr*, socklen_t*) -> ssize_t {
-        return refuse(EAGAIN);
-    };
+    calls.recvfrom = failing(EAGAIN);
     calls.poll = [&](pollfd*, nfds_t, int wanted) {
         timeout = wanted;
         return 0;
@@ -158,13 +158,11 @@ TEST_F(Links, ThatCannotBeListedAreAnError) {
         memcpy(mnl_nlmsg_get_payload(&message), &error, sizeof error);
     });
     EXPECT_EQ(monitor.list(table), -EPERM);
-    calls.recvfrom = [](int, void*, size_t, int, sockaddr*, socklen_t*) -> ssize_t {
-        return refuse(ENOMEM);
-    };
+    calls.recvfrom = failing(ENOMEM);
     EXPECT_EQ(monitor.list(table), -ENOMEM);
     EXPECT_FALSE(monitor.stale());
-    calls.recvfrom = nullptr;
-    calls.netlinkSend = [](const mnl_socket*, const void*, size_t) { return refuse(ENOBUFS); };
+    calls.recvfrom = real.recvfrom;
+    calls.netlinkSend = failing(ENOBUFS);
     EXPECT_EQ(monitor.list(table), -ENOBUFS);
 }
 
@@ -179,12 +177,104 @@ TEST_F(Links, OfAStaleListAtTheStartAreMadeGoodByTheReceiveThread) {
         ASSERT_EQ(attach(), 0);
         EXPECT_THAT(ruleset(), Not(HasSubstr("to-bcm0.20")));
         EXPECT_THAT(ruleset(), HasSubstr("chain to-bcm0.30"));
-        calls.recvfrom = nullptr;
+        calls.recvfrom = real.recvfrom;
         RuleChanges changes;
         ASSERT_EQ(startThread(), 0);
         changes.await();
         EXPECT_THAT(ruleset(), HasSubstr("chain to-bcm0.20"));
     });
+}
+
+TEST_F(Links, ThatComeAndGoWhileAProcessAttachesAreFollowed) {
+    const std::string addAndDelete = R"(link add bcm0.100 type veth peer name peer100
+link add bcm0.101 type veth peer name peer101
+link add bcm0.102 type veth peer name peer102
+link add bcm0.103 type veth peer name peer103
+link del bcm0.100
+link del bcm0.101
+link del bcm0.102
+link del bcm0.103
+)";
+    for (int round = 0; round < 20; ++round) {
+        inOwnProcess([&] {
+            std::atomic<bool> started{false};
+            std::atomic<bool> over{false};
+            std::thread churn([&] {
+                while (!over) {
+                    batch(addAndDelete);
+                    started = true;
+                    started.notify_all();
+                }
+                run("ip link add bcm0.200 type veth peer name peer200");
+            });
+            started.wait(false);
+            const int result = attach() != 0 ? -1 : startThread();
+            over = true;
+            churn.join();
+            ASSERT_EQ(result, 0);
+            await("the rules to be complete", [] {
+                const std::string rules = output("nft list map inet pmtud egress");
+                return rules.find("to-bcm0.200") != std::string::npos &&
+                       rules.find("to-bcm0.10") == rules.rfind("to-bcm0.10");
+            });
+            const std::string rules = output("nft list ruleset");
+            for (const char* const name : {"10", "20", "30", "200"})
+                EXPECT_THAT(rules, HasSubstr(std::string("chain to-bcm0.") + name + " "));
+            for (const char* const name : {"100", "101", "102", "103"})
+                EXPECT_THAT(rules, Not(HasSubstr(std::string("chain to-bcm0.") + name + " ")));
+        });
+        run("ip link del bcm0.200");
+    }
+}
+
+namespace {
+
+Netlink link(uint16_t type, const char* name, uint32_t index, uint32_t mtu) {
+    return linkMessage(type, static_cast<int>(index)).text(IFLA_IFNAME, name).number(IFLA_MTU, mtu);
+}
+
+uint32_t portOf(int fd) {
+    sockaddr_nl address{};
+    socklen_t size = sizeof address;
+    EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size), 0);
+    return address.nl_pid;
+}
+
+}  // namespace
+
+TEST_F(Links, ThatAnotherProcessForgesAreIgnored) {
+    ASSERT_EQ(monitor.list(table), 0);
+    const auto before = table.vlans();
+    ASSERT_EQ(before.size(), 3U);
+    for (const Netlink& message : {link(RTM_NEWLINK, "bcm0.40", 4711, 1280),
+                                   link(RTM_NEWLINK, "bcm0.20", before.at(20).ifindex, 576),
+                                   link(RTM_DELLINK, "bcm0.30", before.at(30).ifindex, 1000)})
+        forge(NETLINK_ROUTE, portOf(monitor.fd()), message.bytes);
+    EXPECT_FALSE(monitor.follow(table));
+    EXPECT_EQ(table.vlans(), before);
+    // The kernel's messages after a forged one still count.
+    forge(NETLINK_ROUTE, portOf(monitor.fd()), link(RTM_NEWLINK, "bcm0.40", 4711, 1280).bytes);
+    run("ip link set bcm0.20 mtu 1400");
+    EXPECT_TRUE(monitor.follow(table));
+    EXPECT_EQ(table.vlans().size(), 3U);
+    EXPECT_EQ(table.vlans().at(20).mtu, 1400U);
+}
+
+TEST_F(Links, DoNotEndWithAForgedEndOfAList) {
+    // It arrives after the monitor has discarded everything older than the list.
+    bool forged = false;
+    calls.recvfrom = [&](int fd, auto... others) {
+        const ssize_t received = real.recvfrom(fd, others...);
+        if (received >= 0 || forged) return received;
+        forged = true;
+        forge(NETLINK_ROUTE, portOf(fd), Netlink(NLMSG_DONE, 4, 1).bytes);
+        errno = EAGAIN;
+        return received;
+    };
+    EXPECT_EQ(monitor.list(table), 0);
+    EXPECT_TRUE(forged);
+    EXPECT_FALSE(monitor.stale());
+    EXPECT_EQ(table.vlans().size(), 3U);
 }
 
 // libnftables reads numbers in several bases.

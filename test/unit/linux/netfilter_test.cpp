@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Requests to the kernel's netfilter, whose answers are the test's own.
+// Requests to the kernel's netfilter; the test supplies the answers.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <libmnl/libmnl.h>
@@ -58,7 +58,7 @@ class Netfilter : public testing::Test {
         };
     }
 
-    void TearDown() override { calls = {}; }
+    void TearDown() override { calls = real; }
 
     void give(const Netlink& message, uint32_t sender = 0) {
         datagrams.push_back({message.bytes, sender});
@@ -115,7 +115,7 @@ TEST_F(Answers, AreMissedEachTimeTheCounterHasNotRisen) {
     EXPECT_FALSE(watch.hasLeft());
 }
 
-// If receiving it failed, an answer of the kernel's is there when the next one is asked for.
+// An answer that could not be received is still there when the next one is requested.
 TEST_F(Answers, ToAnEarlierRequestArePassedOver) {
     counter = 1;
     EXPECT_TRUE(watch.hasLeft());
@@ -167,7 +167,7 @@ TEST_F(Netfilter, RequestIsNumberedAnewAndAcknowledgedByTheKernelOnly) {
     EXPECT_EQ(sequence, firstSequence + 1);
     const auto flags = reinterpret_cast<const nlmsghdr*>(requests.back().data())->nlmsg_flags;
     EXPECT_EQ(flags, NLM_F_REQUEST | NLM_F_ACK);
-    calls.netlinkSend = [](const mnl_socket*, const void*, size_t) { return refuse(ENOBUFS); };
+    calls.netlinkSend = failing(ENOBUFS);
     EXPECT_EQ(request(), -ENOBUFS);
 }
 
@@ -204,7 +204,7 @@ TEST_F(Netfilter, SocketsThatFailAreTheResult) {
     const auto unopened = results();
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
     EXPECT_THAT(unopened, Each(-EMFILE));
-    calls.netlinkBind = [](mnl_socket*, unsigned int, pid_t) { return refuse(EADDRINUSE); };
+    calls.netlinkBind = failing(EADDRINUSE);
     EXPECT_THAT(results(), Each(-EADDRINUSE));
     EXPECT_TRUE(requests.empty());
 }

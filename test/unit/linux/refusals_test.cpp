@@ -10,13 +10,11 @@
 #include <mutex>
 #include <optional>
 #include <system_error>
-#include <thread>
 
 #include "calls.h"
 #include "dispatcher.h"
 #include "kernel_answer.h"
 #include "log_daemon.h"
-#include "messages.h"
 #include "tx_queue.h"
 #include "world.h"
 
@@ -27,34 +25,31 @@ using testing::HasSubstr;
 namespace {
 
 // When rules were changed, and whether the kernel refuses.
-class RuleScript {
- public:
+struct RuleScript {
+    std::mutex mutex;
+    bool refuses = false;
+    std::vector<std::chrono::steady_clock::time_point> tries;
+
     RuleScript() {
         calls.nftRun = [this](nft_ctx* context, const char* commands) {
-            const std::lock_guard lock(m_mutex);
-            m_tries.push_back(std::chrono::steady_clock::now());
-            return m_refuses ? -1 : real::nftRun(context, commands);
+            const std::lock_guard lock(mutex);
+            tries.push_back(std::chrono::steady_clock::now());
+            return refuses ? -1 : real.nftRun(context, commands);
         };
         calls.nftError = [](nft_ctx*) {
             return "internal:0:0-0: Error: Could not process rule: Device or resource busy\n";
         };
     }
 
-    void refuse(bool refuses) {
-        const std::lock_guard lock(m_mutex);
-        m_refuses = refuses;
-        m_tries.clear();
+    void refuse(bool from) {
+        const std::lock_guard lock(mutex);
+        refuses = from;
     }
 
-    std::vector<std::chrono::steady_clock::time_point> tries() {
-        const std::lock_guard lock(m_mutex);
-        return m_tries;
+    size_t count() {
+        const std::lock_guard lock(mutex);
+        return tries.size();
     }
-
- private:
-    std::mutex m_mutex;
-    bool m_refuses = false;
-    std::vector<std::chrono::steady_clock::time_point> m_tries;
 };
 
 }  // namespace
@@ -77,15 +72,15 @@ TEST_F(Refusal, OfAChangeOfTheRulesIsLoggedOnceAndTriedAgainEachSecond) {
         EXPECT_EQ(priorityOf(refused), "<27>");
         run("ip link set bcm0.30 mtu 1100");
 
-        // The changes themselves may cause more than one try; those after them are due to time.
-        const size_t atOnce = rules.tries().size();
-        const auto limit = std::chrono::steady_clock::now() + kPatience;
-        while (rules.tries().size() < atOnce + 4 && std::chrono::steady_clock::now() < limit)
-            std::this_thread::yield();
-        const auto tries = rules.tries();
-        ASSERT_GE(tries.size(), 4U);
-        EXPECT_GE(tries.back() - *(tries.end() - 2), 1s);
-        EXPECT_GE(*(tries.end() - 2) - *(tries.end() - 3), 1s);
+        // The changes themselves may cause several tries; later ones follow from the timer.
+        const size_t atOnce = rules.count();
+        await("four more tries", [&] { return rules.count() >= atOnce + 4; });
+        {
+            const std::lock_guard lock(rules.mutex);
+            const auto last = rules.tries.rbegin();
+            EXPECT_GE(last[0] - last[1], 1s);
+            EXPECT_GE(last[1] - last[2], 1s);
+        }
         EXPECT_FALSE(log.poll());
         EXPECT_THAT(output("nft list chain inet pmtud to-bcm0.20"), HasSubstr("length <= 1280 "));
 
@@ -105,21 +100,17 @@ TEST_F(Refusal, OfAChangeOfTheRulesIsLoggedOnceAndTriedAgainEachSecond) {
 
 namespace {
 
-// What the receive thread dies of if it finds the log group's socket or the links' readable.
-std::string failureOf(bool isGroup) {
+using Wait = std::function<int(pollfd* descriptors)>;
+
+// Runs the receive thread's loop, which waits for messages like that; returns the fatal error.
+std::string failureAfter(const Wait& wait) {
     const auto dispatcher = std::make_unique<Dispatcher>();
     EXPECT_EQ(dispatcher->attach(), 0);
-    if (!calls.poll)
-        calls.poll = [=](pollfd* descriptors, nfds_t count, int timeout) {
-            if (count != 2) return real::poll(descriptors, count, timeout);
-            descriptors[0].revents = isGroup ? POLLIN : 0;
-            descriptors[1].revents = isGroup ? 0 : POLLIN;
-            return 1;
-        };
-    // Not before: attaching reads as well.
-    calls.recvfrom = [](int, void*, size_t, int, sockaddr*, socklen_t*) -> ssize_t {
-        return refuse(ENOMEM);
+    calls.poll = [wait](pollfd* descriptors, nfds_t count, int timeout) {
+        return count == 2 ? wait(descriptors) : real.poll(descriptors, count, timeout);
     };
+    // Not before: attaching reads as well.
+    calls.recvfrom = failing(ENOMEM);
     try {
         dispatcher->run(discard);
     } catch (const std::system_error& error) {
@@ -127,20 +118,30 @@ std::string failureOf(bool isGroup) {
     }
 }
 
+// 0: the log group's socket; 1: the links'.
+Wait makeReadable(size_t which) {
+    return [which](pollfd* descriptors) {
+        descriptors[which].revents = POLLIN;
+        descriptors[1 - which].revents = 0;
+        return 1;
+    };
+}
+
 }  // namespace
 
 TEST_F(Refusal, OfTheLinksSocketEndsTheProcess) {
-    inOwnProcess([] { EXPECT_EQ(failureOf(false), "link messages: Cannot allocate memory"); });
+    inOwnProcess(
+        [] { EXPECT_EQ(failureAfter(makeReadable(1)), "link messages: Cannot allocate memory"); });
 }
 
 TEST_F(Refusal, OfTheLogGroupsSocketEndsTheProcessUnlessItPasses) {
     inOwnProcess([] {
         int call = 0;
-        calls.recvmmsg = [&](int, mmsghdr*, unsigned int, int) {
+        calls.recvmmsg = [&](auto...) {
             constexpr int kErrors[] = {EINTR, EAGAIN, ENOBUFS, EAGAIN, EBADF};
             return refuse(kErrors[call++]);
         };
-        EXPECT_EQ(failureOf(true), "log group: Bad file descriptor");
+        EXPECT_EQ(failureAfter(makeReadable(0)), "log group: Bad file descriptor");
         EXPECT_EQ(call, 5);
     });
 }
@@ -148,22 +149,19 @@ TEST_F(Refusal, OfTheLogGroupsSocketEndsTheProcessUnlessItPasses) {
 TEST_F(Refusal, ToWaitEndsTheProcess) {
     inOwnProcess([] {
         int waits = 0;
-        calls.poll = [&](pollfd* descriptors, nfds_t count, int timeout) {
-            if (count != 2) return real::poll(descriptors, count, timeout);
-            return refuse(++waits == 1 ? EINTR : ENOMEM);
-        };
-        EXPECT_EQ(failureOf(true), "poll: Cannot allocate memory");
+        const Wait fail = [&](pollfd*) { return refuse(++waits == 1 ? EINTR : ENOMEM); };
+        EXPECT_EQ(failureAfter(fail), "poll: Cannot allocate memory");
         EXPECT_EQ(waits, 2);
     });
 }
 
 namespace {
 
-// As by RestrictAddressFamilies= of a unit.
+// As RestrictAddressFamilies= in a unit does.
 void forbidPacketSockets() {
     calls.socket = [](int domain, int type, int protocol) {
         if (domain == AF_PACKET) return refuse(EAFNOSUPPORT);
-        return real::socket(domain, type, protocol);
+        return real.socket(domain, type, protocol);
     };
 }
 
@@ -178,13 +176,13 @@ TEST_F(Refusal, OfPacketSocketsIsTheResultOfAPost) {
         forbidPacketSockets();
         EXPECT_EQ(queue.post(*record, 60, &out), -EAFNOSUPPORT);
         EXPECT_EQ(out, 77U);
-        calls.socket = nullptr;
+        calls.socket = real.socket;
         EXPECT_EQ(queue.post(*record, 60, &out), 0);
         EXPECT_EQ(out, 60U);
     });
 }
 
-// A message of the switch's to host a, which refuses a packet of another station's.
+// A message from the switch to host a about a packet that another station sent.
 class KernelAnswer : public World {
  protected:
     void SetUp() override {
@@ -195,9 +193,9 @@ class KernelAnswer : public World {
         refused.ingress = message.egress;
         refused.addresses = {2, 0, 0, 0, 0x10, 1, 2, 0, 0, 0, 0x77, 7};
     }
-    void TearDown() override { calls = {}; }
+    void TearDown() override { calls = real; }
 
-    // Whether host a gets it as its own interface's, and not as that station's.
+    // Whether the frame is addressed to host a's interface, and not to that station.
     bool goesByRoute(const pmtud_linux::Copy* copy) {
         EXPECT_EQ(answer.send(message, copy), 0);
         atA->next([&](const Bytes& captured) { return captured == bytes; });
@@ -205,7 +203,8 @@ class KernelAnswer : public World {
     }
 
     std::optional<Capture> atA;
-    const Bytes bytes = packet(Ipv4{.size = 56, .source = "10.0.10.1", .destination = "10.0.10.2"});
+    const Bytes bytes =
+        bytesOf(Ipv4{.size = 56, .from = "10.0.10.1", .to = "10.0.10.2", .id = 0x1234});
     pmtud_linux::LogMessage message;
     pmtud_linux::Copy refused;
     pmtud_linux::KernelAnswer answer;
@@ -224,17 +223,17 @@ TEST_F(KernelAnswer, GoesToTheStationThePacketCameFromOrElseByRoute) {
     EXPECT_FALSE(goesByRoute(&refused));
 }
 
-TEST_F(KernelAnswer, GoesByRouteWherePacketSocketsAreForbidden) {
+TEST_F(KernelAnswer, GoesByRouteIfPacketSocketsAreForbidden) {
     forbidPacketSockets();
     EXPECT_TRUE(goesByRoute(&refused));
 }
 
 TEST_F(KernelAnswer, FailsAsItsLastSocketDoesAndIsNotSentWithoutAWholeHeader) {
-    calls.socket = [](int, int, int) { return refuse(EMFILE); };
+    calls.socket = failing(EMFILE);
     EXPECT_EQ(answer.send(message, &refused), -EMFILE);
-    const Bytes ipv6 = packet(Ipv6{.size = 56});
+    const Bytes ipv6 = bytesOf(Ipv6{.size = 56});
     message.payload = ipv6;
     EXPECT_EQ(answer.send(message, &refused), -EMFILE);
-    message.payload = Span(bytes).first(19);
+    message.payload = packets::Span(bytes).first(19);
     EXPECT_EQ(answer.send(message, &refused), -EBADMSG);
 }

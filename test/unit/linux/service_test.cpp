@@ -184,7 +184,7 @@ TEST_F(ServiceOfTheReceiveThread, WakesForTheWatchdogOnly) {
                 int none = -2;
                 if (count == 2 && timeout.compare_exchange_strong(none, wanted))
                     timeout.notify_all();
-                return real::poll(descriptors, count, wanted);
+                return real.poll(descriptors, count, wanted);
             };
             serve();
             timeout.wait(-2);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Lines to the system log: their form, and what becomes of those that it does not accept.
+// Lines to the system log: their form, what becomes of those that it does not accept, and those of
+// one frame, which are written together after it, or not at all.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -9,16 +10,70 @@
 #include <cerrno>
 #include <ctime>
 #include <optional>
+#include <stdexcept>
 #include <thread>
 
+#include "calls.h"
+#include "debug_process.h"
 #include "frame_lines.h"
-#include "log_lines.h"
+#include "log_daemon.h"
 #include "say.h"
 #include "world.h"
 
 using pmtud_linux::FrameLines;
 using pmtud_linux::Priority;
 using pmtud_linux::say;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+// Runs the body of a test in a new process with a system log.
+void withLog(const std::function<void(LogDaemon& log)>& body) {
+    inOwnProcess([&] {
+        LogDaemon log;
+        body(log);
+    });
+}
+
+int line(const std::string& text) { return debug_process(89, "%s", text.c_str()); }
+
+void lines(int first, int last) {
+    for (int i = first; i <= last; ++i) EXPECT_EQ(line(" " + std::to_string(i)), 0);
+}
+
+void linesOfAFrame(int first, int last) {
+    const FrameLines frame(true);
+    lines(first, last);
+}
+
+void expectLines(LogDaemon& log, int first, int last) {
+    for (int i = first; i <= last; ++i) EXPECT_EQ(lineOf(log.next()), "89 " + std::to_string(i));
+}
+
+std::string lost(int count) { return "89 PMTUD-Linux: " + std::to_string(count) + " lines lost"; }
+
+// Fills the log's queue with lines, and loses one; how many it took.
+int fill() {
+    int taken = 0;
+    while (line(" filling") == 0) ++taken;
+    return taken;
+}
+
+// The conversion of this one fails.
+int unformattable() { return debug_process(89, "%ls", L"\u2260"); }
+
+// How many lines each call that writes had.
+std::vector<unsigned int> written;
+
+void watchWrites() {
+    calls.sendmmsg = [](int fd, mmsghdr* messages, unsigned int count, int flags) {
+        written.push_back(count);
+        return real.sendmmsg(fd, messages, count, flags);
+    };
+}
+
+}  // namespace
 
 TEST(Line, BearsPriorityLocalTimeProgramProcessAndModule) {
     inOwnProcess([] {
@@ -45,8 +100,7 @@ TEST(Line, BearsPriorityLocalTimeProgramProcessAndModule) {
 }
 
 TEST(Line, IsWrittenAsItIsUpToItsBound) {
-    inOwnProcess([] {
-        LogDaemon log;
+    withLog([](LogDaemon& log) {
         line(" tab\tline\nescape\x1b %s %n");
         EXPECT_EQ(lineOf(log.next()), "89 tab\tline\nescape\x1b %s %n");
         for (const size_t size : {800U, 1100U, 3000U}) {
@@ -61,8 +115,7 @@ TEST(Line, IsWrittenAsItIsUpToItsBound) {
 
 TEST(Line, OfThePlatformHasItsPriorityAndItsCallerLearnsWhetherItWasAccepted) {
     inOwnProcess([] { EXPECT_FALSE(say(Priority::kError, "what happened")); });
-    inOwnProcess([] {
-        LogDaemon log;
+    withLog([](LogDaemon& log) {
         const auto priorityOfLine = [&](Priority priority) {
             EXPECT_TRUE(say(priority, "what happened"));
             const std::string datagram = log.next();
@@ -77,8 +130,7 @@ TEST(Line, OfThePlatformHasItsPriorityAndItsCallerLearnsWhetherItWasAccepted) {
 }
 
 TEST(LostLine, IsCountedAndReportedOnceBeforeTheNext) {
-    inOwnProcess([] {
-        LogDaemon log;
+    withLog([](LogDaemon& log) {
         const int taken = fill();
         EXPECT_GT(taken, 0);
         EXPECT_EQ(line(" lost"), -EAGAIN);
@@ -98,10 +150,7 @@ TEST(LostLine, IsCountedAndReportedOnceBeforeTheNext) {
 TEST(LostLine, IsReportedOnceTheLogIsThereWhichIsLookedForOnceASecond) {
     inOwnProcess([] {
         EXPECT_EQ(line(" lost"), -ENOENT);
-        {
-            const FrameLines frame(true);
-            lines(1, 2);
-        }
+        linesOfAFrame(1, 2);
         LogDaemon log;
         int count = 3;
         int result = 0;
@@ -128,18 +177,14 @@ TEST(SystemLog, ThatWasStartedAgainIsReachedWithoutALoss) {
         expectLines(*log, 2, 2);
         log.reset();
         log.emplace();
-        {
-            const FrameLines frame(true);
-            lines(3, 4);
-        }
+        linesOfAFrame(3, 4);
         expectLines(*log, 3, 4);
         EXPECT_FALSE(log->poll());
     });
 }
 
 TEST(SystemLog, TakesLinesFromAllThreads) {
-    inOwnProcess([] {
-        LogDaemon log;
+    withLog([](LogDaemon& log) {
         constexpr int kEach = 200;
         std::vector<std::thread> writers;
         for (int i = 0; i < 4; ++i)
@@ -162,30 +207,120 @@ TEST(SystemLog, TakesLinesFromAllThreads) {
 // The socket is opened when it is first needed; until then no descriptor is the log's.
 TEST(SystemLog, LeavesTheProcessesDescriptorsAlone) {
     inOwnProcess([] {
-        constexpr int kCount = 16;
         // Standard output and error are the test's own way to report.
         ASSERT_EQ(dup2(1, 100), 100);
         ASSERT_EQ(dup2(2, 101), 101);
-        std::array<ino_t, kCount> before{};
         const auto inode = [](int fd) {
             struct stat file {};
             return fstat(fd, &file) == 0 ? file.st_ino : 0;
         };
-        for (int fd = 0; fd < kCount; ++fd) {
-            const int file = open("/dev", O_TMPFILE | O_RDWR, 0600);
-            if (file != fd) dup2(file, fd);
-            if (file >= kCount) close(file);
-            before[static_cast<size_t>(fd)] = inode(fd);
-        }
+        const int file = open("/dev", O_TMPFILE | O_RDWR, 0600);
+        const ino_t before = inode(file);
+        for (int fd = 0; fd < 16; ++fd) dup2(file, fd);
         LogDaemon log;
         const int result = debug_process(89, " first");
-        std::array<ino_t, kCount> after{};
-        for (int fd = 0; fd < kCount; ++fd) after[static_cast<size_t>(fd)] = inode(fd);
+        std::vector<ino_t> after;
+        for (int fd = 0; fd < 16; ++fd) after.push_back(inode(fd));
         dup2(100, 1);
         dup2(101, 2);
         EXPECT_EQ(result, 0);
         EXPECT_EQ(lineOf(log.next()), "89 first");
-        EXPECT_EQ(after, before);
-        EXPECT_THAT(before, testing::Each(testing::Ne(0U)));
+        EXPECT_NE(before, 0U);
+        EXPECT_THAT(after, testing::Each(before));
+    });
+}
+
+TEST(FrameLines, AreWrittenInOneCallAndInOrderWhenTheFrameIsDone) {
+    withLog([](LogDaemon& log) {
+        lines(0, 0);
+        expectLines(log, 0, 0);
+        watchWrites();
+        { const FrameLines nothing(true); }
+        EXPECT_THAT(written, IsEmpty());
+        {
+            const FrameLines frame(true);
+            lines(1, 5);
+            EXPECT_THAT(written, IsEmpty());
+        }
+        EXPECT_THAT(written, ElementsAre(5));
+        expectLines(log, 1, 5);
+        lines(6, 6);
+        expectLines(log, 6, 6);
+        EXPECT_FALSE(log.poll());
+    });
+}
+
+TEST(FrameLines, BeyondSixteenAreWrittenSixteenAtATime) {
+    withLog([](LogDaemon&) {
+        lines(0, 0);
+        int next = 1;
+        calls.sendmmsg = [&](int, mmsghdr* messages, unsigned int count, int) {
+            written.push_back(count);
+            for (unsigned int i = 0; i < count; ++i) {
+                const iovec& piece = *messages[i].msg_hdr.msg_iov;
+                const std::string got(static_cast<const char*>(piece.iov_base), piece.iov_len);
+                EXPECT_EQ(lineOf(got), "89 " + std::to_string(next++));
+            }
+            return static_cast<int>(count);
+        };
+        linesOfAFrame(1, 35);
+        EXPECT_THAT(written, ElementsAre(16, 16, 3));
+    });
+}
+
+TEST(FrameLines, OfOtherThreadsAndThePlatformsOwnAreNotKept) {
+    withLog([](LogDaemon& log) {
+        const FrameLines frame(true);
+        line(" kept");
+        std::thread([] { line(" of another thread"); }).join();
+        EXPECT_EQ(lineOf(log.next()), "89 of another thread");
+        say(Priority::kWarning, "of the platform");
+        EXPECT_EQ(lineOf(log.next()), "89 PMTUD-Linux: of the platform");
+        EXPECT_FALSE(log.poll());
+    });
+}
+
+TEST(FrameLines, ThatTheLogHasNoRoomForAreCountedAndReportedBeforeTheNext) {
+    withLog([](LogDaemon& log) {
+        const int taken = fill();
+        ASSERT_GT(taken, 3);
+        linesOfAFrame(1, 2);
+        for (int i = 0; i < 4; ++i) log.next();
+        linesOfAFrame(1, 7);
+        for (int i = 4; i < taken; ++i) EXPECT_EQ(lineOf(log.next()), "89 filling");
+        // The line about those that were lost takes one of the four places.
+        EXPECT_EQ(lineOf(log.next()), lost(3));
+        expectLines(log, 1, 3);
+        EXPECT_FALSE(log.poll());
+        linesOfAFrame(8, 8);
+        EXPECT_EQ(lineOf(log.next()), lost(4));
+        expectLines(log, 8, 8);
+    });
+}
+
+TEST(FrameLines, AreWrittenWhenAnExceptionEndsTheFrame) {
+    withLog([](LogDaemon& log) {
+        try {
+            const FrameLines frame(true);
+            lines(1, 1);
+            throw std::runtime_error("the callback's own");
+        } catch (const std::runtime_error&) {
+        }
+        lines(2, 2);
+        expectLines(log, 1, 2);
+    });
+}
+
+// If it were formatted, the one whose conversion fails would be refused and counted as lost.
+TEST(FrameLines, ThatAreIgnoredAreNotEvenFormatted) {
+    withLog([](LogDaemon& log) {
+        {
+            const FrameLines frame(false);
+            EXPECT_EQ(unformattable(), 0);
+            lines(1, 1);
+        }
+        EXPECT_FALSE(log.poll());
+        lines(2, 2);
+        expectLines(log, 2, 2);
     });
 }

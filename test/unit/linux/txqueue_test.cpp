@@ -22,7 +22,7 @@ Bytes frame(int vlan) {
     if (vlan != 0)
         bytes = bytes + Bytes{0x81, 0, static_cast<uint8_t>(vlan >> 8), static_cast<uint8_t>(vlan)};
     return bytes + Bytes{0x08, 0x00} +
-           packet(Ipv4{.size = 60, .source = "10.0.10.1", .destination = "10.0.10.2"});
+           bytesOf(Ipv4{.size = 60, .from = "10.0.10.1", .to = "10.0.10.2"});
 }
 
 std::unique_ptr<Record> recordOf(const Bytes& bytes, int vid) {
@@ -32,6 +32,10 @@ std::unique_ptr<Record> recordOf(const Bytes& bytes, int vid) {
                                                     bytes.size()),
               0);
     return record;
+}
+
+int post(const std::unique_ptr<Record>& record, size_t size, uint32_t* sent = nullptr) {
+    return shm_data_entry_post(kQueue, record.get(), size, sent);
 }
 
 bool isPosted(const Bytes& bytes) { return bytes[0] >> 4 == 4 && bytes.size() == 60; }
@@ -78,7 +82,7 @@ class Posted : public World, public testing::WithParamInterface<Post> {};
 // A tag of VLAN 0, which only has a priority.
 Bytes priorityTagged() {
     Bytes bytes = frame(4095);
-    put16(bytes, 14, 0xe000);
+    packets::put16(&bytes[14], 0xe000);
     return bytes;
 }
 
@@ -86,20 +90,20 @@ Bytes priorityTagged() {
 
 TEST_P(Posted, FrameLeavesByItsVlanOrPortWithoutTheTagOfThatVlan) {
     inOwnProcess([] {
-        const Post& post = GetParam();
+        const Post& row = GetParam();
         ASSERT_EQ(attach(), 0);
         Capture atA("a");
-        const auto record = recordOf(post.frame, post.vid);
-        if (post.port != nullptr) {
+        const auto record = recordOf(row.frame, row.vid);
+        if (row.port != nullptr) {
             record->ctrl.dst_unit = 0;
-            record->ctrl.dst_port = indexOf(post.port) - 1;
+            record->ctrl.dst_port = indexOf(row.port) - 1;
             record->ctrl.dst_valid = 1;
         }
         uint32_t out = 0;
-        EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), post.frame.size(), &out), 0);
-        EXPECT_EQ(out, post.sent);
-        EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), post.frame.size(), nullptr), 0);
-        if (!post.arrives) return;
+        EXPECT_EQ(post(record, row.frame.size(), &out), 0);
+        EXPECT_EQ(out, row.sent);
+        EXPECT_EQ(post(record, row.frame.size()), 0);
+        if (!row.arrives) return;
         for (int i = 0; i < 2; ++i) EXPECT_EQ(atA.next(isPosted)[0], 0x45);
     });
 }
@@ -114,26 +118,44 @@ INSTANTIATE_TEST_SUITE_P(
                     Post{"APriorityOutOfAPlainPort", priorityTagged(), 10, "fence", 78, false}),
     [](const auto& post) { return std::string(post.param.name); });
 
-TEST_F(TransmitQueue, RefusesWhereThereIsNoSuchVlanOrPort) {
+TEST_F(TransmitQueue, RefusesAVlanOrPortThatDoesNotExist) {
     inOwnProcess([] {
         ASSERT_EQ(attach(), 0);
         const Bytes bytes = frame(0);
         uint32_t out = 77;
         for (const int vid : {-1, 0, 99, 4095})
-            EXPECT_EQ(shm_data_entry_post(kQueue, recordOf(bytes, vid).get(), bytes.size(), &out),
-                      -ENODEV)
-                << vid;
+            EXPECT_EQ(post(recordOf(bytes, vid), bytes.size(), &out), -ENODEV) << vid;
         const auto record = recordOf(bytes, 10);
         record->ctrl.dst_valid = 1;
         for (const int port : {-1, 9998, 2147483647}) {
             record->ctrl.dst_port = port;
-            EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), bytes.size(), &out), -ENODEV)
-                << port;
+            EXPECT_EQ(post(record, bytes.size(), &out), -ENODEV) << port;
         }
         record->ctrl.dst_port = indexOf("bcm0.10") - 1;
         record->ctrl.dst_unit = 1;
-        EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), bytes.size(), &out), -ENODEV);
+        EXPECT_EQ(post(record, bytes.size(), &out), -ENODEV);
         EXPECT_EQ(out, 77U);
+    });
+}
+
+TEST_F(TransmitQueue, KnowsAVlanByTheAlternativeNameOfItsInterface) {
+    inOwnProcess([] {
+        run("ip link property add dev fence altname bcm0.40");
+        ASSERT_EQ(attach(), 0);
+        const auto record = recordOf(frame(40), 40);
+        uint32_t out = 0;
+        EXPECT_EQ(post(record, 78, &out), 0);
+        EXPECT_EQ(out, 74U);
+        record->ctrl.dst_unit = 0;
+        record->ctrl.dst_port = indexOf("fence") - 1;
+        record->ctrl.dst_valid = 1;
+        EXPECT_EQ(post(record, 78, &out), 0);
+        EXPECT_EQ(out, 74U);
+        run("ip link property del dev fence altname bcm0.40");
+        EXPECT_EQ(post(record, 78, &out), 0);
+        EXPECT_EQ(out, 78U);
+        record->ctrl.dst_valid = 0;
+        EXPECT_EQ(post(record, 78, &out), -ENODEV);
     });
 }
 
@@ -141,18 +163,18 @@ TEST_F(TransmitQueue, RefusesWhatIsNoFrame) {
     inOwnProcess([] {
         ASSERT_EQ(attach(), 0);
         const auto record = recordOf(frame(0), 10);
-        EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), 13, nullptr), -EINVAL);
-        EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), 9001, nullptr), -EMSGSIZE);
-        EXPECT_EQ(shm_data_entry_post(kQueue, nullptr, 74, nullptr), -EINVAL);
-        // More than the VLAN takes.
-        EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), 1519, nullptr), -EMSGSIZE);
+        EXPECT_EQ(post(record, 13), -EINVAL);
+        EXPECT_EQ(post(record, 9001), -EMSGSIZE);
+        EXPECT_EQ(post(nullptr, 74), -EINVAL);
+        // Longer than the VLAN's MTU.
+        EXPECT_EQ(post(record, 1519), -EMSGSIZE);
     });
 }
 
 TEST_F(TransmitQueue, BeginsEightBytesIntoItsPoolAndNeedsToBeAttached) {
     inOwnProcess([] {
         const auto record = recordOf(frame(0), 10);
-        EXPECT_EQ(shm_data_entry_post(kQueue, record.get(), 74, nullptr), -ENOTCONN);
+        EXPECT_EQ(post(record, 74), -ENOTCONN);
         ASSERT_EQ(attach(), 0);
         for (void* const queue :
              {static_cast<void*>(pktd_tx_queue_pool), static_cast<void*>(pktd_rx_queue_pool + 8),

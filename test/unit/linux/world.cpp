@@ -4,8 +4,10 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <libmnl/libmnl.h>
 #include <linux/if_ether.h>
-#include <linux/if_packet.h>
+#include <linux/netfilter/nf_tables.h>
+#include <linux/netfilter/nfnetlink.h>
 #include <net/if.h>
 #include <netinet/ether.h>
 #include <poll.h>
@@ -15,49 +17,41 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <array>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
-#include <vector>
 
 using pmtud_linux::Descriptor;
 
 namespace {
 
-void makeDevice(const char* path, unsigned int minor) {
-    check(mknod(path, S_IFCHR | 0666, makedev(1, minor)) == 0, path);
-}
+// The mounts are private, /run is empty, and /dev is without the machine's sockets.
+class Isolation : public testing::Environment {
+    static void makeDevice(const char* path, unsigned int minor) {
+        check(mknod(path, S_IFCHR | 0666, makedev(1, minor)) == 0, path);
+    }
 
-void write(const char* path, const char* text) {
-    std::ofstream file(path);
-    file << text << std::flush;
-    if (!file) throw std::runtime_error(std::string("cannot write ") + path);
-}
+    // Only when the tests run: listing them needs no privilege.
+    void SetUp() override {
+        check(unshare(CLONE_NEWNS | CLONE_NEWNET) == 0, "the kernel tests need root: unshare");
+        check(mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) == 0, "private mounts");
+        check(mount("tmpfs", "/run", "tmpfs", 0, nullptr) == 0, "mount /run");
+        check(mount("tmpfs", "/dev", "tmpfs", 0, nullptr) == 0, "mount /dev");
+        makeDevice("/dev/null", 3);
+        makeDevice("/dev/zero", 5);
+        makeDevice("/dev/urandom", 9);
+    }
+};
 
-void batch(const std::string& commands) {
-    FILE* const ip = popen("ip -batch -", "w");
-    check(ip != nullptr, "popen");
-    const bool written = std::fputs(commands.c_str(), ip) >= 0;
-    const int status = pclose(ip);
-    if (!written || status != 0) throw std::runtime_error("ip -batch failed");
-}
+[[maybe_unused]] const auto* const kIsolation = testing::AddGlobalTestEnvironment(new Isolation);
 
-}  // namespace
-
-void check(bool succeeded, const char* what) {
-    if (!succeeded) throw std::system_error(errno, std::generic_category(), what);
-}
-
+// All packets of an interface.
 sockaddr_ll address(int ifindex) {
     sockaddr_ll link{};
     link.sll_family = AF_PACKET;
@@ -66,14 +60,15 @@ sockaddr_ll address(int ifindex) {
     return link;
 }
 
-void isolate() {
-    check(unshare(CLONE_NEWNS | CLONE_NEWNET) == 0, "the kernel tests need root: unshare");
-    check(mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) == 0, "private mounts");
-    check(mount("tmpfs", "/run", "tmpfs", 0, nullptr) == 0, "mount /run");
-    check(mount("tmpfs", "/dev", "tmpfs", 0, nullptr) == 0, "mount /dev");
-    makeDevice("/dev/null", 3);
-    makeDevice("/dev/zero", 5);
-    makeDevice("/dev/urandom", 9);
+template <typename Value>
+void setOption(const Descriptor& socket, int level, int option, Value value) {
+    check(setsockopt(socket.get(), level, option, &value, sizeof value) == 0, "setsockopt");
+}
+
+}  // namespace
+
+void check(bool succeeded, const char* what) {
+    if (!succeeded) throw std::system_error(errno, std::generic_category(), what);
 }
 
 void awaitReadable(int fd, const char* what) {
@@ -82,6 +77,15 @@ void awaitReadable(int fd, const char* what) {
     const int result = poll(&readable, 1, limit);
     check(result >= 0, "poll");
     if (result == 0) throw std::runtime_error(std::string("timed out waiting for ") + what);
+}
+
+void await(const char* what, const std::function<bool()>& condition) {
+    const auto limit = std::chrono::steady_clock::now() + kPatience;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > limit)
+            throw std::runtime_error(std::string("timed out waiting for ") + what);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
 }
 
 void run(const std::string& command) {
@@ -97,6 +101,14 @@ std::string output(const std::string& command) {
         text.append(piece.data(), size);
     if (pclose(pipe) != 0) throw std::runtime_error("failed: " + command);
     return text;
+}
+
+void batch(const std::string& commands) {
+    FILE* const ip = popen("ip -batch -", "w");
+    check(ip != nullptr, "popen");
+    const bool written = std::fputs(commands.c_str(), ip) >= 0;
+    const int status = pclose(ip);
+    if (!written || status != 0) throw std::runtime_error("ip -batch failed");
 }
 
 void onHost(const std::string& host, const std::function<void()>& action) {
@@ -134,19 +146,115 @@ int startThread(pktd_rx_cb_t callback, const char* client) {
                                    nullptr);
 }
 
-int32_t indexOf(const std::string& interface) {
-    return static_cast<int32_t>(if_nametoindex(interface.c_str()));
+Capture::Capture(const std::string& host) {
+    onHost(host, [&] {
+        m_socket.reset(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        check(m_socket.valid(), "packet socket");
+        setOption(m_socket, SOL_SOCKET, SO_RCVBUFFORCE, 32 << 20);
+        setOption(m_socket, SOL_PACKET, PACKET_IGNORE_OUTGOING, 1);
+        const sockaddr_ll link = address(indexOf("eth0"));
+        check(bind(m_socket.get(), reinterpret_cast<const sockaddr*>(&link), sizeof link) == 0,
+              "bind");
+    });
 }
 
-// A link takes packets only once the kernel has seen its carrier, which it does in its own time;
-// until then they vanish in silence.
-void awaitLink(const std::string& interface) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (output("ip -o link show dev " + interface).find("qdisc noqueue state UP") ==
-           std::string::npos) {
-        check(std::chrono::steady_clock::now() < deadline, "awaiting a link");
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+Bytes Capture::next(const std::function<bool(const Bytes&)>& wanted) {
+    for (;;) {
+        awaitReadable(m_socket.get(), "a packet");
+        Bytes packet(65536);
+        sockaddr_ll from{};
+        socklen_t size = sizeof from;
+        const ssize_t length = recvfrom(m_socket.get(), packet.data(), packet.size(), 0,
+                                        reinterpret_cast<sockaddr*>(&from), &size);
+        check(length >= 0, "recvfrom");
+        m_packetType = from.sll_pkttype;
+        m_etherType = ntohs(from.sll_protocol);
+        packet.resize(static_cast<size_t>(length));
+        if (wanted(packet)) return packet;
     }
+}
+
+packets::Answer Capture::nextAnswer() {
+    m_answer =
+        next([](const Bytes& packet) { return packets::readAnswerPacket(packet).has_value(); });
+    return *packets::readAnswerPacket(m_answer);
+}
+
+RuleChanges::RuleChanges()
+    : m_socket(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER)) {
+    check(m_socket.valid(), "netlink socket");
+    // Bound: an unbound socket is left out of what the kernel itself sends.
+    sockaddr_nl any{};
+    any.nl_family = AF_NETLINK;
+    check(bind(m_socket.get(), reinterpret_cast<const sockaddr*>(&any), sizeof any) == 0, "bind");
+    setOption(m_socket, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, int{NFNLGRP_NFTABLES});
+}
+
+void RuleChanges::await() {
+    for (;;) {
+        awaitReadable(m_socket.get(), "a change of the rules");
+        alignas(nlmsghdr) std::array<char, 65536> buffer;
+        const ssize_t length = recv(m_socket.get(), buffer.data(), buffer.size(), 0);
+        if (length < 0 && errno == ENOBUFS) {
+            // There were more than the socket holds, and it takes none until it is empty.
+            while (recv(m_socket.get(), buffer.data(), buffer.size(), MSG_DONTWAIT) >= 0) continue;
+            return;
+        }
+        check(length >= 0, "nftables events");
+        int left = static_cast<int>(length);
+        const auto* message = reinterpret_cast<const nlmsghdr*>(buffer.data());
+        for (; mnl_nlmsg_ok(message, left); message = mnl_nlmsg_next(message, &left))
+            if (message->nlmsg_type == ((NFNL_SUBSYS_NFTABLES << 8) | NFT_MSG_NEWGEN)) return;
+    }
+}
+
+void changeRules(const std::string& command) {
+    RuleChanges changes;
+    run(command);
+    changes.await();
+}
+
+std::string ruleset() { return output("nft list ruleset"); }
+
+uint64_t handedOver(const std::string& interface) {
+    const std::string text = output("nft list counter inet pmtud " + interface);
+    constexpr std::string_view kBefore = "packets ";
+    const size_t at = text.find(kBefore);
+    if (at == std::string::npos) throw std::runtime_error("no counter " + interface);
+    return std::stoull(text.substr(at + kBefore.size()));
+}
+
+void forge(int bus, uint32_t port, const Bytes& message) {
+    const Descriptor intruder(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, bus));
+    sockaddr_nl to{};
+    to.nl_family = AF_NETLINK;
+    to.nl_pid = port;
+    const ssize_t sent = sendto(intruder.get(), message.data(), message.size(), 0,
+                                reinterpret_cast<const sockaddr*>(&to), sizeof to);
+    check(sent == static_cast<ssize_t>(message.size()), "forge");
+}
+
+uint32_t ownerOfLogGroup() {
+    constexpr char kSecondField[] = "awk '$1 == 89 { print $2 }' /proc/net/netfilter/nfnetlink_log";
+    return static_cast<uint32_t>(std::stoul(output(kSecondField)));
+}
+
+void awaitEmptyQueues() {
+    // The fifth field is what the socket holds.
+    constexpr char kSocketsWithMessages[] = "awk '$2 == 12 && $5 != 0' /proc/net/netlink";
+    await("empty queues", [&] { return output(kSocketsWithMessages).empty(); });
+}
+
+// Packets vanish silently until the kernel has noticed the link's carrier, which takes a while.
+void awaitLink(const std::string& interface) {
+    await("a link", [&] {
+        return output("ip -o link show dev " + interface).find("qdisc noqueue state UP") !=
+               std::string::npos;
+    });
+}
+
+int32_t indexOf(const std::string& interface) {
+    return static_cast<int32_t>(if_nametoindex(interface.c_str()));
 }
 
 void World::SetUp() {
@@ -162,42 +270,40 @@ link add bcm0.30 address 02:00:00:00:30:01 mtu 1000 type veth peer name fence
 addr add 10.0.10.1/24 dev bcm0.10
 addr add 10.0.20.1/24 dev bcm0.20
 addr add 10.0.30.1/24 dev bcm0.30
-addr add fd00:10::1/64 dev bcm0.10 nodad
-addr add fd00:20::1/64 dev bcm0.20 nodad
+addr add 2001:db8:10::1/64 dev bcm0.10 nodad
+addr add 2001:db8:20::1/64 dev bcm0.20 nodad
 link set bcm0.10 up
 link set bcm0.20 up
 link set bcm0.30 up
 link set fence up
 neigh add 10.0.10.2 lladdr 02:00:00:00:10:02 dev bcm0.10
 neigh add 10.0.20.2 lladdr 02:00:00:00:20:02 dev bcm0.20
-neigh add fd00:10::2 lladdr 02:00:00:00:10:02 dev bcm0.10
-neigh add fd00:20::2 lladdr 02:00:00:00:20:02 dev bcm0.20
+neigh add 2001:db8:10::2 lladdr 02:00:00:00:10:02 dev bcm0.10
+neigh add 2001:db8:20::2 lladdr 02:00:00:00:20:02 dev bcm0.20
 )");
-    write("/proc/sys/net/ipv4/ip_forward", "1");
-    write("/proc/sys/net/ipv6/conf/all/forwarding", "1");
+    run("sysctl -qw net.ipv4.ip_forward=1 net.ipv6.conf.all.forwarding=1");
     onHost("a", [] {
         batch(R"(link set lo up
 addr add 10.0.10.2/24 dev eth0
-addr add fd00:10::2/64 dev eth0 nodad
+addr add 2001:db8:10::2/64 dev eth0 nodad
 link set eth0 up
 route add default via 10.0.10.1
-route add default via fd00:10::1
+route add default via 2001:db8:10::1
 neigh add 10.0.10.1 lladdr 02:00:00:00:10:01 dev eth0
-neigh add fd00:10::1 lladdr 02:00:00:00:10:01 dev eth0
+neigh add 2001:db8:10::1 lladdr 02:00:00:00:10:01 dev eth0
 )");
     });
     onHost("b", [] {
         batch(R"(link set lo up
 addr add 10.0.20.2/24 dev eth0
-addr add fd00:20::2/64 dev eth0 nodad
+addr add 2001:db8:20::2/64 dev eth0 nodad
 link set eth0 up
 route add default via 10.0.20.1
-route add default via fd00:20::1
+route add default via 2001:db8:20::1
 )");
     });
-    for (const char* const interface : {"bcm0.10", "bcm0.20", "bcm0.30", "fence"}) {
+    for (const char* const interface : {"bcm0.10", "bcm0.20", "bcm0.30", "fence"})
         awaitLink(interface);
-    }
     for (const char* const host : {"a", "b"}) onHost(host, [] { awaitLink("eth0"); });
     onHost("a", [&] { m_a.open("eth0"); });
     onHost("b", [&] { m_b.open("eth0"); });
@@ -209,29 +315,29 @@ void World::Sender::open(const std::string& name) {
     interface = indexOf(name);
 }
 
-void World::send(const Sender& sender, const Bytes& packet, const std::string& destination) {
-    sockaddr_ll link = address(sender.interface);
+void World::Sender::send(const Bytes& packet, const std::string& destination) const {
+    sockaddr_ll link = address(interface);
     link.sll_protocol = htons(packet[0] >> 4 == 4 ? ETH_P_IP : ETH_P_IPV6);
     link.sll_halen = ETH_ALEN;
     ether_addr mac{};
     check(ether_aton_r(destination.c_str(), &mac) != nullptr, "ether_aton");
     memcpy(link.sll_addr, &mac, sizeof mac);
-    const ssize_t sent = sendto(sender.socket.get(), packet.data(), packet.size(), 0,
+    const ssize_t sent = sendto(socket.get(), packet.data(), packet.size(), 0,
                                 reinterpret_cast<const sockaddr*>(&link), sizeof link);
     check(sent == static_cast<ssize_t>(packet.size()), "sendto");
 }
 
 void World::send(const Bytes& packet, const std::string& destination) {
-    send(m_a, packet, destination);
+    m_a.send(packet, destination);
 }
 
-void World::sendFromB(const Bytes& packet) { send(m_b, packet, "02:00:00:00:20:01"); }
+void World::sendFromB(const Bytes& packet) { m_b.send(packet, "02:00:00:00:20:01"); }
 
 void World::sendInto(const std::string& interface, const Bytes& packet,
                      const std::string& destination) {
     Sender sender;
     sender.open(interface);
-    send(sender, packet, destination);
+    sender.send(packet, destination);
 }
 
-void World::sendFence() { send(packet(Ipv4{.size = 1001, .destination = "10.0.30.2"})); }
+void World::sendFence() { send(bytesOf(Ipv4{.size = 1001, .to = "10.0.30.2"})); }

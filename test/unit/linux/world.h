@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 // A switch and two hosts in private network namespaces.
 //
-//   host a, VLAN 10                 the switch                    host b, VLAN 20
-//   10.0.10.2  fd00:10::2  ── bcm0.10 (MTU 1500)
-//                             bcm0.20 (MTU 1280) ──  10.0.20.2  fd00:20::2
-//                             bcm0.30 (MTU 1000): where the fence packets go
+//   host a, VLAN 10                       the switch                    host b, VLAN 20
+//   10.0.10.2  2001:db8:10::2  ── bcm0.10 (MTU 1500)
+//                                 bcm0.20 (MTU 1280) ──  10.0.20.2  2001:db8:20::2
+//                                 bcm0.30 (MTU 1000): where the fence packets go
 //
 // The test's process is in the switch, and has a private /run and /dev.
 #ifndef PMTUD_TEST_LINUX_WORLD_H
@@ -18,32 +18,37 @@
 #include <functional>
 #include <string>
 
+#include "answer.h"
 #include "descriptor.h"
-#include "messages.h"
+#include "packet.h"
 #include "pktd.h"
+
+using packets::Bytes;
+using packets::bytesOf;
+using packets::cut;
+using packets::Ipv4;
+using packets::Ipv6;
+using packets::operator+;
 
 /// Throws std::system_error, by errno, if a call has failed.
 void check(bool succeeded, const char* what);
 
-/// All packets of an interface.
-sockaddr_ll address(int ifindex);
-
-/// Moves the process into new mount and network namespaces, with an empty /run and a /dev without
-/// the machine's sockets. Throws std::system_error if that is not allowed.
-void isolate();
-
 /// How long a test waits for an event before it fails: twice what all VLANs take under valgrind.
 constexpr std::chrono::seconds kPatience{45};
 
-/// Waits until the descriptor is readable; throws std::runtime_error naming `what` when
-/// patience runs out.
+/// Waits until the descriptor is readable, or the condition is true; throws std::runtime_error
+/// naming `what` when patience runs out.
 void awaitReadable(int fd, const char* what);
+void await(const char* what, const std::function<bool()>& condition);
 
 /// Runs the command line in the switch; throws std::runtime_error if it fails.
 void run(const std::string& command);
 
 /// The same, and returns its standard output.
 std::string output(const std::string& command);
+
+/// Runs commands of ip(8), one per line, in one process.
+void batch(const std::string& commands);
 
 /// Runs `action` in the namespace of host "a" or "b".
 void onHost(const std::string& host, const std::function<void()>& action);
@@ -65,14 +70,16 @@ int startThread(pktd_rx_cb_t callback = discard, const char* client = "pmtud");
 /// All packets that a host's or the switch's interface receives.
 class Capture {
  public:
-    /// `host` is "a", "b" or, for the switch, empty. Holds thousands of packets until they are
-    /// read.
-    explicit Capture(const std::string& host, const std::string& interface = "eth0");
+    /// Holds thousands of packets until they are read.
+    explicit Capture(const std::string& host);
 
     /// Waits for the next packet that `wanted` accepts; returns it from its IP header on.
     Bytes next(const std::function<bool(const Bytes&)>& wanted);
 
-    /// Whether the frame of the packet that next returned was addressed to this interface.
+    /// Waits for the next path-MTU answer. Its views are valid until the next call.
+    packets::Answer nextAnswer();
+
+    /// Whether the frame of the last packet was addressed to this interface.
     bool wasForTheInterface() const { return m_packetType == PACKET_HOST; }
 
     /// Its EtherType.
@@ -80,6 +87,7 @@ class Capture {
 
  private:
     pmtud_linux::Descriptor m_socket;
+    Bytes m_answer;
     int m_packetType = 0;
     uint16_t m_etherType = 0;
 };
@@ -95,6 +103,24 @@ class RuleChanges {
  private:
     pmtud_linux::Descriptor m_socket;
 };
+
+/// Runs the command, which causes one change of the rules, and waits for the change.
+void changeRules(const std::string& command);
+
+/// All rules in the namespace, as nft lists them.
+std::string ruleset();
+
+/// How many refused packets for the interface's VLAN the rules handed over.
+uint64_t handedOver(const std::string& interface);
+
+/// Sends the message to the netlink socket with this port, as any privileged process can.
+void forge(int bus, uint32_t port, const Bytes& message);
+
+/// The port of the socket that has log group 89.
+uint32_t ownerOfLogGroup();
+
+/// Waits until the kernel holds no message that a netfilter socket has not read.
+void awaitEmptyQueues();
 
 /// Waits until the interface accepts packets.
 void awaitLink(const std::string& interface);
@@ -123,25 +149,13 @@ class World : public testing::Test {
  private:
     struct Sender {
         void open(const std::string& name);
+        void send(const Bytes& packet, const std::string& destination) const;
         pmtud_linux::Descriptor socket;
         int interface = 0;
     };
-    static void send(const Sender& sender, const Bytes& packet, const std::string& destination);
 
     Sender m_a;
     Sender m_b;
 };
-
-/// How many refused packets for the interface's VLAN the rules handed over.
-uint64_t handedOver(const std::string& interface);
-
-/// All rules in the namespace, as nft lists them.
-std::string ruleset();
-
-/// Whether an IPv4 packet without options is ICMP "fragmentation needed".
-bool isTooBig4(const Bytes& packet);
-
-/// The MTU that such a packet names.
-size_t mtuOf4(const Bytes& tooBig);
 
 #endif

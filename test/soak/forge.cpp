@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 #include "bytes.h"
@@ -35,28 +36,21 @@ std::string host6(int vlan, size_t host) {
     return "2001:db8:" + std::to_string(vlan) + "::" + digits;
 }
 
-// Edits of the frame.
+// Edits of the packet in a frame.
 
 Bytes changed(Bytes frame, size_t at, uint8_t value) {
     frame[kIpAt + at] = value;
     return frame;
 }
 
-// The frame with one byte changed, and the checksum over as much header as IHL gives.
-Bytes changed4(Bytes frame, size_t at, uint8_t value) {
-    frame[kIpAt + at] = value;
-    packets::seal(&frame[kIpAt]);
+Bytes withLength(Bytes frame, size_t at, size_t length) {
+    put16(&frame[kIpAt + at], length);
     return frame;
 }
 
-Bytes withLength4(Bytes frame, size_t length) {
-    put16(&frame[kIpAt + 2], length);
+// With the checksum over as much header as IHL gives.
+Bytes sealed(Bytes frame) {
     packets::seal(&frame[kIpAt]);
-    return frame;
-}
-
-Bytes withLength6(Bytes frame, size_t length) {
-    put16(&frame[kIpAt + 4], length);
     return frame;
 }
 
@@ -81,33 +75,28 @@ Bytes tagged(Forge& forge, Bytes frame, size_t tags) {
     return frame;
 }
 
-// Packets with something else about them.
+// Packets that differ from the plain ones.
 
-Bytes sized4(Forge& forge, size_t size) {
-    Ipv4 packet = forge.ipv4();
+template <typename Packet>
+Packet oversized(Forge& forge) {
+    if constexpr (std::is_same_v<Packet, Ipv4>)
+        return forge.ipv4();
+    else
+        return forge.ipv6();
+}
+
+template <typename Packet>
+Bytes sized(Forge& forge, size_t size) {
+    Packet packet = oversized<Packet>(forge);
+    packet.payload.resize(packet.payload.size() + size - packet.size);
     packet.size = size;
-    packet.payload.resize(size - 20);
     return forge.frame(packet);
 }
 
-Bytes sized6(Forge& forge, size_t size) {
-    Ipv6 packet = forge.ipv6();
-    packet.size = size;
-    packet.payload.resize(size - 40);
-    return forge.frame(packet);
-}
-
-template <typename Member, typename Value>
-Bytes with4(Forge& forge, Member member, const Value& value) {
-    Ipv4 packet = forge.ipv4();
-    packet.*member = value;
-    return forge.frame(packet);
-}
-
-template <typename Member, typename Value>
-Bytes with6(Forge& forge, Member member, const Value& value) {
-    Ipv6 packet = forge.ipv6();
-    packet.*member = value;
+template <typename Packet, typename Field, typename Value>
+Bytes with(Forge& forge, Field Packet::*field, const Value& value) {
+    Packet packet = oversized<Packet>(forge);
+    packet.*field = value;
     return forge.frame(packet);
 }
 
@@ -213,7 +202,7 @@ const Kind kAllKinds[] = {
     {"plain", 4, kAnswered, plain4},
     {"plain", 6, kAnswered, plain6},
     // Not ICMP, which may be an error.
-    {"any protocol", 4, kAnswered, [](Forge& f) { return with4(f, &Ipv4::protocol, byte(2 + f.below(254))); }},
+    {"any protocol", 4, kAnswered, [](Forge& f) { return with(f, &Ipv4::protocol, byte(2 + f.below(254))); }},
     // With a header of more than 52 bytes it would be the kernel's to answer.
     {"options", 4, kAnswered, [](Forge& f) { return withOptions4(f, {1}, 4 + 4 * f.below(8)); }},
     // The router writes its address into these before it refuses the packet.
@@ -221,60 +210,60 @@ const Kind kAllKinds[] = {
     {"broken options", 4, kUnanswered, brokenOptions4},
     {"first fragment with DF", 4, kAnswered, [](Forge& f) { return fragment4(f, true, 0); }},
     {"later fragment with DF", 4, kUnanswered, [](Forge& f) { return fragment4(f, f.below(2) != 0, 1 + f.below(0x1fff)); }},
-    {"without DF", 4, kUnanswered, [](Forge& f) { return with4(f, &Ipv4::dontFragment, false); }},
-    {"IHL below 5", 4, kUnanswered, [](Forge& f) { return changed4(plain4(f), 0, byte(0x40 | f.below(5))); }},
-    {"wrong version", 4, kUnanswered, [](Forge& f) { return changed4(plain4(f), 0, f.oneOf(kWrongVersions4)); }},
-    {"claims more than it is", 4, kUnanswered, [](Forge& f) { return withLength4(plain4(f), 1501 + f.below(0xffff - 1500)); }},
+    {"without DF", 4, kUnanswered, [](Forge& f) { return with(f, &Ipv4::dontFragment, false); }},
+    {"IHL below 5", 4, kUnanswered, [](Forge& f) { return sealed(changed(plain4(f), 0, byte(0x40 | f.below(5)))); }},
+    {"wrong version", 4, kUnanswered, [](Forge& f) { return sealed(changed(plain4(f), 0, f.oneOf(kWrongVersions4))); }},
+    {"claims more than it is", 4, kUnanswered, [](Forge& f) { return sealed(withLength(plain4(f), 2, 1501 + f.below(0xffff - 1500))); }},
     // The kernel trusts the length field: the bytes after it are padding.
-    {"claims less than it is", 4, kUnanswered, [](Forge& f) { return withLength4(plain4(f), f.below(1281)); }},
+    {"claims less than it is", 4, kUnanswered, [](Forge& f) { return sealed(withLength(plain4(f), 2, f.below(1281))); }},
     {"header cut short", 4, kUnanswered, [](Forge& f) { return cut(plain4(f), f.below(20)); }},
     {"wrong checksum", 4, kUnanswered, [](Forge& f) { Bytes frame = plain4(f); frame[kIpAt + 10 + f.below(2)] ^= byte(1U << f.below(8)); return frame; }},
-    {"source is no host", 4, kUnanswered, [](Forge& f) { return with4(f, &Ipv4::from, f.oneOf(kNoHosts4)); }},
-    {"source is A's broadcast address", 4, kKernels, [](Forge& f) { return with4(f, &Ipv4::from, "10.0.10.255"); }},
+    {"source is no host", 4, kUnanswered, [](Forge& f) { return with(f, &Ipv4::from, f.oneOf(kNoHosts4)); }},
+    {"source is A's broadcast address", 4, kKernels, [](Forge& f) { return with(f, &Ipv4::from, "10.0.10.255"); }},
     {"ICMP error", 4, kUnanswered, [](Forge& f) { return icmp4(f, f.oneOf(kErrors4)); }},
     {"ICMP query", 4, kAnswered, [](Forge& f) { return icmp4(f, f.oneOf(kQueries4)); }},
-    {"time to live 0 or 1", 4, kUnanswered, [](Forge& f) { return with4(f, &Ipv4::ttl, byte(f.below(2))); }},
-    {"to multicast or broadcast", 4, kUnanswered, [](Forge& f) { return with4(f, &Ipv4::to, f.oneOf(kNoSingleHosts4)); }},
-    {"to the switch", 4, kUnanswered, [](Forge& f) { return with4(f, &Ipv4::to, f.oneOf(kSwitch4)); }},
-    {"to nowhere", 4, kUnanswered, [](Forge& f) { return with4(f, &Ipv4::to, host4("198.51.100.", f.below(256))); }},
+    {"time to live 0 or 1", 4, kUnanswered, [](Forge& f) { return with(f, &Ipv4::ttl, byte(f.below(2))); }},
+    {"to multicast or broadcast", 4, kUnanswered, [](Forge& f) { return with(f, &Ipv4::to, f.oneOf(kNoSingleHosts4)); }},
+    {"to the switch", 4, kUnanswered, [](Forge& f) { return with(f, &Ipv4::to, f.oneOf(kSwitch4)); }},
+    {"to nowhere", 4, kUnanswered, [](Forge& f) { return with(f, &Ipv4::to, host4("198.51.100.", f.below(256))); }},
     {"link broadcast", 4, kUnanswered, [](Forge& f) { return toStation(plain4(f), {0xff, 0xff, 0xff, 0xff, 0xff, 0xff}); }},
     {"to another station", 4, kUnanswered, [](Forge& f) { return toStation(plain4(f), {0x02, 0xff, 0xff, 0xff, 0xff, 0x01}); }},
-    {"fits", 4, kUnanswered, [](Forge& f) { return sized4(f, 28 + f.below(1253)); }},
-    {"spoofed neighbour", 4, kAnswered, [](Forge& f) { return with4(f, &Ipv4::from, host4("10.0.10.", 50 + f.below(10))); }},
-    {"spoofed host B", 4, kElsewhere, [](Forge& f) { return with4(f, &Ipv4::from, "10.0.20.2"); }},
-    {"from nowhere", 4, kUnanswered, [](Forge& f) { return with4(f, &Ipv4::from, host4("198.51.100.", f.below(256))); }},
+    {"fits", 4, kUnanswered, [](Forge& f) { return sized<Ipv4>(f, 28 + f.below(1253)); }},
+    {"spoofed neighbour", 4, kAnswered, [](Forge& f) { return with(f, &Ipv4::from, host4("10.0.10.", 50 + f.below(10))); }},
+    {"spoofed host B", 4, kElsewhere, [](Forge& f) { return with(f, &Ipv4::from, "10.0.20.2"); }},
+    {"from nowhere", 4, kUnanswered, [](Forge& f) { return with(f, &Ipv4::from, host4("198.51.100.", f.below(256))); }},
     {"hop-by-hop options", 6, kAnswered, [](Forge& f) { return extended6(f, kHopByHop); }},
     {"destination options", 6, kAnswered, [](Forge& f) { return extended6(f, kDestinationOptions); }},
     // Of the experimental type, with none left.
     {"routing header", 6, kAnswered, [](Forge& f) { return extended6(f, kRouting, {kUdp, 0, 253, 0, 0, 0, 0, 0}); }},
-    {"unknown next header", 6, kAnswered, [](Forge& f) { return with6(f, &Ipv6::nextHeader, byte(143 + f.below(110))); }},
-    {"no next header", 6, kAnswered, [](Forge& f) { return with6(f, &Ipv6::nextHeader, kNoNextHeader); }},
+    {"unknown next header", 6, kAnswered, [](Forge& f) { return with(f, &Ipv6::nextHeader, byte(143 + f.below(110))); }},
+    {"no next header", 6, kAnswered, [](Forge& f) { return with(f, &Ipv6::nextHeader, kNoNextHeader); }},
     {"first fragment", 6, kAnswered, [](Forge& f) { return extended6(f, kFragment, {kUdp, 0, 0, 1, 0, 0, 0, 0}); }},
     {"later fragment", 6, kAnswered, laterFragment6},
     // Headers that say that they go on beyond the packet's end.
     {"endless header", 6, kAnswered, [](Forge& f) { return extended6(f, kDestinationOptions, {kDestinationOptions, 255, 1, 4, 0, 0, 0, 0}); }},
     {"wrong version", 6, kUnanswered, [](Forge& f) { return changed(plain6(f), 0, f.oneOf(kWrongVersions6)); }},
-    {"claims more than it is", 6, kUnanswered, [](Forge& f) { return withLength6(plain6(f), 1461 + f.below(0xffff - 1460)); }},
-    {"claims less than it is", 6, kUnanswered, [](Forge& f) { return withLength6(plain6(f), f.below(1241)); }},
+    {"claims more than it is", 6, kUnanswered, [](Forge& f) { return withLength(plain6(f), 4, 1461 + f.below(0xffff - 1460)); }},
+    {"claims less than it is", 6, kUnanswered, [](Forge& f) { return withLength(plain6(f), 4, f.below(1241)); }},
     {"header cut short", 6, kUnanswered, [](Forge& f) { return cut(plain6(f), f.below(40)); }},
-    {"source is no node", 6, kUnanswered, [](Forge& f) { return with6(f, &Ipv6::from, f.oneOf(kNoNodes6)); }},
-    {"link-local source", 6, kUnanswered, [](Forge& f) { return with6(f, &Ipv6::from, "fe80::2"); }},
+    {"source is no node", 6, kUnanswered, [](Forge& f) { return with(f, &Ipv6::from, f.oneOf(kNoNodes6)); }},
+    {"link-local source", 6, kUnanswered, [](Forge& f) { return with(f, &Ipv6::from, "fe80::2"); }},
     {"ICMPv6 error", 6, kUnanswered, [](Forge& f) { return icmp6(f, f.below(128)); }},
     {"ICMPv6 error after options", 6, kUnanswered, icmpErrorAfterOptions6},
     {"redirect", 6, kAnswered, [](Forge& f) { return icmp6(f, 137); }},
     {"ICMPv6 query", 6, kAnswered, [](Forge& f) { return icmp6(f, 128 + f.below(2)); }},
-    {"hop limit 0 or 1", 6, kUnanswered, [](Forge& f) { return with6(f, &Ipv6::hopLimit, byte(f.below(2))); }},
-    {"to multicast", 6, kUnanswered, [](Forge& f) { return with6(f, &Ipv6::to, "ff0e::101"); }},
-    {"to the switch", 6, kUnanswered, [](Forge& f) { return with6(f, &Ipv6::to, f.oneOf(kSwitch6)); }},
-    {"to nowhere", 6, kUnanswered, [](Forge& f) { return with6(f, &Ipv6::to, host6(99, f.below(256))); }},
+    {"hop limit 0 or 1", 6, kUnanswered, [](Forge& f) { return with(f, &Ipv6::hopLimit, byte(f.below(2))); }},
+    {"to multicast", 6, kUnanswered, [](Forge& f) { return with(f, &Ipv6::to, "ff0e::101"); }},
+    {"to the switch", 6, kUnanswered, [](Forge& f) { return with(f, &Ipv6::to, f.oneOf(kSwitch6)); }},
+    {"to nowhere", 6, kUnanswered, [](Forge& f) { return with(f, &Ipv6::to, host6(99, f.below(256))); }},
     {"link multicast", 6, kUnanswered, [](Forge& f) { return toStation(plain6(f), {0x33, 0x33, 0, 0, 0, 1}); }},
     // A jumbo payload (RFC 2675) that is not there.
-    {"jumbo payload that lies", 6, kUnanswered, [](Forge& f) { return withLength6(extended6(f, kHopByHop, {kUdp, 0, 0xc2, 4, 0, 1, 0, 0}), 0); }},
-    {"fits", 6, kUnanswered, [](Forge& f) { return sized6(f, 48 + f.below(1233)); }},
-    {"spoofed neighbour", 6, kAnswered, [](Forge& f) { return with6(f, &Ipv6::from, host6(10, 0x50 + f.below(10))); }},
-    {"from nowhere", 6, kUnanswered, [](Forge& f) { return with6(f, &Ipv6::from, host6(99, f.below(256))); }},
-    {"tagged", 0, kUnanswered, [](Forge& f) { return tagged(f, sized4(f, 1490), 1); }},
-    {"doubly tagged", 0, kUnanswered, [](Forge& f) { return tagged(f, sized6(f, 1490), 2); }},
+    {"jumbo payload that lies", 6, kUnanswered, [](Forge& f) { return withLength(extended6(f, kHopByHop, {kUdp, 0, 0xc2, 4, 0, 1, 0, 0}), 4, 0); }},
+    {"fits", 6, kUnanswered, [](Forge& f) { return sized<Ipv6>(f, 48 + f.below(1233)); }},
+    {"spoofed neighbour", 6, kAnswered, [](Forge& f) { return with(f, &Ipv6::from, host6(10, 0x50 + f.below(10))); }},
+    {"from nowhere", 6, kUnanswered, [](Forge& f) { return with(f, &Ipv6::from, host6(99, f.below(256))); }},
+    {"tagged", 0, kUnanswered, [](Forge& f) { return tagged(f, sized<Ipv4>(f, 1490), 1); }},
+    {"doubly tagged", 0, kUnanswered, [](Forge& f) { return tagged(f, sized<Ipv6>(f, 1490), 2); }},
     {"other EtherType", 0, kUnanswered, otherEtherType},
     {"garbage as IPv4", 0, kUnanswered, [](Forge& f) { return garbage(f, 0x40, false); }},
     {"garbage as IPv6", 0, kUnanswered, [](Forge& f) { return garbage(f, 0x60, f.below(2) == 0); }},

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Host A of the soak: sends packets by windows and judges every answer.
+// Host A of the soak: sends packets in windows and judges every answer.
 #include "host.h"
 
 #include <arpa/inet.h>
@@ -11,18 +11,21 @@
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <span>
 #include <system_error>
 #include <thread>
 
 namespace soak {
 
 using packets::Answer;
+using pmtud_linux::Descriptor;
+using std::chrono::steady_clock;
 
 namespace {
 
@@ -30,6 +33,10 @@ namespace {
 // share one socket of 128 KiB, and on a busy machine a whole window waits in it.
 constexpr size_t kWindow = 24;
 constexpr size_t kPacedWindow = 16;
+constexpr size_t kWindowWithoutAnswers = 64;
+
+// More packets than are ever on their way, and a divisor of 2^16.
+constexpr size_t kRingSize = 32768;
 
 constexpr std::chrono::seconds kPatience(10);
 
@@ -37,145 +44,112 @@ constexpr std::chrono::seconds kPatience(10);
 constexpr uint32_t kSmallestMtu = 1280;
 constexpr uint32_t kLargestMtu = 1460;
 
-constexpr uint64_t kFaultsSaid = 20;
+constexpr uint64_t kFaultsShown = 20;
 
-[[noreturn]] void fail(const char* what) {
-    throw std::system_error(errno, std::generic_category(), what);
+void check(bool succeeded, const char* what) {
+    if (!succeeded) throw std::system_error(errno, std::generic_category(), what);
 }
 
-Mac macOf(const char* interface, const char* what) {
-    const int probe = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+ifreq requestFor(const char* interface) {
     ifreq request{};
     std::snprintf(request.ifr_name, sizeof request.ifr_name, "%s", interface);
-    const int result = ioctl(probe, SIOCGIFHWADDR, &request);
-    close(probe);
-    if (result != 0) fail(what);
+    return request;
+}
+
+Descriptor controlSocket() {
+    Descriptor control(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    check(control.valid(), "control socket");
+    return control;
+}
+
+// For the interfaces of that namespace, whichever namespace it is used in.
+Descriptor controlSocketIn(const char* networkNamespace) {
+    const Descriptor own(open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC));
+    const Descriptor other(open(networkNamespace, O_RDONLY | O_CLOEXEC));
+    check(own.valid() && setns(other.get(), CLONE_NEWNET) == 0, networkNamespace);
+    Descriptor control = controlSocket();
+    check(setns(own.get(), CLONE_NEWNET) == 0, "back to the own namespace");
+    return control;
+}
+
+Mac macOf(const Descriptor& control, const char* interface) {
+    ifreq request = requestFor(interface);
+    check(ioctl(control.get(), SIOCGIFHWADDR, &request) == 0, interface);
     Mac mac;
     memcpy(mac.data(), request.ifr_hwaddr.sa_data, mac.size());
     return mac;
 }
 
-// Calls the function in another network namespace, and comes back.
-template <typename Function>
-auto inNamespace(const char* path, Function function) {
-    const int own = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
-    const int other = open(path, O_RDONLY | O_CLOEXEC);
-    if (own < 0 || other < 0 || setns(other, CLONE_NEWNET) != 0) fail(path);
-    auto result = function();
-    if (setns(own, CLONE_NEWNET) != 0) fail("back to the own namespace");
-    close(own);
-    close(other);
-    return result;
-}
-
-Mac gatewayMac(const char* switchNamespace) {
-    return inNamespace(switchNamespace, [] { return macOf("bcm0.10", "bcm0.10"); });
-}
-
-ifreq egress() {
-    ifreq request{};
-    std::strcpy(request.ifr_name, "bcm0.20");
-    return request;
+Descriptor packetSocket(const char* interface, int protocol) {
+    Descriptor packets(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
+    sockaddr_ll link{};
+    link.sll_family = AF_PACKET;
+    link.sll_ifindex = static_cast<int>(if_nametoindex(interface));
+    link.sll_protocol = htons(static_cast<uint16_t>(protocol));
+    check(packets.valid() &&
+              bind(packets.get(), reinterpret_cast<const sockaddr*>(&link), sizeof link) == 0,
+          interface);
+    return packets;
 }
 
 bool isBy(Answerer answerer, const Answer& answer) {
     const bool isKernels = answer.packetLength == (answer.family == 4 ? 576 : 1280);
     const bool isDaemons = answer.messageLength == (answer.family == 4 ? 68 : answer.mtu);
-    switch (answerer) {
-        case Answerer::kKernel:
-            return isKernels;
-        case Answerer::kDaemon:
-            return isDaemons;
-        case Answerer::kEither:
-            break;
-    }
-    return isKernels || isDaemons;
+    if (answerer == Answerer::kEither) return isKernels || isDaemons;
+    return answerer == Answerer::kKernel ? isKernels : isDaemons;
 }
 
 // The router may have written into an IPv4 packet's options, which changes the header's checksum.
 bool isQuoteOf(std::span<const uint8_t> quote, std::span<const uint8_t> packet, int family) {
-    const auto same = [&](size_t from, size_t to) {
-        return from >= to || std::equal(quote.begin() + static_cast<ptrdiff_t>(from),
-                                        quote.begin() + static_cast<ptrdiff_t>(to),
-                                        packet.begin() + static_cast<ptrdiff_t>(from));
-    };
-    const size_t size = std::min(quote.size(), packet.size());
     const size_t header = size_t{4} * (packet[0] & 15U);
-    if (family == 6 || header == 20) return same(0, size);
-    return same(0, 10) && same(12, 20) && same(header, size);
-}
-
-template <typename Some, typename Others>
-bool equal(const Some& bytes, const Others& others) {
-    return std::equal(bytes.begin(), bytes.end(), others.begin(), others.end());
+    const bool hasOptions = family == 4 && header > 20;
+    for (size_t i = 0; i < std::min(quote.size(), packet.size()); ++i) {
+        const bool mayDiffer = hasOptions && (i == 10 || i == 11 || (i >= 20 && i < header));
+        if (quote[i] != packet[i] && !mayDiffer) return false;
+    }
+    return true;
 }
 
 }  // namespace
 
 Host::Host(uint64_t seed, const char* interface, const char* switchNamespace)
-    : m_mac(macOf(interface, interface)),
-      m_forge(seed, m_mac, gatewayMac(switchNamespace)),
+    : m_in(packetSocket(interface, ETH_P_ALL)),
+      m_control(controlSocketIn(switchNamespace)),
+      m_forge(seed, macOf(controlSocket(), interface), macOf(m_control, "bcm0.10")),
       m_ring(kRingSize),
       m_figures(kinds().size()) {
-    openSockets(interface, switchNamespace);
-    ifreq request = egress();
-    if (ioctl(m_control, SIOCGIFMTU, &request) != 0) fail("MTU of bcm0.20");
+    m_outs.push_back(packetSocket(interface, 0));
+    constexpr int kRoom = 64 << 20;
+    constexpr int kYes = 1;
+    check(setsockopt(m_in.get(), SOL_SOCKET, SO_RCVBUFFORCE, &kRoom, sizeof kRoom) == 0 &&
+              setsockopt(m_in.get(), SOL_PACKET, PACKET_IGNORE_OUTGOING, &kYes, sizeof kYes) == 0,
+          "packet socket");
+    ifreq request = requestFor("bcm0.20");
+    check(ioctl(m_control.get(), SIOCGIFMTU, &request) == 0, "MTU of bcm0.20");
     m_mtus.push_back(static_cast<uint32_t>(request.ifr_mtu));
 }
 
-Host::~Host() {
-    for (const int fd : m_outs) close(fd);
-    for (const int fd : {m_in, m_control}) close(fd);
-}
-
-void Host::openOut(const char* interface) {
-    sockaddr_ll link{};
-    link.sll_family = AF_PACKET;
-    link.sll_ifindex = static_cast<int>(if_nametoindex(interface));
-    m_outs.push_back(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
-    if (m_outs.back() < 0 ||
-        bind(m_outs.back(), reinterpret_cast<const sockaddr*>(&link), sizeof link) != 0)
-        fail(interface);
-}
-
 void Host::setSpread(bool isSpread) {
-    for (; m_outs.size() > 1; m_outs.pop_back()) close(m_outs.back());
-    for (int i = 11; isSpread && if_nametoindex(("eth" + std::to_string(i)).c_str()) != 0; ++i)
-        openOut(("eth" + std::to_string(i)).c_str());
+    m_outs.resize(1);
+    for (int i = 11; isSpread; ++i) {
+        const std::string interface = "eth" + std::to_string(i);
+        if (if_nametoindex(interface.c_str()) == 0) return;
+        m_outs.push_back(packetSocket(interface.c_str(), 0));
+    }
 }
 
-void Host::openSockets(const char* interface, const char* switchNamespace) {
-    openOut(interface);
-    sockaddr_ll link{};
-    link.sll_family = AF_PACKET;
-    link.sll_ifindex = static_cast<int>(if_nametoindex(interface));
-    m_in = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (m_in < 0) fail("packet socket");
-    constexpr int kRoom = 64 << 20;
-    constexpr int kYes = 1;
-    if (setsockopt(m_in, SOL_SOCKET, SO_RCVBUFFORCE, &kRoom, sizeof kRoom) != 0 ||
-        setsockopt(m_in, SOL_PACKET, PACKET_IGNORE_OUTGOING, &kYes, sizeof kYes) != 0)
-        fail("packet socket");
-    link.sll_protocol = htons(ETH_P_ALL);
-    if (bind(m_in, reinterpret_cast<const sockaddr*>(&link), sizeof link) != 0) fail(interface);
-
-    m_control =
-        inNamespace(switchNamespace, [] { return socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0); });
-    if (m_control < 0) fail("control socket");
-}
-
-Host::Sent& Host::prepare(size_t kind, Answerer answerer, bool awaited) {
-    Sent& sent = m_ring[m_serial % kRingSize];
+const Host::Sent& Host::prepare(size_t kind, Answerer answerer, bool awaited) {
+    Sent& sent = sentAs(m_serial);
     const Outcome outcome = kinds()[kind].outcome;
-    sent.serial = m_serial;
-    sent.kind = kind;
-    sent.mtuThen = m_mtus.size() - 1;
-    sent.answerer = answerer;
     const bool isKernels = outcome == Outcome::kKernels && answerer != Answerer::kDaemon;
-    sent.mayBeAnswered = outcome == Outcome::kAnswered || isKernels;
-    sent.awaited = awaited && sent.mayBeAnswered;
-    sent.answered = false;
-    sent.frame = m_forge.make(kinds()[kind], m_serial);
+    const bool mayBeAnswered = outcome == Outcome::kAnswered || isKernels;
+    sent = {.serial = m_serial,
+            .kind = kind,
+            .mtuThen = m_mtus.size() - 1,
+            .answerer = answerer,
+            .mayBeAnswered = mayBeAnswered,
+            .awaited = awaited && mayBeAnswered,
+            .frame = m_forge.make(kinds()[kind], m_serial)};
     if (sent.awaited) ++m_awaited;
     ++m_figures[kind].sent;
     ++m_serial;
@@ -183,63 +157,42 @@ Host::Sent& Host::prepare(size_t kind, Answerer answerer, bool awaited) {
 }
 
 void Host::sendWindow(size_t first, size_t count) {
-    std::array<iovec, kBatch> pieces;
-    std::array<mmsghdr, kBatch> messages{};
-    size_t done = 0;
-    while (done < count) {
-        const size_t now = std::min(kBatch, count - done);
-        for (size_t i = 0; i < now; ++i) {
-            Bytes& frame = m_ring[(first + done + i) % kRingSize].frame;
-            pieces[i] = {frame.data(), frame.size()};
-            messages[i].msg_hdr.msg_iov = &pieces[i];
-            messages[i].msg_hdr.msg_iovlen = 1;
-        }
-        const int out = m_outs[(first + done) / kBatch % m_outs.size()];
-        const int sent = sendmmsg(out, messages.data(), static_cast<unsigned>(now), 0);
-        if (sent < 0 && errno != ENOBUFS && errno != EINTR) fail("send");
-        if (sent > 0) done += static_cast<size_t>(sent);
-        while (receive()) {
-        }
+    for (size_t serial = first; serial < first + count; ++serial) {
+        const Bytes& frame = sentAs(serial).frame;
+        const Descriptor& out = m_outs[serial / kWindowWithoutAnswers % m_outs.size()];
+        while (::send(out.get(), frame.data(), frame.size(), 0) < 0)
+            check(errno == ENOBUFS || errno == EINTR, "send");
     }
+    receive();
 }
 
-bool Host::receive() {
-    static std::array<std::array<uint8_t, 2048>, kBatch> frames;
-    std::array<iovec, kBatch> pieces;
-    std::array<mmsghdr, kBatch> messages{};
-    for (size_t i = 0; i < kBatch; ++i) {
-        pieces[i] = {frames[i].data(), frames[i].size()};
-        messages[i].msg_hdr.msg_iov = &pieces[i];
-        messages[i].msg_hdr.msg_iovlen = 1;
+void Host::receive() {
+    std::array<uint8_t, 2048> frame;
+    for (;;) {
+        const ssize_t size = recv(m_in.get(), frame.data(), frame.size(), MSG_DONTWAIT);
+        check(size >= 0 || errno == EAGAIN || errno == EINTR, "receive");
+        if (size < 0) return;
+        const auto answer = packets::readAnswer({frame.data(), static_cast<size_t>(size)});
+        if (answer) judge(*answer);
     }
-    const int count = recvmmsg(m_in, messages.data(), kBatch, MSG_DONTWAIT, nullptr);
-    if (count < 0 && errno != EAGAIN && errno != EINTR) fail("receive");
-    for (size_t i = 0; count > 0 && i < static_cast<size_t>(count); ++i) {
-        if (const auto answer = packets::readAnswer({frames[i].data(), messages[i].msg_len}))
-            judge(*answer);
-    }
-    return count > 0;
 }
 
 void Host::awaitAnswers() {
-    auto deadline = std::chrono::steady_clock::now() + kPatience;
+    auto deadline = steady_clock::now() + kPatience;
     while (m_awaited > 0) {
-        pollfd readable{m_in, POLLIN, 0};
+        pollfd readable{m_in.get(), POLLIN, 0};
         poll(&readable, 1, 100);
         const uint64_t before = m_awaited;
-        while (receive()) {
-        }
-        const auto now = std::chrono::steady_clock::now();
-        if (m_awaited < before) deadline = now + kPatience;
-        if (now < deadline) continue;
-        countMissing();
+        receive();
+        if (m_awaited < before) deadline = steady_clock::now() + kPatience;
+        if (steady_clock::now() >= deadline) countMissing();
     }
 }
 
 void Host::countMissing() {
     for (Sent& sent : m_ring) {
         if (!sent.awaited || sent.answered) continue;
-        if (++m_missing <= kFaultsSaid)
+        if (++m_missing <= kFaultsShown)
             std::fprintf(stderr, "MISSING: the answer to number %u, IPv%d %s\n", sent.serial,
                          kinds()[sent.kind].family, kinds()[sent.kind].name);
         sent.awaited = false;
@@ -249,12 +202,12 @@ void Host::countMissing() {
 
 void Host::judge(const Answer& answer) {
     const uint32_t mask = answer.family == 4 ? 0xffff : 0xfffff;
-    Sent& sent = m_ring[answer.serial % kRingSize];
+    Sent& sent = sentAs(answer.serial);
     const Kind& kind = kinds()[sent.kind];
     const auto wrong = [&](const std::string& what) {
-        fault("answer to number " + std::to_string(sent.serial) + ", IPv" +
-              std::to_string(kind.family) + " " + kind.name + ", with MTU " +
-              std::to_string(answer.mtu) + ": " + what);
+        if (++m_faults <= kFaultsShown)
+            std::fprintf(stderr, "FAULT: answer to number %u, IPv%d %s, with MTU %u: %s\n",
+                         sent.serial, kind.family, kind.name, answer.mtu, what.c_str());
     };
     if ((sent.serial & mask) != answer.serial || sent.frame.empty())
         return wrong("the packet is unknown");
@@ -273,30 +226,30 @@ void Host::judge(const Answer& answer) {
     if (isBy(Answerer::kDaemon, answer)) ++m_byDaemon;
     const auto packet = std::span<const uint8_t>(sent.frame).subspan(14);
     const auto source = answer.family == 4 ? packet.subspan(12, 4) : packet.subspan(8, 16);
-    if (!equal(answer.destination, source)) wrong("it goes to another than the sender");
-    constexpr std::array<uint8_t, 4> kGateway4{10, 0, 10, 1};
-    constexpr std::array<uint8_t, 16> kGateway6{0x20, 0x01, 0x0d, 0xb8, 0, 0x10, 0, 0,
-                                                0,    0,    0,    0,    0, 0,    0, 1};
-    if (answer.family == 4 ? !equal(answer.source, kGateway4) : !equal(answer.source, kGateway6))
+    if (!std::ranges::equal(answer.destination, source))
+        wrong("it goes to another than the sender");
+    static const Bytes gateway4{10, 0, 10, 1};
+    static const Bytes gateway6{0x20, 0x01, 0x0d, 0xb8, 0, 0x10, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+    if (!std::ranges::equal(answer.source, answer.family == 4 ? gateway4 : gateway6))
         wrong("it does not come from the switch's address of VLAN 10");
     if (!isQuoteOf(answer.quote, packet, answer.family)) wrong("the quote is not of the packet");
 }
 
-void Host::sendAndAwait(uint64_t count, bool allKinds, Answerer answerer, uint64_t rate) {
-    using std::chrono::steady_clock;
+void Host::send(const Order& order) {
     m_forge.setSmallest(m_mtus.back() + 1);
     const steady_clock::time_point start = steady_clock::now();
-    const size_t atOnce = rate == 0 ? kWindow : kPacedWindow;
-    for (uint64_t sent = 0; sent < count;) {
-        if (rate != 0)
-            std::this_thread::sleep_until(start + std::chrono::milliseconds(1000 * sent / rate));
+    const size_t window = order.rate == 0 ? kWindow : kPacedWindow;
+    const size_t atOnce = order.isAwaited ? window : kWindowWithoutAnswers;
+    for (uint64_t sent = 0; sent < order.count;) {
+        if (order.rate != 0)
+            std::this_thread::sleep_until(start +
+                                          std::chrono::milliseconds(1000 * sent / order.rate));
         const size_t first = m_serial;
-        size_t made = 0;
-        for (; made < atOnce && sent < count; ++made) {
-            const size_t kind = allKinds ? m_forge.chooseKind() : m_serial % 2;
-            if (prepare(kind, answerer, true).awaited) ++sent;
+        while (m_serial - first < atOnce && sent < order.count) {
+            const size_t kind = order.allKinds ? m_forge.chooseKind() : m_serial % 2;
+            if (prepare(kind, order.answerer, order.isAwaited).mayBeAnswered) ++sent;
         }
-        sendWindow(first, made);
+        sendWindow(first, m_serial - first);
         awaitAnswers();
     }
 }
@@ -309,74 +262,43 @@ void Host::sendWhileMtuChanges(uint64_t count) {
         for (size_t i = 0; i < made; ++i) prepare(m_serial % 2, Answerer::kEither, true);
         const size_t before = m_forge.below(made + 1);
         sendWindow(first, before);
-        changeMtuRandomly();
+        setMtu(kSmallestMtu + static_cast<uint32_t>(m_forge.below(kLargestMtu - kSmallestMtu + 1)));
         // Those that are still to be sent meet the new MTU.
-        for (size_t i = before; i < made; ++i)
-            m_ring[(first + i) % kRingSize].mtuThen = m_mtus.size() - 1;
+        for (size_t i = before; i < made; ++i) sentAs(first + i).mtuThen = m_mtus.size() - 1;
         sendWindow(first + before, made - before);
         awaitAnswers();
         count -= made;
     }
 }
 
-void Host::sendAndForget(uint64_t count, Answerer answerer, uint64_t rate) {
-    using std::chrono::steady_clock;
-    m_forge.setSmallest(m_mtus.back() + 1);
-    const steady_clock::time_point start = steady_clock::now();
-    for (uint64_t sent = 0; sent < count;) {
-        if (rate != 0)
-            std::this_thread::sleep_until(start + std::chrono::milliseconds(1000 * sent / rate));
-        const size_t first = m_serial;
-        const auto made = static_cast<size_t>(std::min<uint64_t>(count - sent, kBatch));
-        for (size_t i = 0; i < made; ++i) prepare(m_serial % 2, answerer, false);
-        sendWindow(first, made);
-        sent += made;
-    }
-}
-
 void Host::settle(std::chrono::milliseconds quiet) {
-    pollfd readable{m_in, POLLIN, 0};
-    while (poll(&readable, 1, static_cast<int>(quiet.count())) > 0) {
-        while (receive()) {
-        }
-    }
-}
-
-void Host::changeMtuRandomly() {
-    setMtu(kSmallestMtu + static_cast<uint32_t>(m_forge.below(kLargestMtu - kSmallestMtu + 1)));
+    pollfd readable{m_in.get(), POLLIN, 0};
+    while (poll(&readable, 1, static_cast<int>(quiet.count())) > 0) receive();
 }
 
 void Host::setMtu(uint32_t mtu) {
     // Before it is done: an answer may name it at once.
     m_mtus.push_back(mtu);
-    ifreq request = egress();
+    ifreq request = requestFor("bcm0.20");
     request.ifr_mtu = static_cast<int>(mtu);
-    if (ioctl(m_control, SIOCSIFMTU, &request) != 0) fail("MTU of bcm0.20");
+    check(ioctl(m_control.get(), SIOCSIFMTU, &request) == 0, "MTU of bcm0.20");
 }
 
-void Host::fault(const std::string& what) {
-    if (++m_faults <= kFaultsSaid) std::fprintf(stderr, "FAULT: %s\n", what.c_str());
-}
-
-uint64_t Host::answered(Outcome outcome) const {
-    uint64_t sum = 0;
-    for (size_t i = 0; i < m_figures.size(); ++i)
-        if (kinds()[i].outcome == outcome) sum += m_figures[i].answered;
-    return sum;
-}
-
-uint64_t Host::sent(Outcome outcome) const {
-    uint64_t sum = 0;
-    for (size_t i = 0; i < m_figures.size(); ++i)
-        if (kinds()[i].outcome == outcome) sum += m_figures[i].sent;
+Figures Host::figuresOf(Outcome outcome) const {
+    Figures sum;
+    for (size_t i = 0; i < m_figures.size(); ++i) {
+        if (kinds()[i].outcome != outcome) continue;
+        sum.sent += m_figures[i].sent;
+        sum.answered += m_figures[i].answered;
+    }
     return sum;
 }
 
 uint64_t Host::missedByReceiver() {
     tpacket_stats statistics{};
     socklen_t size = sizeof statistics;
-    if (getsockopt(m_in, SOL_PACKET, PACKET_STATISTICS, &statistics, &size) != 0)
-        fail("statistics");
+    check(getsockopt(m_in.get(), SOL_PACKET, PACKET_STATISTICS, &statistics, &size) == 0,
+          "statistics");
     m_missed += statistics.tp_drops;
     return m_missed;
 }

@@ -3,13 +3,13 @@
 #ifndef PMTUD_SOAK_HOST_H
 #define PMTUD_SOAK_HOST_H
 
-#include <array>
 #include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
 
 #include "answer.h"
+#include "descriptor.h"
 #include "forge.h"
 
 namespace soak {
@@ -18,7 +18,7 @@ namespace soak {
 /// 88 bytes for IPv4, and for IPv6 an ICMPv6 message as long as the MTU.
 enum class Answerer { kDaemon, kKernel, kEither };  // either: one of them, once
 
-struct KindFigures {
+struct Figures {
     uint64_t sent = 0;
     uint64_t answered = 0;
 };
@@ -28,22 +28,19 @@ class Host {
     /// Sends and receives on the interface of its own network namespace, and changes the MTU
     /// of bcm0.20 in the namespace of that path. Throws std::system_error.
     Host(uint64_t seed, const char* interface, const char* switchNamespace);
-    ~Host();
-    Host(const Host&) = delete;
-    Host& operator=(const Host&) = delete;
 
-    /// Sends packets, of the plain kinds or of all, until `count` of those that must be answered
-    /// are sent. Awaits each window's answers and counts the missing ones. The rate, in packets to
-    /// be answered per second, keeps the packets within the rules' limits; 0 is as fast as
-    /// possible.
-    void sendAndAwait(uint64_t count, bool allKinds, Answerer answerer, uint64_t rate = 0);
+    /// Which packets to send.
+    struct Order {
+        uint64_t count;  ///< of packets that must be answered
+        Answerer answerer;
+        uint64_t rate = 0;      ///< per second; 0: as fast as possible
+        bool allKinds = false;  ///< or only the plain ones
+        bool isAwaited = true;  ///< each window's answers, of which the missing ones are counted
+    };
+    void send(const Order& order);
 
-    /// The same with plain packets, while the MTU of bcm0.20 changes at any time.
+    /// Sends plain packets and awaits the answers, while the MTU of bcm0.20 changes at any time.
     void sendWhileMtuChanges(uint64_t count);
-
-    /// Sends plain packets without a pause; answers may be missing. The rate is in packets per
-    /// second; 0 is as fast as possible.
-    void sendAndForget(uint64_t count, Answerer answerer, uint64_t rate = 0);
 
     /// The following packets are sent from all interfaces in turn, or from the first one alone.
     void setSpread(bool isSpread);
@@ -54,18 +51,16 @@ class Host {
     /// Changes the MTU of bcm0.20.
     void setMtu(uint32_t mtu);
 
-    const std::vector<KindFigures>& figures() const { return m_figures; }
+    /// By kind.
+    const std::vector<Figures>& figures() const { return m_figures; }
+    Figures figuresOf(Outcome outcome) const;
+    uint64_t answeredByDaemon() const { return m_byDaemon; }
     uint64_t faults() const { return m_faults; }
     /// Awaited answers that did not come.
     uint64_t missing() const { return m_missing; }
     /// Answers whose ICMP checksum lacks a carry, so that their receiver throws them away.
     uint64_t carriesDropped() const { return m_carriesDropped; }
-
     uint64_t mtuChanges() const { return m_mtus.size() - 1; }
-    uint64_t answered(Outcome outcome) const;
-    uint64_t answeredByDaemon() const { return m_byDaemon; }
-    uint64_t sent(Outcome outcome) const;
-
     /// Answers that the receiving socket had no room for.
     uint64_t missedByReceiver();
 
@@ -81,31 +76,24 @@ class Host {
         bool answered = false;
         Bytes frame;
     };
-    // More than are ever on their way, and a divisor of 2^16.
-    static constexpr size_t kRingSize = 32768;
-    static constexpr size_t kBatch = 64;
 
-    void openSockets(const char* interface, const char* switchNamespace);
-    void openOut(const char* interface);
-    Sent& prepare(size_t kind, Answerer answerer, bool awaited);
+    Sent& sentAs(size_t serial) { return m_ring[serial % m_ring.size()]; }
+    const Sent& prepare(size_t kind, Answerer answerer, bool awaited);
     void sendWindow(size_t first, size_t count);
-    bool receive();
+    void receive();
     void awaitAnswers();
     void judge(const packets::Answer& answer);
-    void changeMtuRandomly();
-    void fault(const std::string& what);
     void countMissing();
 
-    std::vector<int> m_outs;  ///< the first is always used
-    int m_in = -1;
-    int m_control = -1;
-    Mac m_mac{};
+    std::vector<pmtud_linux::Descriptor> m_outs;  // the first is always used
+    pmtud_linux::Descriptor m_in;
+    pmtud_linux::Descriptor m_control;
     Forge m_forge;
     std::vector<Sent> m_ring;
     uint32_t m_serial = 0;
     uint64_t m_awaited = 0;
     std::vector<uint32_t> m_mtus;
-    std::vector<KindFigures> m_figures;
+    std::vector<Figures> m_figures;
     uint64_t m_byDaemon = 0;
     uint64_t m_faults = 0;
     uint64_t m_missing = 0;

@@ -1,20 +1,20 @@
 // SPDX-License-Identifier: MIT
-// Host A of the soak as a program: reads commands, a line each, and answers each with a line.
+// Host A of the soak as a program: reads one command per line, and answers each with a line.
 //
-//   plain COUNT ANSWERER    plain oversized packets of both families, every answer awaited
-//   all COUNT ANSWERER      the same among packets of all kinds
-//   paced COUNT ANSWERER RATE  the same with that many per second to be answered
-//   changing COUNT          plain ones, while the MTU of bcm0.20 changes at random
+//   plain COUNT ANSWERER          plain oversized packets of both families, every answer awaited
+//   all COUNT ANSWERER            the same among packets of all kinds
+//   paced COUNT ANSWERER RATE     the same with that many per second to be answered
 //   forget COUNT ANSWERER [RATE]  plain ones without waiting for the answers
-//   spread 0|1              sends from all interfaces of the host, or from one
-//   settle MILLISECONDS     reads answers until none has come for so long
-//   mtu BYTES               changes the MTU of bcm0.20
-//   log 0|1                 does not read the system log, or reads it
-//   figures                 NAME=VALUE...
-//   kinds                   FAMILY|NAME|SENT|ANSWERED|OUTCOME;...
+//   changing COUNT                plain ones, while the MTU of bcm0.20 changes at random
+//   spread 0|1                    sends from one interface of the host, or from all
+//   settle MILLISECONDS           reads answers until none has come for that long
+//   mtu BYTES                     changes the MTU of bcm0.20
+//   log 0|1                       does not read the system log, or reads it
+//   figures                       NAME=VALUE...
+//   kinds                         FAMILY|NAME|SENT|ANSWERED|OUTCOME;...
 //
 // ANSWERER is daemon, kernel or either. The answer to a command is "ok", or what is asked for.
-// What is wrong with an answer is written to standard error and counted as a fault.
+// Wrong answers are described on standard error and counted as faults.
 #include <chrono>
 #include <cstdlib>
 #include <exception>
@@ -39,33 +39,23 @@ soak::Answerer answererOf(const std::string& name) {
     throw std::invalid_argument("no such answerer: " + name);
 }
 
-const char* outcomeName(Outcome outcome) {
-    switch (outcome) {
-        case Outcome::kAnswered:
-            return "answered";
-        case Outcome::kKernels:
-            return "answered by the kernel";
-        case Outcome::kElsewhere:
-            return "answered elsewhere";
-        case Outcome::kUnanswered:
-            break;
-    }
-    return "never";
+const char* textOf(Outcome outcome) {
+    if (outcome == Outcome::kAnswered) return "answered";
+    if (outcome == Outcome::kKernels) return "answered by the kernel";
+    return outcome == Outcome::kElsewhere ? "answered elsewhere" : "never";
 }
 
 std::string figures(Host& host, const SystemLog::Counts& log) {
+    const soak::Figures answered = host.figuresOf(Outcome::kAnswered);
+    const soak::Figures kernels = host.figuresOf(Outcome::kKernels);
     std::ostringstream line;
-    line << "sent=" << host.sent(Outcome::kAnswered)
-         << " answered=" << host.answered(Outcome::kAnswered) + host.answered(Outcome::kKernels)
-         << " kernels=" << host.sent(Outcome::kKernels)
-         << " elsewhere=" << host.sent(Outcome::kElsewhere)
-         << " never=" << host.sent(Outcome::kUnanswered) << " faults=" << host.faults()
+    line << "sent=" << answered.sent << " answered=" << answered.answered + kernels.answered
+         << " kernels=" << kernels.sent << " elsewhere=" << host.figuresOf(Outcome::kElsewhere).sent
+         << " never=" << host.figuresOf(Outcome::kUnanswered).sent << " faults=" << host.faults()
          << " mtu_changes=" << host.mtuChanges() << " missed=" << host.missedByReceiver()
          << " carries_dropped=" << host.carriesDropped() << " log_lines=" << log.lines
-         << " log_lines_lost=" << log.linesLost << " log_received=" << log.received
-         << " log_sent=" << log.sent << " log_messages_lost=" << log.messagesLost
+         << " log_lines_lost=" << log.linesLost << " log_messages_lost=" << log.messagesLost
          << " log_unanswered=" << log.unanswered << " log_unlogged=" << log.unlogged
-         << " log_invalid=" << log.invalid << " log_others=" << log.others
          << " by_daemon=" << host.answeredByDaemon() << " missing=" << host.missing();
     return line.str();
 }
@@ -74,8 +64,9 @@ std::string kindTable(const Host& host) {
     std::ostringstream line;
     for (size_t i = 0; i < soak::kinds().size(); ++i) {
         const soak::Kind& kind = soak::kinds()[i];
-        line << kind.family << '|' << kind.name << '|' << host.figures()[i].sent << '|'
-             << host.figures()[i].answered << '|' << outcomeName(kind.outcome) << ';';
+        const soak::Figures& figures = host.figures()[i];
+        line << kind.family << '|' << kind.name << '|' << figures.sent << '|' << figures.answered
+             << '|' << textOf(kind.outcome) << ';';
     }
     return line.str();
 }
@@ -89,16 +80,14 @@ std::string run(const std::string& line, Host& host, SystemLog& log) {
     words >> command >> number >> answerer >> rate;
     if (command == "figures") return figures(host, log.counts());
     if (command == "kinds") return kindTable(host);
-    if (command == "plain")
-        host.sendAndAwait(number, false, answererOf(answerer));
-    else if (command == "all")
-        host.sendAndAwait(number, true, answererOf(answerer));
-    else if (command == "paced")
-        host.sendAndAwait(number, true, answererOf(answerer), rate);
+    if (command == "plain" || command == "all" || command == "paced" || command == "forget")
+        host.send({.count = number,
+                   .answerer = answererOf(answerer),
+                   .rate = rate,
+                   .allKinds = command == "all" || command == "paced",
+                   .isAwaited = command != "forget"});
     else if (command == "changing")
         host.sendWhileMtuChanges(number);
-    else if (command == "forget")
-        host.sendAndForget(number, answererOf(answerer), rate);
     else if (command == "spread")
         host.setSpread(number != 0);
     else if (command == "settle")

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// What the platform is to make of copies and the messages that refuse them: a model for the fuzz
-// targets, which knows the rules and none of the platform's code.
+// A model of what the platform must do with copies and the messages that refuse them. It uses none
+// of the platform's code.
 #ifndef PMTUD_TEST_FUZZ_COPIES_MODEL_H
 #define PMTUD_TEST_FUZZ_COPIES_MODEL_H
 
@@ -70,7 +70,7 @@ class CopiesModel {
     }
 
  private:
-    // IPv4: but for the header's checksum and the options, into which the kernel may write.
+    // IPv4: except the header's checksum and the options, which the kernel may change.
     static bool quotes(Span quote, const Kept& kept) {
         const size_t header = headerOf(kept.packet);
         for (size_t i = 0; i < quote.size() && i < kept.packet.size(); ++i) {

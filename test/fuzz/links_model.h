@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Which VLANs the platform is to know after what its link socket gave it: a model for the fuzz
-// targets.
+// A model of the VLANs that the platform must know after what its link socket delivered.
 #ifndef PMTUD_TEST_FUZZ_LINKS_MODEL_H
 #define PMTUD_TEST_FUZZ_LINKS_MODEL_H
 
@@ -12,21 +11,17 @@ namespace fuzz {
 
 /// The VLAN of an interface's name, or 0.
 inline int vlanOfName(const std::string& name) {
-    static const std::map<std::string, int> vlans = [] {
-        std::map<std::string, int> all;
-        for (int vlan = 1; vlan <= 4094; ++vlan) all["bcm0." + std::to_string(vlan)] = vlan;
-        return all;
-    }();
-    const auto found = vlans.find(name);
-    return found == vlans.end() ? 0 : found->second;
+    const long vlan = name.starts_with("bcm0.") ? strtol(&name[5], nullptr, 10) : 0;
+    const bool isVlan = vlan >= 1 && vlan <= 4094 && name == "bcm0." + std::to_string(vlan);
+    return isVlan ? static_cast<int>(vlan) : 0;
 }
 
-/// Of the prefix of a copy, pmtud:VLAN; 0 of any other.
+/// The VLAN of a copy's prefix, pmtud:VLAN; 0 for any other prefix.
 inline int vlanOfPrefix(const std::string& prefix) {
     return prefix.substr(0, 6) == "pmtud:" ? vlanOfName("bcm0." + prefix.substr(6)) : 0;
 }
 
-/// A name leads to one interface, and an interface is the lowest VLAN that it has a name of.
+/// A name belongs to one interface; an interface counts as the lowest VLAN among its names.
 inline void follow(pmtud_linux::Vlans& vlans, const pmtud_linux::Link& link) {
     std::erase_if(vlans, [&](const auto& known) { return known.second.ifindex == link.ifindex; });
     std::set<int> named = {vlanOfName(link.name)};
@@ -44,14 +39,14 @@ inline int vlanOf(const pmtud_linux::Vlans& vlans, uint32_t ifindex) {
     return 0;
 }
 
-/// Changes are applied until one was lost. Then the socket is emptied, and a list is asked for,
-/// ten times at most as long as a list is doubtful: interrupted, or with a loss. A doubtful list
-/// counts until the next one; one that does not end does not.
+/// Changes are applied until one is lost. Then the socket is emptied and a list is requested, up to
+/// ten times while lists are doubtful: interrupted, or with a loss. A doubtful list counts until
+/// the next one; a list that does not end never counts.
 class LinksModel {
  public:
     uint32_t sequence() const { return m_sequence; }
     bool isListing() const { return m_phase == Phase::kListing; }
-    /// The interfaces are out of date, and the platform is to try again.
+    /// The interfaces are out of date, and the platform must try again.
     bool isStale() const { return m_isStale; }
     const pmtud_linux::Vlans& vlans() const { return m_vlans; }
 
@@ -105,7 +100,7 @@ class LinksModel {
     int m_attempts = 0;
     uint32_t m_sequence = 0;
     pmtud_linux::Vlans m_vlans;
-    pmtud_linux::Vlans m_fresh;  // as far as the list has come
+    pmtud_linux::Vlans m_fresh;  // the list so far
 };
 
 }  // namespace fuzz

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Fuzzes what the platform for stock Linux makes of link messages: interfaces, VLANs and rules.
+// Fuzzes how the Linux platform reads link messages, and what follows: interfaces, VLANs and rules.
 #include <net/if.h>
 
 #include "guarded_memory.h"

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Fuzzes what the platform for stock Linux makes of the log group's messages: packets, copies,
-// frames.
+// Fuzzes how the Linux platform reads the log group's messages, and what follows: packets, copies
+// and frames.
 #include <memory>
 
 #include "copies.h"
@@ -50,7 +50,7 @@ void handle(const LogMessage& read, const fuzz::Message& expected, Platform& pla
                 "what is kept");
         return;
     }
-    // Whatever the prefix is, so that more is looked for.
+    // Whatever the prefix is, so that more copies are searched for.
     const Span quote = pmtud_linux::quoteOf(read.payload);
     require(same(quote, fuzz::quotedBy(expected.payload)), "what a message quotes");
     const pmtud_linux::Copy* const copy = platform.copies.take(quote);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Netlink messages for the fuzz targets: drawn from an input, and read by the rules of the format.
+// Netlink messages for the fuzz targets: drawn from an input, and read according to the format.
 #ifndef PMTUD_TEST_FUZZ_NETLINK_MESSAGE_H
 #define PMTUD_TEST_FUZZ_NETLINK_MESSAGE_H
 
@@ -15,7 +15,7 @@
 
 namespace fuzz {
 
-/// A message is no larger, whatever the input wants.
+/// The largest message, whatever the input asks for.
 constexpr size_t kLargestMessage = 200000;
 
 /// The number at the offset, in this machine's byte order.
@@ -36,11 +36,11 @@ inline std::string textOf(Span bytes) {
     return {bytes.begin(), std::find(bytes.begin(), bytes.end(), uint8_t{0})};
 }
 
-/// Adds attributes of these types, mostly; some that claim another length than they have.
-inline void addAttributes(Input& input, const std::vector<uint16_t>& known, Bytes& bytes) {
+/// Adds attributes, mostly of these types; some claim another length than they have.
+inline void addAttributes(Input& input, const std::vector<uint16_t>& known, Netlink& message) {
     constexpr size_t kLargestAttribute = 0x10010;
     unsigned left = input.byte() % 16;
-    for (; left > 0 && bytes.size() < kLargestMessage - kLargestAttribute; --left) {
+    for (; left > 0 && message.bytes.size() < kLargestMessage - kLargestAttribute; --left) {
         const uint8_t choice = input.byte();
         const size_t which = choice % 16;
         const uint16_t type = which < known.size() ? known[which] : input.number<uint16_t>();
@@ -48,18 +48,17 @@ inline void addAttributes(Input& input, const std::vector<uint16_t>& known, Byte
         if (size >= 250) size = input.number<uint16_t>();
         const Span given = input.bytes(size);
         Bytes payload(given.begin(), given.end());
-        // Zeros if a large attribute is wanted and the input does not give it.
+        // Zeros if the input is too short for a large attribute.
         if ((choice & 0x40) != 0) payload.resize(std::max(size, payload.size()));
-        const auto length = static_cast<uint16_t>(sizeof(nlattr) + payload.size());
-        const nlattr attribute{(choice & 0x80) != 0 ? input.number<uint16_t>() : length, type};
-        const auto* const header = reinterpret_cast<const uint8_t*>(&attribute);
-        bytes.insert(bytes.end(), header, header + sizeof attribute);
-        bytes.insert(bytes.end(), payload.begin(), payload.end());
-        bytes.resize(Netlink::aligned(bytes.size()));
+        const size_t start = message.bytes.size();
+        message.add(type, payload);
+        if ((choice & 0x80) == 0) continue;
+        const auto claimed = input.number<uint16_t>();
+        memcpy(&message.bytes[start], &claimed, sizeof claimed);
     }
 }
 
-/// The header's length becomes that of the bytes or another, and the bytes are as many or fewer.
+/// Sets the length in the header, to the right one or another, and may cut the message short.
 inline void closeMessage(Input& input, Netlink& message) {
     uint32_t& claimed = message.close().header().nlmsg_len;
     const uint8_t choice = input.byte();
@@ -71,8 +70,8 @@ inline void closeMessage(Input& input, Netlink& message) {
     if (choice == 4) message.bytes.resize(claimed);
 }
 
-/// The whole messages of a datagram that starts at a message, each as far as its padding, if the
-/// datagram has it. `padded` is the datagram and what fills it up to the next boundary.
+/// The whole messages of a datagram, each with its padding. `padded` is the datagram, filled up to
+/// the next boundary.
 inline std::vector<Span> messagesOf(Span padded, size_t size) {
     std::vector<Span> messages;
     for (size_t start = 0; start < size && size - start >= Netlink::kHeader;) {
@@ -84,25 +83,30 @@ inline std::vector<Span> messagesOf(Span padded, size_t size) {
     return messages;
 }
 
-/// Hands the attributes' types and payloads to `take`, until one contradicts the space that it is
-/// in, which ends the attributes, or `take` answers false, which is the result.
-template <typename Take>
-bool forEachAttribute(Span space, Take take) {
+/// The payloads of the attributes of that type, up to the first attribute whose length is wrong.
+inline std::vector<Span> payloadsOf(Span space, uint16_t wanted) {
+    std::vector<Span> payloads;
     while (space.size() >= sizeof(nlattr)) {
         const auto [length, type] = load<nlattr>(space);
-        if (length < sizeof(nlattr) || length > space.size()) return true;
-        const Span payload = space.subspan(sizeof(nlattr), length - sizeof(nlattr));
-        if (!take(static_cast<uint16_t>(type & NLA_TYPE_MASK), payload)) return false;
+        if (length < sizeof(nlattr) || length > space.size()) break;
+        if ((type & NLA_TYPE_MASK) == wanted)
+            payloads.push_back(space.subspan(sizeof(nlattr), length - sizeof(nlattr)));
         space = space.subspan(std::min(Netlink::aligned(length), space.size()));
     }
-    return true;
+    return payloads;
+}
+
+/// The one that counts; empty if there is none.
+inline Span lastOf(Span space, uint16_t wanted) {
+    const std::vector<Span> payloads = payloadsOf(space, wanted);
+    return payloads.empty() ? Span() : payloads.back();
 }
 
 // Links.
 
 constexpr size_t kLinkHeaders = Netlink::kHeader + sizeof(ifinfomsg);
 
-/// What interfaces really are like, mostly; few numbers and names, so that they come again.
+/// Mostly of realistic interfaces, with few numbers and names, so that they recur.
 inline Bytes drawLinkMessage(Input& input) {
     const uint8_t form = input.byte();
     const uint8_t choice = input.byte();
@@ -135,43 +139,37 @@ inline Bytes drawLinkMessage(Input& input) {
     Netlink message =
         linkMessage(type, index == 0xFF ? input.number<int32_t>() : index % 8,
                     kHardware[choice / 48 % 3], choice / 3 % 16 == 15 ? AF_BRIDGE : AF_UNSPEC);
-    addAttributes(input, {IFLA_IFNAME, IFLA_MTU, IFLA_LINKINFO, IFLA_PROP_LIST}, message.bytes);
+    addAttributes(input, {IFLA_IFNAME, IFLA_MTU, IFLA_LINKINFO, IFLA_PROP_LIST}, message);
     closeMessage(input, message);
     return message.bytes;
 }
 
-/// What a whole message tells of an interface, by the rules of the format alone.
+/// The interface that a whole message describes, according to the format alone.
 inline std::optional<pmtud_linux::Link> expectedLink(Span padded) {
     const auto type = load<uint16_t>(padded, 4);
     if (type != RTM_NEWLINK && type != RTM_DELLINK) return std::nullopt;
     if (load<uint32_t>(padded) < kLinkHeaders) return std::nullopt;
     const auto info = load<ifinfomsg>(padded, Netlink::kHeader);
     if (info.ifi_family != AF_UNSPEC) return std::nullopt;
+    const Span attributes = padded.subspan(kLinkHeaders);
+    const auto mtus = payloadsOf(attributes, IFLA_MTU);
+    if (type == RTM_NEWLINK && (payloadsOf(attributes, IFLA_IFNAME).empty() || mtus.empty()))
+        return std::nullopt;
     pmtud_linux::Link link;
-    bool hasName = false;
-    bool hasMtu = false;
-    const auto takeKind = [&](uint16_t kind, Span payload) {
-        if (kind == IFLA_INFO_SLAVE_KIND) link.inVrf = textOf(payload) == "vrf";
-        return true;
-    };
-    const auto takeName = [&](uint16_t kind, Span payload) {
-        if (kind == IFLA_ALT_IFNAME) link.alternativeNames.push_back(textOf(payload));
-        return true;
-    };
-    const auto take = [&](uint16_t kind, Span payload) {
-        if (kind == IFLA_MTU && payload.size() != 4) return false;
-        if (kind == IFLA_IFNAME) link.name = textOf(payload);
-        if (kind == IFLA_MTU) link.mtu = load<uint32_t>(payload);
-        hasName = hasName || kind == IFLA_IFNAME;
-        hasMtu = hasMtu || kind == IFLA_MTU;
-        if (kind == IFLA_PROP_LIST) forEachAttribute(payload, takeName);
-        return kind != IFLA_LINKINFO || forEachAttribute(payload, takeKind);
-    };
-    if (!forEachAttribute(padded.subspan(kLinkHeaders), take)) return std::nullopt;
-    if (type == RTM_NEWLINK && !(hasName && hasMtu)) return std::nullopt;
     link.ifindex = static_cast<uint32_t>(info.ifi_index);
     link.gone = type == RTM_DELLINK;
     link.ethernet = info.ifi_type == ARPHRD_ETHER;
+    link.name = textOf(lastOf(attributes, IFLA_IFNAME));
+    for (const Span mtu : mtus) {
+        if (mtu.size() != 4) return std::nullopt;
+        link.mtu = load<uint32_t>(mtu);
+    }
+    for (const Span list : payloadsOf(attributes, IFLA_PROP_LIST))
+        for (const Span name : payloadsOf(list, IFLA_ALT_IFNAME))
+            link.alternativeNames.push_back(textOf(name));
+    for (const Span details : payloadsOf(attributes, IFLA_LINKINFO))
+        for (const Span master : payloadsOf(details, IFLA_INFO_SLAVE_KIND))
+            link.inVrf = textOf(master) == "vrf";
     return link;
 }
 
@@ -179,12 +177,12 @@ inline std::optional<pmtud_linux::Link> expectedLink(Span padded) {
 
 constexpr size_t kLogHeaders = Netlink::kHeader + 4;
 
-/// What is to be read in a message, by the rules of the format alone.
+/// The contents of a message, according to the format alone.
 struct Message {
     std::string prefix;
-    uint32_t ingress = 0;
-    uint32_t egress = 0;
-    uint32_t mark = 0;
+    uint32_t ingress;
+    uint32_t egress;
+    uint32_t mark;
     std::optional<uint32_t> sequence;
     Span linkHeader;
     Span payload;
@@ -193,21 +191,19 @@ struct Message {
 /// Of a whole message that has the type of a logged packet.
 inline std::optional<Message> expectedMessage(Span padded) {
     if (load<uint32_t>(padded) < kLogHeaders) return std::nullopt;
-    Message message;
-    const auto take = [&](uint16_t type, Span payload) {
-        const bool isNumber = type == NFULA_IFINDEX_OUTDEV || type == NFULA_IFINDEX_INDEV ||
-                              type == NFULA_MARK || type == NFULA_SEQ;
-        if (isNumber && payload.size() != 4) return false;
-        if (type == NFULA_PREFIX) message.prefix = textOf(payload);
-        if (type == NFULA_IFINDEX_INDEV) message.ingress = bigEndian(payload);
-        if (type == NFULA_IFINDEX_OUTDEV) message.egress = bigEndian(payload);
-        if (type == NFULA_MARK) message.mark = bigEndian(payload);
-        if (type == NFULA_SEQ) message.sequence = bigEndian(payload);
-        if (type == NFULA_HWHEADER) message.linkHeader = payload;
-        if (type == NFULA_PAYLOAD) message.payload = payload;
-        return true;
-    };
-    if (!forEachAttribute(padded.subspan(kLogHeaders), take)) return std::nullopt;
+    const Span attributes = padded.subspan(kLogHeaders);
+    for (const uint16_t type : {NFULA_IFINDEX_OUTDEV, NFULA_IFINDEX_INDEV, NFULA_MARK, NFULA_SEQ})
+        for (const Span number : payloadsOf(attributes, type))
+            if (number.size() != 4) return std::nullopt;
+    Message message{.prefix = textOf(lastOf(attributes, NFULA_PREFIX)),
+                    .ingress = bigEndian(lastOf(attributes, NFULA_IFINDEX_INDEV)),
+                    .egress = bigEndian(lastOf(attributes, NFULA_IFINDEX_OUTDEV)),
+                    .mark = bigEndian(lastOf(attributes, NFULA_MARK)),
+                    .sequence = {},
+                    .linkHeader = lastOf(attributes, NFULA_HWHEADER),
+                    .payload = lastOf(attributes, NFULA_PAYLOAD)};
+    const Span sequence = lastOf(attributes, NFULA_SEQ);
+    if (!sequence.empty()) message.sequence = bigEndian(sequence);
     return message;
 }
 
@@ -221,7 +217,7 @@ inline Bytes drawLogMessage(Input& input, uint8_t kind) {
     addAttributes(input,
                   {NFULA_PREFIX, NFULA_IFINDEX_INDEV, NFULA_IFINDEX_OUTDEV, NFULA_MARK, NFULA_SEQ,
                    NFULA_HWHEADER, NFULA_PAYLOAD},
-                  message.bytes);
+                  message);
     closeMessage(input, message);
     return message.bytes;
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The table of the rules, as commands for nftables change it: its objects, rules and elements, and
-// what they refer to.
+// A model of the table that commands for nftables change: its objects, rules and elements, and what
+// they refer to.
 #ifndef PMTUD_TEST_FUZZ_RULES_MODEL_H
 #define PMTUD_TEST_FUZZ_RULES_MODEL_H
 
@@ -14,7 +14,7 @@
 
 namespace fuzz {
 
-/// Fails if nftables would refuse a command: on what is not there, or there already, or used.
+/// Fails if nftables would refuse a command, because an object is missing, exists or is in use.
 class RulesModel {
  public:
     /// One transaction, after the text of the whole table if there is none so far.
@@ -26,7 +26,7 @@ class RulesModel {
             require(uses == 0 || m_objects.contains(object), "what is referred to is there");
     }
 
-    /// What both have is as old here as there: nothing was deleted and made again.
+    /// Requires that no object that both have was deleted and added again.
     void requireKept(const RulesModel& before) const {
         for (const auto& [object, birth] : m_objects) {
             const auto known = before.m_objects.find(object);
@@ -35,7 +35,7 @@ class RulesModel {
         }
     }
 
-    /// But for the objects' ages.
+    /// Ignores the objects' ages.
     bool operator==(const RulesModel& other) const {
         const auto haveOneName = [](const auto& one, const auto& two) {
             return one.first == two.first;
@@ -63,7 +63,7 @@ class RulesModel {
                 addRule(chain, line);
             }
         }
-        require(isOwned && line == "}", "the table goes with the process");
+        require(isOwned && line == "}", "the table belongs to the process");
     }
 
     void runLine(const std::string& line) {

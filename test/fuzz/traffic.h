@@ -8,7 +8,7 @@
 
 namespace fuzz {
 
-/// Lost, doubled, out of order, cut short and altered as the input wants.
+/// The input decides which are lost, repeated, out of order, cut short or altered.
 class Traffic {
  public:
     static constexpr uint8_t kInterfaces = 7;
@@ -57,7 +57,7 @@ class Traffic {
         }
     }
 
-    // Mostly one of the last.
+    // Mostly a recent one.
     Sent& drawSent(Input& input) {
         if (m_sent.empty()) m_sent.push_back({makePacket(4, 5, 28, 28, 0), 1});
         const uint8_t choice = input.byte();
@@ -91,7 +91,7 @@ class Traffic {
         return makePacket(kind == 7 ? shape / 16U : version, low, size, claimed, input.byte());
     }
 
-    // Now and then some are missing, or one has no number.
+    // Sometimes messages before it are missing, or it has no number.
     Netlink logged(const std::string& prefix, uint8_t choice) {
         Netlink message = logMessage().text(NFULA_PREFIX, prefix);
         if (choice == 1) m_sequence += 3;
@@ -126,7 +126,7 @@ class Traffic {
         return {text.begin(), text.end()};
     }
 
-    // What the kernel writes into a packet before it refuses it, and what nobody writes.
+    // As the kernel changes a packet before it refuses it, and as nothing changes it.
     static void alter(Bytes& quote, uint8_t how, Input& input) {
         const size_t header = headerOf(quote);
         if (how == 1 && header != 0) quote[10] ^= 0x5A;
@@ -167,7 +167,7 @@ class Traffic {
         return message.add(NFULA_PAYLOAD, error).bytes;
     }
 
-    // No two alike.
+    // All different.
     void addBurst(unsigned count, Bytes& datagram) {
         for (; count > 0; --count) {
             m_sent.push_back(

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The dispatcher's other calls, in place of the kernel's and libnftables' own.
+// Replaces the dispatcher's other calls to the kernel and to libnftables.
 #include <linux/if_packet.h>
 #include <net/if.h>
 #include <netinet/in.h>
@@ -49,7 +49,7 @@ int happen(uint8_t choice, pollfd* ready) {
     }
 }
 
-// Whether they are those that a new table for the interfaces would have.
+// Whether a new table for the interfaces would have the same rules.
 bool areFitting(const fuzz::RulesModel& rules) {
     fuzz::RulesModel fresh;
     fresh.run(pmtud_linux::tableText() + pmtud_linux::changeText({}, world->links.vlans()));
@@ -163,7 +163,7 @@ ssize_t __wrap_sendto(int fd, const void* bytes, size_t size, int flags, const s
     const bool fails = world->failsNow();
     world->send(isNear, !fails);
     if (fails) return fail(ENOBUFS);
-    // What goes by the routes passes the rules, which count it.
+    // An answer that is routed passes the rules, which count it.
     if (!isNear) ++world->answersThatLeft;
     return static_cast<ssize_t>(size);
 }
@@ -180,7 +180,7 @@ int __wrap_ioctl(int, unsigned long request, void* argument) {
     return 0;
 }
 
-// What keeps a low descriptor free while the group is opened; the rest are the fuzzer's own.
+// /dev/null keeps a low descriptor free while the group is opened. The fuzzer opens other files.
 int __wrap_open(const char* path, int flags, mode_t mode) {
     if (strcmp(path, "/dev/null") != 0) return __real_open(path, flags, mode);
     if (world->input.byte() % 8 == 7) return fail(EMFILE);
@@ -203,7 +203,7 @@ nft_ctx* __wrap_nft_ctx_new(uint32_t) {
     return reinterpret_cast<nft_ctx*>(&opened);
 }
 
-// The table goes with the connection that owns it.
+// The kernel removes the table with the connection that owns it.
 void __wrap_nft_ctx_free(nft_ctx* context) {
     auto& closed = *reinterpret_cast<Opened*>(context);
     require(std::exchange(closed.isOpen, false), "a connection to nftables is closed once");

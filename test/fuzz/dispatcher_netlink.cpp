@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The dispatcher's netlink sockets, in place of libmnl's and the kernel's own.
+// Replaces the dispatcher's netlink sockets.
 #include <libmnl/libmnl.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink.h>
@@ -11,15 +11,14 @@
 using fuzz::fail;
 using fuzz::Opened;
 using fuzz::require;
+using fuzz::Sender;
 using fuzz::world;
 
 namespace {
 
 constexpr uint32_t kPortId = 77;
 
-enum class Sender { kKernel, kProcess, kNobody };
-
-// Where a receive call puts the datagram and who has sent it.
+// Where a receive call puts a datagram and its sender.
 struct Room {
     void* buffer;
     size_t size;
@@ -28,12 +27,8 @@ struct Room {
 
     // With zeros up to the next boundary.
     ssize_t give(Bytes datagram, Sender sender = Sender::kKernel) const {
-        sockaddr_nl name{};
-        name.nl_family = AF_NETLINK;
-        name.nl_pid = sender == Sender::kProcess ? kPortId + 1 : 0;
-        require(*addressSize >= sizeof name, "the sender is asked for");
-        memcpy(address, &name, sizeof name);
-        *addressSize = sender == Sender::kNobody ? 0 : sizeof name;
+        require(*addressSize >= sizeof(sockaddr_nl), "the sender is asked for");
+        *addressSize = fuzz::putSender(address, sender);
         const auto length = static_cast<ssize_t>(datagram.size());
         datagram.resize(std::min(Netlink::aligned(datagram.size()), size));
         if (!datagram.empty()) memcpy(buffer, datagram.data(), datagram.size());
@@ -82,14 +77,13 @@ ssize_t receiveLinks(const Room& room) {
         return giveLinks(errorMessage(world->links.sequence(), -EPERM).bytes, sender, room);
     if (choice == 5 && isListing) return giveLinks(endOfList(true), sender, room);
     Bytes datagram;
-    for (int count = 1 + choice % 4; count > 0; --count) {
+    const auto append = [&datagram](const Bytes& message) {
         datagram.resize(Netlink::aligned(datagram.size()));
-        datagram = datagram + fuzz::drawLinkMessage(world->input);
-    }
-    if (choice >= 12 && isListing) {
-        datagram.resize(Netlink::aligned(datagram.size()));
-        datagram = datagram + endOfList(false);
-    }
+        datagram = datagram + message;
+    };
+    for (int count = 1 + choice % 4; count > 0; --count)
+        append(fuzz::drawLinkMessage(world->input));
+    if (choice >= 12 && isListing) append(endOfList(false));
     return giveLinks(datagram, sender, room);
 }
 
@@ -159,7 +153,7 @@ extern "C" {
 
 mnl_socket* __wrap_mnl_socket_open2(int bus, int) {
     if (world->failsNow()) {
-        errno = EMFILE;
+        fail(EMFILE);
         return nullptr;
     }
     Opened& other = world->group.isOpen ? world->counter : world->group;

@@ -69,18 +69,18 @@ void World::drawDatagram(mmsghdr& header) {
         if (left > 0) datagram.resize(Netlink::aligned(datagram.size()));
     }
     msghdr& how = header.msg_hdr;
-    const size_t taken = std::min(datagram.size(), how.msg_iov[0].iov_len);
-    datagram.resize(std::min(Netlink::aligned(taken), how.msg_iov[0].iov_len));
-    std::copy(datagram.begin(), datagram.end(), static_cast<uint8_t*>(how.msg_iov[0].iov_base));
+    const iovec& room = how.msg_iov[0];
+    const size_t taken = std::min(datagram.size(), room.iov_len);
+    datagram.resize(std::min(Netlink::aligned(taken), room.iov_len));
+    std::copy(datagram.begin(), datagram.end(), static_cast<uint8_t*>(room.iov_base));
     header.msg_len = static_cast<unsigned>(taken);
-    const bool isCut = choice % 16 == 14 || taken == how.msg_iov[0].iov_len;
+    const bool isCut = choice % 16 == 14 || taken == room.iov_len;
     how.msg_flags = isCut ? MSG_TRUNC : 0;
-    sockaddr_nl sender{};
-    sender.nl_family = AF_NETLINK;
-    sender.nl_pid = choice % 16 == 15 ? 1 + choice : 0;
-    memcpy(how.msg_name, &sender, sizeof sender);
-    how.msg_namelen = choice % 16 == 13 ? 0 : sizeof sender;
-    if (isCut || choice % 16 == 13 || sender.nl_pid != 0) {
+    const Sender sender = choice % 16 == 13   ? Sender::kNobody
+                          : choice % 16 == 15 ? Sender::kProcess
+                                              : Sender::kKernel;
+    how.msg_namelen = putSender(how.msg_name, sender);
+    if (isCut || sender != Sender::kKernel) {
         ++m_counted[kForeign];
         return;
     }
@@ -95,17 +95,22 @@ void World::drawDatagram(mmsghdr& header) {
 
 // What becomes of withdrawn messages.
 
-int World::handOver(const st_pktd_shm_queue_entry_data_t& record, const uint8_t* frame,
-                    size_t size) {
+Withdrawn& World::next() {
     finishCurrent();
-    require(!m_expected.empty(), "only refused packets are handed over, and once");
+    require(!m_expected.empty(), "only refused packets are handed over or given back, and once");
     m_current = std::move(m_expected.front());
     m_expected.pop_front();
-    m_isHandedOver = true;
-    require(m_current->ingressVlan != 0, "only what came in by a VLAN and would leave by one");
-    checkFrame(record, frame, size, *m_current->copy, m_current->quote);
-    require(record.ctrl.vid == m_current->ingressVlan, "ingress in the record");
-    require(record.ctrl.egress == static_cast<int32_t>(m_current->vlanEgress), "egress");
+    return *m_current;
+}
+
+int World::handOver(const st_pktd_shm_queue_entry_data_t& record, const uint8_t* frame,
+                    size_t size) {
+    Withdrawn& current = next();
+    current.isHandedOver = true;
+    require(current.ingressVlan != 0, "only what came in on a VLAN and would leave on one");
+    checkFrame(record, frame, size, *current.copy, current.quote);
+    require(record.ctrl.vid == current.ingressVlan, "ingress in the record");
+    require(record.ctrl.egress == static_cast<int32_t>(current.vlanEgress), "egress");
     const LineFate fate = pmtud_linux::lineFate();
     require(fate != LineFate::kWritten, "lines of a frame are not written one by one");
     if (fate == LineFate::kIgnored) ++m_counted[kUnlogged];
@@ -124,58 +129,55 @@ int World::handOver(const st_pktd_shm_queue_entry_data_t& record, const uint8_t*
 void World::readCounter(std::optional<uint64_t> reading) {
     const bool isSame = reading && *reading == m_lastReading;
     if (reading) m_lastReading = *reading;
-    if (m_current && m_isHandedOver && !m_isRead) {
-        m_isRead = true;
-        m_isLost = isSame;
+    if (m_current && m_current->isHandedOver && !m_current->isRead) {
+        m_current->isRead = true;
+        m_current->isLost = isSame;
         return;
     }
     // After it was given back, and passed the rules or did not.
-    givenBack();
-    require(!m_isGivenBack, "a message is given back once");
-    m_isGivenBack = true;
-    if (m_sent == 0) ++m_counted[kUnanswered];
+    Withdrawn& current = givenBack();
+    require(!current.isGivenBack, "a message is given back once");
+    current.isGivenBack = true;
+    if (current.sent == 0) ++m_counted[kUnanswered];
 }
 
-const Withdrawn& World::givenBack() {
-    if (m_current && !m_isGivenBack && (m_isLost || !m_isHandedOver)) return *m_current;
-    finishCurrent();
-    require(!m_expected.empty() && m_expected.front().ingressVlan == 0,
-            "only what was not answered is given back");
-    m_current = std::move(m_expected.front());
-    m_expected.pop_front();
+Withdrawn& World::givenBack() {
+    if (m_current && !m_current->isGivenBack && (m_current->isLost || !m_current->isHandedOver))
+        return *m_current;
+    require(next().ingressVlan == 0, "only what was not answered is given back");
     return *m_current;
 }
 
 void World::send(bool isNear, bool succeeds) {
-    require(givenBack().isNear() || !isNear, "which answers go to the packet's station");
-    require((isNear ? m_near : m_far)++ == 0, "each way is tried once");
-    require(m_sent == 0, "an answer is given back once");
-    m_sent += succeeds ? 1 : 0;
+    Withdrawn& current = givenBack();
+    require(current.isNear() || !isNear, "only a near answer goes to the packet's station");
+    require((isNear ? current.triesNear : current.triesFar)++ == 0, "each way is tried once");
+    require(current.sent == 0, "an answer is given back once");
+    current.sent += succeeds ? 1 : 0;
 }
 
 void World::leaveToKernel(bool succeeds) {
-    require(m_current && m_isGivenBack && m_sent == 0, "the kernel is left what nobody answered");
+    require(m_current && m_current->isGivenBack && m_current->sent == 0,
+            "the kernel is left what nobody answered");
     auto& until = m_leftToKernel[m_current->egress];
-    require(now >= until, "an interface is left to the kernel once in its time");
+    require(now >= until, "an interface is left to the kernel once at a time");
     until = now + (succeeds ? 30s : 1s);
 }
 
-// The dispatcher has gone on to something else.
 void World::finishCurrent() {
     if (!m_current) return;
-    const bool isSendable = headerOf(m_current->answer) != 0;
-    require(!m_isHandedOver || m_isRead, "the counter is read after each frame");
-    require(m_isGivenBack == (m_isLost || !m_isHandedOver),
+    const Withdrawn& last = *m_current;
+    require(!last.isHandedOver || last.isRead, "the counter is read after each frame");
+    require(last.isGivenBack == (last.isLost || !last.isHandedOver),
             "a message is given back if it was not answered, and only then");
-    if (m_isGivenBack) {
-        require(m_sent != 0 || m_leftToKernel.contains(m_current->egress),
-                "the kernel is left to answer where nobody can");
-        require(m_near == (isSendable && m_current->isNear() ? 1 : 0), "the packet's station");
-        require(m_sent + m_far != 0 || !isSendable, "each way is tried");
+    if (last.isGivenBack) {
+        const bool isSendable = headerOf(last.answer) != 0;
+        require(last.sent != 0 || m_leftToKernel.contains(last.egress),
+                "the kernel answers if nobody else can");
+        require(last.triesNear == (isSendable && last.isNear() ? 1 : 0), "the packet's station");
+        require(last.sent + last.triesFar != 0 || !isSendable, "each way is tried");
     }
     m_current.reset();
-    m_isHandedOver = m_isRead = m_isLost = m_isGivenBack = false;
-    m_near = m_far = m_sent = 0;
 }
 
 void World::settle() {
@@ -191,7 +193,7 @@ void World::takeLine(Priority priority, const std::string& line) {
     struct Known {
         Priority priority;
         const char* start;
-        int count;
+        int count = -1;
     };
     constexpr Known kKnown[] = {
         {Priority::kWarning, "the receive queue overran, messages lost: ", kLost},
@@ -199,29 +201,27 @@ void World::takeLine(Priority priority, const std::string& line) {
         {Priority::kWarning,
          "log group 89: ignored messages that this table did not log: ", kForeign},
         {Priority::kInfo, "frames answered but not logged: ", kUnlogged},
-        {Priority::kWarning, "the receive queue overran; how many messages", -1},
-        {Priority::kWarning, "the verdict ", -1},
-        {Priority::kWarning, "nothing to serve: ", -1},
-        {Priority::kError, "nothing is served (", -1},
-        {Priority::kError, "cannot install the rules: ", -1},
-        {Priority::kError, "cannot change the rules, retrying: ", -1},
-        {Priority::kError, "cannot leave the answers to the kernel: ", -1}};
-    const auto* const known = std::find_if(std::begin(kKnown), std::end(kKnown), [&](auto& one) {
+        {Priority::kWarning, "the receive queue overran; how many messages"},
+        {Priority::kWarning, "the verdict "},
+        {Priority::kWarning, "nothing to serve: "},
+        {Priority::kError, "nothing is served ("},
+        {Priority::kError, "cannot install the rules: "},
+        {Priority::kError, "cannot change the rules, retrying: "},
+        {Priority::kError, "cannot leave the answers to the kernel: "}};
+    const auto* const known = std::ranges::find_if(kKnown, [&](const Known& one) {
         return one.priority == priority && line.starts_with(one.start);
     });
     if (known == std::end(kKnown)) {
-        const bool isLoss = line.find(": the answers do not leave this router") != line.npos;
-        const bool isReturn = line.ends_with(": the answers leave this router again");
         require(priority == Priority::kWarning, "a known line");
         if (line.ends_with("; only the lower VLAN is served, so remove one of the names")) return;
-        require(m_current && m_isHandedOver, "a line about answers");
-        require(isLoss ? m_isLost : isReturn && !m_isLost, "what becomes of answers");
+        const bool isLoss = line.find(": the answers do not leave this router") != line.npos;
+        const bool isReturn = line.ends_with(": the answers leave this router again");
+        require(m_current && m_current->isHandedOver, "a line about answers");
+        require(isAnswerLost() ? isLoss : isReturn && !isLoss, "what becomes of answers");
     } else if (known->count >= 0) {
         const std::string number = line.substr(strlen(known->start));
         require(number.find_first_not_of("0123456789") == number.npos && number != "0", "a count");
-        if (!logIsDown)
-            m_logged[static_cast<size_t>(known->count)] +=
-                std::strtoull(number.c_str(), nullptr, 10);
+        if (!logIsDown) m_logged[static_cast<size_t>(known->count)] += std::stoull(number);
     } else if (line.starts_with("the verdict ")) {
         require(m_linesOfVerdict.insert(line).second, "a verdict is logged once");
     } else if (line.starts_with("the receive queue overran; ")) {

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: MIT
-// The kernel and libnftables as far as the dispatcher sees them, and what must always hold of it.
+// The kernel and libnftables as the dispatcher sees them, and what must always hold for it.
 #ifndef PMTUD_TEST_FUZZ_DISPATCHER_WORLD_H
 #define PMTUD_TEST_FUZZ_DISPATCHER_WORLD_H
 
 #include <sys/socket.h>
 
-#include <cerrno>
 #include <chrono>
 #include <deque>
 #include <set>
@@ -26,6 +25,17 @@ struct Opened {
     std::string refusal = {};  // of the last rules
 };
 
+enum class Sender { kKernel, kProcess, kNobody };
+
+/// Writes the address of a datagram's sender. Returns its size.
+inline socklen_t putSender(void* address, Sender sender) {
+    sockaddr_nl name{};
+    name.nl_family = AF_NETLINK;
+    name.nl_pid = sender == Sender::kProcess ? 78 : 0;
+    memcpy(address, &name, sizeof name);
+    return sender == Sender::kNobody ? 0 : sizeof name;
+}
+
 /// A withdrawn message. It is answered, or given back to the kernel, exactly once.
 struct Withdrawn {
     std::optional<Kept> copy;  // of the packet that it refuses
@@ -35,7 +45,15 @@ struct Withdrawn {
     int ingressVlan = 0;  // 0: it cannot be handed over
     uint32_t vlanEgress = 0;
 
-    /// The station that the packet came from, if the answer leaves where the packet came in.
+    bool isHandedOver = false;
+    bool isRead = false;  // the counter, after the frame
+    bool isLost = false;
+    bool isGivenBack = false;
+    int triesNear = 0;  // to the station that the packet came from
+    int triesFar = 0;
+    int sent = 0;
+
+    /// Whether the answer leaves where the packet came in, and from a known station.
     bool isNear() const;
 };
 
@@ -47,7 +65,7 @@ class World {
     Input input;
     std::chrono::nanoseconds now = std::chrono::hours(1);
     int callsUntilFailure = 0;  // 0: none fails
-    std::set<int> descriptors;  // that are open, but for those of libmnl
+    std::set<int> descriptors;  // that are open, except libmnl's
     Opened group{901};
     Opened linkSocket{902};
     Opened counter{903};
@@ -73,11 +91,11 @@ class World {
     // What becomes of withdrawn messages.
     int handOver(const st_pktd_shm_queue_entry_data_t& record, const uint8_t* frame, size_t size);
     void readCounter(std::optional<uint64_t> reading);
-    const Withdrawn& givenBack();
+    Withdrawn& givenBack();
     void send(bool isNear, bool succeeds);
     void leaveToKernel(bool succeeds);
     void settle();
-    bool isAnswerLost() const { return m_current && m_isLost; }
+    bool isAnswerLost() const { return m_current && m_current->isLost; }
 
     // Lines, and what is counted until it is logged.
     void takeLine(pmtud_linux::Priority priority, const std::string& line);
@@ -88,6 +106,7 @@ class World {
     enum Count { kLost, kUnanswered, kForeign, kUnlogged, kCounts };
 
     void expect(const Message& message);
+    Withdrawn& next();
     void finishCurrent();
 
     Traffic m_traffic;
@@ -100,14 +119,7 @@ class World {
     int m_framesLogged = 0;
 
     std::deque<Withdrawn> m_expected;
-    std::optional<Withdrawn> m_current;  // that the dispatcher is about
-    bool m_isHandedOver = false;
-    bool m_isRead = false;  // the counter, after the frame
-    bool m_isLost = false;
-    bool m_isGivenBack = false;
-    int m_near = 0;  // tries to send it back
-    int m_far = 0;
-    int m_sent = 0;
+    std::optional<Withdrawn> m_current;  // that the dispatcher handles
     uint64_t m_lastReading = 0;
     std::map<uint32_t, std::chrono::nanoseconds> m_leftToKernel;  // until when, by interface
 };
@@ -115,11 +127,7 @@ class World {
 /// Of the input that is being run.
 extern World* world;
 
-/// A call that fails like this, and one that fails if it is to.
-inline int fail(int error) {
-    errno = error;
-    return -1;
-}
+/// Of a call that fails only if it is its turn.
 inline int answerOrFail() { return world->failsNow() ? fail(EPERM) : 0; }
 
 }  // namespace fuzz

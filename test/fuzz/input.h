@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: MIT
-// What a fuzz target draws its test from: bytes, and zeros when they are used up.
+// The bytes from which a fuzz target draws its test; zeros follow.
 #ifndef PMTUD_TEST_FUZZ_INPUT_H
 #define PMTUD_TEST_FUZZ_INPUT_H
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -16,7 +17,7 @@ namespace fuzz {
 
 using Span = std::span<const uint8_t>;
 
-/// Reads from the front; a number is the same on every machine, so that an input is, too.
+/// Reads from the front. An input yields the same numbers on every machine.
 class Input {
  public:
     Input(const uint8_t* data, size_t size) : m_rest(data, size) {}
@@ -45,7 +46,7 @@ class Input {
         return values[byte() % Count];
     }
 
-    /// At most `count` bytes; fewer where fewer are left.
+    /// At most `count` bytes; fewer if fewer are left.
     Span bytes(size_t count) {
         const Span taken = m_rest.first(std::min(count, m_rest.size()));
         m_rest = m_rest.subspan(taken.size());
@@ -58,11 +59,17 @@ class Input {
     Span m_rest;
 };
 
-/// Ends the process, as a crash that the fuzzer keeps the input of, where `holds` is false.
+/// Crashes unless `holds`, so that the fuzzer keeps the input.
 inline void require(bool holds, const char* what) {
     if (holds) return;
     fprintf(stderr, "not so: %s\n", what);
     abort();
+}
+
+/// The result of a call that fails.
+inline int fail(int error) {
+    errno = error;
+    return -1;
 }
 
 }  // namespace fuzz

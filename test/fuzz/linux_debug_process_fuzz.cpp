@@ -7,13 +7,13 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "debug_process.h"
@@ -22,25 +22,19 @@
 #include "say.h"
 #include "system_log.h"
 
+using fuzz::fail;
 using fuzz::Input;
 using fuzz::require;
 using pmtud_linux::FrameLines;
 using pmtud_linux::Priority;
 using pmtud_linux::SystemLog;
+using Lines = std::vector<std::string>;
 
 namespace {
 
 constexpr int kActionsPerInput = 120;
 constexpr size_t kLongestLine = 1024;
 constexpr size_t kLinesKept = 16;
-
-std::string lineOf(int priority, uint32_t module, const std::string& text) {
-    std::string line = "<" + std::to_string(priority) + ">Jan  1 00:00:00 " +
-                       program_invocation_short_name + "[" + std::to_string(getpid()) +
-                       "]: " + std::to_string(module) + text;
-    line.resize(std::min(line.size(), kLongestLine));
-    return line;
-}
 
 // The system's side, and what the log is expected to know.
 struct World {
@@ -52,47 +46,45 @@ struct World {
 
     int nextSocket = 1000;
     int socket = -1;         // the log's open one
-    bool connected = false;  // and whether it leads to the log daemon
+    bool connected = false;  // to the log daemon
     std::optional<std::chrono::steady_clock::time_point> lastAttempt;
     bool healthy = false;  // nothing fails any more
 
-    std::vector<std::string> kept;
+    Lines kept;
     uint64_t lost = 0;
-    std::vector<std::string> batch;  // what is to be written now, the line about lost lines first
-    size_t accepted = 0;             // of the batch
-
-    void begin(std::vector<std::string> lines) {
-        batch = std::move(lines);
-        accepted = 0;
-        if (lost != 0)
-            batch.insert(batch.begin(),
-                         lineOf(28, 89, " PMTUD-Linux: " + std::to_string(lost) + " lines lost"));
-    }
-
-    // True if all were accepted.
-    bool end() {
-        if (batch.empty()) return true;
-        const bool all = accepted == batch.size();
-        size_t lines = batch.size();
-        size_t taken = accepted;
-        if (lost != 0) {
-            --lines;
-            if (taken != 0) {
-                --taken;
-                lost = 0;
-            }
-        }
-        lost += lines - taken;
-        batch.clear();
-        return all;
-    }
+    Lines batch;          // to be written now, the line about lost lines first
+    size_t accepted = 0;  // of the batch
 };
 
 World* world = nullptr;
 
-int fail(int error) {
-    errno = error;
-    return -1;
+std::string lineOf(int priority, uint32_t module, const std::string& text) {
+    std::string line = "<" + std::to_string(priority) + ">Jan  1 00:00:00 " +
+                       program_invocation_short_name + "[" + std::to_string(getpid()) +
+                       "]: " + std::to_string(module) + text;
+    line.resize(std::min(line.size(), kLongestLine));
+    return line;
+}
+
+// Calls `action`, which must try to write these lines and no others. Whether all were accepted.
+template <typename Action>
+bool writes(const Lines& lines, Action action) {
+    world->batch = lines;
+    world->accepted = 0;
+    const bool reports = world->lost != 0 && !lines.empty();
+    if (reports)
+        world->batch.insert(
+            world->batch.begin(),
+            lineOf(28, 89, " PMTUD-Linux: " + std::to_string(world->lost) + " lines lost"));
+    action();
+    size_t accepted = world->accepted;
+    if (reports && accepted != 0) {
+        world->lost = 0;
+        --accepted;
+    }
+    world->lost += lines.size() - accepted;
+    world->batch.clear();
+    return accepted == lines.size();
 }
 
 std::string drawText(Input& input) {
@@ -109,44 +101,34 @@ std::string drawText(Input& input) {
 
 enum class Fate { kWritten, kKept, kIgnored };
 
-void hand(Input& input, Fate fate) {
+void writeLine(Input& input, Fate fate) {
     const auto module = input.number<uint32_t>();
     const std::string text = drawText(input);
-    if (fate == Fate::kWritten) {
-        world->begin({lineOf(31, module, text)});
-        const int result = debug_process(module, "%s", text.c_str());
-        require((result == 0) == world->end() && result <= 0, "whether the line was taken");
-        return;
-    }
-    if (fate == Fate::kKept) {
-        world->kept.push_back(lineOf(31, module, text));
-        if (world->kept.size() == kLinesKept) {
-            world->begin(world->kept);
-            world->kept.clear();
-        }
-    }
-    require(debug_process(module, "%s", text.c_str()) == 0, "a line that is kept or ignored");
-    world->end();
+    const std::string line = lineOf(31, module, text);
+    Lines due;
+    if (fate == Fate::kWritten) due = {line};
+    if (fate == Fate::kKept) world->kept.push_back(line);
+    if (world->kept.size() == kLinesKept) due = std::exchange(world->kept, {});
+    int result = 0;
+    const bool accepted = writes(due, [&] { result = debug_process(module, "%s", text.c_str()); });
+    const bool isLost = fate == Fate::kWritten && !accepted;
+    require(isLost ? result < 0 : result == 0, "whether the line was lost");
 }
 
-void sayOne(Input& input) {
+void say(Input& input) {
     constexpr std::array<Priority, 3> kPriorities = {Priority::kError, Priority::kWarning,
                                                      Priority::kInfo};
     constexpr std::array<int, 3> kNumbers = {27, 28, 30};
     const size_t which = input.byte() % kPriorities.size();
     const std::string text = drawText(input);
-    world->begin({lineOf(kNumbers[which], 89, " PMTUD-Linux: " + text)});
-    const bool taken = pmtud_linux::say(kPriorities[which], text);
-    require(taken == world->end(), "whether the platform's line was taken");
+    bool result = false;
+    const bool accepted = writes({lineOf(kNumbers[which], 89, " PMTUD-Linux: " + text)},
+                                 [&] { result = pmtud_linux::say(kPriorities[which], text); });
+    require(result == accepted, "whether the platform's line was accepted");
 }
 
-void endFrame(std::optional<FrameLines>& frame, Fate& fate) {
-    world->begin(world->kept);
-    if (world->kept.empty()) world->batch.clear();
-    world->kept.clear();
-    frame.reset();
-    world->end();
-    fate = Fate::kWritten;
+void endFrame(std::optional<FrameLines>& frame) {
+    writes(std::exchange(world->kept, {}), [&] { frame.reset(); });
 }
 
 }  // namespace
@@ -205,20 +187,14 @@ int __wrap_sendmmsg(int fd, mmsghdr* messages, unsigned int count, int flags) {
                                                 ECONNREFUSED, ECONNRESET, ENOTCONN, EPERM};
         return fail(world->input.oneOf(kErrors));
     }
-    unsigned int taken = count;
-    if (what % 4 == 2) taken = 1 + world->input.byte() % count;
+    const unsigned int taken = what % 4 == 2 ? 1 + world->input.byte() % count : count;
     world->accepted += taken;
     return static_cast<int>(taken);
 }
 
 time_t __wrap_time(time_t*) { return 0; }
 
-}  // extern "C"
-
-// The mangled names of std::chrono::steady_clock::now and SystemLog::instance, with the results
-// as C has them.
-extern "C" {
-
+// The mangled names of std::chrono::steady_clock::now and SystemLog::instance, with results of C.
 int64_t __wrap__ZNSt6chrono3_V212steady_clock3nowEv() {
     return world->now.time_since_epoch().count();
 }
@@ -238,7 +214,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (int count = 0; count < kActionsPerInput && !input.exhausted(); ++count) {
         switch (input.byte() % 8) {
             case 0:
-                sayOne(input);
+                say(input);
                 break;
             case 1:
                 world->now += std::chrono::milliseconds(input.byte() * 8);
@@ -249,22 +225,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 break;
             case 3:
                 if (frame) {
-                    endFrame(frame, fate);
+                    endFrame(frame);
+                    fate = Fate::kWritten;
                 } else {
                     fate = input.byte() % 4 == 0 ? Fate::kIgnored : Fate::kKept;
                     frame.emplace(fate == Fate::kKept);
                 }
                 break;
             default:
-                hand(input, fate);
+                writeLine(input, fate);
         }
     }
-    if (frame) endFrame(frame, fate);
+    endFrame(frame);
     // A log that accepts every line again gets the count of all lost ones.
     world->healthy = true;
     world->now += std::chrono::seconds(2);
-    world->begin({lineOf(31, 89, " last")});
-    require(debug_process(89, " last") == 0 && world->end(), "the last line");
+    const auto writeLast = [] { require(debug_process(89, " last") == 0, "the last line"); };
+    require(writes({lineOf(31, 89, " last")}, writeLast), "the last line is accepted");
     require(world->lost == 0, "what was lost is reported");
     return 0;
 }

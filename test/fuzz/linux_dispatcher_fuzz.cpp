@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Fuzzes the dispatcher of the platform for stock Linux: everything that the kernel and libnftables
-// tell it comes from the input.
+// Fuzzes the dispatcher of the Linux platform: everything that it gets from the kernel and
+// libnftables comes from the input.
 #include "dispatcher.h"
 
 #include <memory>

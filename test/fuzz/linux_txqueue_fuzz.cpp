@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Fuzzes the transmit queue of the platform for stock Linux: what is posted where, and what is not.
+// Fuzzes the transmit queue of the Linux platform: what is sent and where, and what is refused.
 #include <libmnl/libmnl.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
@@ -10,16 +10,16 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdarg>
 #include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "input.h"
+#include "messages.h"
 #include "tx_queue.h"
 
+using fuzz::fail;
 using fuzz::Input;
 using fuzz::require;
 using pmtud_linux::TxQueue;
@@ -37,7 +37,7 @@ struct Interface {
     int vlan;
 };
 
-// Names that are a VLAN's, nearly one's, and as long as they may be.
+// Names of VLANs, of the first and the last one, and names that only resemble them.
 constexpr std::array<Interface, 7> kInterfaces = {{{1, "lo", 0},
                                                    {2, "bcm0.1", 1},
                                                    {3, "bcm0.20", 20},
@@ -46,29 +46,24 @@ constexpr std::array<Interface, 7> kInterfaces = {{{1, "lo", 0},
                                                    {2147483647, "bcm0.77", 77},
                                                    {70000, "bcm0.4095", 0}}};
 
-template <typename Test>
-const Interface* interfaceThat(Test isIt) {
-    const auto found = std::find_if(kInterfaces.begin(), kInterfaces.end(), isIt);
+template <typename Value, typename Member>
+const Interface* interfaceWith(const Value& value, Member member) {
+    const auto* const found = std::ranges::find(kInterfaces, value, member);
     return found == kInterfaces.end() ? nullptr : found;
 }
 
-const Interface* byIndex(int64_t index) {
-    return interfaceThat([&](const Interface& one) { return one.index == index; });
-}
+const Interface* byIndex(int64_t index) { return interfaceWith(index, &Interface::index); }
 
-const Interface* byName(const std::string& name) {
-    return interfaceThat([&](const Interface& one) { return one.name == name; });
-}
+const Interface* byName(const std::string& name) { return interfaceWith(name, &Interface::name); }
 
 struct Sent {
     int ifindex;
     uint16_t protocol;  // as it is in the address
-    std::vector<uint8_t> bytes;
+    Bytes bytes;
 
     bool operator==(const Sent&) const = default;
 };
 
-// The kernel's side.
 struct Kernel {
     bool isOpen = false;
     int socketError = 0;
@@ -78,12 +73,7 @@ struct Kernel {
 
 Kernel* kernel = nullptr;
 
-int fail(int error) {
-    errno = error;
-    return -1;
-}
-
-// What is to become of a post.
+// What must become of a post.
 struct Expected {
     int result = 0;
     std::optional<Sent> sent;
@@ -105,14 +95,13 @@ Expected expect(const Record& record, size_t length) {
     const Interface* const egress = egressOf(record);
     if (egress == nullptr) return {-ENODEV, {}};
     if (kernel->sendError != 0) return {-kernel->sendError, {}};
-    const uint8_t* const frame = record.opaque_0;
-    std::vector<uint8_t> bytes(frame, frame + length);
-    const bool hasTag = length >= 18 && frame[12] == 0x81 && frame[13] == 0x00;
-    if (hasTag && egress->vlan != 0 && (frame[14] % 16) * 256 + frame[15] == egress->vlan)
-        bytes.erase(bytes.begin() + 12, bytes.begin() + 16);
+    Bytes frame(record.opaque_0, record.opaque_0 + length);
+    const bool hasTag = length >= 18 && get16(frame, 12) == 0x8100;
+    if (hasTag && egress->vlan != 0 && get16(frame, 14) % 4096 == static_cast<size_t>(egress->vlan))
+        frame.erase(frame.begin() + 12, frame.begin() + 16);
     uint16_t protocol = 0;
-    memcpy(&protocol, &bytes[12], sizeof protocol);
-    return {0, Sent{egress->index, protocol, bytes}};
+    memcpy(&protocol, &frame[12], sizeof protocol);
+    return {0, Sent{egress->index, protocol, frame}};
 }
 
 void draw(Input& input, Record& record) {
@@ -124,17 +113,14 @@ void draw(Input& input, Record& record) {
     constexpr std::array<int, 10> kPorts = {0,     1,          2,          3,  39999,
                                             69999, 2147483646, 2147483647, -1, 5};
     control.dst_port = input.oneOf(kPorts);
-    uint8_t* const frame = record.opaque_0;
-    for (int i = 0; i < 12; ++i) frame[i] = input.byte();
+    Bytes start(24);
+    for (size_t i = 0; i < 12; ++i) start[i] = input.byte();
     constexpr std::array<uint16_t, 4> kTypes = {0x8100, 0x0800, 0x8101, 0x88a8};
-    const uint16_t type = input.oneOf(kTypes);
-    frame[12] = static_cast<uint8_t>(type >> 8);
-    frame[13] = static_cast<uint8_t>(type);
-    const auto vlan = static_cast<uint16_t>(input.oneOf(kNumbers) | (input.byte() << 12));
-    frame[14] = static_cast<uint8_t>(vlan >> 8);
-    frame[15] = static_cast<uint8_t>(vlan);
-    for (int i = 16; i < 24; ++i) frame[i] = input.byte();
-    frame[kLargestFrame - 1] = input.byte();
+    put16(start, 12, input.oneOf(kTypes));
+    put16(start, 14, static_cast<size_t>(input.oneOf(kNumbers) | (input.byte() << 12)));
+    for (size_t i = 16; i < 24; ++i) start[i] = input.byte();
+    std::copy(start.begin(), start.end(), record.opaque_0);
+    record.opaque_0[kLargestFrame - 1] = input.byte();
 }
 
 size_t drawLength(Input& input) {
@@ -179,30 +165,23 @@ int __wrap_close(int fd) {
     return 0;
 }
 
-// Nobody tells of alternative names.
+// There are no alternative names.
 mnl_socket* __wrap_mnl_socket_open2(int, int) {
-    errno = EMFILE;
+    fail(EMFILE);
     return nullptr;
 }
 
-int __wrap_ioctl(int fd, unsigned long request, ...) {
+int __wrap_ioctl(int fd, unsigned long request, ifreq* about) {
     require(fd == kPacketSocket && kernel->isOpen, "the queue's own socket");
-    std::va_list arguments;
-    va_start(arguments, request);
-    auto& about = *va_arg(arguments, ifreq*);
-    va_end(arguments);
-    if (request == SIOCGIFNAME) {
-        const Interface* const found = byIndex(about.ifr_ifindex);
-        if (found == nullptr) return fail(ENODEV);
-        memset(about.ifr_name, 0, sizeof about.ifr_name);
-        memcpy(about.ifr_name, found->name, strlen(found->name));
-        return 0;
-    }
-    require(request == SIOCGIFINDEX, "requests");
-    require(memchr(about.ifr_name, 0, sizeof about.ifr_name) != nullptr, "a name that ends");
-    const Interface* const found = byName(about.ifr_name);
+    require(request == SIOCGIFNAME || request == SIOCGIFINDEX, "requests");
+    const bool hasIndex = request == SIOCGIFNAME;
+    require(hasIndex || memchr(about->ifr_name, 0, IFNAMSIZ) != nullptr, "a name that ends");
+    const Interface* const found = hasIndex ? byIndex(about->ifr_ifindex) : byName(about->ifr_name);
     if (found == nullptr) return fail(ENODEV);
-    about.ifr_ifindex = found->index;
+    if (hasIndex)
+        strcpy(about->ifr_name, found->name);
+    else
+        about->ifr_ifindex = found->index;
     return 0;
 }
 

@@ -1,64 +1,73 @@
 // SPDX-License-Identifier: MIT
 // The level check of a statement: it precedes everything else, and does not change what surrounds
 // the statement.
-#include <gtest/gtest.h>
+#include <type_traits>
+#include <utility>
 
-#include <algorithm>
-#include <ostream>
-#include <string>
-
-#include "QVLog.h"
-#include "captured_log.h"
-#include "fake_syscalls.h"
+#include "daemon_test.h"
 
 namespace {
+
+using daemon_test::Lines;
+using daemon_test::logAt;
 
 int evaluations = 0;
 
 int evaluated() { return ++evaluations; }
 
-// A level is a word of the statement, so that each has its own.
-constexpr void (*kStatements[])() = {
-    [] { QV_LOG(ERROR, 1) << evaluated(); },  [] { QV_LOG(WARNING, 1) << evaluated(); },
-    [] { QV_LOG(INFO, 1) << evaluated(); },   [] { QV_LOG(DEBUG, 1) << evaluated(); },
-    [] { QV_LOG(DEBUG1, 1) << evaluated(); }, [] { QV_LOG(DEBUG2, 1) << evaluated(); },
-    [] { QV_LOG(DEBUG3, 1) << evaluated(); }, [] { QV_LOG(DEBUG4, 1) << evaluated(); }};
-
-class Gate : public testing::Test {
+class Gate : public daemon_test::FakesTest {
  protected:
-    void SetUp() override {
-        fake::resetClock();
-        evaluations = 0;
-    }
+    Gate() { evaluations = 0; }
 };
 
-class GateMatrix : public Gate, public testing::WithParamInterface<std::tuple<int32_t, int32_t>> {};
+struct Level {
+    qv::LogLevel level;
+    int code;
+    const char* name;
+    void (*statement)();
+};
 
-TEST_P(GateMatrix, StatementIsWrittenAndEvaluatedOnlyUpToTheThreshold) {
-    const auto [level, threshold] = GetParam();
-    const CapturedLog log(threshold);
-    kStatements[level]();
-    EXPECT_EQ(evaluations, level <= threshold ? 1 : 0);
-    EXPECT_EQ(linesOf(log.text()).size(), level <= threshold ? 1U : 0U);
+class LevelTest : public Gate, public testing::WithParamInterface<Level> {};
+
+static_assert(std::is_same_v<std::underlying_type_t<qv::LogLevel>, int32_t>);
+
+TEST_P(LevelTest, HasItsCodeAndItsName) {
+    EXPECT_EQ(static_cast<int>(GetParam().level), GetParam().code);
+    EXPECT_EQ(qv::toString(GetParam().level), GetParam().name);
+    const Lines lines = logAt(qv::DEBUG4, GetParam().statement);
+    EXPECT_TRUE(lines.at(0).starts_with("14:03:07.2 " + std::string(GetParam().name) +
+                                        ": [gate_test:1 | "));
 }
 
-INSTANTIATE_TEST_SUITE_P(Every, GateMatrix,
-                         testing::Combine(testing::Range(0, 8), testing::Range(-1, 9)));
+TEST_P(LevelTest, IsWrittenAndEvaluatedOnlyUpToTheThreshold) {
+    for (int threshold = -1; threshold <= 8; ++threshold) {
+        const bool isOpen = GetParam().code <= threshold;
+        EXPECT_EQ(logAt(threshold, GetParam().statement).size(), isOpen ? 1U : 0U) << threshold;
+        EXPECT_EQ(std::exchange(evaluations, 0), isOpen ? 1 : 0) << threshold;
+    }
+}
 
-class GateWithoutAStream : public testing::TestWithParam<int32_t> {};
-
-TEST_P(GateWithoutAStream, IsClosedForEveryLevelAndEvaluatesNothing) {
-    evaluations = 0;
+TEST_P(LevelTest, IsNeitherWrittenNorEvaluatedWithoutAStream) {
     const CapturedLog log(qv::DEBUG4);
-    FILE* const stream = qv::stream();
-    qv::stream() = nullptr;
-    kStatements[GetParam()]();
+    FILE* const stream = std::exchange(qv::stream(), nullptr);
+    GetParam().statement();
     qv::stream() = stream;
     EXPECT_EQ(evaluations, 0);
     EXPECT_EQ(log.text(), "");
 }
 
-INSTANTIATE_TEST_SUITE_P(Every, GateWithoutAStream, testing::Range(0, 8));
+// A level is a word of the statement, so that each has its own.
+INSTANTIATE_TEST_SUITE_P(
+    Every, LevelTest,
+    testing::Values(Level{qv::ERROR, 0, "ERROR", [] { QV_LOG(ERROR, 1) << evaluated(); }},
+                    Level{qv::WARNING, 1, "WARNING", [] { QV_LOG(WARNING, 1) << evaluated(); }},
+                    Level{qv::INFO, 2, "INFO", [] { QV_LOG(INFO, 1) << evaluated(); }},
+                    Level{qv::DEBUG, 3, "DEBUG", [] { QV_LOG(DEBUG, 1) << evaluated(); }},
+                    Level{qv::DEBUG1, 4, "DEBUG1", [] { QV_LOG(DEBUG1, 1) << evaluated(); }},
+                    Level{qv::DEBUG2, 5, "DEBUG2", [] { QV_LOG(DEBUG2, 1) << evaluated(); }},
+                    Level{qv::DEBUG3, 6, "DEBUG3", [] { QV_LOG(DEBUG3, 1) << evaluated(); }},
+                    Level{qv::DEBUG4, 7, "DEBUG4", [] { QV_LOG(DEBUG4, 1) << evaluated(); }}),
+    daemon_test::kCaseName);
 
 TEST_F(Gate, LeavesAnElseToTheIfBeforeItWhetherItIsOpenOrClosed) {
     const CapturedLog log(qv::ERROR);
@@ -77,27 +86,21 @@ TEST_F(Gate, LeavesAnElseToTheIfBeforeItWhetherItIsOpenOrClosed) {
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(Gate, ThatIsClosedMakesNoLoggerAndAsksNoTime) {
+TEST_F(Gate, ThatIsClosedMakesNoLoggerAsksNoTimeAndEvaluatesNeitherLineNorFunction) {
     fake::clock().localtimeFails = true;
     const CapturedLog log(qv::ERROR);
-    EXPECT_NO_THROW(QV_LOG(WARNING, 1) << "never made");
+    const auto function = [] { return ++evaluations == 1 ? "f" : "g"; };
+    EXPECT_NO_THROW(QV_LOG_IN(WARNING, evaluated(), function()) << "never made");
+    EXPECT_EQ(evaluations, 0);
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(Gate, DoesNotEvaluateTheLineOrTheFunctionOfASuppressedStatement) {
-    const CapturedLog log(qv::ERROR);
-    const auto function = [] { return ++evaluations == 1 ? "f" : "g"; };
-    QV_LOG_IN(WARNING, evaluated(), function()) << "never made";
-    EXPECT_EQ(evaluations, 0);
-}
-
 TEST_F(Gate, BindsWeakerThanTheInsertionsAfterIt) {
-    const CapturedLog log(qv::ERROR);
-    QV_LOG(ERROR, 1) << 1 + 1 << (2 > 1 ? "yes" : "no") << (6 & 2);
-    EXPECT_EQ(log.text().substr(log.text().size() - 7), "2yes2\r\n");
+    const auto statement = [] { QV_LOG(ERROR, 1) << 1 + 1 << (2 > 1 ? "yes" : "no") << (6 & 2); };
+    EXPECT_TRUE(logAt(qv::ERROR, statement).at(0).ends_with("] 2yes2\r\n"));
 }
 
-TEST_F(Gate, IsNotTakenInByNamesOfTheFunctionAroundIt) {
+TEST_F(Gate, IsNotMisledByNamesOfTheFunctionAroundIt) {
     const CapturedLog log(qv::ERROR);
     // NOLINTBEGIN(readability-isolate-declaration): a list of names, no more.
     const int os = 1, level = 2, stream = 3, detail = 4, file = 5, line = 6, get = 7;
@@ -105,15 +108,14 @@ TEST_F(Gate, IsNotTakenInByNamesOfTheFunctionAroundIt) {
     // NOLINTEND(readability-isolate-declaration)
     QV_LOG(ERROR, 1) << os << level << stream << detail << file << line << get << reportingLevel
                      << isReported << kBaseName << EndOfStatement << function;
-    const std::string end = "1234567-108910\r\n";
-    EXPECT_EQ(log.text().substr(log.text().size() - end.size()), end);
+    EXPECT_TRUE(log.text().ends_with("] 1234567-108910\r\n"));
 }
 
 TEST_F(Gate, IsOneStatementInALoopWithoutBraces) {
-    const CapturedLog log(qv::ERROR);
-    for (int i = 0; i < 3; ++i) QV_LOG(ERROR, 1) << i;
-    const std::string text = log.text();
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 3);
+    const auto statements = [] {
+        for (int i = 0; i < 3; ++i) QV_LOG(ERROR, 1) << i;
+    };
+    EXPECT_EQ(logAt(qv::ERROR, statements).size(), 3U);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Formatted text to hold the daemon's against, which comes from streams.
+// Formatted text to compare the daemon's with, which comes from streams.
 #ifndef PMTUD_TEST_EXPECTED_TEXT_H
 #define PMTUD_TEST_EXPECTED_TEXT_H
 

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
-// The text forms of headers as printf writes them, to hold those of the daemon against.
+// The text forms of headers as printf and inet_ntop write them, to compare the daemon's with.
 #ifndef PMTUD_TEST_REFERENCE_H
 #define PMTUD_TEST_REFERENCE_H
 
-#include <array>
+#include <arpa/inet.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -43,36 +44,9 @@ inline std::string shortMac(const uint8_t* b) {
 
 inline std::string ipv4(const uint8_t* b) { return text("%u.%u.%u.%u", b[0], b[1], b[2], b[3]); }
 
-/// As glibc's inet_ntop: the first longest run of two or more zero groups is "::", and the last
-/// four bytes after only zeros, or after zeros and ffff, are written as an IPv4 address.
 inline std::string ipv6(const uint8_t* b) {
-    std::array<unsigned, 8> groups{};
-    for (size_t i = 0; i < 8; ++i) groups[i] = b[2 * i] * 256U + b[2 * i + 1];
-    size_t runAt = 8;
-    size_t runLength = 1;
-    for (size_t begin = 0; begin < 8; ++begin) {
-        size_t end = begin;
-        while (end < 8 && groups[end] == 0) ++end;
-        if (end - begin <= runLength) continue;
-        runAt = begin;
-        runLength = end - begin;
-    }
-    const bool compatible = runAt == 0 && runLength == 6;
-    const bool mapped = runAt == 0 && runLength == 5 && groups[5] == 0xFFFF;
-    if (compatible) return "::" + ipv4(b + 12);
-    if (mapped) return "::ffff:" + ipv4(b + 12);
-
-    std::string all;
-    for (size_t i = 0; i < 8; ++i) {
-        if (i == runAt) {
-            all += "::";
-            i += runLength - 1;
-            continue;
-        }
-        if (!all.empty() && all.back() != ':') all += ':';
-        all += text("%x", groups[i]);
-    }
-    return all;
+    char all[INET6_ADDRSTRLEN];
+    return inet_ntop(AF_INET6, b, all, sizeof all);
 }
 
 inline std::string ethDump(const uint8_t* b) {

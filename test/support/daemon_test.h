@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: MIT
-// What the tests of the daemon's units share: fakes that have seen nothing, logs, the engine.
+// What the tests of the daemon's units share: fakes that have seen nothing, logs, the journal.
 #ifndef PMTUD_TEST_DAEMON_TEST_H
 #define PMTUD_TEST_DAEMON_TEST_H
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <functional>
+#include <stdexcept>
 #include <string>
 
 #include "QVLog.h"
@@ -31,6 +33,25 @@ Lines logAt(int32_t level, Work work) {
     const CapturedLog log(level);
     work();
     return linesOf(log.text());
+}
+
+inline Lines::const_iterator find(const Lines& lines, const std::string& beginning) {
+    const auto found = std::find_if(lines.begin(), lines.end(), [&](const std::string& line) {
+        return line.starts_with(beginning);
+    });
+    if (found == lines.end()) throw std::out_of_range(beginning);
+    return found;
+}
+
+/// The lines up to and including the first that begins like this, which must exist.
+inline Lines upTo(const Lines& lines, const std::string& beginning) {
+    return {lines.begin(), find(lines, beginning) + 1};
+}
+
+/// Without the first line that begins like this, which must exist.
+inline Lines without(Lines lines, const std::string& beginning) {
+    lines.erase(find(lines, beginning));
+    return lines;
 }
 
 /// The name of a case in a table: its member `name`.

@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <ctime>
+#include <sstream>
 
 #include "allocations.h"
 #include "captured_log.h"
@@ -58,12 +59,15 @@ int __wrap_fflush(FILE* file) {
     return failure ? static_cast<int>(failure->result) : 0;
 }
 
-// The process entry's calls, which are made only while a journal is open.
+// The process entry's calls, which reach the kernel unless a journal is open.
 
 int __wrap_open(const char* path, int flags, mode_t mode) {
     if (Journal::current() == nullptr) return __real_open(path, flags, mode);
     const Paused paused;
-    const auto failure = fake::made("open", fake::openText(path, flags, mode));
+    std::ostringstream text;
+    text << "open(" << fake::Quoted{path} << ", " << std::showbase << std::hex << flags << ", "
+         << std::oct << mode << ")";
+    const auto failure = fake::made("open", text.str());
     return failure ? static_cast<int>(failure->result) : 303;
 }
 
@@ -75,9 +79,9 @@ int __wrap_flock(int fd, int operation) {
 }
 
 int __wrap_usleep(useconds_t microseconds) {
-    if (Journal::current() == nullptr) return __real_usleep(microseconds);
     const Paused paused;
     const auto failure = fake::made("usleep", callText("usleep", microseconds));
+    if (Journal::current() == nullptr) return __real_usleep(microseconds);
     return failure ? static_cast<int>(failure->result) : 0;
 }
 

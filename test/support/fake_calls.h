@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What all fakes do with a call: note it, and fail it if a test or a script demands that.
+// What all fakes do with a call: note it, and let it fail if the test wants that.
 #ifndef PMTUD_TEST_FAKE_CALLS_H
 #define PMTUD_TEST_FAKE_CALLS_H
 
@@ -20,9 +20,8 @@ struct Failure {
     int error = 0;
 };
 
-/// A fake has been called. `entry` is what the journal (journal.h) or the scripted daemon's log
-/// shows; empty: nothing. May throw.
-/// @return how the call is to fail, if it is
+/// Every fake reports its call here. `entry` is what the journal (journal.h) or the target's daemon
+/// shows of it; empty: nothing. May throw. Returns how the call must fail, if it must.
 std::optional<Failure> made(const char* call, const std::string& entry);
 
 /// Sockets, of either kind, that were opened and not closed.
@@ -39,8 +38,8 @@ std::string callText(const char* call, const Arguments&... arguments) {
     return os.str();
 }
 
-/// Notes a call in `calls`. The result is the failure's if the call is to fail, or else the
-/// answer's; `detail` is for the journal alone.
+/// Notes a call in `calls`. Returns the failure's result if the call must fail, otherwise the
+/// answer's. Only the journal shows `detail`.
 template <typename Answer, typename... Arguments>
 auto play(std::vector<std::string>& calls, const char* call, Answer answer,
           const std::string& detail, const Arguments&... arguments) {
@@ -50,20 +49,12 @@ auto play(std::vector<std::string>& calls, const char* call, Answer answer,
     return failure ? static_cast<decltype(answer())>(failure->result) : answer();
 }
 
-/// An argument to be shown in quotes.
+/// An argument that is shown in quotes.
 struct Quoted {
     const char* text;
 };
 inline std::ostream& operator<<(std::ostream& os, Quoted quoted) {
     return os << '"' << quoted.text << '"';
-}
-
-/// An open with its flags in hexadecimal and its mode in octal.
-inline std::string openText(const char* path, int flags, unsigned mode) {
-    std::ostringstream os;
-    os << "open(" << Quoted{path} << ", " << std::showbase << std::hex << flags << ", " << std::oct
-       << mode << ")";
-    return os.str();
 }
 
 inline std::string hex(const void* start, size_t count) {

@@ -2,6 +2,7 @@
 // System calls that a test must see or fail: the network's and the clock's.
 #include "fake_syscalls.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
@@ -13,27 +14,16 @@
 
 using allocations::Paused;
 
-namespace fake {
-
 namespace {
-
-Syscalls currentSyscalls;
-Clock currentClock;
-
-time_t clockSeconds() { return clock().hour * 3600 + clock().minute * 60 + clock().second; }
-
-}  // namespace
-
-Syscalls& syscalls() { return currentSyscalls; }
-void resetSyscalls() { currentSyscalls = Syscalls(); }
-
-Clock& clock() { return currentClock; }
-void resetClock() { currentClock = Clock(); }
-
-}  // namespace fake
 
 using fake::play;
 using fake::syscalls;
+
+time_t clockSeconds() {
+    return fake::clock().hour * 3600 + fake::clock().minute * 60 + fake::clock().second;
+}
+
+}  // namespace
 
 extern "C" {
 
@@ -58,7 +48,7 @@ ssize_t __wrap_sendto(int fd, const void* message, size_t length, int flags,
                       const struct sockaddr* to, socklen_t addressLength) {
     const Paused paused;
     const auto* const bytes = static_cast<const uint8_t*>(message);
-    fake::SentMessage sent{fd, {bytes, bytes + length}, flags, {}, addressLength};
+    fake::SentMessage sent{{bytes, bytes + length}, {}};
     memcpy(&sent.to, to, sizeof sent.to);
     syscalls().sent.push_back(sent);
     return play(
@@ -67,11 +57,15 @@ ssize_t __wrap_sendto(int fd, const void* message, size_t length, int flags,
         std::to_string(length) + " bytes", flags, addressLength);
 }
 
+int __real_close(int fd);
+
 /// The descriptor is gone even if the call fails, as with the kernel.
 int __wrap_close(int fd) {
+    const auto socket = fake::openSockets.find(fd);
+    const bool isTheTests = socket == fake::openSockets.end() && fcntl(fd, F_GETFD) != -1;
+    if (isTheTests) return __real_close(fd);
     const Paused paused;
-    const auto found = fake::openSockets.find(fd);
-    if (found != fake::openSockets.end()) fake::openSockets.erase(found);
+    if (socket != fake::openSockets.end()) fake::openSockets.erase(socket);
     return play(syscalls().calls, "close", syscalls().close, {}, fd);
 }
 
@@ -83,7 +77,7 @@ unsigned __wrap_if_nametoindex(const char* name) {
 time_t __wrap_time(time_t* out) {
     const Paused paused;
     const auto failure = fake::made("time", "");
-    const time_t now = failure ? failure->result : fake::clockSeconds();
+    const time_t now = failure ? failure->result : clockSeconds();
     if (out != nullptr) *out = now;
     return now;
 }
@@ -94,7 +88,7 @@ struct tm* __wrap_localtime_r(const time_t* seconds, struct tm* result) {
     if (fake::made("localtime_r", "") || fake::clock().localtimeFails) return nullptr;
     gmtime_r(seconds, result);
     // A leap second, which shares its number with the second before it.
-    if (*seconds == fake::clockSeconds()) {
+    if (*seconds == clockSeconds()) {
         result->tm_hour = fake::clock().hour;
         result->tm_min = fake::clock().minute;
         result->tm_sec = fake::clock().second;
@@ -107,7 +101,7 @@ int __wrap_gettimeofday(struct timeval* now, void*) {
     const Paused paused;
     if (const auto failure = fake::made("gettimeofday", ""))
         return static_cast<int>(failure->result);
-    now->tv_sec = fake::clockSeconds() + 1;
+    now->tv_sec = clockSeconds() + 1;
     now->tv_usec = fake::clock().microseconds;
     return 0;
 }

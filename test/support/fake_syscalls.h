@@ -14,18 +14,15 @@ namespace fake {
 
 /// A message that sendto was given.
 struct SentMessage {
-    int fd;
     std::vector<uint8_t> bytes;
-    int flags;
     sockaddr_in to;
-    unsigned addressLength;
 };
 
 /// What the network's calls answer, and what they saw. None reaches the kernel.
 struct Syscalls {
     std::function<int()> socket = [] { return 404; };
     std::function<int()> setsockopt = [] { return 0; };
-    /// The result; a negative one is not counted as sent by the kernel but is still recorded.
+    /// The message is recorded even if the result is negative.
     std::function<long(size_t len)> sendto = [](size_t len) { return static_cast<long>(len); };
     std::function<int()> close = [] { return 0; };
     std::function<unsigned(const std::string& name)> ifNameToIndex = [](const std::string&) {
@@ -39,9 +36,6 @@ struct Syscalls {
     std::vector<SentMessage> sent;
 };
 
-Syscalls& syscalls();
-void resetSyscalls();
-
 /// The clock that log lines show; 14:03:07.245 after a reset.
 struct Clock {
     int hour = 14;
@@ -51,8 +45,16 @@ struct Clock {
     bool localtimeFails = false;
 };
 
-Clock& clock();
-void resetClock();
+namespace detail {
+inline Syscalls currentSyscalls;
+inline Clock currentClock;
+}  // namespace detail
+
+inline Syscalls& syscalls() { return detail::currentSyscalls; }
+inline void resetSyscalls() { detail::currentSyscalls = {}; }
+
+inline Clock& clock() { return detail::currentClock; }
+inline void resetClock() { detail::currentClock = {}; }
 
 }  // namespace fake
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The scripted platform: the seam's functions, for the unit tests and for the daemon as a process.
+// The scripted platform: the seam's functions, for the unit tests and for the target's daemon.
 #include "fake_platform.h"
 
 #include <cstdarg>
@@ -11,11 +11,11 @@
 
 using allocations::Paused;
 
-namespace fake {
-
 namespace {
 
-Platform current;
+using fake::platform;
+using fake::play;
+using fake::Quoted;
 
 const char* poolName(const void* pool) {
     if (pool == pktd_tx_queue_pool) return "pktd_tx_queue_pool";
@@ -25,7 +25,7 @@ const char* poolName(const void* pool) {
     return pool == nullptr ? "0" : "?";
 }
 
-/// Of a call that succeeds with 0.
+/// The result of a call that succeeds with 0.
 template <typename... Arguments>
 int status(const char* call, const Arguments&... arguments) {
     return play(
@@ -33,24 +33,6 @@ int status(const char* call, const Arguments&... arguments) {
 }
 
 }  // namespace
-
-Platform& platform() { return current; }
-
-void resetPlatform() { current = Platform(); }
-
-std::vector<std::string> Platform::debugTexts() const {
-    std::vector<std::string> texts;
-    for (const DebugLine& line : debugLines) texts.push_back(line.text);
-    return texts;
-}
-
-}  // namespace fake
-
-using fake::platform;
-using fake::play;
-using fake::poolName;
-using fake::Quoted;
-using fake::status;
 
 extern "C" {
 
@@ -73,10 +55,7 @@ uint32_t cfg_vlan_l3_get_mtu(int vlan) {
     return play(platform().calls, "cfg_vlan_l3_get_mtu", answer, {}, vlan);
 }
 
-int cfg_vlan_l3_get_mtu_vlan(int vlan) {
-    const auto answer = [vlan] { return platform().mtuVlan(vlan); };
-    return play(platform().calls, "cfg_vlan_l3_get_mtu_vlan", answer, {}, vlan);
-}
+int cfg_vlan_l3_get_mtu_vlan(int vlan) { return status("cfg_vlan_l3_get_mtu_vlan", vlan); }
 
 int pktd_shm_queue_init(const char* client, int first, int second, void* tx_pool, void* rx_pool) {
     return status("pktd_shm_queue_init", Quoted{client}, first, second, poolName(tx_pool),
@@ -86,10 +65,9 @@ int pktd_shm_queue_init(const char* client, int first, int second, void* tx_pool
 int pktd_shm_rx_thread_init(const char* client, void* rx_pool, void* rx_wl_pool, int first,
                             int second, pktd_rx_cb_t callback, void* user) {
     platform().callback = callback;
-    const auto answer = [] { return platform().rxThreadInit(); };
-    return play(platform().calls, "pktd_shm_rx_thread_init", answer, {}, Quoted{client},
-                poolName(rx_pool), poolName(rx_wl_pool), first, second,
-                callback == nullptr ? "0" : "callback", poolName(user));
+    return status("pktd_shm_rx_thread_init", Quoted{client}, poolName(rx_pool),
+                  poolName(rx_wl_pool), first, second, callback == nullptr ? "0" : "callback",
+                  poolName(user));
 }
 
 /// Every byte is 0xEE, so that one written later shows.
@@ -105,7 +83,7 @@ int shm_data_entry_post(void* queue, st_pktd_shm_queue_entry_data_t* entry, size
                         uint32_t* out) {
     const Paused paused;
     const auto* const bytes = reinterpret_cast<const uint8_t*>(entry);
-    platform().posted.push_back({{bytes, bytes + sizeof *entry}, len});
+    platform().posted.emplace_back(bytes, bytes + sizeof *entry);
     *out = 0xFFFFFFFF;
     return status("shm_data_entry_post", poolName(queue), len);
 }

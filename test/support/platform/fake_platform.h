@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The scripted platform: the seam's functions, for the unit tests and for the daemon as a process.
+// The scripted platform: the seam's functions, for the unit tests and for the target's daemon.
 #ifndef PMTUD_TEST_FAKE_PLATFORM_H
 #define PMTUD_TEST_FAKE_PLATFORM_H
 
@@ -36,21 +36,11 @@ struct Icmp6Message {
     const void* handedOver;  ///< where the first piece was
 };
 
-/// A frame that shm_data_entry_post was given.
-struct PostedEntry {
-    std::vector<uint8_t> record;
-    size_t len;
-};
-
 /// What the platform answers, unless a call has to fail, and what it saw. Every answer may throw.
 /// Calls without a field here return 0.
 struct Platform {
     std::function<int(int egress)> destVlan = [](int) { return 100; };
     std::function<uint32_t(int vlan)> vlanMtu = [](int) { return 1500U; };
-    std::function<int(int vlan)> mtuVlan = [](int vlan) { return vlan; };
-
-    /// Called with `callback` set.
-    std::function<int()> rxThreadInit = [] { return 0; };
     std::function<int(int32_t* fd)> icmp6SocketCreate = [](int32_t* fd) {
         *fd = 606;
         return 0;
@@ -65,7 +55,8 @@ struct Platform {
     std::vector<std::string> calls;
     std::vector<DebugLine> debugLines;
     std::vector<Icmp6Message> icmp6Messages;
-    std::vector<PostedEntry> posted;
+    /// The records that shm_data_entry_post was given.
+    std::vector<std::vector<uint8_t>> posted;
     /// What arpd_icmp6_socket_create was given.
     std::string interface;
     /// What pktd_queue_entry_data_vlan_based_init was given.
@@ -74,14 +65,22 @@ struct Platform {
     pktd_rx_cb_t callback = nullptr;
 
     /// The texts of debugLines alone.
-    std::vector<std::string> debugTexts() const;
+    std::vector<std::string> debugTexts() const {
+        std::vector<std::string> texts;
+        for (const DebugLine& line : debugLines) texts.push_back(line.text);
+        return texts;
+    }
 };
 
+namespace detail {
+inline Platform currentPlatform;
+}
+
 /// The platform from which the seam's functions answer.
-Platform& platform();
+inline Platform& platform() { return detail::currentPlatform; }
 
 /// Restores the answers above, with nothing seen.
-void resetPlatform();
+inline void resetPlatform() { detail::currentPlatform = {}; }
 
 }  // namespace fake
 

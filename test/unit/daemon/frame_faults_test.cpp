@@ -3,12 +3,12 @@
 #include <cerrno>
 #include <climits>
 #include <ostream>
+#include <utility>
 
 #include "run.h"
 
 namespace {
 
-using fake::Failure;
 using fake::Journal;
 using run::Frame;
 using run::golden;
@@ -20,18 +20,15 @@ using run::upTo;
 using run::without;
 using run::operator+;
 
-const Frame* const kFrames[] = {&ipv4(), &ipv6()};
-
-std::string familyOf(const Frame& frame) { return &frame == &ipv4() ? "OfIpv4" : "OfIpv6"; }
-
-/// What one failing call makes of a frame; `left` is the frame's whole journal at DEBUG.
+/// What one failing call makes of a frame.
 struct Fault {
     std::string name;
     const Frame& frame;
     const char* call;
-    Failure failure;
-    int times;  ///< how often a frame makes the call, at DEBUG
-    Lines left;
+    Lines left;  ///< the frame's whole journal at DEBUG
+    long result;
+    int error = 0;
+    int times = 1;  ///< how often a frame makes the call, at DEBUG
 };
 
 std::ostream& operator<<(std::ostream& os, const Fault& fault) { return os << fault.name; }
@@ -88,152 +85,162 @@ std::vector<Fault> allFaults() {
     const std::string noMtu6 = "MTU: 2147483648 (VLAN ID : 20 Egress ID: 20)";
 
     std::vector<Fault> faults = {
-        {"TheVlanIsAnErrno",
-         ipv4(),
-         vlan,
-         {-22},
-         1,
-         refusedAt(ipv4(), vlan, "115" + kPlace4, noVlan4, noVlan4)},
-        {"TheMtuIsAnErrno",
-         ipv4(),
-         mtu,
-         {-22},
-         1,
-         refusedAt(ipv4(), mtu, "122" + kPlace4, noMtu4, noMtu4)},
-        {"NoDescriptorIsLeft",
-         ipv4(),
-         "socket",
-         {-1, EMFILE},
-         1,
-         endsAt(ipv4(), "socket", {"89 PMTUD-Prot: Error creating socket"})},
-        {"TheTimeToLiveIsRefused", ipv4(), "setsockopt", {-1, EPERM}, 1, path4},
-        {"TheSendIsInterrupted", ipv4(), "sendto", {-1, EINTR}, 1, unsent4},
-        {"TheMessageIsTooLong", ipv4(), "sendto", {-1, EMSGSIZE}, 1, unsent4},
-        {"TheSendTakesNoByte", ipv4(), "sendto", {0}, 1, path4},
-        {"TheSendTakesAllButAByte", ipv4(), "sendto", {67}, 1, path4},
-        {"TheVlanIsTheLargest",
-         ipv6(),
-         vlan,
-         {INT_MAX},
-         1,
+        {"TheVlanIsAnErrno", ipv4(), vlan,
+         refusedAt(ipv4(), vlan, "115" + kPlace4, noVlan4, noVlan4), -22},
+        {"TheMtuIsAnErrno", ipv4(), mtu, refusedAt(ipv4(), mtu, "122" + kPlace4, noMtu4, noMtu4),
+         -22},
+        {"NoDescriptorIsLeft", ipv4(), "socket",
+         endsAt(ipv4(), "socket", {"89 PMTUD-Prot: Error creating socket"}), -1, EMFILE},
+        {"TheTimeToLiveIsRefused", ipv4(), "setsockopt", path4, -1, EPERM},
+        {"TheSendIsInterrupted", ipv4(), "sendto", unsent4, -1, EINTR},
+        {"TheMessageIsTooLong", ipv4(), "sendto", unsent4, -1, EMSGSIZE},
+        {"TheSendTakesNoByte", ipv4(), "sendto", path4, 0},
+        {"TheSendTakesAllButAByte", ipv4(), "sendto", path4, 67},
+        {"TheVlanIsTheLargest", ipv6(), vlan,
          refusedAt(ipv6(), vlan, "211" + kPlace6, "ID: 2147483647 (Egress ID: 20)",
-                   "ID: 2147483647(Egress ID: 20)")},
-        // Beyond INT_MAX by way of the bits, so that a long of 32 bits holds it.
-        {"TheMtuIsBeyondTheSignedRange",
-         ipv6(),
-         mtu,
-         {INT_MIN},
-         1,
-         refusedAt(ipv6(), mtu, "218" + kPlace6, noMtu6, noMtu6)},
-        {"ThereIsNoInterface", ipv6(), "if_nametoindex", {0, ENODEV}, 1, withoutInterface()},
-        {"TheSocketsOpeningAnswersMinusEnodev", ipv6(), create, {-19}, 1, endsAt(ipv6(), create)},
-        {"TheSocketsOpeningAnswersOne", ipv6(), create, {1}, 1, endsAt(ipv6(), create)},
-        {"TheSendAnswersMinusOne", ipv6(), send, {-1}, 1, unsent6},
-        {"TheSendAnswersTheSmallest", ipv6(), send, {INT_MIN}, 1, unsent6},
-        {"TheSendAnswersACount", ipv6(), send, {1500}, 1, path6},
+                   "ID: 2147483647(Egress ID: 20)"),
+         INT_MAX},
+        // INT_MIN has the bits of an MTU beyond INT_MAX, and fits a long of 32 bits.
+        {"TheMtuIsBeyondTheSignedRange", ipv6(), mtu,
+         refusedAt(ipv6(), mtu, "218" + kPlace6, noMtu6, noMtu6), INT_MIN},
+        {"ThereIsNoInterface", ipv6(), "if_nametoindex", withoutInterface(), 0, ENODEV},
+        {"TheSocketsOpeningReturnsMinusEnodev", ipv6(), create, endsAt(ipv6(), create), -19},
+        {"TheSocketsOpeningReturnsOne", ipv6(), create, endsAt(ipv6(), create), 1},
+        {"TheSendReturnsMinusOne", ipv6(), send, unsent6, -1},
+        {"TheSendReturnsTheSmallest", ipv6(), send, unsent6, INT_MIN},
+        {"TheSendReturnsACount", ipv6(), send, path6, 1500},
     };
     // A line that cannot be written is lost, and nothing else.
-    for (const Frame* const frame : kFrames) {
+    for (const Frame* const frame : {&ipv4(), &ipv6()}) {
+        const Lines& path = golden(*frame);
         const int lines = frame == &ipv4() ? 11 : 13;
-        faults.push_back({"TheSocketIsNotClosed", *frame, "close", {-1, EINTR}, 1, golden(*frame)});
-        faults.push_back(
-            {"TheDebugProcessIsFull", *frame, "debug_process", {-105}, 9, golden(*frame)});
-        faults.push_back({"NoLineIsPut", *frame, "fputs", {EOF, ENOSPC}, lines, golden(*frame)});
-        faults.push_back(
-            {"NoLineIsFlushed", *frame, "fflush", {EOF, EPIPE}, lines, golden(*frame)});
+        faults.push_back({"TheSocketIsNotClosed", *frame, "close", path, -1, EINTR});
+        faults.push_back({"TheDebugProcessIsFull", *frame, "debug_process", path, -105, 0, 9});
+        faults.push_back({"NoLineIsPut", *frame, "fputs", path, EOF, ENOSPC, lines});
+        faults.push_back({"NoLineIsFlushed", *frame, "fflush", path, EOF, EPIPE, lines});
     }
     return faults;
 }
 
-class AFrame : public run::Daemon, public testing::WithParamInterface<Fault> {};
-
-TEST_P(AFrame, IsHandledTwiceInARowIfThisFailsAndTheThirdIsAnswered) {
+class FaultTest : public run::Daemon, public testing::WithParamInterface<Fault> {
+ protected:
     const Fault& fault = GetParam();
+    const fake::Failure failure = {fault.result, fault.error};
+};
+
+TEST_P(FaultTest, LeavesTheSameLinesTwiceInARowAndTheThirdFrameIsAnswered) {
     Journal journal(qv::DEBUG);
-    fake::fail(fault.call, fault.failure, 2 * fault.times);
-    for (const char* const frame : {"first", "second"}) {
+    fake::fail(fault.call, failure, 2 * fault.times);
+    for (const Lines* const left : {&fault.left, &fault.left, &golden(fault.frame)}) {
         receive(journal, fault.frame);
-        EXPECT_EQ(journal.take(), fault.left) << frame;
-        EXPECT_TRUE(fake::openSockets.empty()) << frame;
+        EXPECT_EQ(journal.take(), *left);
+        EXPECT_TRUE(fake::openSockets.empty());
     }
-    receive(journal, fault.frame);
-    EXPECT_EQ(journal.entries, golden(fault.frame));
-    EXPECT_TRUE(fake::openSockets.empty());
 }
 
-TEST_P(AFrame, IsHandledInTheSameWayBelowTheThreshold) {
-    Lines left = GetParam().left;
+TEST_P(FaultTest, LeavesTheSameCallsBelowTheThreshold) {
+    Lines left = fault.left;
     std::erase_if(left, [](const std::string& entry) { return entry.ends_with("\r\n"); });
     Journal journal(qv::INFO);
-    fake::fail(GetParam().call, GetParam().failure, GetParam().times);
-    receive(journal, GetParam().frame);
+    fake::fail(fault.call, failure, fault.times);
+    receive(journal, fault.frame);
     EXPECT_EQ(journal.entries, left);
     EXPECT_TRUE(fake::openSockets.empty());
 }
 
-INSTANTIATE_TEST_SUITE_P(Fault, AFrame, testing::ValuesIn(allFaults()), [](const auto& instance) {
-    return familyOf(instance.param.frame) + "If" + instance.param.name;
+INSTANTIATE_TEST_SUITE_P(If, FaultTest, testing::ValuesIn(allFaults()), [](const auto& instance) {
+    return instance.param.name + run::familyOf(instance.param.frame);
 });
 
-/// The n-th log statement of a frame's path, which needs the time.
-struct Statement {
-    const Frame* frame;
-    int nth;
-};
+// Each log statement needs the time.
 
-class AFrameWithoutTheTime : public run::Daemon, public testing::WithParamInterface<Statement> {};
+class TimelessTest : public run::AnsweredFrame {};
 
 /// Only the IPv6 path has a statement while its socket is open, the eleventh.
-TEST_P(AFrameWithoutTheTime, EndsAtTheStatementWithAnEmptyLineAndTheNextIsAnswered) {
-    const auto [frame, nth] = GetParam();
-    Lines left;
-    int lines = 0;
-    for (const std::string& entry : golden(*frame)) {
-        if (entry.ends_with("\r\n") && ++lines == nth) break;
-        left.push_back(entry);
+TEST_P(TimelessTest, EachStatementWithoutATimeEndsTheFrameWithAnEmptyLineAndTheNextIsAnswered) {
+    const Lines& path = golden(frame);
+    int nth = 0;
+    for (auto entry = path.begin(); entry != path.end(); ++entry) {
+        if (!entry->ends_with("\r\n")) continue;
+        SCOPED_TRACE(++nth);
+        Journal journal(qv::DEBUG);
+        for (int time = 0; time < 2; ++time) {
+            fake::fail("localtime_r", {0, EOVERFLOW}, 1, nth - 1);
+            receive(journal, frame);
+            EXPECT_EQ(journal.take(), Lines(path.begin(), entry) +
+                                          Lines({"\r\n", "throws Could not get local time"}));
+        }
+        const bool leavesSockets = &frame == &ipv6() && nth == 11;
+        EXPECT_EQ(std::exchange(fake::openSockets, {}),
+                  leavesSockets ? std::multiset<int>({606, 606}) : std::multiset<int>());
+        receive(journal, frame);
+        EXPECT_EQ(journal.entries, path);
     }
-    Journal journal(qv::DEBUG);
-    for (int time = 0; time < 2; ++time) {
-        fake::fail("localtime_r", {0, EOVERFLOW}, 1, nth - 1);
-        receive(journal, *frame);
-        EXPECT_EQ(journal.take(), left + Lines({"\r\n", "throws Could not get local time"}));
-    }
-    const bool leavesSockets = frame == &ipv6() && nth == 11;
-    EXPECT_EQ(fake::openSockets,
-              leavesSockets ? std::multiset<int>({606, 606}) : std::multiset<int>());
-    receive(journal, *frame);
-    EXPECT_EQ(journal.entries, golden(*frame));
+    EXPECT_EQ(nth, &frame == &ipv4() ? 11 : 13);
 }
 
-std::vector<Statement> statements() {
-    std::vector<Statement> all;
-    for (int nth = 1; nth <= 11; ++nth) all.push_back({&ipv4(), nth});
-    for (int nth = 1; nth <= 13; ++nth) all.push_back({&ipv6(), nth});
-    return all;
-}
-
-INSTANTIATE_TEST_SUITE_P(At, AFrameWithoutTheTime, testing::ValuesIn(statements()),
-                         [](const auto& instance) {
-                             return familyOf(*instance.param.frame) + "Statement" +
-                                    std::to_string(instance.param.nth);
-                         });
-
-class EitherFrame : public run::Daemon, public testing::WithParamInterface<const Frame*> {};
-
-TEST_P(EitherFrame, NeedsNoTimeBelowTheThreshold) {
+TEST_P(TimelessTest, NoTimeIsNeededBelowTheThreshold) {
     Journal journal(qv::WARNING);
     fake::fail("localtime_r", {0, EOVERFLOW});
-    receive(journal, *GetParam());
-    EXPECT_EQ(journal.entries, goldenAtWarning(*GetParam()));
+    receive(journal, frame);
+    EXPECT_EQ(journal.entries, goldenAtWarning(frame));
 }
 
+INSTANTIATE_TEST_SUITE_P(Family, TimelessTest, run::kAnsweredFrames, run::kFamily);
+
+// Each address must be converted, for the debug process and for the dumps.
+
+class AddressTest : public run::AnsweredFrame {};
+
+TEST_P(AddressTest, ThatCannotBeWrittenEndsTheFrameAndTheNextIsAnswered) {
+    const Lines whole = goldenAtWarning(frame);
+    int nth = 0;
+    for (const std::string line : {"89 PMTUD-Prot:    From: ", "89 PMTUD-Prot:    To: "}) {
+        Lines left = upTo(whole, line);
+        left.back() = line;
+        Journal journal(qv::WARNING);
+        fake::fail("inet_ntop", {0, ENOSPC}, 1, nth++);
+        receive(journal, frame);
+        // The exception's text is the address library's.
+        ASSERT_TRUE(journal.entries.back().starts_with("throws "));
+        journal.entries.pop_back();
+        EXPECT_EQ(journal.take(), left);
+        EXPECT_TRUE(fake::openSockets.empty());
+        receive(journal, frame);
+        EXPECT_EQ(journal.entries, whole);
+    }
+}
+
+TEST_P(AddressTest, IsNotWrittenWhileTheSocketIsOpen) {
+    Journal journal(qv::WARNING);
+    fake::fail("inet_ntop", {0, ENOSPC}, 10, 2);
+    receive(journal, frame);
+    EXPECT_EQ(journal.entries, goldenAtWarning(frame));
+}
+
+TEST_P(AddressTest, OfADumpThatCannotBeWrittenDoesNotKeepTheFrameFromBeingAnswered) {
+    Lines expected = golden(frame);
+    for (std::string& entry : expected) {
+        if (const auto at = entry.find("\nSrc: "); at != entry.npos) entry.resize(at + 6);
+        if (entry.ends_with("\nSrc: ")) entry += "\r\n";
+    }
+    Journal journal(qv::DEBUG);
+    fake::fail("inet_ntop", {0, ENOSPC}, 2);
+    receive(journal, frame);
+    EXPECT_EQ(journal.entries, expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(Family, AddressTest, run::kAnsweredFrames, run::kFamily);
+
+class DescriptorTest : public run::AnsweredFrame {};
+
 /// If the process was started without its standard input, 0 is the next descriptor.
-TEST_P(EitherFrame, IsAnsweredThroughDescriptor0) {
+TEST_P(DescriptorTest, ZeroIsASocketLikeAnyOther) {
     fake::syscalls().socket = [] { return 0; };
     fake::platform().icmp6SocketCreate = [](int32_t* fd) { return *fd = 0; };
     Journal journal(qv::DEBUG);
-    receive(journal, *GetParam());
-    Lines expected = golden(*GetParam());
+    receive(journal, frame);
+    Lines expected = golden(frame);
     for (std::string& entry : expected) {
         for (const char* const descriptor : {"(404", "(606"}) {
             const auto found = entry.find(descriptor);
@@ -244,47 +251,6 @@ TEST_P(EitherFrame, IsAnsweredThroughDescriptor0) {
     EXPECT_TRUE(fake::openSockets.empty());
 }
 
-// Addresses, in the lines of the debug process and in the dumps.
-
-TEST_P(EitherFrame, EndsAtAnAddressThatCannotBeWrittenAndTheNextIsAnswered) {
-    const Lines whole = goldenAtWarning(*GetParam());
-    int nth = 0;
-    for (const std::string line : {"89 PMTUD-Prot:    From: ", "89 PMTUD-Prot:    To: "}) {
-        Lines left = upTo(whole, line);
-        left.back() = line;
-        Journal journal(qv::WARNING);
-        fake::fail("inet_ntop", {0, ENOSPC}, 1, nth++);
-        receive(journal, *GetParam());
-        // The exception's text is the address library's.
-        ASSERT_TRUE(journal.entries.back().starts_with("throws "));
-        journal.entries.pop_back();
-        EXPECT_EQ(journal.take(), left);
-        EXPECT_TRUE(fake::openSockets.empty());
-        receive(journal, *GetParam());
-        EXPECT_EQ(journal.entries, whole);
-    }
-}
-
-TEST_P(EitherFrame, WritesNoAddressWhileItsSocketIsOpen) {
-    Journal journal(qv::WARNING);
-    fake::fail("inet_ntop", {0, ENOSPC}, 10, 2);
-    receive(journal, *GetParam());
-    EXPECT_EQ(journal.entries, goldenAtWarning(*GetParam()));
-}
-
-TEST_P(EitherFrame, IsAnsweredIfAnAddressOfItsDumpCannotBeWritten) {
-    Lines expected = golden(*GetParam());
-    for (std::string& entry : expected) {
-        if (const auto at = entry.find("\nSrc: "); at != entry.npos) entry.resize(at + 6);
-        if (entry.ends_with("\nSrc: ")) entry += "\r\n";
-    }
-    Journal journal(qv::DEBUG);
-    fake::fail("inet_ntop", {0, ENOSPC}, 2);
-    receive(journal, *GetParam());
-    EXPECT_EQ(journal.entries, expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(Family, EitherFrame, testing::ValuesIn(kFrames),
-                         [](const auto& instance) { return familyOf(*instance.param); });
+INSTANTIATE_TEST_SUITE_P(Family, DescriptorTest, run::kAnsweredFrames, run::kFamily);
 
 }  // namespace

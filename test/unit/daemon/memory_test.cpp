@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
 // The n-th allocation fails, for every n: lines, verdicts, descriptors, what stays held, what next.
+#include <gmock/gmock.h>
+
 #include <algorithm>
 #include <new>
 #include <optional>
@@ -12,7 +14,6 @@ namespace {
 
 using allocations::Counted;
 using fake::Journal;
-using run::Frame;
 using run::golden;
 using run::goldenAtWarning;
 using run::ipv4;
@@ -20,20 +21,22 @@ using run::ipv6;
 using run::Lines;
 using run::upTo;
 using run::operator+;
+using testing::AllOf;
+using testing::AnyOf;
+using testing::Contains;
+using testing::Matches;
+using testing::Not;
+using testing::StartsWith;
 
 const std::string kFails = "operator new fails";
 const std::string kThrows = "throws std::bad_alloc";
 
-/// On another thread, whose first line has no memory of an earlier one to be built in.
+/// On another thread, because this one's next line could be built in the memory of its last.
 void onAFreshThread(const std::function<void()>& work) { std::thread(work).join(); }
-
-const auto kFamily = [](const auto& instance) {
-    return std::string(instance.param == &ipv4() ? "OfIpv4" : "OfIpv6");
-};
 
 // At WARNING, when few allocations are made.
 
-/// Where a frame may end for want of memory: the last entry before, and the line being built.
+/// Where a shortage of memory may end a frame: the last entry before, and the line being built.
 struct Shortage {
     const char* before;
     const char* cut;
@@ -48,7 +51,7 @@ constexpr Shortage kShortages[] = {
     {"89 PMTUD-Prot:    From: ", "89 PMTUD-Prot:    To: "},
 };
 
-class AFrameAtWarning : public run::Daemon, public testing::WithParamInterface<const Frame*> {
+class FrameAtWarning : public run::AnsweredFrame {
  protected:
     /// Whether a frame's journal is possible when memory runs out. A stream does not report that
     /// its buffer cannot grow: the line is cut to what fitted, and the frame is handled further.
@@ -56,17 +59,16 @@ class AFrameAtWarning : public run::Daemon, public testing::WithParamInterface<c
         Lines cutFirst = whole;
         cutFirst.at(0) = "89 PMTUD-Prot: Re";
         if (journal == whole || journal == Lines{kFails} + cutFirst) return true;
-        const size_t count = frame == &ipv4() ? 2 : 4;
+        const size_t count = &frame == &ipv4() ? 2 : 4;
         return std::any_of(kShortages, kShortages + count, [&](const Shortage& shortage) {
             return journal == upTo(whole, shortage.before) + Lines{kFails, shortage.cut, kThrows};
         });
     }
 
-    const Frame* const frame = GetParam();
-    const Lines whole = goldenAtWarning(*frame);
+    const Lines whole = goldenAtWarning(frame);
 };
 
-TEST_P(AFrameAtWarning, EndsAtALineTwiceInARowForEveryAllocationThatFailsAndTheThirdIsAnswered) {
+TEST_P(FrameAtWarning, EndsAtALineTwiceInARowForEveryAllocationThatFailsAndTheThirdIsAnswered) {
     int failures = 0;
     for (bool failed = true; failed; ++failures) {
         Journal journal(qv::WARNING);
@@ -75,12 +77,12 @@ TEST_P(AFrameAtWarning, EndsAtALineTwiceInARowForEveryAllocationThatFailsAndTheT
             for (const int nth : {failures + 1, failures}) {
                 {
                     const Counted counted(nth);
-                    receive(journal, *frame);
+                    receive(journal, frame);
                     if (nth > failures) failed = counted.failed();
                 }
                 EXPECT_TRUE(mayBe(journal.take())) << failures + 1;
             }
-            receive(journal, *frame);
+            receive(journal, frame);
         });
         EXPECT_EQ(journal.entries, whole) << failures + 1;
         EXPECT_TRUE(fake::openSockets.empty()) << failures + 1;
@@ -88,10 +90,10 @@ TEST_P(AFrameAtWarning, EndsAtALineTwiceInARowForEveryAllocationThatFailsAndTheT
     }
     // The most that a thread's first frame makes, and the round that saw no failure.
     EXPECT_GE(failures, 2);
-    EXPECT_LE(failures, frame == &ipv4() ? 4 : 6);
+    EXPECT_LE(failures, &frame == &ipv4() ? 4 : 6);
 }
 
-INSTANTIATE_TEST_SUITE_P(Family, AFrameAtWarning, testing::Values(&ipv4(), &ipv6()), kFamily);
+INSTANTIATE_TEST_SUITE_P(Family, FrameAtWarning, run::kAnsweredFrames, run::kFamily);
 
 // At DEBUG4, when every line is built.
 
@@ -102,22 +104,18 @@ bool lacksAPiece(const std::string& line, const std::string& whole) {
     return whole.ends_with(std::string(parted, line.end()));
 }
 
-class AFrameAtDebug4 : public run::Daemon, public testing::WithParamInterface<const Frame*> {
+class FrameAtDebug4 : public run::AnsweredFrame {
  protected:
     /// A whole journal: the golden one, and two lines at DEBUG1 whose bytes are the processor's.
     Lines wholeJournal() {
         Journal journal(qv::DEBUG4);
-        receive(journal, *frame);
+        receive(journal, frame);
         return journal.entries;
     }
 
-    bool isOpenAfter(const Lines& entries) const {
-        const auto has = [&](const char* beginning) {
-            return std::any_of(entries.begin(), entries.end(), [&](const std::string& entry) {
-                return entry.starts_with(beginning);
-            });
-        };
-        return (has("socket(") || has("arpd_icmp6_socket_create(")) && !has("close(");
+    static bool isOpenAfter(const Lines& entries) {
+        const auto opens = AnyOf(StartsWith("socket("), StartsWith("arpd_icmp6_socket_create("));
+        return Matches(AllOf(Contains(opens), Not(Contains(StartsWith("close(")))))(entries);
     }
 
     /// What a frame leaves whose allocation failed.
@@ -135,20 +133,18 @@ class AFrameAtDebug4 : public run::Daemon, public testing::WithParamInterface<co
         EXPECT_EQ(fake::openSockets.size(), isOpenAfter(journal) ? 1U : 0U);
         EXPECT_TRUE(threw || fake::openSockets.empty());
     }
-
-    const Frame* const frame = GetParam();
 };
 
-TEST_P(AFrameAtDebug4, IsTheGoldenOneAndTwoLinesMore) {
+TEST_P(FrameAtDebug4, IsTheGoldenOneAndTwoLinesMore) {
     Lines lines = wholeJournal();
     const auto isDump = [](const std::string& entry) {
         return entry.starts_with("14:03:07.2 DEBUG1: ");
     };
     EXPECT_EQ(std::erase_if(lines, isDump), 2U);
-    EXPECT_EQ(lines, golden(*frame));
+    EXPECT_EQ(lines, golden(frame));
 }
 
-TEST_P(AFrameAtDebug4, ThrowsOrLosesAPieceOfOneLineForEveryAllocationThatFails) {
+TEST_P(FrameAtDebug4, ThrowsOrLosesAPieceOfOneLineForEveryAllocationThatFails) {
     const Lines whole = wholeJournal();
     int nth = 0;
     for (bool failed = true; failed && !HasFailure();) {
@@ -157,13 +153,13 @@ TEST_P(AFrameAtDebug4, ThrowsOrLosesAPieceOfOneLineForEveryAllocationThatFails) 
         onAFreshThread([&] {
             {
                 const Counted counted(nth);
-                receive(journal, *frame);
+                receive(journal, frame);
                 failed = counted.failed();
             }
             if (failed) check(journal.take(), whole);
             if (!failed) journal.take();
             fake::openSockets.clear();
-            receive(journal, *frame);
+            receive(journal, frame);
         });
         EXPECT_EQ(journal.entries, whole);
         EXPECT_EQ(allocations::alive(), 0);
@@ -171,79 +167,76 @@ TEST_P(AFrameAtDebug4, ThrowsOrLosesAPieceOfOneLineForEveryAllocationThatFails) 
     EXPECT_GT(nth, 20);
 }
 
-TEST_P(AFrameAtDebug4, HoldsOneLinesMemoryWhileItsThreadLives) {
+TEST_P(FrameAtDebug4, HoldsOneLinesMemoryWhileItsThreadLives) {
     Journal journal(qv::DEBUG4);
     onAFreshThread([&] {
         {
             const Counted counted;
-            receive(journal, *frame);
-            receive(journal, *frame);
+            receive(journal, frame);
+            receive(journal, frame);
         }
         EXPECT_EQ(allocations::alive(), 1);
     });
     EXPECT_EQ(allocations::alive(), 0);
 }
 
-TEST_P(AFrameAtDebug4, ThrowsIfThereIsNoMemoryAtAllFromSomePointOn) {
+TEST_P(FrameAtDebug4, ThrowsIfThereIsNoMemoryAtAllFromSomePointOn) {
     const Lines whole = wholeJournal();
     for (int nth = 1; nth <= 20; ++nth) {
         Journal journal(qv::DEBUG4);
         onAFreshThread([&] {
             {
                 const Counted counted(nth, true);
-                receive(journal, *frame);
+                receive(journal, frame);
             }
             EXPECT_EQ(journal.take().back(), kThrows) << nth;
             EXPECT_TRUE(fake::openSockets.empty()) << nth;
-            receive(journal, *frame);
+            receive(journal, frame);
             EXPECT_EQ(journal.entries, whole) << nth;
         });
         EXPECT_EQ(allocations::alive(), 0) << nth;
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Family, AFrameAtDebug4, testing::Values(&ipv4(), &ipv6()), kFamily);
+INSTANTIATE_TEST_SUITE_P(Family, FrameAtDebug4, run::kAnsweredFrames, run::kFamily);
 
 // The end of a line happens in a destructor: an exception there would end the process.
 
-/// Ends lines of many lengths without memory; the journal holds each line.
-template <typename Logger, typename Begin, typename Check>
-void endLinesOfEveryLength(Begin begin, Check check) {
-    for (size_t length = 0; length <= 2100; ++length) {
-        Journal journal(qv::WARNING);
-        onAFreshThread([&] {
-            std::optional<Logger> logger(std::in_place);
-            begin(*logger) << std::string(length, 'x');
-            const Counted counted(1, true);
-            logger.reset();
-        });
-        check(std::string(length, 'x'), journal.entries);
-    }
-    EXPECT_EQ(allocations::alive(), 0);
+/// A line that is ended without memory.
+template <typename Logger, typename... Beginning>
+Lines endedLine(const std::string& text, const Beginning&... beginning) {
+    Journal journal(qv::WARNING);
+    onAFreshThread([&] {
+        std::optional<Logger> logger(std::in_place);
+        logger->get(beginning...) << text;
+        const Counted counted(1, true);
+        logger.reset();
+    });
+    return journal.entries;
 }
 
 TEST(TheEndOfALine, AllocatesNothingForTheDebugProcess) {
-    const auto begin = [](qv::QVDebugProcLog& log) -> std::ostream& { return log.get(89, "name"); };
-    endLinesOfEveryLength<qv::QVDebugProcLog>(begin,
-                                              [](const std::string& text, const Lines& entries) {
-                                                  EXPECT_EQ(entries, Lines{"89 name: " + text});
-                                              });
+    for (size_t length = 0; length <= 2100; ++length) {
+        const std::string text(length, 'x');
+        EXPECT_EQ(endedLine<qv::QVDebugProcLog>(text, 89U, "name"), Lines{"89 name: " + text});
+    }
+    EXPECT_EQ(allocations::alive(), 0);
 }
 
 /// What is lost if the buffer is full is the CR LF or its LF.
 TEST(TheEndOfALine, IsAllThatAFileLineLosesIfItsBufferIsFull) {
     int losses = 0;
-    const auto begin = [](qv::QVDevLog& log) -> std::ostream& {
-        return log.get("f", 1, "g", qv::ERROR);
-    };
-    endLinesOfEveryLength<qv::QVDevLog>(begin, [&](const std::string& text, const Lines& entries) {
+    for (size_t length = 0; length <= 2100; ++length) {
+        const std::string text(length, 'x');
+        const Lines entries = endedLine<qv::QVDevLog>(text, "f", 1, "g", qv::ERROR);
         const std::string line = "14:03:07.2 ERROR: [f:1 | g] " + text;
-        if (entries == Lines{line + "\r\n"}) return;
+        if (entries == Lines{line + "\r\n"}) continue;
         ++losses;
         EXPECT_TRUE(entries == (Lines{kFails, line}) || entries == (Lines{kFails, line + "\r"}));
-    });
+    }
     EXPECT_GT(losses, 0);
     EXPECT_LT(losses, 20);
+    EXPECT_EQ(allocations::alive(), 0);
 }
 
 /// The line is what its buffer held, and no statement of this kind throws.
@@ -268,7 +261,7 @@ TEST(TheAdapter, IsMadeWithoutMemory) {
 
 class TheApplication : public run::Daemon {};
 
-TEST_F(TheApplication, LosesTheEndOfItsFirstLineIfMemoryIsShortAndAttachesAllTheSame) {
+TEST_F(TheApplication, LosesTheEndOfItsFirstLineIfMemoryIsShortAndAttachesNevertheless) {
     Journal journal(qv::DEBUG4);
     onAFreshThread([&] {
         const Counted counted(1);

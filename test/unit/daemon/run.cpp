@@ -2,13 +2,10 @@
 // The daemon's objects, the frames that they are given, and each frame's entries in run.golden.
 #include "run.h"
 
-#include <algorithm>
 #include <exception>
 #include <fstream>
-#include <iterator>
 #include <map>
-#include <sstream>
-#include <stdexcept>
+#include <optional>
 
 #include "allocations.h"
 
@@ -92,14 +89,6 @@ std::map<std::string, Lines> readGolden() {
     return sections;
 }
 
-Lines::const_iterator find(const Lines& lines, const std::string& beginning) {
-    const auto found = std::find_if(lines.begin(), lines.end(), [&](const std::string& entry) {
-        return entry.starts_with(beginning);
-    });
-    if (found == lines.end()) throw std::out_of_range(beginning);
-    return found;
-}
-
 }  // namespace
 
 const std::vector<Frame>& frames() {
@@ -107,24 +96,15 @@ const std::vector<Frame>& frames() {
     return all;
 }
 
-const Lines& golden(const std::string& title) {
+const Lines& golden(const Frame& frame) {
     static const std::map<std::string, Lines> sections = readGolden();
-    return sections.at(title);
+    return sections.at(frame.title);
 }
 
 Lines goldenAtWarning(const Frame& frame) {
     Lines left = golden(frame);
     std::erase_if(left, [](const std::string& entry) { return entry.ends_with("\r\n"); });
     return left;
-}
-
-Lines upTo(const Lines& lines, const std::string& beginning) {
-    return {lines.begin(), find(lines, beginning) + 1};
-}
-
-Lines without(Lines lines, const std::string& beginning) {
-    lines.erase(find(lines, beginning));
-    return lines;
 }
 
 st_pktd_shm_queue_entry_data_t recordOf(const Frame& frame) {

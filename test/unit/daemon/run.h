@@ -12,6 +12,8 @@
 
 namespace run {
 
+using daemon_test::upTo;
+using daemon_test::without;
 using fake::Journal;
 using packets::Bytes;
 using packets::Lines;
@@ -34,18 +36,10 @@ inline const Frame& ipv6() { return frames()[1]; }
 st_pktd_shm_queue_entry_data_t recordOf(const Frame& frame);
 
 /// This frame's entries in run.golden: everything that leaves the daemon at its threshold.
-const Lines& golden(const std::string& title);
-inline const Lines& golden(const Frame& frame) { return golden(frame.title); }
+const Lines& golden(const Frame& frame);
 
 /// The same at WARNING: without the lines of the file channel.
 Lines goldenAtWarning(const Frame& frame);
-
-/// The entries up to and including the first that begins like this; throws std::out_of_range if
-/// there is none.
-Lines upTo(const Lines& lines, const std::string& beginning);
-
-/// Without the first entry that begins like this; throws std::out_of_range if there is none.
-Lines without(Lines lines, const std::string& beginning);
 
 /// The daemon's objects, as the process entry makes them, on fakes that have seen nothing.
 class Daemon : public testing::Test {
@@ -62,6 +56,16 @@ class Daemon : public testing::Test {
     VlanConfig config;
     PMTUDApp app{&config, getShmWrapperApp()};
 };
+
+/// Either of the frames that are answered.
+class AnsweredFrame : public Daemon, public testing::WithParamInterface<const Frame*> {
+ protected:
+    const Frame& frame = *GetParam();
+};
+
+inline const auto kAnsweredFrames = testing::Values(&ipv4(), &ipv6());
+inline std::string familyOf(const Frame& frame) { return &frame == &ipv4() ? "OfIpv4" : "OfIpv6"; }
+constexpr auto kFamily = [](const auto& instance) { return familyOf(*instance.param); };
 
 }  // namespace run
 

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
-# Checks that a built daemon does not call what would detach it, handle signals or read settings.
+# Checks that a built daemon does not call what would detach it, handle signals, read settings or
+# write to standard output.
 set -euo pipefail
 
 if [[ ${1:-} == --help || $# -ne 2 ]]; then
@@ -17,6 +18,7 @@ grep -qx flock <<<"$symbols"
 unwanted='fork|vfork|clone|posix_spawn|daemon|setsid|setpgid|setpgrp|dup2|chdir'
 unwanted+='|signal|sigaction|sigprocmask|pthread_sigmask|signalfd|sigwait'
 unwanted+='|getenv|secure_getenv|environ|__environ|setlocale|write|ftruncate|ftruncate64|unlink'
+unwanted+='|puts|putchar|printf|__printf_chk|stdout|_ZSt4cout'
 if grep -xE "$unwanted" <<<"$symbols"; then
     echo "$2: calls these" >&2
     exit 1

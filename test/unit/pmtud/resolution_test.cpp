@@ -25,7 +25,7 @@ TEST_F(VlanConfigTest, HandsQuestionsOnAndAnswersBackUnchanged) {
     for (const int answer : {kLeast, -1, 0, 4095, kMost}) {
         answerVlan(answer);
         EXPECT_EQ(cfg.getDestVlan(kLeast), answer);
-        fake::platform().mtuVlan = [answer](int) { return answer; };
+        fake::fail("cfg_vlan_l3_get_mtu_vlan", {answer});
         EXPECT_EQ(cfg.getMtuVlan(4095), answer);
         EXPECT_EQ(last(fake::platform().calls), "cfg_vlan_l3_get_mtu_vlan(4095)");
     }

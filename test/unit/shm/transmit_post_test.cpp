@@ -33,7 +33,7 @@ class TransmitPostTest : public daemon_test::FakesTest {
     TransmitPostTest() { adapter.setFrameInfo(16909060, 84281096, 6, 100, 2048, 77); }
 
     bool post(bool directed) { return adapter.pktdTxQueuePost(frame.data(), 22, directed); }
-    static Bytes posted() { return fake::platform().posted.at(0).record; }
+    static Bytes posted() { return fake::platform().posted.at(0); }
 
     SHM_Wrapper_App adapter;
     Bytes frame = taggedFrame();

@@ -8,10 +8,8 @@
 namespace {
 
 using std::string_literals::operator""s;
-using shm_test::Failure;
 using shm_test::Fields;
 using shm_test::fields;
-using shm_test::kCaseName;
 using shm_test::Lines;
 
 const std::string kInitializing =
@@ -42,12 +40,6 @@ TEST_F(AttachmentTest, LogsThenAttachesTheQueuesThenStartsTheThreadOnTheReceiveC
     EXPECT_EQ(fake::platform().callback, &SHM_Wrapper_App::pkt_rx_cb);
 }
 
-TEST_F(AttachmentTest, IsSilentAtInfo) {
-    fake::Journal journal(qv::INFO);
-    adapter.init();
-    EXPECT_EQ(journal.entries, (Lines{kQueueInit, kThreadInit}));
-}
-
 TEST_F(AttachmentTest, SetsTheInitialisedFlagOnlyAfterTheThreadHasStarted) {
     const auto isClear = [this] { EXPECT_FALSE(adapter.m_initialised); };
     isClear();
@@ -76,39 +68,37 @@ TEST_F(AttachmentTest, IsNeitherMadeByTheConstructorNorUndoneByTheDestructor) {
     EXPECT_EQ(fake::platform().calls, (Lines{kQueueInit, kThreadInit}));
 }
 
-class FailingAttachmentTest : public AttachmentTest, public testing::WithParamInterface<Failure> {
- protected:
-    /// The line at the lowest threshold that shows it, twice, and then a success.
-    void failsTwice(const char* call, const Lines& left) {
-        fake::fail(call, {GetParam().result}, 2);
+// Failures in a row, at the lowest threshold that shows their line, and then a success.
+
+TEST_F(AttachmentTest, LogsThatTheQueueFailedAndDoesNotStartTheThread) {
+    for (const auto& [result, text] : shm_test::kFailures) {
+        fake::fail("pktd_shm_queue_init", {result});
         fake::Journal journal(qv::ERROR);
-        for (int time = 0; time < 2; ++time) {
-            EXPECT_FALSE(adapter.init());
-            EXPECT_EQ(journal.take(), left);
-            EXPECT_FALSE(adapter.m_initialised);
-        }
-        EXPECT_TRUE(adapter.init());
-        EXPECT_EQ(journal.entries, (Lines{kQueueInit, kThreadInit}));
+        EXPECT_FALSE(adapter.init());
+        EXPECT_EQ(journal.entries,
+                  (Lines{kQueueInit,
+                         "14:03:07.2 ERROR: [SHM_Wrapper:140 | virtual bool "
+                         "SHM_Wrapper_App::init()] Could not initialize SHM queue, ret="s +
+                             text}));
+        EXPECT_FALSE(adapter.m_initialised);
     }
-};
-
-TEST_P(FailingAttachmentTest, OfTheQueueIsLoggedAndKeepsTheThreadFromBeingStarted) {
-    failsTwice("pktd_shm_queue_init",
-               {kQueueInit,
-                "14:03:07.2 ERROR: [SHM_Wrapper:140 | virtual bool SHM_Wrapper_App::init()] "
-                "Could not initialize SHM queue, ret="s +
-                    GetParam().text + "\r\n"});
+    EXPECT_TRUE(adapter.init());
 }
 
-TEST_P(FailingAttachmentTest, OfTheThreadIsLoggedAndLeavesTheQueueAttached) {
-    failsTwice("pktd_shm_rx_thread_init",
-               {kQueueInit, kThreadInit,
-                "14:03:07.2 ERROR: [SHM_Wrapper:145 | virtual bool SHM_Wrapper_App::init()] "
-                "Could not initialize SHM thread, ret="s +
-                    GetParam().text + "\r\n"});
+TEST_F(AttachmentTest, LogsThatTheThreadFailedAndLeavesTheQueueAttached) {
+    for (const auto& [result, text] : shm_test::kFailures) {
+        fake::fail("pktd_shm_rx_thread_init", {result});
+        fake::Journal journal(qv::ERROR);
+        EXPECT_FALSE(adapter.init());
+        EXPECT_EQ(journal.entries,
+                  (Lines{kQueueInit, kThreadInit,
+                         "14:03:07.2 ERROR: [SHM_Wrapper:145 | virtual bool "
+                         "SHM_Wrapper_App::init()] Could not initialize SHM thread, ret="s +
+                             text}));
+        EXPECT_FALSE(adapter.m_initialised);
+    }
+    EXPECT_TRUE(adapter.init());
 }
-
-INSTANTIATE_TEST_SUITE_P(Results, FailingAttachmentTest, shm_test::kFailures, kCaseName);
 
 TEST(AdapterTest, IsOneForTheProcessWithoutAnOriginOnFirstUse) {
     ASSERT_NE(getShmWrapperApp(), nullptr);

@@ -5,7 +5,6 @@
 namespace {
 
 using shm_test::Bytes;
-using shm_test::kCaseName;
 using shm_test::Lines;
 using shm_test::QueueRecord;
 using shm_test::ScriptedHandler;
@@ -44,11 +43,6 @@ TEST_F(TransmitPostTest, LogsThenInitialisesTheRecordThenPostsItToTheQueueInTheP
     EXPECT_TRUE(post(false));
     EXPECT_EQ(journal.entries, (Lines{kWriting, kInit, kPost}));
     EXPECT_EQ(fake::platform().frameToPost, frame.data());
-}
-
-TEST_F(TransmitPostTest, IsLoggedAtDebugAndSilentAtInfo) {
-    EXPECT_EQ(shm_test::logAt(qv::DEBUG, [this] { post(true); }), Lines{kWriting});
-    EXPECT_EQ(shm_test::logAt(qv::INFO, [this] { post(true); }), Lines{});
 }
 
 TEST_F(TransmitPostTest, DoesNotCheckFrameAndLength) {
@@ -96,34 +90,29 @@ TEST_F(TransmitPostTest, FromAHandlerUsesTheOriginOfTheFrameBeingHandled) {
     EXPECT_EQ(posted(), directedRecord(1, 23));
 }
 
-class FailingPostTest : public TransmitPostTest,
-                        public testing::WithParamInterface<shm_test::Failure> {
- protected:
-    /// At the lowest threshold that shows the line, twice, and then a success.
-    void failsTwice(const char* call, const Lines& left) {
-        fake::fail(call, {GetParam().result}, 2);
+// Failures in a row, at the lowest threshold that shows their line, and then a success.
+
+TEST_F(TransmitPostTest, LogsThatTheInitialiserFailedAndPostsNothing) {
+    for (const auto& [result, text] : shm_test::kFailures) {
+        fake::fail("pktd_queue_entry_data_vlan_based_init", {result});
         fake::Journal journal(qv::ERROR);
-        for (const bool directed : {false, true}) {
-            EXPECT_FALSE(post(directed));
-            EXPECT_EQ(journal.take(), left);
-        }
-        EXPECT_TRUE(post(true));
-        EXPECT_EQ(journal.entries, (Lines{kInit, kPost}));
+        EXPECT_FALSE(post(true));
+        EXPECT_EQ(journal.entries, (Lines{kInit, "14:03:07.2 ERROR: [SHM_Wrapper:164" + kPlace +
+                                                     "init error, ret " + text}));
     }
-};
-
-TEST_P(FailingPostTest, OfTheInitialiserIsLoggedAndPostsNothing) {
-    failsTwice("pktd_queue_entry_data_vlan_based_init",
-               {kInit, "14:03:07.2 ERROR: [SHM_Wrapper:164" + kPlace + "init error, ret " +
-                           GetParam().text + "\r\n"});
+    EXPECT_TRUE(post(true));
 }
 
-TEST_P(FailingPostTest, OfTheQueueIsLoggedAndNotRetried) {
-    failsTwice("shm_data_entry_post", {kInit, kPost,
-                                       "14:03:07.2 ERROR: [SHM_Wrapper:179" + kPlace +
-                                           "post error, ret " + GetParam().text + "\r\n"});
+TEST_F(TransmitPostTest, LogsThatTheQueueFailedAndDoesNotRetry) {
+    for (const auto& [result, text] : shm_test::kFailures) {
+        fake::fail("shm_data_entry_post", {result});
+        fake::Journal journal(qv::ERROR);
+        EXPECT_FALSE(post(false));
+        EXPECT_EQ(journal.entries, (Lines{kInit, kPost,
+                                          "14:03:07.2 ERROR: [SHM_Wrapper:179" + kPlace +
+                                              "post error, ret " + text}));
+    }
+    EXPECT_TRUE(post(false));
 }
-
-INSTANTIATE_TEST_SUITE_P(Results, FailingPostTest, shm_test::kFailures, kCaseName);
 
 }  // namespace

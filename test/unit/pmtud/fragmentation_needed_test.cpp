@@ -8,7 +8,7 @@ namespace {
 
 class FragmentationNeededTest : public EngineTest {};
 
-// The checksums below are RFC 1071's over the literal bytes, worked out apart from the code.
+// The checksums below were computed by hand from the literal bytes (RFC 1071).
 
 TEST_F(FragmentationNeededTest, IsOneMessageOf68BytesThatQuotesSixtyBytesOfThePacket) {
     EXPECT_TRUE(reply4(ipv4Frame()));
@@ -20,20 +20,15 @@ TEST_F(FragmentationNeededTest, IsOneMessageOf68BytesThatQuotesSixtyBytesOfThePa
                                  packets::payload(40));
 }
 
-TEST_F(FragmentationNeededTest, GoesToThePacketsSourceWithPortAndPaddingZero) {
-    reply4(ipv4Frame());
-    sockaddr_in expected{};
-    expected.sin_family = 2;
-    memcpy(&expected.sin_addr, Bytes{0xc0, 0x00, 0x02, 0x0a}.data(), 4);
-    EXPECT_EQ(memcmp(&sent4().to, &expected, sizeof expected), 0);
-}
-
-TEST_F(FragmentationNeededTest, GoesToABroadcastSourceAsToAnyOther) {
+TEST_F(FragmentationNeededTest, GoesToThePacketsSourceEvenIfItIsBroadcastWithPortAndPaddingZero) {
     EXPECT_TRUE(reply4(with(ipv4Frame(), 30, {0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0})));
-    EXPECT_EQ(sent4().to.sin_addr.s_addr, 0xFFFFFFFFU);
     EXPECT_EQ(texts().at(1), " PMTUD-Prot:    From: 255.255.255.255");
     EXPECT_EQ(texts().at(2), " PMTUD-Prot:    To: 0.0.0.0");
     EXPECT_EQ(last(texts()), " PMTUD-Prot: ICMP message sent to source 255.255.255.255");
+    sockaddr_in expected{};
+    expected.sin_family = 2;
+    memset(&expected.sin_addr, 0xFF, 4);
+    EXPECT_EQ(memcmp(&sent4().to, &expected, sizeof expected), 0);
 }
 
 struct Carried {
@@ -62,38 +57,13 @@ TEST_F(FragmentationNeededTest, OfNoFrameIsFalseAndSilent) {
     EXPECT_EQ(journal.entries, Lines());
 }
 
-TEST_F(FragmentationNeededTest, SendsNothingOfAnEarlierFrameThroughASocketOfItsOwn) {
+TEST_F(FragmentationNeededTest, SendsNothingOfAnEarlierFrameAndOpensAnotherSocket) {
     reply4(ipv4Frame());
     const Bytes frame = slice(ipv4Frame(), 0, 38) + Bytes(40);
     reply4(frame);
     EXPECT_EQ(slice(fake::syscalls().sent.at(1).bytes, 8, 68), slice(frame, 18, 78));
     EXPECT_EQ(fake::syscalls().calls.at(4), "socket(2, 3, 1)");
     EXPECT_EQ(fake::syscalls().calls.size(), 8U);
-}
-
-TEST_F(FragmentationNeededTest, AnswersAsManyFramesAsCome) {
-    for (int i = 0; i < 500; ++i) ASSERT_TRUE(reply4(ipv4Frame()));
-    EXPECT_EQ(messages(), 500U);
-    EXPECT_TRUE(fake::openSockets.empty());
-}
-
-// The sums in the comments are the literal words added up apart from the code.
-// 0304 + 0240 (ICMP) + 4500 + C000 + 020A + F3B1 (quote) = 1FFFF, folded 10000, complement FFFF.
-// With the carry of the fold added back it would be FFFE.
-TEST_F(FragmentationNeededTest, HasAChecksumWhoseFoldDropsItsCarry) {
-    answerMtu(576);
-    Bytes frame = slice(ipv4Frame(), 0, 18) + Bytes(60);
-    frame[18] = 0x45;
-    frame = with(with(frame, 30, {0xc0, 0x00, 0x02, 0x0a}), 38, {0xf3, 0xb1});
-    reply4(frame);
-    EXPECT_EQ(slice(sent4().bytes, 0, 8), (Bytes{3, 4, 0xff, 0xff, 0, 0, 0x02, 0x40}));
-}
-
-// 0304 + 05DC (ICMP) + 4F00 + 29 * FFFF (quote) = 1D57C3, folded 57E0, complement A81F.
-TEST_F(FragmentationNeededTest, QuotesAHeaderWithAllItsOptionsToItsLastByte) {
-    reply4(slice(ipv4Frame(), 0, 18) + Bytes{0x4F, 0x00} + Bytes(58, 0xFF) + Bytes{0xEE});
-    EXPECT_EQ(sent4().bytes,
-              (Bytes{3, 4, 0xa8, 0x1f, 0, 0, 0x05, 0xdc, 0x4F, 0x00}) + Bytes(58, 0xFF));
 }
 
 class ChangedFrameTest : public EngineTest, public testing::WithParamInterface<Change> {};

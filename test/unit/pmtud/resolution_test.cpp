@@ -42,7 +42,7 @@ TEST_F(VlanConfigTest, LogsUnderModule89WithoutAsking) {
     EXPECT_EQ(fake::platform().calls, Lines{});
 }
 
-// What is asked for a frame.
+// The questions for a frame.
 
 /// The calls to the configuration service.
 Lines questions() {
@@ -62,46 +62,40 @@ std::vector<Family> families() { return {{"Ipv4", ipv4Frame()}, {"Ipv6", ipv6Fra
 
 class ResolutionTest : public EngineTest, public testing::WithParamInterface<Family> {
  protected:
-    bool handleOne() { return handle(GetParam().frame); }
-};
-
-INSTANTIATE_TEST_SUITE_P(Families, ResolutionTest, testing::ValuesIn(families()), kCaseName);
-
-TEST_P(ResolutionTest, AsksAfreshForEachFrameByItsEgress) {
-    handleOne();
-    adapter.setFrameInfo(1, 2, 3, 4, 5, -2147483647);
-    answerVlan(200);
-    handleOne();
-    EXPECT_EQ(questions(),
-              (Lines{"cfg_vlan_l3_get_dest_vlan(77)", "cfg_vlan_l3_get_mtu(100)",
-                     "cfg_vlan_l3_get_dest_vlan(-2147483647)", "cfg_vlan_l3_get_mtu(200)"}));
-}
-
-TEST_P(ResolutionTest, HasAChangedMtuInForceFromTheNextFrameOn) {
-    EXPECT_TRUE(handleOne());
-    EXPECT_EQ(texts().at(6), " PMTUD-Prot:    Dest VLAN MTU: 1500");
-    answerMtu(1400);
-    EXPECT_TRUE(handleOne());
-    EXPECT_EQ(texts().at(15), " PMTUD-Prot:    Dest VLAN MTU: 1400");
-    answerMtu(0);
-    EXPECT_FALSE(handleOne());
-}
-
-// Which answers are valid. Some of the others are valid in their low 12, 16 or 31 bits.
-
-class AnswerTest : public EngineTest, public testing::WithParamInterface<Family> {
- protected:
     bool isAnswered() {
         const size_t before = messages();
         const bool answered = handle(GetParam().frame);
         EXPECT_EQ(messages() - before, answered ? 1U : 0U);
         return answered;
     }
+    const bool isIpv4 = GetParam().frame[16] == 0x08;
 };
 
-INSTANTIATE_TEST_SUITE_P(Families, AnswerTest, testing::ValuesIn(families()), kCaseName);
+INSTANTIATE_TEST_SUITE_P(Families, ResolutionTest, testing::ValuesIn(families()), kCaseName);
 
-TEST_P(AnswerTest, From1To4094IsAVlan) {
+TEST_P(ResolutionTest, AsksAfreshForEachFrameByItsEgress) {
+    EXPECT_TRUE(isAnswered());
+    adapter.setFrameInfo(1, 2, 3, 4, 5, -2147483647);
+    answerVlan(200);
+    EXPECT_TRUE(isAnswered());
+    EXPECT_EQ(questions(),
+              (Lines{"cfg_vlan_l3_get_dest_vlan(77)", "cfg_vlan_l3_get_mtu(100)",
+                     "cfg_vlan_l3_get_dest_vlan(-2147483647)", "cfg_vlan_l3_get_mtu(200)"}));
+}
+
+TEST_P(ResolutionTest, AppliesAChangedMtuFromTheNextFrameOn) {
+    EXPECT_TRUE(isAnswered());
+    EXPECT_EQ(texts().at(6), " PMTUD-Prot:    Dest VLAN MTU: 1500");
+    answerMtu(1400);
+    EXPECT_TRUE(isAnswered());
+    EXPECT_EQ(texts().at(15), " PMTUD-Prot:    Dest VLAN MTU: 1400");
+    answerMtu(0);
+    EXPECT_FALSE(isAnswered());
+}
+
+// Which answers are valid. Some of the others are valid in their low 12, 16 or 31 bits.
+
+TEST_P(ResolutionTest, TakesNumbersFrom1To4094AsAVlan) {
     for (const int vlan : {1, 2, 100, 4093, 4094}) {
         answerVlan(vlan);
         EXPECT_TRUE(isAnswered()) << vlan;
@@ -109,7 +103,7 @@ TEST_P(AnswerTest, From1To4094IsAVlan) {
     }
 }
 
-TEST_P(AnswerTest, OutsideOf1To4094IsNoVlanAndItsMtuIsNotAskedFor) {
+TEST_P(ResolutionTest, RefusesOtherVlansAndDoesNotAskForTheirMtu) {
     for (const int vlan : {0, 4095, 4096, 8192, 8292, 65536, 65546, -1, -4094, -65535, kLeast,
                            kLeast + 100, kMost}) {
         answerVlan(vlan);
@@ -117,21 +111,20 @@ TEST_P(AnswerTest, OutsideOf1To4094IsNoVlanAndItsMtuIsNotAskedFor) {
         EXPECT_EQ(last(questions()), "cfg_vlan_l3_get_dest_vlan(77)");
         const std::string text = std::to_string(vlan);
         EXPECT_EQ(last(texts()),
-                  GetParam().frame[16] == 0x08
-                      ? " PMTUD-Prot: Invalid VLAN ID - VLAN ID: " + text + " Egress: 77"
-                      : " PMTUD-Prot: Invalid VLAN ID: " + text + "(Egress ID: 77)");
+                  isIpv4 ? " PMTUD-Prot: Invalid VLAN ID - VLAN ID: " + text + " Egress: 77"
+                         : " PMTUD-Prot: Invalid VLAN ID: " + text + "(Egress ID: 77)");
     }
     EXPECT_EQ(fake::syscalls().calls, Lines{});
 }
 
-TEST_P(AnswerTest, From576To16383IsAnMtu) {
+TEST_P(ResolutionTest, TakesNumbersFrom576To16383AsAnMtu) {
     for (const uint32_t mtu : {576U, 577U, 1279U, 1280U, 1500U, 1501U, 9000U, 16382U, 16383U}) {
         answerMtu(mtu);
         EXPECT_TRUE(isAnswered()) << mtu;
     }
 }
 
-TEST_P(AnswerTest, OutsideOf576To16383IsNoMtuAndNoSocketIsOpened) {
+TEST_P(ResolutionTest, RefusesOtherMtusAndOpensNoSocket) {
     for (const uint32_t mtu : {0U, 575U, 16384U, 32767U, 33344U, 65535U, 66112U, 67036U,
                                2147483647U, 2147483648U, 2147485148U, 4294966720U, 4294967295U}) {
         answerMtu(mtu);
@@ -139,9 +132,8 @@ TEST_P(AnswerTest, OutsideOf576To16383IsNoMtuAndNoSocketIsOpened) {
         const std::string text = std::to_string(mtu);
         EXPECT_EQ(
             last(texts()),
-            GetParam().frame[16] == 0x08
-                ? " PMTUD-Prot: Invalid VLAN MTU - VLAN ID: 100 Egress: 77 VLAN MTU: " + text
-                : " PMTUD-Prot: Invalid VLAN MTU: " + text + " (VLAN ID : 100 Egress ID: 77)");
+            isIpv4 ? " PMTUD-Prot: Invalid VLAN MTU - VLAN ID: 100 Egress: 77 VLAN MTU: " + text
+                   : " PMTUD-Prot: Invalid VLAN MTU: " + text + " (VLAN ID : 100 Egress ID: 77)");
     }
     EXPECT_EQ(fake::syscalls().calls, Lines{});
 }

@@ -6,14 +6,6 @@
 # Where the copy is mounted. It belongs to this namespace, and is never removed by name.
 readonly copy=/mnt/root
 
-# copy_isolate SCRIPT [ARGUMENT...]
-# Runs the script again in a new mount namespace.
-copy_isolate() {
-    local -r here=$(readlink /proc/self/ns/mnt)
-    if [[ ${PMTUD_COPY_OUTSIDE:-} == mnt:* && $PMTUD_COPY_OUTSIDE != "$here" ]]; then return; fi
-    PMTUD_COPY_OUTSIDE=$here exec unshare --mount -- "$@"
-}
-
 # The copy has empty folders /run, /tmp and /etc/systemd, and few devices.
 make_copy() {
     mount -t tmpfs copy /mnt

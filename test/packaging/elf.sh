@@ -1,19 +1,10 @@
-#!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
-# How compiler and linker hardened a program against memory errors, as its ELF file shows.
-set -euo pipefail
+# shellcheck shell=bash
+# shellcheck disable=SC2154  # scratch is run_case's
+# How compiler and linker hardened a program or library against memory errors, as its ELF file shows.
 
-if [[ ${1:-} == --help || $# -lt 2 || $# -gt 3 ]]; then
-    echo "usage: ${0##*/} CASE FILE [PREFIX]"
-    echo "Ends with status 0 if everything that CASE expects of the program or library FILE is true;"
-    echo "PREFIX: that of the binary utilities for its machine."
-    [[ ${1:-} == --help ]] && exit 0
-    exit 2
-fi
-
-# shellcheck source=test/packaging/expect.sh
-source "$(dirname "${BASH_SOURCE[0]}")/expect.sh"
-readonly file=$2 tools=${3:-}
+# The prefix is that of the binary utilities for its machine.
+readonly file=$1 tools=${2:-}
 
 # part OPTION NAME
 # Of readelf's output with OPTION, the rest of the lines that begin with NAME or (NAME).
@@ -22,16 +13,12 @@ part() {
     sed -nE "s/^ *(0x[0-9a-f]+ +)?\(?$2\)?:? +//p" "$scratch/part"
 }
 
-# expect_match WHAT PATTERN LINE
-expect_match() {
-    grep -qE "$2" <<<"$3" || fail "$1: expected $2, but it is '$3'"
-}
-
 # expect_word WHAT WORD LINE
 expect_word() {
     [[ " $3 " == *" $2 "* ]] || fail "$1: expected $2, but it is '$3'"
 }
 
+# The symbols that it takes from other libraries.
 undefined() {
     "${tools}nm" --dynamic --undefined-only "$file" | sed -E 's/^.* ([^ @]+)(@.*)?$/\1/'
 }
@@ -56,33 +43,25 @@ ItCanBeLoadedAnywhere() {
 
 StackCannotBeExecuted() {
     expect_match "the stack's segment" ' RW +0x[0-9a-f]+$' "$(part --segments GNU_STACK)"
-    "${tools}readelf" --wide --segments "$file" >"$scratch/segments"
-    if grep -E '^ +LOAD .* RWE ' "$scratch/segments"; then
-        fail "a segment can be written and executed"
-    fi
+    expect_equal "segments that can be written and executed" "" \
+        "$("${tools}readelf" --wide --segments "$file" | grep -E '^ +LOAD .* RWE ')"
 }
 
 OverrunsOfTheStackAreNoticed() {
-    undefined >"$scratch/undefined"
-    grep -qx '__stack_chk_fail' "$scratch/undefined" || fail "no function guards its stack"
+    expect_line "what guards the stack" __stack_chk_fail "$(undefined)"
 }
 
 OverrunsOfBuffersAreNoticed() {
-    undefined >"$scratch/undefined"
-    grep -qxE '__v?snprintf_chk' "$scratch/undefined" || fail "no call is checked"
+    expect_match "checked calls" '^__v?snprintf_chk$' "$(undefined)"
     # Each of these has a checked form, which must be called instead.
-    if grep -xE 'v?s?n?printf|v?fprintf' "$scratch/undefined"; then
-        fail "calls are not checked"
-    fi
+    expect_equal "unchecked calls" "" "$(undefined | grep -xE 'v?s?n?printf|v?fprintf')"
 }
 
 # On x86-64, every function that may be called through a pointer must begin with endbr64.
 IndirectCallsLeadToFunctionsOnly() {
-    if "${tools}nm" --dynamic --defined-only "$file" | grep -q ' T '; then
-        "${tools}nm" --dynamic --defined-only "$file" | sed -nE 's/^.* T ([^@]+).*/\1/p'
-    else
-        echo main
-    fi >"$scratch/functions"
+    "${tools}nm" --dynamic --defined-only "$file" | sed -nE 's/^.* T ([^@]+).*/\1/p' \
+        >"$scratch/functions"
+    [[ -s $scratch/functions ]] || echo main >"$scratch/functions"
     local function
     while read -r function; do
         "${tools}objdump" --disassemble="$function" --no-show-raw-insn "$file" >"$scratch/code"
@@ -90,5 +69,3 @@ IndirectCallsLeadToFunctionsOnly() {
             "$(grep -A 1 "<$function>:$" "$scratch/code" | tail -n 1)"
     done <"$scratch/functions"
 }
-
-run_case "$1"

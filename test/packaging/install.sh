@@ -1,20 +1,9 @@
-#!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
+# shellcheck shell=bash
+# shellcheck disable=SC2154  # project and scratch are run_case's
 # What "cmake --install" installs where, and that it works there.
-set -euo pipefail
 
-if [[ ${1:-} == --help || $# -ne 2 ]]; then
-    echo "usage: ${0##*/} CASE BUILD"
-    echo "Installs what is in the folder BUILD into a folder of its own. Ends with status 0 where"
-    echo "all that CASE expects of it is so."
-    [[ ${1:-} == --help ]] && exit 0
-    exit 2
-fi
-
-here=$(dirname "${BASH_SOURCE[0]}")
-# shellcheck source=test/packaging/expect.sh
-source "$here/expect.sh"
-readonly build=$2
+readonly build=$1
 
 install_to() {
     cmake --install "$build" --prefix "$1" >"$scratch/log"
@@ -37,7 +26,7 @@ share/man/man8/pmtud.8
 share/pkgconfig/pmtud.pc" "$(cd "$scratch/prefix" && find . ! -type d -printf '%P\n' | LC_ALL=C sort)"
 }
 
-TheDaemonFindsItsLibraryAlsoWhereTheTreeIsMoved() {
+TheDaemonFindsItsLibraryInATreeThatWasMoved() {
     install_to "$scratch/prefix"
     mv "$scratch/prefix" "$scratch/moved"
     local found
@@ -46,23 +35,24 @@ TheDaemonFindsItsLibraryAlsoWhereTheTreeIsMoved() {
         "$(realpath "$found")"
 }
 
+# expect_unit PREFIX LINES
+# Checks what the unit below the prefix may execute, and that systemd accepts it.
+expect_unit() {
+    local -r unit=$1/lib/systemd/system/pmtud.service
+    expect_equal "what it starts and what may be executed" "$2" "$(grep '^Exec' "$unit")"
+    expect_equal "systemd's complaints" "" "$(systemd-analyze verify --man=no "$unit" 2>&1)"
+}
+
 TheUnitStartsTheInstalledDaemon() {
     install_to "$scratch/prefix"
-    local -r unit=$scratch/prefix/lib/systemd/system/pmtud.service
-    expect_equal "what it starts and what may be executed" "ExecStart=$scratch/prefix/sbin/pmtud
-ExecPaths=$scratch/prefix/sbin/pmtud /usr/lib -/usr/lib64 $scratch/prefix/lib/pmtud" \
-        "$(grep -E '^Exec' "$unit")"
-    expect_equal "what systemd says of it" "" "$(systemd-analyze verify --man=no "$unit" 2>&1)"
+    expect_unit "$scratch/prefix" "ExecStart=$scratch/prefix/sbin/pmtud
+ExecPaths=$scratch/prefix/sbin/pmtud /usr/lib -/usr/lib64 $scratch/prefix/lib/pmtud"
 }
 
 TheUnitStartsTheDaemonBelowAPrefixWithBlanksAndPercentSigns() {
     install_to "$scratch/my 100%"
-    local -r unit="$scratch/my 100%/lib/systemd/system/pmtud.service"
-    expect_equal "what it starts and what may be executed" \
-        "ExecStart=\"$scratch/my 100%%/sbin/pmtud\"
-ExecPaths=\"$scratch/my 100%%/sbin/pmtud\" /usr/lib -/usr/lib64 \"$scratch/my 100%%/lib/pmtud\"" \
-        "$(grep -E '^Exec' "$unit")"
-    expect_equal "what systemd says of it" "" "$(systemd-analyze verify --man=no "$unit" 2>&1)"
+    expect_unit "$scratch/my 100%" "ExecStart=\"$scratch/my 100%%/sbin/pmtud\"
+ExecPaths=\"$scratch/my 100%%/sbin/pmtud\" /usr/lib -/usr/lib64 \"$scratch/my 100%%/lib/pmtud\""
 }
 
 TheUnitStartsTheDaemonBelowARelativePrefix() {
@@ -71,16 +61,16 @@ TheUnitStartsTheDaemonBelowARelativePrefix() {
         "$(grep '^ExecStart=' "$scratch/prefix/lib/systemd/system/pmtud.service")"
 }
 
-TheUnitBelowUsrIsTheOneOfTheSources() {
+TheUnitBelowUsrIsTheSourcesUnit() {
     DESTDIR=$scratch/root install_to /usr
     cmp "$scratch/root/usr/lib/systemd/system/pmtud.service" \
-        "$here/../../packaging/pmtud.service" || fail "they differ"
+        "$project/packaging/pmtud.service" || fail "they differ"
 }
 
 # unit_of PREFIX CMAKE_OPTION...
 # Installs only the service, which needs no build, and prints what its unit may execute.
 unit_of() {
-    cmake -S "$here/../.." -B "$scratch/build" -DBUILD_TESTING=OFF "${@:2}" >"$scratch/log"
+    cmake -S "$project" -B "$scratch/build" -DBUILD_TESTING=OFF "${@:2}" >"$scratch/log"
     DESTDIR=$scratch/root cmake --install "$scratch/build" --prefix "$1" --component service \
         >"$scratch/log"
     find "$scratch/root" -name pmtud.service -printf '/%P\n' -exec grep '^Exec' {} +
@@ -107,7 +97,7 @@ ExecPaths=/store/pmtud/sbin/pmtud /store" "$(unit_of /store/pmtud \
         -DCMAKE_INSTALL_LIBDIR=/store/lib -DPMTUD_EXEC_PATHS=/store)"
 }
 
-PkgConfigFindsTheHeadersAlsoWhereTheTreeIsMoved() {
+PkgConfigFindsTheHeadersInATreeThatWasMoved() {
     install_to "$scratch/prefix"
     mv "$scratch/prefix" "$scratch/moved"
     export PKG_CONFIG_PATH=$scratch/moved/share/pkgconfig
@@ -118,20 +108,20 @@ PkgConfigFindsTheHeadersAlsoWhereTheTreeIsMoved() {
         fail "the header is not found with ${flags[*]}"
 }
 
-TheDaemonHoldsItsVersion() {
+TheDaemonContainsItsVersion() {
     install_to "$scratch/prefix"
     expect_equal "the version" "pmtud 0.1.0" \
         "$(strings "$scratch/prefix/sbin/pmtud" | grep -x 'pmtud [0-9.]*' | sort -u)"
 }
 
 WithoutABuildTypeItIsOptimised() {
-    cmake -S "$here/../.." -B "$scratch/build" -DBUILD_TESTING=OFF >"$scratch/log"
+    cmake -S "$project" -B "$scratch/build" -DBUILD_TESTING=OFF >"$scratch/log"
     expect_equal "the build type" "CMAKE_BUILD_TYPE:STRING=RelWithDebInfo" \
         "$(grep '^CMAKE_BUILD_TYPE:' "$scratch/build/CMakeCache.txt")"
 }
 
 CMakeHasNoWarningForDevelopers() {
-    cmake -S "$here/../.." -B "$scratch/build" -Wdev -Wdeprecated 2>"$scratch/warnings" >"$scratch/log"
+    cmake -S "$project" -B "$scratch/build" -Wdev -Wdeprecated 2>"$scratch/warnings" >"$scratch/log"
     expect_equal "its warnings" "" "$(<"$scratch/warnings")"
 }
 
@@ -145,5 +135,3 @@ EachHeaderCompilesAloneAsCAndAsCxx() {
         done
     done
 }
-
-run_case "$1"

@@ -1,8 +1,9 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
-# shellcheck disable=SC2154  # family and daemon are the runner's
-# What the daemon logs, to the letter, on a kernel that lacks something, which is simulated by changing
-# the kernel's answers. The man page has a remedy for each line.
+# What the daemon logs on a kernel that lacks a part. Its requests for that part are changed, so that
+# this machine's kernel refuses them. The man page has a remedy for each line.
+
+readonly daemon=$1 lacking_kernel=$2
 
 # Waits until the system log holds everything logged so far, which a marker shows, and compares it.
 expect_system_log() {
@@ -13,11 +14,11 @@ expect_system_log() {
 }
 
 start_without() {
-    lab_start_daemon "$daemon" env LD_PRELOAD="$PMTUD_LACKING_KERNEL" PMTUD_LACKING="$1"
+    lab_start_daemon "$daemon" env LD_PRELOAD="$lacking_kernel" PMTUD_LACKING="$1"
 }
 
-# expect_said_without PART RESULT LINE
-expect_said_without() {
+# expect_logged_without PART RESULT LINE
+expect_logged_without() {
     start_without "$1"
     expect_refused "$2"
     expect_system_log "89 PMTUD-Linux: $3"
@@ -27,21 +28,21 @@ expect_said_without() {
     lab_kill_daemon
 }
 
-EachPartThatIsLackingHasItsLine() { # IPv4 only
+EachMissingPartIsNamedInTheLog() { # IPv4 only
     lab_build_links 1500 1400
     start_without ""
-    expect "one that lacks nothing is served" lab_within 5 lab_has_taken_over
+    expect "the rules come if nothing is missing" lab_within 5 lab_has_taken_over
     lab_kill_daemon
-    expect_said_without netfilter -93 \
+    expect_logged_without netfilter -93 \
         "nothing is served (-93): the kernel has no netfilter netlink; modprobe nfnetlink"
-    expect_said_without nfnetlink_log -22 \
+    expect_logged_without nfnetlink_log -22 \
         "nothing is served (-22): the kernel has no log target; modprobe nfnetlink_log"
     # The rules are refused for an unknown reason.
-    expect_said_without payload -2 \
+    expect_logged_without payload -2 \
         "cannot install the rules: Error: Could not process rule: No such file or directory"
     local part result lacks
     while read -r part result lacks <&3; do
-        expect_said_without "$part" "$result" \
+        expect_logged_without "$part" "$result" \
             "cannot install the rules: this kernel lacks $lacks"
     done 3<<'END'
 nf_tables -22 nftables (nf_tables)

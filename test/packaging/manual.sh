@@ -1,18 +1,8 @@
-#!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
+# shellcheck shell=bash
+# shellcheck disable=SC2154  # project and scratch are run_case's
 # The man page: it is well formed, and explains every line that the daemon can write.
-set -euo pipefail
 
-if [[ ${1:-} == --help || $# -ne 2 ]]; then
-    echo "usage: ${0##*/} CASE PROJECT"
-    echo "Ends with status 0 where all that CASE expects of the project's man page is so."
-    [[ ${1:-} == --help ]] && exit 0
-    exit 2
-fi
-
-# shellcheck source=test/packaging/expect.sh
-source "$(dirname "${BASH_SOURCE[0]}")/expect.sh"
-readonly project=$2
 readonly page=$project/packaging/pmtud.8
 
 readonly literal='"(?:[^"\\]|\\.)*"'
@@ -58,7 +48,7 @@ expect_count() {
     expect_equal "lines looked for" "$1" "$(wc -l <"$scratch/explained")"
 }
 
-MandocHasNothingToSay() {
+MandocHasNoComplaints() {
     # It does not matter which other manuals this machine has.
     expect_equal "mandoc's lint" "" "$(mandoc -T lint -W style "$page" 2>"$scratch/database" |
         sed '/: STYLE: referenced manual not found: /d')"
@@ -118,5 +108,3 @@ EachResultOfAFailedStartHasItsRemedy() {
     for result in -1 -2 -12 -16 -22 -24 -93 -95 -97; do expect_explained "^ +$result( |$)"; done
     expect_count 9
 }
-
-run_case "$1"

@@ -1,22 +1,12 @@
-#!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
+# shellcheck shell=bash
+# shellcheck disable=SC2154  # project and scratch are run_case's
 # The Debian packages: what is in them, and what they do to a system.
-set -euo pipefail
 
-if [[ ${1:-} == --help || $# -ne 3 ]]; then
-    echo "usage: ${0##*/} CASE PROJECT FOLDER"
-    echo "Builds the packages of the project in FOLDER (case Builds), or looks at those that are"
-    echo "there. Ends with status 0 where all that CASE expects of them is so."
-    [[ ${1:-} == --help ]] && exit 0
-    exit 2
-fi
-
-here=$(dirname "${BASH_SOURCE[0]}")
-# shellcheck source=test/packaging/expect.sh
-source "$here/expect.sh"
+# Case Builds builds them in this folder; the others look at those that are there.
+readonly folder=$1
 # shellcheck source=test/packaging/copy.sh
-source "$here/copy.sh"
-readonly project=$2 folder=$3
+source "$project/test/packaging/copy.sh"
 architecture=$(dpkg --print-architecture)
 libraries=usr/lib/$(dpkg-architecture -q DEB_HOST_MULTIARCH)/pmtud
 # Where this release keeps units: some still have them outside of /usr.
@@ -24,22 +14,25 @@ units=$(dpkg-query --listfiles systemd | grep -xE '(/usr)?/lib/systemd/system')
 daemon_package=$(echo "$folder"/pmtud_*_"$architecture".deb)
 headers_package=$(echo "$folder"/pmtud-dev_*_all.deb)
 
-# The script also fails if lintian finds anything.
+# build_in FOLDER
+# Also fails if lintian finds anything.
+build_in() {
+    "$project/script/package" "$1" >"$scratch/log" 2>&1 || fail "$(tail -n 30 "$scratch/log")"
+}
+
 Builds() {
     rm -rf "$folder"
-    "$project/script/package" "$folder" >"$scratch/log" 2>&1 || fail "$(tail -n 30 "$scratch/log")"
+    build_in "$folder"
 }
 
 SameSourcesGiveTheSamePackagesInAnotherFolder() {
     mkdir -p "$scratch/deeper/folder/source"
-    "$project/script/package" "$scratch/deeper/folder" >"$scratch/log" 2>&1 ||
-        fail "$(tail -n 30 "$scratch/log")"
+    build_in "$scratch/deeper/folder"
     local package
     for package in "$folder"/*.{deb,tar.xz}; do
-        cmp "$package" "$scratch/deeper/folder/${package##*/}" || fail "${package##*/} differs"
+        expect "both are alike" cmp "$package" "$scratch/deeper/folder/${package##*/}"
     done
-    # It was there before.
-    [[ -d $scratch/deeper/folder/source ]] || fail "a folder of another's is gone"
+    expect "a folder that was there before is kept" test -d "$scratch/deeper/folder/source"
 }
 
 ThesePackagesAreBuiltAndNoOthers() {
@@ -149,35 +142,35 @@ InstallingEnablesTheServiceAndStartsNothingWithoutSystemd() {
     install_in_copy
     expect_equal "where the link leads" "$units/pmtud.service" \
         "$(readlink "$copy/etc/systemd/system/multi-user.target.wants/pmtud.service")"
-    [[ ! -e $copy/run/pmtud.pid ]] || fail "it was started"
+    expect "it was not started" test ! -e "$copy/run/pmtud.pid"
 }
 
 PurgingLeavesNothingBehind() {
     make_copy
-    expect_equal "before" "" "$(traces)"
+    expect_equal "what was there before" "" "$(traces)"
     install_in_copy
     in_copy dpkg -P pmtud
-    expect_equal "behind" "" "$(traces)"
+    expect_equal "what is left" "" "$(traces)"
 }
 
 RemovingKeepsWhetherItWasEnabledAndNothingElse() {
     make_copy
     install_in_copy
     in_copy dpkg -r pmtud
-    expect_equal "behind" "etc/systemd/system/multi-user.target.wants/pmtud.service
+    expect_equal "what is left" "etc/systemd/system/multi-user.target.wants/pmtud.service
 var/lib/dpkg/info/pmtud.list
 var/lib/dpkg/info/pmtud.postrm
 var/lib/systemd/deb-systemd-helper-enabled/multi-user.target.wants/pmtud.service
 var/lib/systemd/deb-systemd-helper-enabled/pmtud.service.dsh-also" "$(traces)"
 }
 
-UpgradingKeepsItDisabledWhereTheAdministratorDisabledIt() {
+UpgradingKeepsAServiceDisabledThatTheAdministratorDisabled() {
     make_copy
     install_in_copy
     rm "$copy/etc/systemd/system/multi-user.target.wants/pmtud.service"
     install_in_copy
-    [[ ! -L $copy/etc/systemd/system/multi-user.target.wants/pmtud.service ]] ||
-        fail "it is enabled again"
+    expect "it is still disabled" \
+        test ! -L "$copy/etc/systemd/system/multi-user.target.wants/pmtud.service"
 }
 
 SystemdIsAskedToStartRestartAndStopIt() {
@@ -202,9 +195,3 @@ PolicyThatForbidsItKeepsItFromBeingStarted() {
     install_in_copy
     expect_equal "at the installation" "--system daemon-reload" "$(asked)"
 }
-
-# The cases that install need private mounts.
-if [[ $(type -t "$1") == function && $(declare -f "$1") == *make_copy* ]]; then
-    copy_isolate "$0" "$@"
-fi
-run_case "$1"

@@ -1,13 +1,13 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
-# shellcheck disable=SC2154  # family and daemon are the runner's
+# shellcheck disable=SC2154  # family and project are run_case's
 # The service under a real systemd, on the lab's switch: it works in its sandbox.
 
-here_of_service=$(dirname "${BASH_SOURCE[0]}")
+readonly daemon=$1
 # shellcheck source=test/packaging/copy.sh
-source "$here_of_service/copy.sh"
+source "$project/test/packaging/copy.sh"
 # shellcheck source=test/packaging/boot.sh
-source "$here_of_service/boot.sh"
+source "$project/test/packaging/boot.sh"
 
 # start_service [SED_EXPRESSION...]
 # Starts the service, with the unit file changed by the expressions.

@@ -1,18 +1,9 @@
-#!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
+# shellcheck shell=bash
+# shellcheck disable=SC2154  # project and scratch are run_case's
 # The systemd unit: how well it sandboxes the daemon, and that systemd understands it.
-set -euo pipefail
 
-if [[ ${1:-} == --help || $# -ne 3 ]]; then
-    echo "usage: ${0##*/} CASE UNIT DAEMON"
-    echo "Ends with status 0 where all that CASE expects of the unit file is so."
-    [[ ${1:-} == --help ]] && exit 0
-    exit 2
-fi
-
-# shellcheck source=test/packaging/expect.sh
-source "$(dirname "${BASH_SOURCE[0]}")/expect.sh"
-readonly unit=$2 daemon=$3
+readonly unit=$project/packaging/pmtud.service daemon=$1
 
 # analyze TENTHS
 # systemd-analyze's verdict on the unit; the status is 0 up to that many tenths of a point.
@@ -24,7 +15,7 @@ ExposureIsAtMost17() {
     analyze 17 >"$scratch/verdict" || fail "$(tail -n 1 "$scratch/verdict")"
 }
 
-NothingIsOpenButWhatTheWorkTakes() {
+OnlyWhatTheDaemonNeedsIsOpen() {
     # The marks for good and bad depend on the locale.
     LC_ALL=C.UTF-8 analyze 100 >"$scratch/verdict"
     expect_equal "what is open" "AmbientCapabilities=
@@ -44,10 +35,7 @@ RootDirectory=/RootImage=" "$(sed -nE 's/^✗ +([^ ]+) .*/\1/p' "$scratch/verdic
 # The daemon is in the build folder, not yet in the place that the unit names.
 SystemdUnderstandsEveryLine() {
     sed "s|=/usr/sbin/pmtud\$|=$daemon|" "$unit" >"$scratch/pmtud.service"
-    grep -Fxq "ExecStart=$daemon" "$scratch/pmtud.service" || fail "it does not start the daemon"
-    local said
-    said=$(systemd-analyze verify --man=no "$scratch/pmtud.service" 2>&1) || fail "$said"
-    expect_equal "what systemd says of it" "" "$said"
+    expect_line "the unit" "ExecStart=$daemon" "$(<"$scratch/pmtud.service")"
+    expect_equal "systemd's complaints" "" \
+        "$(systemd-analyze verify --man=no "$scratch/pmtud.service" 2>&1)"
 }
-
-run_case "$1"

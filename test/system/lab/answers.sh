@@ -1,7 +1,9 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
-# shellcheck disable=SC2154  # family and daemon are the runner's
+# shellcheck disable=SC2154  # family is run_case's
 # What a person sees of the daemon, end to end: answers, transfers, its log, and failed starts.
+
+readonly daemon=$1
 
 LargePacketIsAnsweredAndTheAnswerLogged() {
     lab_build
@@ -144,7 +146,7 @@ InterfaceWhoseAlternativeNameIsTakenAwayIsLeftToTheKernel() {
     expect_answer_of "$(by_family 556 1240)"
 }
 
-EgressThatIsDownIsTheKernelsToAnswerAndServedOnceItIsUp() {
+EgressThatIsDownIsLeftToTheKernelAndServedOnceItIsUp() {
     lab_build
     ip -n switch link set bcm0.20 down
     lab_start_serving "$daemon"

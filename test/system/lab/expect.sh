@@ -1,42 +1,13 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
-# shellcheck disable=SC2154  # family is the runner's
+# shellcheck disable=SC2154  # family is run_case's
 # Checks for the end-to-end cases, and the packets that they send.
 
-fail() {
-    echo "FAILED: $1" >&2
-    echo "--- what pmtud wrote to standard error:" >&2
-    cat "${lab_daemon_output:-/dev/null}" >&2
-    echo "--- what pmtud wrote to the system log:" >&2
-    lab_syslog >&2
-    exit 1
-}
-
-expect() {
-    local -r what=$1
-    shift
-    if ! "$@"; then fail "$what"; fi
-}
-
-expect_equal() {
-    local -r what=$1 expected=$2 actual=$3
-    if [[ $actual != "$expected" ]]; then
-        fail "$what: expected"$'\n'"$expected"$'\n'"but it is"$'\n'"$actual"
-    fi
-}
-
-expect_line() {
-    local -r what=$1 line=$2 text=$3
-    if ! grep -Fxq -- "$line" <<<"$text"; then
-        fail "$what: expected the line"$'\n'"$line"$'\n'"in"$'\n'"$text"
-    fi
-}
-
-expect_match() {
-    local -r what=$1 pattern=$2 text=$3
-    if ! grep -Eq -- "$pattern" <<<"$text"; then
-        fail "$what: expected to find"$'\n'"$pattern"$'\n'"in"$'\n'"$text"
-    fi
+show_context() {
+    echo "--- what pmtud wrote to standard error:"
+    cat "${lab_daemon_output:-/dev/null}"
+    echo "--- what pmtud wrote to the system log:"
+    lab_syslog
 }
 
 # What the daemon wrote to standard error, without each line's time and CR.

@@ -1,10 +1,10 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
-# shellcheck disable=SC2154  # family and daemon are the runner's
+# shellcheck disable=SC2154  # family is run_case's
 # Checks that forwarding does not take several times as long with the daemon; script/bench measures how
 # much longer it takes.
 
-readonly bulk=$((100 << 20))
+readonly daemon=$1 bulk=$((100 << 20))
 
 # Sends host b 100 MiB; bulk_time is the time that this takes, in microseconds.
 transfer_bulk() {

@@ -1,7 +1,9 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
-# shellcheck disable=SC2154  # family and daemon are the runner's
+# shellcheck disable=SC2154  # family is run_case's
 # The target's daemon on the switch: frames from its scripted platform, replies by real sockets.
+
+readonly daemon=$1 emulator=("${@:2}")
 
 # packet FILTER
 # The captured packet's bytes from its IP header, in hexadecimal.
@@ -35,8 +37,6 @@ answer_by_target() {
     ping_size 1500 -W 30 >"$LAB_FILES/ping" &
     expect "host a's request is captured" lab_within 5 has_request
     script_of_frame >"$LAB_FILES/script"
-    local -a emulator
-    read -ra emulator <<<"$PMTUD_TEST_EMULATOR"
     lab_start_daemon "$daemon" env PMTUD_SCRIPT="$LAB_FILES/script" PMTUD_SCRIPT_LOG=2 \
         "${emulator[@]}"
     await_errors

@@ -1,35 +1,17 @@
-#!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
-# Tests the demo and the lab from outside, as a person starts them, and that they leave nothing.
-set -euo pipefail
+# shellcheck shell=bash
+# shellcheck disable=SC2154  # project and scratch are run_case's
+# The demo and the lab, started as a person starts them: what they show, and that they leave nothing.
 
-if [[ ${1:-} == --help || $# -ne 2 ]]; then
-    echo "usage: ${0##*/} BUILD_DIRECTORY CASE"
-    echo "Calls the function CASE of this file for the daemon built in BUILD_DIRECTORY."
-    [[ ${1:-} == --help ]] && exit 0
-    exit 2
-fi
-
-root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../../.." && pwd)
 build=$(realpath -- "$1")
 # shellcheck source=lab/await.sh
-source "$root/lab/await.sh"
+source "$project/lab/await.sh"
 
-# The folder in which a case's runs may leave files; in the end it must contain nothing else.
-files=$(mktemp -d)
-mkdir "$files/cwd" "$files/tmp"
-trap 'rm -r "$files"' EXIT
+# A run may leave nothing in its working directory and its folder for temporary files.
+mkdir "$scratch/cwd" "$scratch/tmp"
 
-fail() {
-    echo "FAILED: $1" >&2
-    cat "$files/out" "$files/err" >&2
-    exit 1
-}
-
-expect() {
-    local -r what=$1
-    shift
-    if ! "$@"; then fail "$what"; fi
+show_context() {
+    cat "$scratch/out" "$scratch/err"
 }
 
 # The files that a run without isolation would touch.
@@ -42,9 +24,8 @@ mounted_namespaces() {
     grep -c ' nsfs ' /proc/self/mountinfo || (($? == 1))
 }
 
-# Every process of the run inherits this variable, whatever its parent. One may end while it is
-# inspected.
-readonly mark=PMTUD_TEST_RUN=$files
+# Every process of the run inherits this variable. A process may end while it is inspected.
+readonly mark=PMTUD_TEST_RUN=$scratch
 processes() {
     grep -lazxF "$mark" /proc/[0-9]*/environ 2>/dev/null || (($? <= 2))
 }
@@ -57,11 +38,9 @@ processes_are_gone() {
 # Starts it as a terminal does: in a new process group that reacts to Ctrl-C.
 start() {
     before=$(machine_files; mounted_namespaces)
-    cd "$files/cwd"
-    TMPDIR=$files/tmp env --default-signal=INT,QUIT "$mark" setsid "$@" \
-        >"$files/out" 2>"$files/err" </dev/null &
+    (cd "$scratch/cwd" && TMPDIR=$scratch/tmp exec env --default-signal=INT,QUIT "$mark" \
+        setsid "$@" >"$scratch/out" 2>"$scratch/err" </dev/null) &
     run=$!
-    cd "$root"
 }
 
 # finish STATUS [lab_within SECONDS]
@@ -71,57 +50,57 @@ finish() {
     wait "$run" || status=$?
     expect "status $1, not $status" test "$status" -eq "$1"
     expect "all its processes are gone" "${@:2}" processes_are_gone
-    expect "no file is left" test -z "$(find "$files/cwd" "$files/tmp" -mindepth 1)"
+    expect "no file is left" test -z "$(find "$scratch/cwd" "$scratch/tmp" -mindepth 1)"
     expect "the machine is as before" test "$before" = "$(machine_files; mounted_namespaces)"
 }
 
 out_has() {
-    grep -Eq -- "$1" "$files/out"
+    grep -Eq -- "$1" "$scratch/out"
 }
 
 expect_error() {
-    expect "the line '$1'" grep -Fxq -- "$1" "$files/err"
+    expect "the line '$1'" grep -Fxq -- "$1" "$scratch/err"
 }
 
 start_demo() {
-    start "$root/script/demo" --build-dir "$build" "$@"
+    start "$project/script/demo" --build-dir "$build" "$@"
 }
 
 # start_demo_with SCRIPT
 # Starts the demo with this script instead of the daemon.
 start_demo_with() {
-    mkdir -p "$files/build/bin"
-    printf '#!/usr/bin/env bash\n%s\n' "$1" >"$files/build/bin/pmtud"
-    chmod +x "$files/build/bin/pmtud"
-    start "$root/script/demo" --build-dir "$files/build"
+    mkdir -p "$scratch/build/bin"
+    printf '#!/usr/bin/env bash\n%s\n' "$1" >"$scratch/build/bin/pmtud"
+    chmod +x "$scratch/build/bin/pmtud"
+    start "$project/script/demo" --build-dir "$scratch/build"
     finish 1
 }
 
 # The cases that take longest come first.
-DemoNamesTheStepWhereTheDaemonDoesNotStart() {
+DemoNamesTheStepInWhichTheDaemonDoesNotStart() {
     start_demo_with 'echo "its own words" >&2; exec sleep 60'
     expect_error '    its own words'
     expect_error "demo: timed out after 10 s waiting for the daemon's rules"
     expect_error 'demo: step 3 of 5, the cure: could not continue'
 }
 
-DemoNamesTheStepWhereTheDaemonDoesNotAnswer() {
+DemoNamesTheStepInWhichTheDaemonDoesNotAnswer() {
     start_demo_with 'nft "table inet pmtud { chain to-bcm0.20 { meta length <= 1400 accept; }; }"
 exec sleep 60'
     expect_error 'demo: step 3 of 5, the cure: did not show: the switch names the MTU'
 }
 
 DemoShowsWhatItShouldAndKeepsWhatHostASaw() {
-    start_demo --capture "$files/demo.pcap"
+    start_demo --capture "$scratch/demo.pcap"
     finish 0
-    expect "a quiet standard error" test ! -s "$files/err"
+    expect "a quiet standard error" test ! -s "$scratch/err"
     expect "its last line" out_has '^All 5 steps showed what they should, in [0-9]+ s\.$'
-    if out_has 'NOT SO'; then fail "something is not so"; fi
-    expect "the recording in the documents" "$root/script/record-demo" --check "$files/out"
+    if out_has 'NOT SO'; then fail "a step did not show what it should"; fi
+    expect "the recording in the documents" "$project/script/record-demo" --check "$scratch/out"
     local error
     for error in 'icmp[icmptype] == icmp-unreach' 'icmp6[icmp6type] == icmp6-packettoobig'; do
         expect "$error in the capture" test -n \
-            "$(tcpdump -n -t -r "$files/demo.pcap" "$error" 2>"$files/tcpdump")"
+            "$(tcpdump -n -t -r "$scratch/demo.pcap" "$error" 2>"$scratch/tcpdump")"
     done
 }
 
@@ -159,15 +138,15 @@ DemoLeavesNothingWhenItIsKilled() {
     finish 137 lab_within 10
 }
 
-DemoAndLabWithoutTheRightToIsolateNameItAndDoNothing() {
-    start setpriv --bounding-set=-sys_admin "$root/script/demo" --build-dir "$build"
+DemoAndLabNameTheMissingCapabilityAndDoNothing() {
+    start setpriv --bounding-set=-sys_admin "$project/script/demo" --build-dir "$build"
     finish 1
     expect_error "demo: CANNOT ISOLATE: CAP_SYS_ADMIN is needed: unshare: unshare failed: Operation not permitted"
-    expect "no step" test ! -s "$files/out"
-    start setpriv --bounding-set=-sys_admin "$root/lab/lab" touch "$files/ran"
+    expect "no step" test ! -s "$scratch/out"
+    start setpriv --bounding-set=-sys_admin "$project/lab/lab" touch "$scratch/ran"
     finish 1
-    expect "the capability's name" grep -q CAP_SYS_ADMIN "$files/err"
-    expect "the command did not run" test ! -e "$files/ran"
+    expect "the capability's name" grep -q CAP_SYS_ADMIN "$scratch/err"
+    expect "the command did not run" test ! -e "$scratch/ran"
 }
 
 # expect_new_namespace
@@ -175,28 +154,25 @@ DemoAndLabWithoutTheRightToIsolateNameItAndDoNothing() {
 expect_new_namespace() {
     finish 0
     expect "a namespace" out_has '^net:\[[0-9]+\]$'
-    expect "a new one" test "$(<"$files/out")" != "$(readlink /proc/self/ns/net)"
+    expect "a new one" test "$(<"$scratch/out")" != "$(readlink /proc/self/ns/net)"
 }
 
 LabIgnoresAVariableSetByItsCaller() {
-    start env LAB_OUTSIDE=x "$root/lab/lab" readlink /proc/self/ns/net
+    start env LAB_OUTSIDE=x "$project/lab/lab" readlink /proc/self/ns/net
     expect_new_namespace
 }
 
 LabInALabIsANewOne() {
-    start "$root/lab/lab" bash -c "readlink /proc/self/ns/net >'$files/first'
-        exec '$root/lab/lab' readlink /proc/self/ns/net"
+    start "$project/lab/lab" bash -c "readlink /proc/self/ns/net >'$scratch/first'
+        exec '$project/lab/lab' readlink /proc/self/ns/net"
     expect_new_namespace
-    expect "not that of the first" test "$(<"$files/out")" != "$(<"$files/first")"
+    expect "not that of the first" test "$(<"$scratch/out")" != "$(<"$scratch/first")"
 }
 
 LabChangesAnMtuAtBothEndsAndPassesOnItsCommandsStatus() {
-    start "$root/lab/lab" bash -c 'lab mtu 20 1300; ip -n b link show eth0
+    start "$project/lab/lab" bash -c 'lab mtu 20 1300; ip -n b link show eth0
         ip -n switch link show bcm0.20; exit 7'
     finish 7
     expect "host b" out_has ' eth0@.* mtu 1300 '
     expect "the switch" out_has ' bcm0\.20@.* mtu 1300 '
 }
-
-[[ $(type -t "$2") == function ]] || fail "no case $2"
-"$2"

@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: MIT
-// Preloaded into the daemon: makes the running kernel answer as one does that lacks a part.
+// Preloaded into the daemon: makes the running kernel answer as one that lacks a part.
 //
-// What is asked of the part that PMTUD_LACKING names is asked of one that no kernel has, so the
-// answer is the kernel's own: "netfilter" (no netfilter netlink), "nf_tables", "nfnetlink_log",
-// "skuid" (a packet's sending user), or the name of an expression of the rules, such as "log" and
-// "fib".
+// A request to the part that PMTUD_LACKING names is changed into one to a part that no kernel has,
+// so the kernel refuses it in its own way. The part is "netfilter" (netfilter netlink),
+// "nf_tables", "nfnetlink_log", "skuid" (a packet's sending user), or an expression of the rules,
+// such as "log".
 #include <arpa/inet.h>
 #include <dlfcn.h>
+#include <libmnl/libmnl.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink.h>
 #include <linux/netlink.h>
@@ -22,9 +23,9 @@
 
 namespace {
 
-constexpr int kNoProtocol = 31;   // of netlink: the last, which nobody has
-constexpr uint8_t kNoPart = 255;  // of nfnetlink: beyond all that there are
-constexpr uint16_t kNoBatch = 0;  // of a batch, where those beyond are another error
+constexpr int kNoProtocol = 31;   // of netlink: the last, which does not exist
+constexpr uint8_t kNoPart = 255;  // of nfnetlink: beyond all that exist
+constexpr uint16_t kNoBatch = 0;  // of a batch: those beyond are another error
 
 std::string_view lacking() {
     const char* const name = std::getenv("PMTUD_LACKING");
@@ -37,18 +38,16 @@ int lackingPart() {
     return -1;
 }
 
-void redirect(nlmsghdr& message, char* payload) {
+void redirect(nlmsghdr& message) {
     if (NFNL_SUBSYS_ID(message.nlmsg_type) == lackingPart())
         message.nlmsg_type =
             static_cast<uint16_t>(kNoPart << 8 | NFNL_MSG_TYPE(message.nlmsg_type));
-    if (message.nlmsg_type != NFNL_MSG_BATCH_BEGIN) return;
-    nfgenmsg batch;
-    memcpy(&batch, payload, sizeof batch);
-    if (ntohs(batch.res_id) == lackingPart()) batch.res_id = htons(kNoBatch);
-    memcpy(payload, &batch, sizeof batch);
+    auto& batch = *static_cast<nfgenmsg*>(mnl_nlmsg_get_payload(&message));
+    if (message.nlmsg_type == NFNL_MSG_BATCH_BEGIN && ntohs(batch.res_id) == lackingPart())
+        batch.res_id = htons(kNoBatch);
 }
 
-// An expression's name is a string attribute; one with another first letter is nobody's.
+// An expression's name is a string attribute; with another first letter, it names none.
 void rename(std::vector<char>& bytes) {
     const std::string_view name = lacking();
     if (lackingPart() >= 0 || name.empty()) return;
@@ -60,42 +59,34 @@ void rename(std::vector<char>& bytes) {
             bytes[at + sizeof header] = '-';
 }
 
-// Asks for another thing than the user, one that no kernel knows.
+// Asks for a key that no kernel knows, instead of a packet's user.
 void changeKey(std::vector<char>& bytes) {
     if (lacking() != "skuid") return;
     // The name "meta", and in the data that follow its padding the key in network byte order.
     constexpr std::string_view kName("\x09\0\x01\0meta\0", 9);
-    constexpr std::string_view kEy("\x08\0\x02\0\0\0\0\x0a", 8);
+    constexpr std::string_view kKey("\x08\0\x02\0\0\0\0\x0a", 8);
     constexpr size_t kData = NLA_ALIGN(kName.size()) + sizeof(nlattr);
-    for (size_t at = 0; at + kData + kEy.size() <= bytes.size(); ++at) {
+    for (size_t at = 0; at + kData + kKey.size() <= bytes.size(); ++at) {
         if (memcmp(&bytes[at], kName.data(), kName.size()) != 0) continue;
-        if (memcmp(&bytes[at + kData], kEy.data(), kEy.size()) == 0)
-            bytes[at + kData + kEy.size() - 1] = '\x7f';
+        if (memcmp(&bytes[at + kData], kKey.data(), kKey.size()) == 0)
+            bytes[at + kData + kKey.size() - 1] = '\x7f';
     }
 }
 
 void change(std::vector<char>& bytes) {
     rename(bytes);
     changeKey(bytes);
-    size_t at = 0;
-    while (at + sizeof(nlmsghdr) + sizeof(nfgenmsg) <= bytes.size()) {
-        nlmsghdr message;
-        memcpy(&message, &bytes[at], sizeof message);
-        if (message.nlmsg_len < sizeof message) return;
-        redirect(message, &bytes[at + sizeof message]);
-        memcpy(&bytes[at], &message, sizeof message);
-        at += NLMSG_ALIGN(message.nlmsg_len);
-    }
+    auto* message = reinterpret_cast<nlmsghdr*>(bytes.data());
+    for (int left = static_cast<int>(bytes.size()); mnl_nlmsg_ok(message, left);
+         message = mnl_nlmsg_next(message, &left))
+        redirect(*message);
 }
 
-bool isNetfilter(int fd) {
-    int domain = 0;
-    int protocol = 0;
-    socklen_t size = sizeof domain;
-    if (getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) != 0) return false;
-    size = sizeof protocol;
-    if (getsockopt(fd, SOL_SOCKET, SO_PROTOCOL, &protocol, &size) != 0) return false;
-    return domain == AF_NETLINK && protocol == NETLINK_NETFILTER;
+int optionOf(int fd, int name) {
+    int value = -1;
+    socklen_t size = sizeof value;
+    getsockopt(fd, SOL_SOCKET, name, &value, &size);
+    return value;
 }
 
 template <typename Function>
@@ -113,7 +104,8 @@ extern "C" int socket(int domain, int type, int protocol) noexcept {
 
 extern "C" ssize_t sendmsg(int fd, const msghdr* message, int flags) {
     static const auto real = next<ssize_t (*)(int, const msghdr*, int)>("sendmsg");
-    if (!isNetfilter(fd)) return real(fd, message, flags);
+    if (optionOf(fd, SO_DOMAIN) != AF_NETLINK || optionOf(fd, SO_PROTOCOL) != NETLINK_NETFILTER)
+        return real(fd, message, flags);
     std::vector<char> bytes;
     for (size_t piece = 0; piece < message->msg_iovlen; ++piece) {
         const iovec& from = message->msg_iov[piece];
@@ -130,11 +122,11 @@ extern "C" ssize_t sendmsg(int fd, const msghdr* message, int flags) {
 
 extern "C" ssize_t sendto(int fd, const void* buf, size_t n, int flags, const sockaddr* addr,
                           socklen_t addrLen) {
-    static const auto real =
-        next<ssize_t (*)(int, const void*, size_t, int, const sockaddr*, socklen_t)>("sendto");
-    if (!isNetfilter(fd)) return real(fd, buf, n, flags, addr, addrLen);
-    const char* const start = static_cast<const char*>(buf);
-    std::vector<char> bytes(start, start + n);
-    change(bytes);
-    return real(fd, bytes.data(), bytes.size(), flags, addr, addrLen);
+    iovec piece{const_cast<void*>(buf), n};
+    msghdr message{};
+    message.msg_name = const_cast<sockaddr*>(addr);
+    message.msg_namelen = addrLen;
+    message.msg_iov = &piece;
+    message.msg_iovlen = 1;
+    return sendmsg(fd, &message, flags);
 }

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: MIT
-// Connection tracking, address translation, and other people's rules.
+// Fragments, connection tracking, address translation, and rules of others.
 #include "twin_fixture.h"
 
 namespace twin {
-
 namespace {
 
 constexpr char kTracking[] =
@@ -11,27 +10,28 @@ constexpr char kTracking[] =
     "ct state invalid counter; ct state established,related counter accept; }; }";
 
 const std::vector<Case> kCases{
-    // With tracking, the router puts a datagram together and sends fragments as long as those that
-    // arrived: each fits, although the datagram does not.
+    // With tracking, the router puts a datagram together and then sends fragments of the original
+    // length: each fits, although the datagram does not.
     {"DatagramsWhoseFragmentsFitArrive",
      0,
      R"($1
 v6 fragments=1400|1300 size=1430|2900|8000
 v4 fragments=1400|1300 size=1430|2900|8000 df=0|1)",
      {{"Untracked", 0, {""}}, {"Tracked", 0, {kTracking}}}},
-    // Tracking tells of the whole datagram.
-    {"DatagramsWhoseFragmentsDoNotFitAreToldOf",
+    // With tracking, a sender is told once, about the whole datagram.
+    {"SendersOfDatagramsWhoseFragmentsDoNotFitAreTold",
      0,
      R"($1
 v6 fragments=1500 size=4000 id=500
 v4 fragments=1500 size=4000 df=0|1)",
      {{"Untracked", 3, {""}}, {"Tracked", 2, {kTracking}}}},
-    // RFC 1122 section 3.2.2: nobody is told of a later fragment of an IPv4 datagram.
+    // RFC 1122 section 3.2.2: nobody is told of a later fragment of an IPv4 datagram. A middle
+    // fragment's data is not a header, even if it looks like an ICMPv6 error's.
     {"FragmentsOfPings",
      0,
      R"($1
 v6 fragments=1400|1500 size=5000 icmp=128 id=700
-v4 fragments=1500 size=4020 icmp=8)",
+v4 fragments=1500 size=4020 icmp=8 df=0|1)",
      {{"Untracked", 4, {""}}, {"Tracked", 2, {kTracking}}}},
     {"WholePackets",
      0,
@@ -41,7 +41,7 @@ v46 size=1400|1401|1500 proto=6
 v4 size=1400 host=b to=10.2)",
      {{"Untracked", 8, {""}}, {"Tracked", 8, {kTracking}}}},
 
-    // Ports of their own: the kernel gives flows that collide random ones.
+    // Each flow has its own port: the kernel gives colliding flows random ones.
     {"DestinationTranslationToASmallerVlan", 4,
      R"(nft table inet nat { chain prerouting { type nat hook prerouting priority -100; ip daddr 10.7.0.1 dnat ip to 10.0.20.2; ip6 daddr 2001:db8:700::1 dnat ip6 to 2001:db8:20::2; ip daddr 10.0.30.9 dnat ip to 10.0.20.2; ip daddr 10.0.20.9 dnat ip to 10.0.30.2; }; }
 v4 size=1400|1500 to=10.7.0.1 sport=4001 kernel
@@ -49,9 +49,9 @@ v6 size=1400|1500 to=2001:db8:700::1 sport=4002 kernel
 v4 size=1400|1500 to=30.9 sport=4003 kernel
 v4 size=1400|1500 to=20.9 sport=4004
 v4 size=1400|1500 sport=4005)"},
-    // To addresses of the router itself, as ports are forwarded: no process's answer is translated
-    // back.
-    {"TranslationFromTheRoutersOwnAddressesIsToldOfByTheKernel", 2,
+    // The router's own addresses are translated, as for port forwarding. The answer of a process
+    // would not be translated back.
+    {"SendersToTheRoutersTranslatedAddressesAreToldByTheKernel", 2,
      R"(nft table inet nat { chain prerouting { type nat hook prerouting priority -100; ip daddr 10.0.10.1 dnat ip to 10.0.20.2; ip6 daddr 2001:db8:10::1 dnat ip6 to 2001:db8:20::2; }; }
 v46 to=10.1 kernel)"},
     {"MasqueradedSenders", 3,
@@ -67,7 +67,7 @@ v4 df=0)"},
 v46 dport=5003
 v4)"},
 
-    {"AnswersThatNobodyMayGiveAreNotGiven", 1,
+    {"AnswersThatTheOutputChainDropsDoNotArrive", 1,
      R"(nft table inet firewall { chain output { type filter hook output priority 0; oifname "bcm0.10" icmp type destination-unreachable drop; oifname "bcm0.10" icmpv6 type packet-too-big drop; }; }
 v46
 v4 host=c)"},
@@ -88,7 +88,7 @@ v46 size=1400|1500 dport=5000|5001|5002)",
       {"PostroutingFirst", 6, {"postrouting priority -450"}},
       {"PostroutingLate", 6, {"postrouting priority 300"}},
       {"PostroutingLast", 6, {"postrouting priority 400"}}}},
-    // The kernel's own message is dropped by someone else before this daemon's hook or after it.
+    // Another table drops the kernel's own message, before the daemon's hook or after it.
     {"MessagesThatAForeignChainDrops",
      0,
      R"(nft table inet foreign { chain one { type filter hook $1; ip daddr 10.0.10.3 icmp type destination-unreachable drop; ip6 daddr 2001:db8:10::3 icmpv6 type packet-too-big drop; }; }
@@ -102,7 +102,7 @@ v46 from=10.2|10.3)",
      R"(nft table inet foreign { chain forward { type filter hook forward priority 0; udp dport 5003 reject; udp dport 5004 reject with icmpx admin-prohibited; }; }
 v46 size=1000|1500 dport=5003|5004)"},
 
-    // Whoever flushes the rules leaves the daemon's table, which has an owner.
+    // A flush leaves the daemon's table, which has an owner.
     {"RulesFlushedByAnotherProcessChangeNothing", 5,
      R"(v46
 meanwhile nft flush ruleset
@@ -116,20 +116,18 @@ v46 size=1400|1500)"},
 
 INSTANTIATE_TEST_SUITE_P(Firewall, Alike, testing::ValuesIn(expanded(kCases)), nameOf);
 
-using Firewall = TwinTest;
-
 constexpr char kStateful[] =
     "nft table inet firewall { chain output { type filter hook output priority 0; policy drop; "
-    "oifname \"bcm0.4000\" accept; ct state established,related accept; }; }\n";
+    "oifname \"bcm0.80\" accept; ct state established,related accept; }; }\n";
 
-// The daemon's answer is no answer to a connection that the router knows of (RFC 792 errors are
-// related only to what passed): the kernel's message is.
-TEST_F(Firewall, AnswersThatAStatefulOutputPolicyDropsAreToldByTheKernel) {
+// For connection tracking, the kernel's message belongs to a known connection, and the daemon's
+// answer does not.
+TEST(Firewall, KernelTellsTheSendersWhenAStatefulOutputPolicyDropsTheAnswers) {
     expectTold(std::string(kStateful) + "v46 times=5", 10);
 }
 
-// The same policy passes the daemon's answers about flows that the router knows already.
-TEST_F(Firewall, AnswersAboutUnknownFlowsAreToldByTheKernelAmongThoseThatPass) {
+// The same policy accepts the daemon's answers about flows that the router already knows.
+TEST(Firewall, KernelTellsTheSendersOfUnknownFlowsAndTheDaemonThoseOfKnownFlows) {
     std::string lines = kStateful;
     for (const char* const port : {"4200", "4201", "4202"})
         lines += std::string("v4 size=1000|1500 sport=4100\nv4 sport=") + port + "\n";
@@ -137,5 +135,4 @@ TEST_F(Firewall, AnswersAboutUnknownFlowsAreToldByTheKernelAmongThoseThatPass) {
 }
 
 }  // namespace
-
 }  // namespace twin

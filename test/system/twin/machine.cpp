@@ -1,24 +1,22 @@
 // SPDX-License-Identifier: MIT
-// Private mount and network namespaces, and commands that run in them.
+// Private mount and network namespaces, and what runs in them: commands and the daemon.
 #include "machine.h"
 
 #include <fcntl.h>
-#include <linux/rtnetlink.h>
 #include <poll.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/sysmacros.h>
+#include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -29,23 +27,7 @@ namespace twin {
 
 namespace {
 
-constexpr int kPatience = 20000;  // milliseconds
-
-void check(bool succeeded, const std::string& what) {
-    if (!succeeded) throw std::system_error(errno, std::generic_category(), what);
-}
-
-void makeDevice(const char* path, unsigned int minor) {
-    check(mknod(path, S_IFCHR | 0666, makedev(1, minor)) == 0, path);
-}
-
-Descriptor ownNetwork() {
-    Descriptor network(open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
-    check(network.valid(), "network namespace");
-    return network;
-}
-
-// What the command prints, or an exception with it.
+// What the command printed, or an exception with it.
 std::string output(const std::string& command) {
     FILE* const pipe = popen(("{ " + command + "\n} 2>&1").c_str(), "r");
     check(pipe != nullptr, "popen");
@@ -57,47 +39,41 @@ std::string output(const std::string& command) {
     return text;
 }
 
-std::string fed(const std::string& command, const std::string& input) {
-    return command + " <<'END_OF_INPUT'\n" + input + "\nEND_OF_INPUT";
+Descriptor networkAt(const std::string& path) {
+    Descriptor network(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    check(network.valid(), path);
+    return network;
 }
 
 // A link takes packets once the kernel has seen its carrier and given it a queue.
-bool linksAreReady() {
-    std::istringstream lines(output("ip -o link show up"));
-    for (std::string line; std::getline(lines, line);) {
-        const auto has = [&](const char* word) { return line.find(word) != std::string::npos; };
-        const bool hasQueue = has("LOOPBACK") || has("qdisc noqueue");
-        if (!hasQueue || has("NO-CARRIER") || has("state DOWN")) return false;
-    }
-    return true;
-}
+constexpr char kAwaitLinks[] = R"(timeout 20 sh -c '
+    until ip -o link show up |
+        awk "/NO-CARRIER|state DOWN/ || !/LOOPBACK|qdisc noqueue/ { exit 1 }"
+    do sleep 0.02; done
+' || { ip -o link show up; false; })";
 
 }  // namespace
 
+void check(bool succeeded, const std::string& what) {
+    if (!succeeded) throw std::system_error(errno, std::generic_category(), what);
+}
+
 void isolate() {
     check(unshare(CLONE_NEWNS | CLONE_NEWNET) == 0, "the twins need root: unshare");
-    check(mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) == 0, "private mounts");
-    check(mount("tmpfs", "/run", "tmpfs", 0, nullptr) == 0, "mount /run");
-    check(mount("tmpfs", "/dev", "tmpfs", 0, nullptr) == 0, "mount /dev");
-    makeDevice("/dev/null", 3);
-    makeDevice("/dev/zero", 5);
-    makeDevice("/dev/urandom", 9);
-    check(mkdir("/run/netns", 0755) == 0, "/run/netns");
-    // So that the system log of a whole batch waits until it is read.
-    std::ofstream("/proc/sys/net/unix/max_dgram_qlen") << 100000;
+    // The length of the queue lets the system log of a whole batch wait until it is read.
+    output(R"(set -e
+mount --make-rprivate /
+mount -t tmpfs run /run
+mount -t tmpfs dev /dev
+mknod -m 666 /dev/null c 1 3
+mknod -m 666 /dev/zero c 1 5
+mknod -m 666 /dev/urandom c 1 9
+echo 100000 >/proc/sys/net/unix/max_dgram_qlen)");
 }
 
 Namespace::Namespace(std::string name) : m_name(std::move(name)) {
-    const std::string path = "/run/netns/" + m_name;
-    const Descriptor home = ownNetwork();
-    const Descriptor file(open(path.c_str(), O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
-    check(file.valid(), path);
-    check(unshare(CLONE_NEWNET) == 0, "unshare");
-    m_descriptor = ownNetwork();
-    const bool mounted =
-        mount("/proc/thread-self/ns/net", path.c_str(), "none", MS_BIND, nullptr) == 0;
-    check(setns(home.get(), CLONE_NEWNET) == 0, "setns");
-    check(mounted, path);
+    output("ip netns add " + m_name);
+    m_descriptor = networkAt("/run/netns/" + m_name);
     ip("link set lo up");
 }
 
@@ -108,7 +84,7 @@ Namespace::~Namespace() {
 }
 
 void Namespace::run(const std::function<void()>& action) const {
-    const Descriptor home = ownNetwork();
+    const Descriptor home = networkAt("/proc/thread-self/ns/net");
     check(setns(m_descriptor.get(), CLONE_NEWNET) == 0, "setns");
     const auto goHome = [](const Descriptor* back) { setns(back->get(), CLONE_NEWNET); };
     const std::unique_ptr<const Descriptor, decltype(goHome)> guard(&home, goHome);
@@ -121,39 +97,75 @@ std::string Namespace::shell(const std::string& command) const {
     return printed;
 }
 
-void Namespace::ip(const std::string& batch) const { shell(fed("ip -batch -", batch)); }
-
-void Namespace::nft(const std::string& rules) const { shell(fed("nft -f -", rules)); }
-
-void Namespace::sysctl(const std::string& name, const std::string& value) const {
-    run([&] {
-        std::ofstream file("/proc/sys/net/" + name);
-        file << value << std::flush;
-        if (!file) throw std::runtime_error("cannot set " + name + " to " + value);
-    });
+void Namespace::ip(const std::string& batch) const {
+    shell("ip -batch - <<'END_OF_INPUT'\n" + batch + "\nEND_OF_INPUT");
 }
 
-void Namespace::awaitLinks() const {
-    run([] {
-        const Descriptor events(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
-        sockaddr_nl links{};
-        links.nl_family = AF_NETLINK;
-        links.nl_groups = RTMGRP_LINK;
-        check(bind(events.get(), reinterpret_cast<const sockaddr*>(&links), sizeof links) == 0,
-              "link events");
-        while (!linksAreReady()) {
-            pollfd readable{events.get(), POLLIN, 0};
-            if (poll(&readable, 1, kPatience) != 1)
-                throw std::runtime_error("timed out waiting for a link:\n" +
-                                         output("ip -o link show up"));
-            std::array<char, 65536> event;
-            while (recv(events.get(), event.data(), event.size(), MSG_DONTWAIT) >= 0) continue;
-        }
-    });
+void Namespace::nft(const std::string& rules) const {
+    shell("nft -f - <<'END_OF_INPUT'\n" + rules + "\nEND_OF_INPUT");
 }
 
-bool succeeds(const std::string& command) {
-    return std::system((command + " >/run/command 2>&1").c_str()) == 0;
+void Namespace::awaitLinks() const { shell(kAwaitLinks); }
+
+Mailbox::Mailbox(std::string path)
+    : m_path(std::move(path)), m_socket(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    m_path.copy(address.sun_path, sizeof address.sun_path - 1);
+    check(bind(m_socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0,
+          m_path);
+}
+
+Mailbox::~Mailbox() { unlink(m_path.c_str()); }
+
+std::vector<std::string> Mailbox::take() const {
+    std::vector<std::string> messages;
+    std::array<char, 8192> buffer;
+    for (;;) {
+        const ssize_t length = recv(m_socket.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+        if (length < 0) return messages;
+        messages.emplace_back(buffer.data(), static_cast<size_t>(length));
+    }
+}
+
+void Mailbox::await(const std::string& message) const {
+    for (;;) {
+        pollfd readable{m_socket.get(), POLLIN, 0};
+        if (poll(&readable, 1, kPatience) != 1)
+            throw std::runtime_error("timed out waiting for the message " + message);
+        const std::vector<std::string> messages = take();
+        if (std::find(messages.begin(), messages.end(), message) != messages.end()) return;
+    }
+}
+
+Daemon::Daemon(const std::string& program, const Namespace& router, int processor) {
+    constexpr char kManager[] = "/run/service-manager";
+    const Mailbox manager(kManager);
+    const std::string notifySocket = std::string("NOTIFY_SOCKET=") + kManager;
+    router.run([&] {
+        m_pid = fork();
+        check(m_pid >= 0, "fork");
+        if (m_pid > 0) return;
+        execlp("setpriv", "setpriv", "--pdeathsig", "KILL", "taskset", "--cpu-list",
+               std::to_string(processor).c_str(), "env", notifySocket.c_str(), program.c_str(),
+               static_cast<char*>(nullptr));
+        perror("setpriv");
+        _exit(127);
+    });
+    manager.await("READY=1");
+}
+
+Daemon::~Daemon() {
+    if (m_pid <= 0) return;
+    kill(m_pid, SIGKILL);
+    waitpid(m_pid, nullptr, 0);
+}
+
+bool Daemon::isRunning() const {
+    siginfo_t ended{};
+    check(waitid(P_PID, static_cast<id_t>(m_pid), &ended, WEXITED | WNOHANG | WNOWAIT) == 0,
+          "waitid");
+    return ended.si_pid == 0;
 }
 
 }  // namespace twin

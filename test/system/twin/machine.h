@@ -1,17 +1,25 @@
 // SPDX-License-Identifier: MIT
-// Private mount and network namespaces, and commands that run in them.
+// Private mount and network namespaces, and what runs in them: commands and the daemon.
 #ifndef PMTUD_TWIN_MACHINE_H
 #define PMTUD_TWIN_MACHINE_H
 
+#include <sys/types.h>
+
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "descriptor.h"
 
 namespace twin {
 
+constexpr int kPatience = 20000;  ///< milliseconds to wait for anything
+
+/// Throws std::system_error with errno if the call has failed.
+void check(bool succeeded, const std::string& what);
+
 /// Moves the process into private mount and network namespaces, with an empty /run and a /dev
-/// without the machine's sockets. Throws std::system_error if that is not allowed.
+/// without the machine's sockets.
 void isolate();
 
 /// A network namespace that `ip` knows by its name; it ends with the object.
@@ -27,14 +35,10 @@ class Namespace {
     /// Runs `action` in the namespace and comes back.
     void run(const std::function<void()>& action) const;
 
-    // Each throws std::runtime_error with what the command printed if it fails.
-    /// What the command printed.
+    /// What the command printed; throws std::runtime_error with it if the command fails.
     std::string shell(const std::string& command) const;
     void ip(const std::string& batch) const;
     void nft(const std::string& rules) const;
-
-    /// The name is below /proc/sys/net, with slashes.
-    void sysctl(const std::string& name, const std::string& value) const;
 
     /// Waits until every interface that is up takes packets.
     void awaitLinks() const;
@@ -44,8 +48,38 @@ class Namespace {
     pmtud_linux::Descriptor m_descriptor;
 };
 
-/// Whether the command succeeds, in the namespace that the process is in.
-bool succeeds(const std::string& command);
+/// A datagram socket in the file system, which collects what is sent to it.
+class Mailbox {
+ public:
+    explicit Mailbox(std::string path);
+    ~Mailbox();
+    Mailbox(const Mailbox&) = delete;
+    Mailbox& operator=(const Mailbox&) = delete;
+
+    /// The messages since the last call.
+    std::vector<std::string> take() const;
+
+    /// Throws away messages until this one comes.
+    void await(const std::string& message) const;
+
+ private:
+    std::string m_path;
+    pmtud_linux::Descriptor m_socket;
+};
+
+/// Runs from its construction, at the end of which its rules are installed, to its destruction.
+class Daemon {
+ public:
+    Daemon(const std::string& program, const Namespace& router, int processor);
+    ~Daemon();
+    Daemon(const Daemon&) = delete;
+    Daemon& operator=(const Daemon&) = delete;
+
+    bool isRunning() const;
+
+ private:
+    pid_t m_pid = -1;
+};
 
 }  // namespace twin
 

@@ -7,14 +7,15 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <functional>
+#include <string_view>
 
+#include "answer.h"
 #include "bytes.h"
 
+using packets::Answer;
 using packets::get16;
-using packets::get32;
-using packets::onesSum;
 using packets::put16;
-using packets::transportChecksum;
 
 namespace twin {
 
@@ -28,40 +29,25 @@ constexpr uint8_t kHopByHop = 0;
 constexpr uint8_t kRouting = 43;
 constexpr uint8_t kFragment = 44;
 constexpr uint8_t kDestinationOptions = 60;
-constexpr uint8_t kOwnHops = 64;  // what a router sends itself starts with that
-constexpr uint8_t kTooBig6 = 2;
+constexpr uint8_t kOwnHops = 64;  // a router's own packets start with it
 constexpr size_t kQuotedBeyondHeader = 8;
-// The daemon's IPv4 answers quote that much, less than RFC 792 asks for beyond the longest headers.
+// The daemon's IPv4 answers quote that much, less than RFC 792 requires beyond the longest headers.
 constexpr size_t kQuoted4 = 60;
 
-// The daemon folds the sum of an IPv4 message once and drops the carry of that, deliberately.
-bool isFoldedOnce(const uint8_t* message, size_t size) {
-    uint32_t sum = 0;
-    for (size_t i = 0; i + 1 < size; i += 2)
-        if (i != 2) sum += get16(message + i);
-    return (~((sum & 0xffff) + (sum >> 16)) & 0xffff) == get16(message + 2);
-}
-
-std::string hex(const uint8_t* bytes, size_t size) {
+std::string hex(const Bytes& bytes, size_t most) {
     std::string text;
     std::array<char, 3> digits;
-    for (size_t i = 0; i < size; ++i) {
+    for (size_t i = 0; i < std::min(bytes.size(), most); ++i) {
         std::snprintf(digits.data(), digits.size(), "%02x", bytes[i]);
         text += digits.data();
     }
     return text;
 }
 
-std::string address(int family, const uint8_t* bytes) {
+std::string textOf(std::span<const uint8_t> address) {
     std::array<char, INET6_ADDRSTRLEN> text;
-    return inet_ntop(family, bytes, text.data(), text.size());
-}
-
-// FNV-1a: the text need not hold a whole packet to tell it from another.
-uint64_t hashOf(const Bytes& bytes) {
-    uint64_t hash = 14695981039346656037U;
-    for (const uint8_t byte : bytes) hash = (hash ^ byte) * 1099511628211U;
-    return hash;
+    return inet_ntop(address.size() == 4 ? AF_INET : AF_INET6, address.data(), text.data(),
+                     text.size());
 }
 
 struct Transport {
@@ -73,20 +59,17 @@ struct Transport {
 
 Transport transportOf6(const uint8_t* packet, size_t size) {
     Transport found{packet[6], 40, 0, false};
-    while (found.at + 8 <= size &&
+    while (found.at + 8 <= size && !found.isLaterFragment &&
            (found.protocol == kHopByHop || found.protocol == kRouting ||
             found.protocol == kFragment || found.protocol == kDestinationOptions)) {
         const uint8_t* const header = packet + found.at;
-        if (found.protocol == kFragment) {
+        const bool isFragment = found.protocol == kFragment;
+        if (isFragment) {
             found.fragmentAt = found.at;
             found.isLaterFragment = get16(header + 2) >> 3 != 0;
-            found.protocol = header[0];
-            found.at += 8;
-            if (found.isLaterFragment) return found;
-        } else {
-            found.protocol = header[0];
-            found.at += 8 + size_t{8} * header[1];
         }
+        found.protocol = header[0];
+        found.at += isFragment ? 8 : 8 + size_t{8} * header[1];
     }
     return found;
 }
@@ -100,102 +83,92 @@ bool isUnasked(const uint8_t* packet, const Transport& transport, size_t size) {
     return isDiscovery && (packet[7] == 255 || packet[7] == 1 || isLinkLocal);
 }
 
-Observation tooBig(const std::string& what, const uint8_t* quote, size_t quoted, size_t header,
-                   bool isIpv4) {
-    Observation told;
-    told.isTooBig = true;
-    const size_t compared = isIpv4 ? std::min(quoted, kQuoted4) : quoted;
-    Bytes start(quote, quote + std::min(compared, header + kQuotedBeyondHeader));
+Observation tooBig(const std::string& host, const Answer& answer, Ignored ignored) {
+    const bool isIpv4 = answer.family == 4;
+    const size_t header = isIpv4 ? size_t{4} * (answer.quote[0] & 15U) : 40;
+    Bytes quote(answer.quote.begin(), answer.quote.end());
+    quote.resize(
+        std::min({quote.size(), header + kQuotedBeyondHeader, isIpv4 ? kQuoted4 : quote.size()}));
     // The kernel may have written into the options before it refused the packet.
-    if (isIpv4 && start.size() >= 20) put16(&start[10], 0);
-    told.serial = isIpv4 ? get16(quote + 4) : get32(quote) & 0xfffff;
-    told.text = what + ", about " + hex(start.data(), start.size());
-    return told;
-}
+    if (isIpv4 && quote.size() >= 12) put16(&quote[10], 0);
 
-Observation told4(const std::string& host, const uint8_t* packet, size_t size, Ignored ignored) {
-    const size_t header = size_t{4} * (packet[0] & 15U);
-    const uint8_t* const message = packet + header;
-    const size_t length = std::min<size_t>(get16(packet + 2), size) - header;
-    const bool isWrong = onesSum({message, length}) != 0xffff && !isFoldedOnce(message, length);
-    const std::string from = ignored.answerSource ? "" : " by " + address(AF_INET, packet + 12);
-    const uint8_t* const quote = message + 8;
-    Observation told =
-        tooBig((ignored.answerHost ? "somebody" : host) + " is told " +
-                   address(AF_INET, packet + 16) + from + ": type 3 code 4 MTU " +
-                   std::to_string(get32(message + 4)) + (isWrong ? " WRONG CHECKSUM" : ""),
-               quote, length - 8, size_t{4} * (quote[0] & 15U), true);
-    told.messageSize = length;
-    return told;
-}
-
-Observation told6(const std::string& host, const uint8_t* packet, size_t size,
-                  const Transport& transport, Ignored ignored) {
-    const uint8_t* const message = packet + transport.at;
-    const size_t end = std::min<size_t>(size_t{40} + get16(packet + 4), size);
-    const bool isWrong = transport.fragmentAt == 0 &&
-                         transportChecksum({packet, packet + end}, transport.at, kIcmpv6) != 0;
-    const std::string from = ignored.answerSource ? "" : " by " + address(AF_INET6, packet + 8);
-    Observation told = tooBig(
-        (ignored.answerHost ? "somebody" : host) + " is told " + address(AF_INET6, packet + 24) +
-            from + ": type 2 code " + std::to_string(message[1]) + " MTU " +
-            std::to_string(get32(message + 4)) + (isWrong ? " WRONG CHECKSUM" : ""),
-        message + 8, end - transport.at - 8, 40, false);
-    told.messageSize = end - transport.at;
-    return told;
+    Observation seen;
+    seen.isTooBig = true;
+    seen.serial = answer.serial;
+    seen.text =
+        (ignored.answerHost ? "somebody" : host) + " is told " + textOf(answer.destination) +
+        (ignored.answerSource ? "" : " by " + textOf(answer.source)) + ": MTU " +
+        std::to_string(answer.mtu) + " " + answer.problem + ", about " + hex(quote, quote.size());
+    return seen;
 }
 
 Observation other(const std::string& host, const Bytes& frame) {
-    std::array<char, 17> hash;
-    std::snprintf(hash.data(), hash.size(), "%016llx",
-                  static_cast<unsigned long long>(hashOf(frame)));
+    const std::string_view all(reinterpret_cast<const char*>(frame.data()), frame.size());
     Observation seen;
-    seen.text = host + " receives " + std::to_string(frame.size()) + " bytes, " +
-                hex(frame.data(), std::min<size_t>(frame.size(), 78)) + ", hash " + hash.data();
+    seen.text = host + " receives " + std::to_string(frame.size()) + " bytes, " + hex(frame, 78) +
+                ", hash " + std::to_string(std::hash<std::string_view>{}(all));
     return seen;
+}
+
+// Nothing for what is not compared. Clears what the kernel chooses at random.
+std::optional<Observation> observe4(const std::string& host, Bytes& frame, Ignored ignored) {
+    uint8_t* const packet = frame.data() + kEthernet;
+    const size_t header = size_t{4} * (packet[0] & 15U);
+    const bool isOwn = packet[8] == kOwnHops;
+    if (packet[9] == kIgmp && packet[8] == 1) return std::nullopt;
+    if (!isOwn) return other(host, frame);
+    const bool isFirst = (get16(packet + 6) & 0x1fffU) == 0;
+    if (packet[9] == kIcmp && isFirst && frame.size() >= kEthernet + header + 2) {
+        const auto answer = packets::readAnswer(frame);
+        if (answer && answer->quote.size() >= 20) return tooBig(host, *answer, ignored);
+        if (packet[header] == 3 && packet[header + 1] <= 1) return std::nullopt;
+    }
+    put16(packet + 4, 0);
+    put16(packet + 10, 0);
+    return other(host, frame);
+}
+
+// A "too big" message, or its first fragment, which is read as if it were the whole message.
+std::optional<Observation> tooBig6(const std::string& host, Bytes frame, const Transport& transport,
+                                   Ignored ignored) {
+    if (transport.fragmentAt == 40) {
+        frame.erase(frame.begin() + kEthernet + 40, frame.begin() + kEthernet + 48);
+        put16(&frame[kEthernet + 4], frame.size() - kEthernet - 40);
+        frame[kEthernet + 6] = kIcmpv6;
+    }
+    auto answer = packets::readAnswer(frame);
+    if (!answer || answer->quote.size() < 40) return std::nullopt;
+    if (transport.fragmentAt != 0 && answer->problem == "wrong ICMPv6 checksum")
+        answer->problem.clear();
+    return tooBig(host, *answer, ignored);
+}
+
+std::optional<Observation> observe6(const std::string& host, Bytes& frame, Ignored ignored) {
+    uint8_t* const packet = frame.data() + kEthernet;
+    const size_t size = frame.size() - kEthernet;
+    const Transport transport = transportOf6(packet, size);
+    if (isUnasked(packet, transport, size)) return std::nullopt;
+    if (packet[7] == kOwnHops) {
+        if (transport.protocol == kIcmpv6) {
+            if (transport.isLaterFragment) return std::nullopt;
+            if (auto told = tooBig6(host, frame, transport, ignored)) return told;
+        }
+        packet[1] &= 0xf0;
+        put16(packet + 2, 0);
+    }
+    // The kernel chooses another when it puts a datagram together and fragments it again.
+    if (transport.fragmentAt != 0) std::fill_n(packet + transport.fragmentAt + 4, 4, uint8_t{0});
+    return other(host, frame);
 }
 
 }  // namespace
 
-std::optional<Observation> observe(const std::string& host, const Bytes& original,
-                                   Ignored ignored) {
-    Bytes frame = original;
+std::optional<Observation> observe(const std::string& host, Bytes frame, Ignored ignored) {
     if (frame.size() < kEthernet) return other(host, frame);
     const uint32_t type = get16(&frame[12]);
     if (type == 0x0806) return std::nullopt;
-    uint8_t* const packet = frame.data() + kEthernet;
-    const size_t size = frame.size() - kEthernet;
-    if (type == 0x0800 && size >= 20) {
-        const size_t header = size_t{4} * (packet[0] & 15U);
-        const bool isFirst = (get16(packet + 6) & 0x1fffU) == 0;
-        if (packet[9] == kIgmp && packet[8] == 1) return std::nullopt;
-        if (packet[9] == kIcmp && isFirst && size >= header + 28 && packet[header] == 3 &&
-            packet[header + 1] == 4 && packet[8] == kOwnHops)
-            return told4(host, packet, size, ignored);
-        if (packet[8] == kOwnHops) {
-            if (packet[9] == kIcmp && isFirst && size >= header + 2 && packet[header] == 3 &&
-                packet[header + 1] <= 1)
-                return std::nullopt;
-            put16(packet + 4, 0);
-            put16(packet + 10, 0);
-        }
-    } else if (type == 0x86dd && size >= 40) {
-        const Transport transport = transportOf6(packet, size);
-        if (isUnasked(packet, transport, size)) return std::nullopt;
-        const bool isOwn = packet[7] == kOwnHops;
-        if (isOwn && transport.protocol == kIcmpv6) {
-            if (transport.isLaterFragment) return std::nullopt;
-            if (transport.at + 48 <= size && packet[transport.at] == kTooBig6)
-                return told6(host, packet, size, transport, ignored);
-        }
-        if (isOwn) {
-            packet[1] &= 0xf0;
-            put16(packet + 2, 0);
-        }
-        // The kernel chooses another when it puts a datagram together and fragments it again.
-        if (transport.fragmentAt != 0)
-            std::fill_n(packet + transport.fragmentAt + 4, 4, uint8_t{0});
-    }
+    if (type == 0x0800 && frame.size() >= kEthernet + 20) return observe4(host, frame, ignored);
+    if (type == 0x86dd && frame.size() >= kEthernet + 40) return observe6(host, frame, ignored);
     return other(host, frame);
 }
 

@@ -6,7 +6,11 @@
 #include <map>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
 #include <vector>
+
+using packets::Ipv4;
+using packets::Ipv6;
 
 namespace twin {
 
@@ -34,7 +38,7 @@ Bytes bytesIn(const std::string& text) {
     return bytes;
 }
 
-/// NAME=VALUE, or NAME alone; every one must be asked for.
+/// NAME=VALUE, or NAME alone. Each is taken once, and none may be left over.
 class Words {
  public:
     explicit Words(const std::vector<std::string>& words) {
@@ -44,28 +48,27 @@ class Words {
         }
     }
 
-    bool has(const std::string& name) {
-        m_known[name] = true;
-        return m_values.contains(name);
-    }
+    bool has(const std::string& name) { return m_values.erase(name) != 0; }
 
     std::string text(const std::string& name, const std::string& otherwise = {}) {
-        return has(name) ? m_values[name] : otherwise;
+        const auto word = m_values.extract(name);
+        return word.empty() ? otherwise : word.mapped();
     }
 
     template <typename Number>
     Number number(const std::string& name, Number otherwise) {
-        return has(name) ? static_cast<Number>(std::stoul(m_values[name], nullptr, 0)) : otherwise;
+        const auto word = m_values.extract(name);
+        return word.empty() ? otherwise
+                            : static_cast<Number>(std::stoul(word.mapped(), nullptr, 0));
     }
 
-    void checkAllKnown() const {
-        for (const auto& [name, value] : m_values)
-            if (!m_known.contains(name)) throw std::invalid_argument("unknown word: " + name);
+    void checkNoneLeft() const {
+        if (!m_values.empty())
+            throw std::invalid_argument("unknown word: " + m_values.begin()->first);
     }
 
  private:
     std::map<std::string, std::string> m_values;
-    std::map<std::string, bool> m_known;
 };
 
 std::string address(const std::string& text, bool isIpv4) {
@@ -74,39 +77,36 @@ std::string address(const std::string& text, bool isIpv4) {
     return addressOf(isIpv4, std::stoi(text), text.substr(dot + 1));
 }
 
-How howOf(Words& words, bool isIpv4) {
-    How how{.from = words.text("host", "a")};
-    const Bytes mac = bytesIn(words.text("mac"));
-    std::copy(mac.begin(), mac.end(), how.to.begin());
-    const bool hasOwn = words.has(isIpv4 ? "kernel4" : "kernel6");
-    words.has(isIpv4 ? "kernel6" : "kernel4");
-    how.tellsNobodyIfMute = words.has("kernel") || hasOwn;
-    return how;
-}
-
-std::string senderOf(Words& words, bool isIpv4) {
-    const int vlan = 10 * (words.text("host", "a")[0] - 'a' + 1);
-    return address(words.text("from", std::to_string(vlan) + ".2"), isIpv4);
-}
-
-template <typename Packet>
-void sendWhole(Twins& twins, const Packet& packet, const How& how, size_t largest) {
-    static uint16_t id = 30000;
-    if constexpr (std::is_same_v<Packet, Ipv4>) {
-        if (largest == 0) return void(twins.send(packet, how));
-        Ipv4 whole = packet;
-        whole.id = ++id;
-        for (const Ipv4& one : packets::fragments(whole, largest)) twins.send(one, how);
-    } else {
-        if (largest == 0) return void(twins.send(packet, how));
-        for (const Ipv6& one : packets::fragments(packet, largest, ++id)) twins.send(one, how);
+/// What packets of all kinds have in common.
+struct Envelope {
+    Envelope(Words& words, bool isIpv4)
+        : how{.from = words.text("host", "a")},
+          from(address(words.text("from", std::to_string(vlanOf(how.from)) + ".2"), isIpv4)),
+          to(address(words.text("to", "20.2"), isIpv4)),
+          fragments(words.number("fragments", size_t{0})) {
+        const Bytes mac = bytesIn(words.text("mac"));
+        std::copy(mac.begin(), mac.end(), how.to.begin());
+        const bool for4 = words.has("kernel4");
+        const bool for6 = words.has("kernel6");
+        how.tellsNobodyIfMute = words.has("kernel") || (isIpv4 ? for4 : for6);
     }
+
+    How how;
+    std::string from;
+    std::string to;
+    size_t fragments;  ///< the largest; 0 for a whole packet
+};
+
+uint16_t nextFragmented() {
+    static uint16_t id = 30000;
+    return ++id;
 }
 
 void send4(Twins& twins, Words words) {
+    const Envelope envelope(words, true);
     Ipv4 packet{.size = words.number("size", size_t{1500}),
-                .from = senderOf(words, true),
-                .to = address(words.text("to", "20.2"), true),
+                .from = envelope.from,
+                .to = envelope.to,
                 .dontFragment = words.number("df", 1) != 0,
                 .ttl = words.number("ttl", uint8_t{64}),
                 .tos = words.number("tos", uint8_t{0}),
@@ -115,61 +115,64 @@ void send4(Twins& twins, Words words) {
                 .toPort = words.number("dport", uint16_t{5000}),
                 .options = bytesIn(words.text("options")),
                 .id = words.number("id", uint16_t{0})};
-    if (words.has("icmp")) {
+    if (const std::string type = words.text("icmp"); !type.empty()) {
         packet.protocol = kIcmp;
-        packet.payload = packets::icmp(words.number("icmp", uint8_t{0}), 0, packet.size - 20);
+        packet.payload = packets::icmp(static_cast<uint8_t>(std::stoul(type)), 0, packet.size - 20);
     }
-    const size_t largest = words.number("fragments", size_t{0});
-    sendWhole(twins, packet, howOf(words, true), largest);
-    words.checkAllKnown();
-}
-
-// The first extension header's type and a colon, and then all of them.
-void extend(Ipv6& packet, const std::string& headers) {
-    if (headers.empty()) return;
-    packet.firstHeader = static_cast<uint8_t>(std::stoul(headers));
-    packet.extensions = bytesIn(headers.substr(headers.find(':') + 1));
+    words.checkNoneLeft();
+    if (envelope.fragments == 0) return twins.send(packet, envelope.how);
+    packet.id = nextFragmented();
+    for (const Ipv4& one : packets::fragments(packet, envelope.fragments))
+        twins.send(one, envelope.how);
 }
 
 void send6(Twins& twins, Words words) {
+    const Envelope envelope(words, false);
     Ipv6 packet{.size = words.number("size", size_t{1500}),
-                .from = senderOf(words, false),
-                .to = address(words.text("to", "20.2"), false),
+                .from = envelope.from,
+                .to = envelope.to,
                 .hopLimit = words.number("ttl", uint8_t{64}),
                 .trafficClass = words.number("tos", uint8_t{0}),
                 .nextHeader = words.number("proto", uint8_t{17}),
                 .fromPort = words.number("sport", uint16_t{4000}),
                 .toPort = words.number("dport", uint16_t{5000}),
                 .flowLabel = words.number("id", uint32_t{0})};
-    extend(packet, words.text("headers"));
-    if (words.has("icmp")) {
+    // The first extension header's type and a colon, and then all of them.
+    if (const std::string headers = words.text("headers"); !headers.empty()) {
+        packet.firstHeader = static_cast<uint8_t>(std::stoul(headers));
+        packet.extensions = bytesIn(headers.substr(headers.find(':') + 1));
+    }
+    if (const std::string type = words.text("icmp"); !type.empty()) {
         packet.nextHeader = kIcmpv6;
         packet.payload =
-            packets::icmp6(words.number("icmp", uint8_t{0}), 0,
+            packets::icmp6(static_cast<uint8_t>(std::stoul(type)), 0,
                            packet.size - 40 - packet.extensions.size(), packet.from, packet.to);
     }
-    const size_t largest = words.number("fragments", size_t{0});
-    sendWhole(twins, packet, howOf(words, false), largest);
-    words.checkAllKnown();
+    words.checkNoneLeft();
+    if (envelope.fragments == 0) return twins.send(packet, envelope.how);
+    for (const Ipv6& one : packets::fragments(packet, envelope.fragments, nextFragmented()))
+        twins.send(one, envelope.how);
 }
 
 void sendMerged(Twins& twins, Words words, bool isIpv4, bool isTcp) {
-    twins.send(
-        Merged{.from = senderOf(words, isIpv4),
-               .to = address("20.2", isIpv4),
-               .bytes = words.number("bytes", size_t{20000}),
-               .each = words.number(isIpv4 ? "each4" : "each6", words.number("each", size_t{1448})),
-               .isTcp = isTcp});
-    words.has(isIpv4 ? "each6" : "each4");
-    words.checkAllKnown();
+    const Envelope envelope(words, isIpv4);
+    const size_t each = words.number("each", size_t{1448});
+    const size_t each4 = words.number("each4", each);
+    const size_t each6 = words.number("each6", each);
+    twins.send(Merged{.from = envelope.from,
+                      .to = envelope.to,
+                      .bytes = words.number("bytes", size_t{20000}),
+                      .each = isIpv4 ? each4 : each6,
+                      .isTcp = isTcp},
+               envelope.how);
+    words.checkNoneLeft();
 }
 
 // False: it is no packet.
 bool sendLine(Twins& twins, const std::string& kind, const std::vector<std::string>& rest) {
     const size_t digits = kind.find_first_of("46");
-    if (digits == kind.npos) return false;
     const std::string what = kind.substr(0, digits);
-    if (what != "v" && what != "tcp" && what != "udp") return false;
+    if (digits == kind.npos || (what != "v" && what != "tcp" && what != "udp")) return false;
     Words words(rest);
     for (int left = words.number("times", 1); left > 0; --left)
         for (const char family : kind.substr(digits)) {
@@ -183,29 +186,25 @@ bool sendLine(Twins& twins, const std::string& kind, const std::vector<std::stri
     return true;
 }
 
-void prepare(Twins& twins, const std::string& kind, const std::string& rest,
+void prepare(Site& site, const std::string& kind, const std::string& rest,
              const std::vector<std::string>& words) {
     if (kind == "nft")
-        twins.nft(rest);
+        site.router().nft(rest);
     else if (kind == "sh")
-        twins.shell(rest);
+        site.router().shell(rest);
     else if (kind == "hosts")
-        twins.onHosts(rest);
+        site.hosts().shell(rest);
     else if (kind == "sysctl")
-        twins.sysctl(words.at(0), words.at(1));
+        site.router().shell("echo " + words.at(1) + " >/proc/sys/net/" + words.at(0));
     else if (kind == "vlan")
-        twins.addVlan(std::stoi(words.at(0)), words.at(1), std::stoi(words.at(2)));
+        site.addVlans({{std::stoi(words.at(0)), words.at(1), std::stoi(words.at(2))}});
     else if (kind == "port")
-        twins.addPort(words.at(0), words.at(1), words.at(2));
+        site.addPort(words.at(0), words.at(1), words.at(2));
     else if (kind == "ignore" && rest == "source")
-        twins.ignoreAnswerSource();
+        site.ignored.answerSource = true;
     else if (kind == "ignore" && rest == "host")
-        twins.ignoreAnswerHost();
-    else if (kind == "fence6")
-        twins.fenceByIpv6();
-    else if (kind == "meanwhile")
-        twins.meanwhile(rest);
-    else if (kind != "mtus")
+        site.ignored.answerHost = site.ignored.answerSource = true;
+    else
         throw std::invalid_argument("unknown command: " + kind);
 }
 
@@ -227,7 +226,9 @@ std::vector<std::string> alternatives(const std::string& line) {
 void play(Twins& twins, const std::string& lines) {
     std::string batch;  // one call for successive lines of ip
     const auto flush = [&] {
-        if (!batch.empty()) twins.ip(std::exchange(batch, {}));
+        if (batch.empty()) return;
+        twins.both([&](Site& site) { site.router().ip(batch); });
+        batch.clear();
     };
     for (const std::string& several : split(lines, '\n'))
         for (const std::string& line : alternatives(several)) {
@@ -240,23 +241,14 @@ void play(Twins& twins, const std::string& lines) {
                 continue;
             }
             flush();
-            if (!sendLine(twins, kind, words)) prepare(twins, kind, rest, words);
+            if (kind == "meanwhile")
+                twins.meanwhile(rest);
+            else if (kind == "fence6")
+                twins.fenceByIpv6();
+            else if (!sendLine(twins, kind, words))
+                twins.both([&](Site& site) { prepare(site, kind, rest, words); });
         }
     flush();
-}
-
-Mtus mtusOf(const std::string& lines) {
-    Mtus mtus;
-    const std::string first = lines.substr(0, lines.find('\n'));
-    if (!first.starts_with("mtus ")) return mtus;
-    std::vector<std::string> all = split(first, ' ');
-    all.erase(all.begin());
-    Words words(all);
-    mtus.a = words.number("a", mtus.a);
-    mtus.b = words.number("b", mtus.b);
-    mtus.c = words.number("c", mtus.c);
-    words.checkAllKnown();
-    return mtus;
 }
 
 }  // namespace twin

@@ -38,9 +38,6 @@ namespace twin {
 /// plays a line of packets N times.
 void play(Twins& twins, const std::string& lines);
 
-/// The MTUs of the VLANs of a, b and c, if the first line states them: `mtus a=9000 b=1500`.
-Mtus mtusOf(const std::string& lines);
-
 }  // namespace twin
 
 #endif

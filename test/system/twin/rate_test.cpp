@@ -1,29 +1,28 @@
 // SPDX-License-Identifier: MIT
-// More packets than the limits leave to the daemon: every sender is told once, by either side.
+// More packets than the limits allow the daemon: every sender is told once per packet, by the
+// daemon or by the kernel.
 #include "twin_fixture.h"
 
 namespace twin {
-
 namespace {
 
-using Rate = TwinTest;
-
-TEST_F(Rate, EveryPacketOfABurstIsToldOfOnceByTheDaemonOrTheKernel) {
+TEST(Rate, SendersOfABurstAreToldOncePerPacketByTheDaemonOrTheKernel) {
     const uint64_t byDaemon = expectTold("v46 size=1401 times=2000", 4000).answers;
     EXPECT_GT(byDaemon, 100U);
     EXPECT_LT(byDaemon, 4000U);
 }
 
-TEST_F(Rate, EveryPacketOfABurstFromSeveralVlansIsToldOfOnce) {
+TEST(Rate, SendersOfABurstFromSeveralVlansAreToldOncePerPacket) {
     std::string lines;
     for (int i = 0; i < 40; ++i)
         lines += "v4 size=1400|1450 times=20\nv46 size=1450 host=c times=20\n";
     EXPECT_EQ(expectTold(lines, 2400).forwarded, 800U);
 }
 
-// Identical packets: which message is about which, nobody can tell.
-TEST_F(Rate, EveryOneOfABurstOfIdenticalPacketsIsToldOf) { expectTold("v6 id=7 times=1000", 1000); }
+// Nothing shows which message is about which of the identical packets.
+TEST(Rate, SenderOfABurstOfIdenticalPacketsIsToldOncePerPacket) {
+    expectTold("v6 id=7 times=1000", 1000);
+}
 
 }  // namespace
-
 }  // namespace twin

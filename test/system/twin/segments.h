@@ -1,20 +1,16 @@
 // SPDX-License-Identifier: MIT
-// Frames that travel merged, and what they are on a wire.
+// TCP segments and UDP datagrams that a host sends merged, and its kernel or a router's cuts.
 #ifndef PMTUD_TWIN_SEGMENTS_H
 #define PMTUD_TWIN_SEGMENTS_H
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
 #include "packet.h"
 
 namespace twin {
 
 using packets::Bytes;
-using packets::Ipv4;
-using packets::Ipv6;
-using packets::Mac;
 
 /// What a packet socket with PACKET_VNET_HDR puts before a frame; linux/virtio_net.h does not
 /// compile as C++.
@@ -25,7 +21,6 @@ struct Offload {
     static constexpr uint8_t kTcp4 = 1;
     static constexpr uint8_t kTcp6 = 4;
     static constexpr uint8_t kUdp = 5;
-    static constexpr uint8_t kCongestion = 0x80;  // ORed to a type
 
     uint8_t flags = 0;
     uint8_t type = kNone;
@@ -36,7 +31,7 @@ struct Offload {
 };
 static_assert(sizeof(Offload) == 10);
 
-/// A TCP segment or UDP datagrams of more bytes than a frame holds, to be cut by offload.
+/// More bytes than a frame holds, to be cut by offload.
 struct Merged {
     std::string from;
     std::string to;
@@ -48,10 +43,10 @@ struct Merged {
 
 /// The packet and what a packet socket must be told about it.
 Bytes bytesOf(const Merged& merged);
-Offload offloadOf(const Merged& merged, const Bytes& packet);
+Offload offloadOf(const Merged& merged);
 
-/// The frames that go onto the wire for one that a packet socket delivers.
-std::vector<Bytes> segmentsOf(const Bytes& frame, const Offload& offload);
+/// The checksum that the sender has left to the offload.
+void addChecksum(Bytes& frame, const Offload& offload);
 
 }  // namespace twin
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The base of all twin tests, and tests that are a table of cases.
+// What all twin tests expect of two routers, and tests that are a table of cases.
 #ifndef PMTUD_TWIN_FIXTURE_H
 #define PMTUD_TWIN_FIXTURE_H
 
@@ -15,21 +15,15 @@
 
 namespace twin {
 
-class TwinTest : public testing::Test {
- public:
-    static twin::Run run;
+/// Feeds both routers, with hardware that tells senders itself and with mute hardware.
+/// `told` is how many "too big" messages the router without the daemon sends.
+void expectAlike(Twins& twins, size_t told);
 
- protected:
-    /// Feeds both routers, with hardware that tells senders itself and with mute hardware.
-    /// `told` is how many "too big" messages the router without the daemon sends.
-    static void expectAlike(Twins& twins, size_t told);
+void expectNoDifference(const Comparison& result);
 
-    static void expectNoDifference(const Comparison& result);
-
-    /// For rules that drop answers, and for more packets than the daemon takes: every sender is
-    /// told once, by whomever.
-    static Comparison expectTold(const std::string& lines, size_t told);
-};
+/// For rules that drop answers, and for more packets than the daemon takes: every sender is told
+/// once, by the daemon or the kernel.
+Comparison expectTold(const std::string& lines, size_t told);
 
 struct Variant {
     const char* name;
@@ -50,11 +44,9 @@ inline void PrintTo(const Case& one, std::ostream* out) { *out << one.lines; }
 /// A case for each variant.
 std::vector<Case> expanded(const std::vector<Case>& cases);
 
-class Alike : public TwinTest, public testing::WithParamInterface<Case> {};
+class Alike : public testing::TestWithParam<Case> {};
 
 inline std::string nameOf(const testing::TestParamInfo<Case>& info) { return info.param.name; }
-
-inline const How kKernelOnly{.tellsNobodyIfMute = true};
 
 }  // namespace twin
 

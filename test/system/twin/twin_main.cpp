@@ -11,9 +11,7 @@
 
 namespace twin {
 
-Run TwinTest::run;
-
-void TwinTest::expectAlike(Twins& twins, size_t told) {
+void expectAlike(Twins& twins, size_t told) {
     for (const bool isMute : {false, true}) {
         SCOPED_TRACE(isMute ? "with mute hardware" : "with hardware that tells senders");
         const Comparison result = twins.compare(isMute);
@@ -23,14 +21,14 @@ void TwinTest::expectAlike(Twins& twins, size_t told) {
     }
 }
 
-void TwinTest::expectNoDifference(const Comparison& result) {
+void expectNoDifference(const Comparison& result) {
     std::string lines;
     for (const std::string& line : result.differences) lines += '\n' + line;
     EXPECT_TRUE(lines.empty()) << lines;
 }
 
-Comparison TwinTest::expectTold(const std::string& lines, size_t told) {
-    Twins twins(run, mtusOf(lines));
+Comparison expectTold(const std::string& lines, size_t told) {
+    Twins twins;
     play(twins, lines);
     Comparison result = twins.compare(false);
     EXPECT_EQ(result.told, told);
@@ -56,7 +54,7 @@ std::vector<Case> expanded(const std::vector<Case>& cases) {
 }
 
 TEST_P(Alike, Case) {
-    Twins twins(run, mtusOf(GetParam().lines));
+    Twins twins;
     play(twins, GetParam().lines);
     expectAlike(twins, GetParam().told);
 }
@@ -70,7 +68,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     try {
-        twin::TwinTest::run = twin::prepareRun(argv[2]);
+        twin::prepareRun(argv[2]);
         return RUN_ALL_TESTS();
     } catch (const std::exception& error) {
         std::cerr << "twin_test: " << error.what() << '\n';

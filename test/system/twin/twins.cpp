@@ -9,73 +9,59 @@
 #include <poll.h>
 #include <sched.h>
 #include <sys/socket.h>
-#include <sys/uio.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <iterator>
 #include <sstream>
 #include <stdexcept>
-#include <system_error>
-#include <utility>
 
-#include "bytes.h"
+using packets::Ipv4;
+using packets::Ipv6;
+using packets::Mac;
 
 namespace twin {
 
 namespace {
 
-constexpr std::chrono::seconds kPatience(20);
-
 // Fewer than the kernel queues per processor between two interfaces, 1,000.
 constexpr size_t kAtOnce = 200;
 
-constexpr char kFenceHost[] = "fence";
-constexpr char kFenceEnd[] = "fence-end";
-constexpr int kFenceVlan = 4000;
-constexpr int kFenceEndVlan = 4001;
-constexpr int kFenceMtu = 1280;
-constexpr int kIpv6Mtu = 1280;  // RFC 8200 section 5: with less there is no IPv6
+constexpr char kFenceHost[] = "h";
+constexpr char kFenceEnd[] = "i";
+constexpr int kFenceEndMtu = 1280;
 constexpr size_t kFenceSize = 1400;
 
-void check(bool succeeded, const std::string& what) {
-    if (!succeeded) throw std::system_error(errno, std::generic_category(), what);
-}
+// The process is bound to one processor, so that packets arrive in the order in which they are
+// sent. The daemon runs on another if there is one.
+struct Run {
+    std::string daemon;
+    int daemonProcessor = 0;
+} theRun;
 
-// VLAN 10 is 02:00:00:00:10:xx; the fences' VLANs do not fit.
+// The VLAN's number is written as two hexadecimal digits: VLAN 10 has 02:00:00:00:10:xx.
 std::string macText(int vlan, const char* end) {
-    const int pair = vlan < 100 ? vlan : vlan - 4000;
-    return std::string("02:00:00:") + (vlan < 100 ? "00:" : "ff:") + (pair < 10 ? "0" : "") +
-           std::to_string(pair) + ":" + end;
+    return "02:00:00:00:" + std::to_string(vlan) + ":" + end;
 }
 
-Mac routerMac(const std::string& host) {
-    if (host == kFenceHost) return {2, 0, 0, 0xff, 0, 1};
-    const auto vlan = static_cast<uint8_t>((host[0] - 'a' + 1) * 0x10);
-    return {2, 0, 0, 0, vlan, 1};
+Mac macOf(const std::string& host, uint8_t end) {
+    return {2, 0, 0, 0, static_cast<uint8_t>(vlanOf(host) / 10 * 16), end};
 }
+Mac routerMac(const std::string& host) { return macOf(host, 1); }
+Mac hostMac(const std::string& host) { return macOf(host, 2); }
 
-Mac hostMac(const std::string& host) {
-    Mac mac = routerMac(host);
-    mac[5] = 2;
-    return mac;
-}
-
-std::string neighbours(int vlan, const std::string& interface, int mtu) {
-    std::string batch;
-    const std::string mac = macText(vlan, "02");
-    const auto add = [&](const std::string& last) {
-        for (const bool isIpv4 : {true, false})
-            if (isIpv4 || mtu >= kIpv6Mtu)
-                batch += "neigh add " + addressOf(isIpv4, vlan, last) + " lladdr " + mac + " dev " +
-                         interface + "\n";
-    };
-    for (int i = 2; i < 10; ++i) add(std::to_string(i));
-    for (int i = 50; i < 60; ++i) add(std::to_string(i));
-    return batch;
-}
+// The errors that the kernel limits are compared as well.
+constexpr char kRouterSettings[] = R"(sysctl -qw \
+    net.ipv4.conf.all.rp_filter=0 net.ipv4.conf.default.rp_filter=0 \
+    net.ipv4.conf.all.send_redirects=0 net.ipv4.conf.default.send_redirects=0 \
+    net.ipv6.conf.all.accept_dad=0 net.ipv6.conf.default.accept_dad=0 \
+    net.ipv6.conf.all.accept_ra=0 net.ipv6.conf.default.accept_ra=0 \
+    net.ipv4.ip_forward=1 net.ipv6.conf.all.forwarding=1 \
+    net.ipv4.icmp_ratelimit=0 net.ipv6.icmp.ratelimit=0 \
+    net.ipv4.icmp_msgs_per_sec=1000000 net.ipv4.icmp_msgs_burst=1000000)";
 
 // Only what processes send leaves the router: the hardware itself tells nobody.
 constexpr char kMuteHardware[] = R"(table inet hardware
@@ -97,68 +83,53 @@ int nextProcessor(const cpu_set_t& processors, int after) {
 
 }  // namespace
 
-// The fences' VLANs do not fit into an octet.
-std::string addressOf(bool isIpv4, int vlan, const std::string& host) {
-    if (!isIpv4) return "2001:db8:" + std::to_string(vlan) + "::" + host;
-    return (vlan < 256 ? "10.0." + std::to_string(vlan) : "10.255." + std::to_string(vlan - 4000)) +
-           "." + host;
-}
-
-Run prepareRun(const std::string& daemon) {
-    Run run;
-    run.daemon = daemon;
+void prepareRun(const std::string& daemon) {
     cpu_set_t processors;
     check(sched_getaffinity(0, sizeof processors, &processors) == 0, "processors");
-    run.ownProcessor = nextProcessor(processors, -1);
-    const int second = nextProcessor(processors, run.ownProcessor);
-    run.daemonProcessor = second >= 0 ? second : run.ownProcessor;
+    const int own = nextProcessor(processors, -1);
+    const int second = nextProcessor(processors, own);
+    theRun = {daemon, second >= 0 ? second : own};
     CPU_ZERO(&processors);
-    CPU_SET(run.ownProcessor, &processors);
+    CPU_SET(own, &processors);
     check(sched_setaffinity(0, sizeof processors, &processors) == 0, "processors");
     isolate();
-    return run;
 }
 
-Site::Site(const std::string& name, const Mtus& mtus)
-    : m_router(name + "-router"), m_hosts(name + "-hosts") {
-    m_hosts.sysctl("ipv6/conf/default/disable_ipv6", "1");
-    for (const char* const scope : {"all", "default"}) {
-        const std::string conf4 = std::string("ipv4/conf/") + scope + "/";
-        const std::string conf6 = std::string("ipv6/conf/") + scope + "/";
-        m_router.sysctl(conf4 + "rp_filter", "0");
-        m_router.sysctl(conf4 + "send_redirects", "0");
-        m_router.sysctl(conf6 + "accept_dad", "0");
-        m_router.sysctl(conf6 + "accept_ra", "0");
-    }
-    m_router.sysctl("ipv4/ip_forward", "1");
-    m_router.sysctl("ipv6/conf/all/forwarding", "1");
-    // The errors that the kernel limits are compared as well.
-    m_router.sysctl("ipv4/icmp_ratelimit", "0");
-    m_router.sysctl("ipv6/icmp/ratelimit", "0");
-    m_router.sysctl("ipv4/icmp_msgs_per_sec", "1000000");
-    m_router.sysctl("ipv4/icmp_msgs_burst", "1000000");
-    addVlans({{10, "a", mtus.a},
-              {20, "b", mtus.b},
-              {30, "c", mtus.c},
-              {kFenceVlan, kFenceHost, 1500},
-              {kFenceEndVlan, kFenceEnd, kFenceMtu}});
+int vlanOf(const std::string& host) { return 10 * (host[0] - 'a' + 1); }
+
+std::string addressOf(bool isIpv4, int vlan, const std::string& host) {
+    return isIpv4 ? "10.0." + std::to_string(vlan) + "." + host
+                  : "2001:db8:" + std::to_string(vlan) + "::" + host;
+}
+
+Site::Site(const std::string& name) : m_router(name + "-router"), m_hosts(name + "-hosts") {
+    m_hosts.shell("sysctl -qw net.ipv6.conf.default.disable_ipv6=1");
+    m_router.shell(kRouterSettings);
+    addVlans({{10, "a", 1500},
+              {20, "b", 1400},
+              {30, "c", 1500},
+              {80, kFenceHost, 1500},
+              {90, kFenceEnd, kFenceEndMtu}});
 }
 
 void Site::addVlans(const std::vector<NewVlan>& vlans) const {
-    std::string links;
+    std::string links;  // which cut merged packets, so that the hosts receive what a wire carries
     std::string hosts;
     std::string addresses;
     for (const auto& [vlan, host, mtu] : vlans) {
         const std::string interface = "bcm0." + std::to_string(vlan);
         const std::string at = " dev " + interface + "\n";
-        links += "link add " + interface + " mtu " + std::to_string(mtu) + " address " +
-                 macText(vlan, "01") + " type veth peer name " + host + " netns " + m_hosts.name() +
-                 " mtu 65535 address " + macText(vlan, "02") + "\n";
-        hosts += "link set up" + (" dev " + host) + "\n";
-        addresses += "link set up" + at + "addr add " + addressOf(true, vlan, "1") + "/24" + at;
-        if (mtu >= kIpv6Mtu)
-            addresses += "addr add " + addressOf(false, vlan, "1") + "/64 nodad" + at;
-        addresses += neighbours(vlan, interface, mtu);
+        links += "link add " + interface + " mtu " + std::to_string(mtu) +
+                 " gso_max_segs 1 address " + macText(vlan, "01") + " type veth peer name " + host +
+                 " netns " + m_hosts.name() + " mtu 65535 address " + macText(vlan, "02") + "\n";
+        hosts += "link set up dev " + host + "\n";
+        addresses += "link set up" + at + "addr add " + addressOf(true, vlan, "1") + "/24" + at +
+                     "addr add " + addressOf(false, vlan, "1") + "/64 nodad" + at;
+        for (int i = 2; i < 60; ++i)
+            for (const bool isIpv4 : {true, false})
+                if (i < 10 || i >= 50)
+                    addresses += "neigh add " + addressOf(isIpv4, vlan, std::to_string(i)) +
+                                 " lladdr " + macText(vlan, "02") + at;
     }
     m_router.ip(links);
     m_hosts.ip(hosts);
@@ -180,18 +151,16 @@ void Site::open() {
     m_hosts.awaitLinks();
     m_hosts.run([this] {
         m_socket.reset(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
-        check(m_socket.valid(), "packet socket");
+        const int fd = m_socket.get();
         constexpr int kYes = 1;
         constexpr int kRoom = 256 << 20;
-        for (const int option : {PACKET_IGNORE_OUTGOING, PACKET_VNET_HDR})
-            check(setsockopt(m_socket.get(), SOL_PACKET, option, &kYes, sizeof kYes) == 0,
-                  "packet socket");
-        check(setsockopt(m_socket.get(), SOL_SOCKET, SO_RCVBUFFORCE, &kRoom, sizeof kRoom) == 0,
-              "packet socket");
         sockaddr_ll any{};
         any.sll_family = AF_PACKET;
         any.sll_protocol = htons(ETH_P_ALL);
-        check(bind(m_socket.get(), reinterpret_cast<const sockaddr*>(&any), sizeof any) == 0,
+        check(setsockopt(fd, SOL_PACKET, PACKET_IGNORE_OUTGOING, &kYes, sizeof kYes) == 0 &&
+                  setsockopt(fd, SOL_PACKET, PACKET_VNET_HDR, &kYes, sizeof kYes) == 0 &&
+                  setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &kRoom, sizeof kRoom) == 0 &&
+                  bind(fd, reinterpret_cast<const sockaddr*>(&any), sizeof any) == 0,
               "packet socket");
         struct if_nameindex* const all = if_nameindex();
         check(all != nullptr, "interfaces");
@@ -208,47 +177,37 @@ void Site::send(const std::string& host, const Bytes& frame, const Offload& offl
     link.sll_family = AF_PACKET;
     link.sll_ifindex = m_indexes.at(host);
     link.sll_halen = ETH_ALEN;
-    Offload header = offload;
-    Bytes copy = frame;
-    std::array<iovec, 2> pieces{{{&header, sizeof header}, {copy.data(), copy.size()}}};
-    msghdr message{};
-    message.msg_name = &link;
-    message.msg_namelen = sizeof link;
-    message.msg_iov = pieces.data();
-    message.msg_iovlen = pieces.size();
-    check(sendmsg(m_socket.get(), &message, 0) >= 0, "send from " + host);
+    Bytes all(sizeof offload);
+    memcpy(all.data(), &offload, sizeof offload);
+    all.insert(all.end(), frame.begin(), frame.end());
+    check(sendto(m_socket.get(), all.data(), all.size(), 0,
+                 reinterpret_cast<const sockaddr*>(&link), sizeof link) >= 0,
+          "send from " + host);
 }
 
 bool Site::receive() {
     static std::array<uint8_t, 1 << 17> buffer;
     Offload offload{};
-    std::array<iovec, 2> pieces{{{&offload, sizeof offload}, {buffer.data(), buffer.size()}}};
     sockaddr_ll from{};
-    msghdr message{};
-    message.msg_name = &from;
-    message.msg_namelen = sizeof from;
-    message.msg_iov = pieces.data();
-    message.msg_iovlen = pieces.size();
-    const ssize_t length = recvmsg(m_socket.get(), &message, MSG_DONTWAIT);
+    socklen_t size = sizeof from;
+    const ssize_t length = recvfrom(m_socket.get(), buffer.data(), buffer.size(), MSG_DONTWAIT,
+                                    reinterpret_cast<sockaddr*>(&from), &size);
     if (length < 0 && errno == EAGAIN) return false;
     check(length >= static_cast<ssize_t>(sizeof offload), "receive");
-    const auto size = static_cast<size_t>(length) - sizeof offload;
-    keep(from.sll_ifindex, {buffer.begin(), buffer.begin() + static_cast<ptrdiff_t>(size)},
-         offload);
+    memcpy(&offload, buffer.data(), sizeof offload);
+    keep(from.sll_ifindex, {buffer.begin() + sizeof offload, buffer.begin() + length}, offload);
     return true;
 }
 
-void Site::keep(int interface, const Bytes& frame, const Offload& offload) {
+void Site::keep(int interface, Bytes frame, const Offload& offload) {
     const std::string& host = m_names.at(interface);
     if (host == kFenceEnd || host == "lo") return;
-    for (const Bytes& segment : segmentsOf(frame, offload)) {
-        const auto seen = observe(host, segment, ignored);
-        if (!seen) continue;
-        if (host != kFenceHost)
-            m_seen.push_back(*seen);
-        else if (seen->isTooBig)
-            m_answeredFence = seen->serial;
-    }
+    if (offload.type != Offload::kNone)
+        throw std::runtime_error(host + " received a merged packet");
+    addChecksum(frame, offload);
+    const auto seen = observe(host, std::move(frame), ignored);
+    if (seen && host != kFenceHost) m_seen.push_back(*seen);
+    if (seen && host == kFenceHost && seen->isTooBig) m_answeredFence = seen->serial;
 }
 
 void Site::drain() {
@@ -262,16 +221,16 @@ void Site::drain() {
 
 void Site::fence(bool isIpv6) {
     m_fence = m_fence % 0xffff + 1;
-    const Bytes packet = isIpv6 ? bytesOf(Ipv6{.size = kFenceSize,
-                                               .from = addressOf(false, kFenceVlan, "2"),
-                                               .to = addressOf(false, kFenceEndVlan, "2"),
-                                               .flowLabel = m_fence})
-                                : bytesOf(Ipv4{.size = kFenceSize,
-                                               .from = addressOf(true, kFenceVlan, "2"),
-                                               .to = addressOf(true, kFenceEndVlan, "2"),
-                                               .id = static_cast<uint16_t>(m_fence)});
+    const std::string from = addressOf(!isIpv6, vlanOf(kFenceHost), "2");
+    const std::string to = addressOf(!isIpv6, vlanOf(kFenceEnd), "2");
+    const Bytes packet =
+        isIpv6 ? bytesOf(Ipv6{.size = kFenceSize, .from = from, .to = to, .flowLabel = m_fence})
+               : bytesOf(Ipv4{.size = kFenceSize,
+                              .from = from,
+                              .to = to,
+                              .id = static_cast<uint16_t>(m_fence)});
     send(kFenceHost, packets::frameOf(packet, hostMac(kFenceHost), routerMac(kFenceHost)), {});
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPatience);
     for (drain(); m_answeredFence != m_fence; drain()) {
         if (std::chrono::steady_clock::now() > deadline)
             throw std::runtime_error(m_router.name() + ": timed out waiting for a fence's answer");
@@ -280,73 +239,32 @@ void Site::fence(bool isIpv6) {
     }
 }
 
-Twins::Twins(Run run, const Mtus& mtus)
-    : m_run(std::move(run)), m_plain("plain", mtus), m_served("served", mtus) {}
-
 void Twins::both(const std::function<void(Site&)>& action) {
     action(m_plain);
     action(m_served);
 }
 
-void Twins::ip(const std::string& batch) {
-    both([&](Site& site) { site.router().ip(batch); });
-}
-
-void Twins::nft(const std::string& rules) {
-    both([&](Site& site) { site.router().nft(rules); });
-}
-
-void Twins::shell(const std::string& command) {
-    both([&](Site& site) { site.router().shell(command); });
-}
-
-void Twins::sysctl(const std::string& name, const std::string& value) {
-    both([&](Site& site) { site.router().sysctl(name, value); });
-}
-
-void Twins::addVlan(int vlan, const std::string& host, int mtu) {
-    both([&](Site& site) { site.addVlans({{vlan, host, mtu}}); });
-}
-
-void Twins::addPort(const std::string& bridge, const std::string& host, const std::string& mac) {
-    both([&](Site& site) { site.addPort(bridge, host, mac); });
-}
-
-void Twins::onHosts(const std::string& command) {
-    both([&](Site& site) { site.hosts().shell(command); });
-}
-
-void Twins::ignoreAnswerSource() {
-    both([](Site& site) { site.ignored.answerSource = true; });
-}
-
-void Twins::ignoreAnswerHost() {
-    both([](Site& site) { site.ignored.answerHost = site.ignored.answerSource = true; });
-}
-
-uint32_t Twins::sendPacket(const Bytes& packet, const Offload& offload, uint32_t serial,
-                           const How& how) {
+void Twins::sendPacket(const Bytes& packet, const Offload& offload, uint32_t serial,
+                       const How& how) {
     const Mac to = how.to == Mac{} ? routerMac(how.from) : how.to;
-    m_steps.push_back({how.from, packets::frameOf(packet, hostMac(how.from), to), offload, ""});
-    if (how.tellsNobodyIfMute) m_toldByKernelOnly.insert(serial);
-    return serial;
+    sendFrame(packets::frameOf(packet, hostMac(how.from), to), serial, how);
+    m_steps.back().offload = offload;
 }
 
-uint32_t Twins::send(Ipv4 packet, const How& how) {
+void Twins::send(Ipv4 packet, const How& how) {
     if (packet.id == 0) packet.id = static_cast<uint16_t>(++m_serial);
-    return sendPacket(bytesOf(packet), {}, packet.id, how);
+    sendPacket(bytesOf(packet), {}, packet.id, how);
 }
 
-uint32_t Twins::send(Ipv6 packet, const How& how) {
+void Twins::send(Ipv6 packet, const How& how) {
     if (packet.flowLabel == 0) packet.flowLabel = ++m_serial;
-    return sendPacket(bytesOf(packet), {}, packet.flowLabel, how);
+    sendPacket(bytesOf(packet), {}, packet.flowLabel, how);
 }
 
-uint32_t Twins::send(Merged merged, const How& how) {
+void Twins::send(Merged merged, const How& how) {
     merged.id = static_cast<uint16_t>(++m_serial);
     m_serial += 100;  // the numbers of the segments
-    const Bytes packet = bytesOf(merged);
-    return sendPacket(packet, offloadOf(merged, packet), merged.id, how);
+    sendPacket(bytesOf(merged), offloadOf(merged), merged.id, how);
 }
 
 void Twins::sendFrame(const Bytes& frame, uint32_t serial, const How& how) {
@@ -356,18 +274,13 @@ void Twins::sendFrame(const Bytes& frame, uint32_t serial, const How& how) {
 
 void Twins::meanwhile(const std::string& command) { m_steps.push_back({"", {}, {}, command}); }
 
-void Twins::clear() {
-    m_steps.clear();
-    m_toldByKernelOnly.clear();
-}
-
 void Twins::feed(bool isMute) {
     const auto fence = [this](Site& site) { site.fence(m_fenceByIpv6); };
     size_t unfenced = 0;
     for (const Step& step : m_steps) {
         if (!step.command.empty()) {
             both(fence);
-            shell(step.command);
+            both([&](Site& site) { site.router().shell(step.command); });
             if (isMute) m_served.router().nft(kMuteHardware);
             continue;
         }
@@ -379,23 +292,20 @@ void Twins::feed(bool isMute) {
 
 namespace {
 
-void sortByText(std::vector<Observation>& all) {
-    std::sort(all.begin(), all.end(), [](const Observation& one, const Observation& other) {
-        return one.text < other.text;
-    });
+std::vector<std::string> sortedTexts(const std::vector<Observation>& all) {
+    std::vector<std::string> texts;
+    for (const Observation& seen : all) texts.push_back(seen.text);
+    std::sort(texts.begin(), texts.end());
+    return texts;
 }
 
 // The elements of the sorted `one` that the sorted `other` lacks.
-void addMissing(const std::vector<Observation>& one, const std::vector<Observation>& other,
-                const std::string& title, std::vector<std::string>& lines) {
-    auto at = other.begin();
-    for (const Observation& seen : one) {
-        while (at != other.end() && at->text < seen.text) ++at;
-        if (at != other.end() && at->text == seen.text)
-            ++at;
-        else
-            lines.push_back(title + seen.text);
-    }
+void addMissing(const std::string& title, const std::vector<std::string>& one,
+                const std::vector<std::string>& other, std::vector<std::string>& lines) {
+    std::vector<std::string> missing;
+    std::set_difference(one.begin(), one.end(), other.begin(), other.end(),
+                        std::back_inserter(missing));
+    for (const std::string& text : missing) lines.push_back(title + text);
 }
 
 }  // namespace
@@ -416,32 +326,31 @@ void Twins::count(Comparison& result) const {
 Comparison Twins::compare(bool isMute) {
     if (isMute) m_served.router().nft(kMuteHardware);
     both([](Site& site) { site.open(); });
-    SystemLog log;
-    std::vector<std::string> lines;
+    const Mailbox log("/dev/log");
     Comparison result;
+    result.sent = m_steps.size();
+    std::vector<std::string>& lines = result.differences;
     {
-        const Daemon daemon(m_run.daemon, m_served.router(), m_run.daemonProcessor);
+        const Daemon daemon(theRun.daemon, m_served.router(), theRun.daemonProcessor);
         feed(isMute);
         count(result);
         if (!daemon.isRunning()) lines.emplace_back("the daemon has ended");
     }
     if (isMute) m_served.router().nft("delete table inet hardware");
-    std::vector<Observation> plain = m_plain.take();
-    std::vector<Observation> served = m_served.take();
 
-    result.sent = m_steps.size();
-    for (const Observation& seen : plain) (seen.isTooBig ? result.told : result.forwarded) += 1;
+    std::vector<Observation> seen = m_plain.take();
+    for (const Observation& one : seen) (one.isTooBig ? result.told : result.forwarded) += 1;
     if (isMute)
-        std::erase_if(plain, [this](const Observation& seen) {
-            return seen.isTooBig && m_toldByKernelOnly.contains(seen.serial);
+        std::erase_if(seen, [this](const Observation& one) {
+            return one.isTooBig && m_toldByKernelOnly.contains(one.serial);
         });
-    sortByText(plain);
-    sortByText(served);
-    addMissing(plain, served, "only without the daemon: ", lines);
-    addMissing(served, plain, "only with the daemon: ", lines);
-    if (!lines.empty())
-        for (const std::string& line : log.lines()) lines.push_back("the daemon's log: " + line);
-    result.differences = std::move(lines);
+    const std::vector<std::string> plain = sortedTexts(seen);
+    const std::vector<std::string> served = sortedTexts(m_served.take());
+    addMissing("only without the daemon: ", plain, served, lines);
+    addMissing("only with the daemon: ", served, plain, lines);
+    if (lines.empty()) return result;
+    for (const std::string& line : log.take())
+        if (line.find("PMTUD-Linux: ") != line.npos) lines.push_back("the daemon's log: " + line);
     return result;
 }
 

@@ -5,20 +5,20 @@
 //   10.0.10.2-9, .50-.59         the router     bcm0.30 ─── c  02:00:00:00:30:02
 //   2001:db8:10::2-9, ::50-::59
 //
-// VLAN N of the router is 10.0.N.1/24 and 2001:db8:N::1/64, its MAC 02:00:00:00:N:01. The hosts
-// are bare interfaces without a protocol stack: frames go out as written, and whatever comes in
-// is compared. Two more VLANs carry only the fences, each a packet whose answer is awaited.
+// VLAN N of the router is 10.0.N.1/24 and 2001:db8:N::1/64, its MAC 02:00:00:00:N:01. The MTU is
+// 1500, that of bcm0.20 is 1400. The hosts are bare interfaces without a protocol stack: frames go
+// out as written, and all that come in are compared. Two more VLANs, 80 and 90, carry only the
+// fences, each a packet whose answer is awaited.
 #ifndef PMTUD_TWIN_TWINS_H
 #define PMTUD_TWIN_TWINS_H
 
 #include <functional>
 #include <map>
-#include <memory>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "daemon.h"
 #include "descriptor.h"
 #include "machine.h"
 #include "observation.h"
@@ -27,29 +27,19 @@
 
 namespace twin {
 
-/// What the whole run has in common.
-struct Run {
-    std::string daemon;       ///< the program
-    int ownProcessor = 0;     ///< so that what is sent later arrives later
-    int daemonProcessor = 0;  ///< another, if there is one
-};
+/// Isolates the process and binds it to a processor. All Twins will run this daemon.
+void prepareRun(const std::string& daemon);
 
-/// Isolates the process, binds it to a processor, and reads `--daemon PATH` or PMTUD_TWIN_DAEMON.
-Run prepareRun(const std::string& daemon);
+/// The VLAN of host a is 10, that of b is 20, and so on.
+int vlanOf(const std::string& host);
 
-/// Of a host on that VLAN: 10.0.VLAN.HOST, 2001:db8:VLAN::HOST.
+/// 10.0.VLAN.HOST or 2001:db8:VLAN::HOST.
 std::string addressOf(bool isIpv4, int vlan, const std::string& host);
-
-struct Mtus {
-    int a = 1500;
-    int b = 1400;
-    int c = 1500;
-};
 
 /// How a packet is sent.
 struct How {
     std::string from = "a";
-    Mac to = {};                     ///< all zero: the router
+    packets::Mac to = {};            ///< all zero: the router
     bool tellsNobodyIfMute = false;  ///< a documented exception: with mute hardware nobody tells
 };
 
@@ -62,16 +52,15 @@ struct NewVlan {
 /// One router and the hosts around it.
 class Site {
  public:
-    Site(const std::string& name, const Mtus& mtus);
-    Site(const Site&) = delete;
-    Site& operator=(const Site&) = delete;
+    explicit Site(const std::string& name);
 
     const Namespace& router() const { return m_router; }
     const Namespace& hosts() const { return m_hosts; }
 
-    /// Interfaces bcm0.VLAN, each with a host of that name.
+    /// Adds interfaces bcm0.NUMBER, each with a host of that name.
     void addVlans(const std::vector<NewVlan>& vlans) const;
 
+    /// Adds a port to the bridge, and a host with that name and MAC on it.
     void addPort(const std::string& bridge, const std::string& host, const std::string& mac) const;
 
     /// To be called before each batch, when all interfaces are there.
@@ -90,7 +79,7 @@ class Site {
 
  private:
     bool receive();
-    void keep(int interface, const Bytes& frame, const Offload& offload);
+    void keep(int interface, Bytes frame, const Offload& offload);
 
     Namespace m_router;
     Namespace m_hosts;
@@ -114,33 +103,19 @@ struct Comparison {
 
 class Twins {
  public:
-    explicit Twins(Run run, const Mtus& mtus = {});
-
-    /// Prepare both routers; each throws std::runtime_error if a command fails.
-    void ip(const std::string& batch);
-    void nft(const std::string& rules);
-    void shell(const std::string& command);
-    void sysctl(const std::string& name, const std::string& value);
-    void addVlan(int vlan, const std::string& host, int mtu);
-    /// A port of the bridge, and a new host on it.
-    void addPort(const std::string& bridge, const std::string& host, const std::string& mac);
-    void onHosts(const std::string& command);
+    /// Prepares both routers.
+    void both(const std::function<void(Site&)>& action);
 
     /// The fences are IPv6 packets, for a router without an IPv4 address.
     void fenceByIpv6() { m_fenceByIpv6 = true; }
-    void ignoreAnswerSource();
-    void ignoreAnswerHost();
 
-    /// Add to what both are fed. What `send` returns is the packet's serial number, in IPv4's
-    /// identification and IPv6's flow label.
-    uint32_t send(Ipv4 packet, const How& how = {});
-    uint32_t send(Ipv6 packet, const How& how = {});
-    uint32_t send(Merged merged, const How& how = {});
+    /// Adds to what both are fed. A packet that has no serial number gets one, in IPv4's
+    /// identification or IPv6's flow label.
+    void send(packets::Ipv4 packet, const How& how = {});
+    void send(packets::Ipv6 packet, const How& how = {});
+    void send(Merged merged, const How& how = {});
     void sendFrame(const Bytes& frame, uint32_t serial, const How& how = {});
     void meanwhile(const std::string& command);
-
-    /// Forgets what `send` collected.
-    void clear();
 
     /// Feeds both and compares what their hosts received.
     Comparison compare(bool isMute);
@@ -153,15 +128,12 @@ class Twins {
         std::string command;
     };
 
-    uint32_t sendPacket(const Bytes& packet, const Offload& offload, uint32_t serial,
-                        const How& how);
+    void sendPacket(const Bytes& packet, const Offload& offload, uint32_t serial, const How& how);
     void feed(bool isMute);
     void count(Comparison& result) const;
-    void both(const std::function<void(Site&)>& action);
 
-    Run m_run;
-    Site m_plain;
-    Site m_served;
+    Site m_plain{"plain"};
+    Site m_served{"served"};
     std::vector<Step> m_steps;
     std::set<uint32_t> m_toldByKernelOnly;
     uint32_t m_serial = 0;

@@ -68,17 +68,16 @@ boot_service() {
     boot_await_process ""
 }
 
-# boot_await_process OLD
+# boot_await_process OLD_PID
 boot_await_process() {
-    boot_old_process=$1
-    expect "the service's process comes" lab_within 20 boot_has_process
+    expect "the service's process comes" lab_within 20 boot_has_process_after "$1"
     # shellcheck disable=SC2034  # the cases read it
     lab_daemon=$(pgrep -x pmtud)
 }
 
-boot_has_process() {
+boot_has_process_after() {
     local now
-    now=$(pgrep -x pmtud) && [[ $now != "$boot_old_process" ]]
+    now=$(pgrep -x pmtud) && [[ $now != "$1" ]]
 }
 
 # The PID of systemd: the child of the process that created its namespaces.

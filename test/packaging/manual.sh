@@ -21,19 +21,11 @@ statements() {
 }
 
 # pattern STATEMENT
-# The pattern of a line that shows the statement's texts in their order, with any values between them.
-# Of a text that continues on a second line, only the first counts.
+# The pattern of a line that shows the statement's texts in order, with any values between them. Ends
+# with the first line of a text that has several.
 pattern() {
-    local text end result=
-    while IFS= read -r text; do
-        text=${text:1:-1}
-        end=${text#"${text%%\\n*}"}
-        text=${text%%\\n*}
-        result+=".*"$(sed -E -e 's/^ +//' -e 's/ +$//' -e 's/[][\.*^$+?(){}|/]/\\&/g' \
-            -e 's/%[a-z]+/.*/g' <<<"$text")
-        if [[ -n $end ]]; then break; fi
-    done < <(grep -oP -- "$literal" <<<"$1")
-    echo "$result"
+    grep -oP -- "$literal" <<<"$1" | sed -E -e 's/^" *| *"$//g' -e '/\\n/{s/ *\\n.*//;q}' |
+        sed -E -e 's/[][\.*^$+?(){}|/]/\\&/g' -e 's/%[a-z]+/.*/g' -e 's/^/.*/' | tr -d '\n'
 }
 
 # expect_explained PATTERN

@@ -78,3 +78,13 @@ has_errors() {
 await_errors() {
     expect "an error reaches host a" lab_within 5 has_errors
 }
+
+# Checks that host a received one answer, in the daemon's form, and has learned the MTU from it.
+expect_learned_from_daemon() {
+    await_errors
+    expect_equal "the answer on the wire" "$(by_family \
+        'IP 10.0.10.1 > 10.0.10.2: ICMP 10.0.20.2 unreachable - need to frag (mtu 1400), length 68' \
+        'IP6 2001:db8:10::1 > 2001:db8:10::2: ICMP6, packet too big, mtu 1400, length 1400')" \
+        "$(errors)"
+    expect_match "host a's route" ' mtu 1400( |$)' "$(ip -n a route get "$(destination)")"
+}

@@ -44,11 +44,7 @@ answer_by_target() {
 
 HostLearnsTheMtuFromTheTargetsReply() {
     answer_by_target
-    expect_equal "the reply" "$(by_family \
-        'IP 10.0.10.1 > 10.0.10.2: ICMP 10.0.20.2 unreachable - need to frag (mtu 1400), length 68' \
-        'IP6 2001:db8:10::1 > 2001:db8:10::2: ICMP6, packet too big, mtu 1400, length 1400')" \
-        "$(errors)"
-    expect_match "host a's route" ' mtu 1400( |$)' "$(ip -n a route get "$(destination)")"
+    expect_learned_from_daemon
 }
 
 # decoded DISPLAY-FILTER [OPTION...]
@@ -61,13 +57,10 @@ decoded() {
 ReplyOfTheTargetIsDecodedWithoutAFault() {
     answer_by_target
     lab_stop_capture
-    local -r reply='icmp.type == 3 || icmpv6.type == 2'
+    local -r reply='icmp.type == 3 || icmpv6.type == 2' protocol=$(by_family icmp icmpv6)
     # 1 is tshark's "good". The first value of each field is the reply's, the others are the quote's.
-    expect_equal "type, code, MTU and checksum" \
-        "$(by_family '3,4,1400,1' '2,0,1400,1')" \
-        "$(decoded "$reply" -T fields -E separator=, -E occurrence=f "$(by_family \
-            '-eicmp.type' '-eicmpv6.type')" "$(by_family '-eicmp.code' '-eicmpv6.code')" \
-            "$(by_family '-eicmp.mtu' '-eicmpv6.mtu')" \
-            "$(by_family '-eicmp.checksum.status' '-eicmpv6.checksum.status')")"
+    expect_equal "type, code, MTU and checksum" "$(by_family '3,4,1400,1' '2,0,1400,1')" \
+        "$(decoded "$reply" -T fields -E separator=, -E occurrence=f -e "$protocol.type" \
+            -e "$protocol.code" -e "$protocol.mtu" -e "$protocol.checksum.status")"
     expect_equal "malformed packets" "" "$(decoded "_ws.malformed || ip.checksum.bad")"
 }

@@ -87,7 +87,7 @@ Packet oversized(Forge& forge) {
 
 template <typename Packet>
 Bytes sized(Forge& forge, size_t size) {
-    Packet packet = oversized<Packet>(forge);
+    auto packet = oversized<Packet>(forge);
     packet.payload.resize(packet.payload.size() + size - packet.size);
     packet.size = size;
     return forge.frame(packet);
@@ -95,7 +95,7 @@ Bytes sized(Forge& forge, size_t size) {
 
 template <typename Packet, typename Field, typename Value>
 Bytes with(Forge& forge, Field Packet::*field, const Value& value) {
-    Packet packet = oversized<Packet>(forge);
+    auto packet = oversized<Packet>(forge);
     packet.*field = value;
     return forge.frame(packet);
 }

@@ -37,8 +37,7 @@ answer_by_target() {
     ping_size 1500 -W 30 >"$LAB_FILES/ping" &
     expect "host a's request is captured" lab_within 5 has_request
     script_of_frame >"$LAB_FILES/script"
-    lab_start_daemon "$daemon" env PMTUD_SCRIPT="$LAB_FILES/script" PMTUD_SCRIPT_LOG=2 \
-        "${emulator[@]}"
+    lab_start_daemon "$daemon" env PMTUD_SCRIPT="$LAB_FILES/script" "${emulator[@]}"
     await_errors
 }
 

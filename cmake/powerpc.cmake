@@ -14,6 +14,9 @@ foreach(tool IN ITEMS powerpc-linux-gnu-g++:g++-powerpc-linux-gnu qemu-ppc:qemu-
 endforeach()
 set(CMAKE_C_COMPILER powerpc-linux-gnu-gcc)
 set(CMAKE_CXX_COMPILER powerpc-linux-gnu-g++)
+# The target's time_t has 32 bits. Debian 13's compiler would make it 64 bits wide.
+set(CMAKE_C_FLAGS_INIT "-U_TIME_BITS -U_FILE_OFFSET_BITS")
+set(CMAKE_CXX_FLAGS_INIT "-U_TIME_BITS -U_FILE_OFFSET_BITS")
 
 set(CMAKE_SYSROOT "$ENV{PMTUD_SYSROOT}")
 if(CMAKE_SYSROOT)

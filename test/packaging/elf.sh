@@ -53,8 +53,9 @@ OverrunsOfTheStackAreNoticed() {
 
 OverrunsOfBuffersAreNoticed() {
     expect_match "checked calls" '^__v?snprintf_chk$' "$(undefined)"
-    # Each of these has a checked form, which must be called instead.
-    expect_equal "unchecked calls" "" "$(undefined | grep -xE 'v?s?n?printf|v?fprintf')"
+    # Each of these has a checked form, which must be called instead. Compilers may call snprintf
+    # itself if they know that the result fits.
+    expect_equal "unchecked calls" "" "$(undefined | grep -xE 'v?s?printf|v?fprintf')"
 }
 
 # On x86-64, every function that may be called through a pointer must begin with endbr64.

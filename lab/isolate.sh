@@ -85,7 +85,7 @@ lab_end_inside() {
     # If process 1 does not exist yet, its parent is killed instead.
     first=$(pgrep -P "$run") || first=$run
     # It may have ended by now.
-    lab_is_gone "$run" || kill -KILL "$first" 2>/dev/null || true
+    kill -KILL "$first" 2>/dev/null || true
     wait "$run" || lab_complain "interrupted; the lab is removed"
     trap - "$signal"
     kill -"$signal" "$BASHPID"

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "input.h"
+#include "ruleset.h"
 
 namespace fuzz {
 
@@ -156,6 +157,23 @@ class RulesModel {
     std::map<std::string, int> m_uses;  // of objects, by rules and elements
     int m_births = 0;
 };
+
+/// A table without VLANs, as the platform installs it.
+inline const RulesModel& emptyTable() {
+    static const RulesModel table = [] {
+        RulesModel rules;
+        rules.run(pmtud_linux::tableText());
+        return rules;
+    }();
+    return table;
+}
+
+/// A new table for these VLANs.
+inline RulesModel newTable(const pmtud_linux::Vlans& vlans) {
+    RulesModel rules = emptyTable();
+    rules.run(pmtud_linux::changeText({}, vlans));
+    return rules;
+}
 
 }  // namespace fuzz
 

@@ -26,12 +26,6 @@ inline Lines operator+(Lines left, const Lines& right) {
     return left;
 }
 
-/// The bytes from offset `begin` up to, not including, offset `end`.
-inline Bytes slice(const Bytes& bytes, size_t begin, size_t end) {
-    return {bytes.begin() + static_cast<ptrdiff_t>(begin),
-            bytes.begin() + static_cast<ptrdiff_t>(end)};
-}
-
 /// The bytes, with those from the offset on replaced by `changed`.
 inline Bytes with(Bytes bytes, size_t offset, const Bytes& changed) {
     std::copy(changed.begin(), changed.end(), bytes.begin() + static_cast<ptrdiff_t>(offset));

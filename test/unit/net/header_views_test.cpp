@@ -74,7 +74,7 @@ TEST(EthVlanHeader, SplitsTheTagIntoPriorityDropEligibilityAndVlan) {
 }
 
 TEST(HeaderViews, DoNotNoticeABufferThatEndsAfterTheFieldRead) {
-    const packets::GuardedBytes ethernet(packets::slice(kEthernet, 0, 14));
+    const packets::GuardedBytes ethernet(packets::cut(kEthernet, 0, 14));
     EXPECT_EQ(EthVlanHeader(ethernet.data()).vlan_tpid(), 0x8100);
     const packets::GuardedBytes ipv4({0x45});
     EXPECT_EQ(Ipv4Header(ipv4.data()).version(), 4);

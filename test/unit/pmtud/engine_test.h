@@ -20,11 +20,11 @@ using daemon_test::last;
 using daemon_test::Lines;
 using daemon_test::logAt;
 using packets::bytesOf;
+using packets::cut;
 using packets::frameOfType;
 using packets::GuardedBytes;
 using packets::ipv4Frame;
 using packets::ipv6Frame;
-using packets::slice;
 using packets::with;
 using packets::operator+;
 

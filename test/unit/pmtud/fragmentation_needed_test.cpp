@@ -42,7 +42,7 @@ TEST_P(CarriedMtuTest, IsTheNextHopMtuOfAMessageOf68Bytes) {
     answerMtu(GetParam().mtu);
     EXPECT_TRUE(reply4(ipv4Frame()));
     EXPECT_EQ(sent4().bytes.size(), 68U);
-    EXPECT_EQ(slice(sent4().bytes, 0, 8),
+    EXPECT_EQ(cut(sent4().bytes, 0, 8),
               (Bytes{3, 4} + bytesOf(GetParam().checksum) + Bytes{0, 0} + bytesOf(GetParam().mtu)));
 }
 
@@ -59,9 +59,9 @@ TEST_F(FragmentationNeededTest, OfNoFrameIsFalseAndSilent) {
 
 TEST_F(FragmentationNeededTest, SendsNothingOfAnEarlierFrameAndOpensAnotherSocket) {
     reply4(ipv4Frame());
-    const Bytes frame = slice(ipv4Frame(), 0, 38) + Bytes(40);
+    const Bytes frame = cut(ipv4Frame(), 0, 38) + Bytes(40);
     reply4(frame);
-    EXPECT_EQ(slice(fake::syscalls().sent.at(1).bytes, 8, 68), slice(frame, 18, 78));
+    EXPECT_EQ(cut(fake::syscalls().sent.at(1).bytes, 8, 68), cut(frame, 18, 78));
     EXPECT_EQ(fake::syscalls().calls.at(4), "socket(2, 3, 1)");
     EXPECT_EQ(fake::syscalls().calls.size(), 8U);
 }
@@ -72,7 +72,7 @@ TEST_P(ChangedFrameTest, IsAnsweredAndQuotedAsItIs) {
     const Bytes frame = with(ipv4Frame(), GetParam().offset, {GetParam().value});
     EXPECT_TRUE(reply4(frame));
     EXPECT_EQ(sent4().bytes.size(), 68U);
-    EXPECT_EQ(slice(sent4().bytes, 8, 68), slice(frame, 18, 78));
+    EXPECT_EQ(cut(sent4().bytes, 8, 68), cut(frame, 18, 78));
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -13,7 +13,7 @@ struct Bound {
 };
 
 /// The largest claims: a header of 60 bytes and a packet of 65,535.
-Bytes boastfulIpv4() { return with(with(slice(ipv4Frame(), 0, 78), 18, {0x4F}), 20, {0xFF, 0xFF}); }
+Bytes boastfulIpv4() { return with(with(cut(ipv4Frame(), 0, 78), 18, {0x4F}), 20, {0xFF, 0xFF}); }
 
 class FrameBoundsTest : public EngineTest, public testing::WithParamInterface<Bound> {};
 
@@ -26,11 +26,11 @@ TEST_P(FrameBoundsTest, AreTheLastByteThatIsRead) {
 INSTANTIATE_TEST_SUITE_P(
     Frames, FrameBoundsTest,
     testing::Values(
-        Bound{"OfIpv4Are78Bytes", slice(ipv4Frame(), 0, 78), qv::ERROR},
+        Bound{"OfIpv4Are78Bytes", cut(ipv4Frame(), 0, 78), qv::ERROR},
         Bound{"OfIpv4WithTheLargestClaimsAre78Bytes", boastfulIpv4(), qv::DEBUG4},
         Bound{"OfIpv6AreItsPacket", ipv6Frame(100), qv::DEBUG4},
         Bound{"OfIpv6WithoutPayloadAreItsHeader", ipv6Frame(0), qv::DEBUG4},
-        Bound{"OfIpv6ThatClaims65535BytesAre1510", slice(ipv6Frame(65535), 0, 1510), qv::INFO},
+        Bound{"OfIpv6ThatClaims65535BytesAre1510", cut(ipv6Frame(65535), 0, 1510), qv::INFO},
         Bound{"OfTheDumpOfIpv6AreItsWholePacket", ipv6Frame(65535), qv::DEBUG4},
         Bound{"OfAnotherTypeAreTheEthernetHeader", packets::ethernet(0x8847), qv::DEBUG4},
         Bound{"OfAnotherTagProtocolAreTheEthernetHeader",

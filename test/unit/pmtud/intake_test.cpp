@@ -37,10 +37,10 @@ TEST_F(IntakeTest, ShowsAnyLengthAsUnsignedAndAnswersTheFrameWhateverItIs) {
         EXPECT_TRUE(app.handleFrame(ipv4.front(), length));
         EXPECT_EQ(texts().at(0), " PMTUD-Prot: Received frame of size: " + text);
         EXPECT_EQ(texts().at(2), " PMTUD-Prot: Received IPv4 packet len " + text + ":");
-        EXPECT_EQ(slice(sent4().bytes, 8, 68), slice(ipv4, 18, 78));
+        EXPECT_EQ(cut(sent4().bytes, 8, 68), cut(ipv4, 18, 78));
         EXPECT_TRUE(app.sendICMP6PacketTooBig(ipv6.front(), length));
         EXPECT_EQ(texts().at(9), " PMTUD-Prot: Received IPv6 packet len " + text + ":");
-        EXPECT_EQ(slice(sent6().bytes, 8, 1500), slice(ipv6, 18, 1510));
+        EXPECT_EQ(cut(sent6().bytes, 8, 1500), cut(ipv6, 18, 1510));
     }
 }
 

@@ -32,11 +32,11 @@ class MessageLengthTest : public EngineTest, public testing::WithParamInterface<
 TEST_P(MessageLengthTest, IsTheLeastOfMtu1500AndPacketWithHeader) {
     const auto [mtu, payload, length] = GetParam();
     answerMtu(mtu);
-    const Bytes frame = slice(ipv6Frame(payload), 0, length + 10);
+    const Bytes frame = cut(ipv6Frame(payload), 0, length + 10);
     const GuardedBytes guarded(frame);
     EXPECT_EQ(receive(guarded.data(), frame.size()), 7);
     EXPECT_EQ(sent6().bytes,
-              (Bytes{2, 0, 0, 0, 0, 0} + bytesOf(mtu) + slice(frame, 18, frame.size())));
+              (Bytes{2, 0, 0, 0, 0, 0} + bytesOf(mtu) + cut(frame, 18, frame.size())));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -52,16 +52,16 @@ INSTANTIATE_TEST_SUITE_P(
     });
 
 TEST_F(PacketTooBigTest, OfAShortFrameThatClaims65535BytesQuotesTheZerosAfterIt) {
-    const Bytes frame = slice(ipv6Frame(65535), 0, 58) + Bytes(1500);
+    const Bytes frame = cut(ipv6Frame(65535), 0, 58) + Bytes(1500);
     EXPECT_TRUE(app.sendICMP6PacketTooBig(frame.front(), 58));
-    EXPECT_EQ(slice(sent6().bytes, 48, 1500), Bytes(1452));
+    EXPECT_EQ(cut(sent6().bytes, 48, 1500), Bytes(1452));
 }
 
 TEST_F(PacketTooBigTest, SendsNothingOfAnEarlierFrame) {
     reply6(ipv6Frame(1460));
     reply6(ipv6Frame(0) + Bytes(1452));
     EXPECT_EQ(fake::platform().icmp6Messages.at(1).bytes,
-              (Bytes{2, 0, 0, 0, 0, 0, 0x05, 0xdc} + slice(ipv6Frame(0), 18, 58)));
+              (Bytes{2, 0, 0, 0, 0, 0, 0x05, 0xdc} + cut(ipv6Frame(0), 18, 58)));
 }
 
 struct Tag {
@@ -110,7 +110,7 @@ class ChangedPacketTest : public EngineTest, public testing::WithParamInterface<
 TEST_P(ChangedPacketTest, IsAnsweredAndQuotedAsItIs) {
     const Bytes frame = with(ipv6Frame(8), GetParam().offset, {GetParam().value});
     EXPECT_TRUE(reply6(frame));
-    EXPECT_EQ(sent6().bytes, (Bytes{2, 0, 0, 0, 0, 0, 0x05, 0xdc} + slice(frame, 18, 66)));
+    EXPECT_EQ(sent6().bytes, (Bytes{2, 0, 0, 0, 0, 0, 0x05, 0xdc} + cut(frame, 18, 66)));
 }
 
 INSTANTIATE_TEST_SUITE_P(

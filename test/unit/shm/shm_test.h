@@ -28,7 +28,7 @@ constexpr int kMost = std::numeric_limits<int>::max();
 
 /// Tagged for VLAN 100 and no longer than four bytes of IPv4.
 inline Bytes taggedFrame() {
-    return with(packets::slice(packets::ipv4Frame(), 0, 22), 14, {0x00, 0x64});
+    return with(packets::cut(packets::ipv4Frame(), 0, 22), 14, {0x00, 0x64});
 }
 
 /// A handler that answers what it is given and counts its calls.

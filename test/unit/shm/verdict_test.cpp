@@ -186,7 +186,7 @@ TEST_F(VerdictTest, DependsNeitherOnTheLengthNorOnTheAddress) {
 }
 
 TEST_F(VerdictTest, Reads14BytesOfTheFrameAndNoMore) {
-    const packets::GuardedBytes start(packets::slice(frame, 0, 14));
+    const packets::GuardedBytes start(packets::cut(frame, 0, 14));
     adapter.setHandler(&accepting);
     EXPECT_EQ(adapter.handleFrame(start.data(), 14), 7);
     EXPECT_EQ(accepting.calls, 1);

@@ -165,7 +165,7 @@ int __wrap_close(int fd) {
     return 0;
 }
 
-// There are no alternative names.
+// Fails, so that interfaces have only their own names.
 mnl_socket* __wrap_mnl_socket_open2(int, int) {
     fail(EMFILE);
     return nullptr;

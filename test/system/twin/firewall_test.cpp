@@ -18,14 +18,14 @@ const std::vector<Case> kCases{
 v6 fragments=1400|1300 size=1430|2900|8000
 v4 fragments=1400|1300 size=1430|2900|8000 df=0|1)",
      {{"Untracked", 0, {""}}, {"Tracked", 0, {kTracking}}}},
-    // With tracking, a sender is told once, about the whole datagram.
+    // With tracking, the sender gets one answer, about the whole datagram.
     {"SendersOfDatagramsWhoseFragmentsDoNotFitAreTold",
      0,
      R"($1
 v6 fragments=1500 size=4000 id=500
 v4 fragments=1500 size=4000 df=0|1)",
      {{"Untracked", 3, {""}}, {"Tracked", 2, {kTracking}}}},
-    // RFC 1122 section 3.2.2: nobody is told of a later fragment of an IPv4 datagram. A middle
+    // RFC 1122 section 3.2.2: only the first fragment of an IPv4 datagram is answered. A middle
     // fragment's data is not a header, even if it looks like an ICMPv6 error's.
     {"FragmentsOfPings",
      0,

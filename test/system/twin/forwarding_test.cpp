@@ -60,7 +60,7 @@ $5)",
      R"(v46 from=10.2|10.3|10.4|10.55
 v46 host=c from=30.2|30.3|30.4|30.55)"},
     {"SenderOfTheSamePacketThreeTimesIsToldThreeTimes", 6, "v46 id=7 times=3"},
-    // The packet is not forwarded, and nobody is told. The fences' VLAN still forwards.
+    // The packet is dropped without an answer. The fences' VLAN still forwards.
     {"RouterThatDoesNotForwardTellsNobody", 0,
      R"(sysctl ipv4/ip_forward 0
 sysctl ipv6/conf/all/forwarding 0

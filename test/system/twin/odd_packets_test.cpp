@@ -38,7 +38,7 @@ v6 to=ff02::1|ff05::2|ff0e::101|fe80::2|::1|::)"},
      R"(sysctl ipv4/conf/all/bc_forwarding|ipv4/conf/bcm0.10/bc_forwarding 1
 v4 size=1400|1500 to=20.255)"},
     {"LinkLayerGroupsAndOtherStations", 0, "v46 mac=255*6|51*2.0*3.1|1.0.94.0*2.1|2.0*3.119.7"},
-    // RFC 1122 section 3.2.2, RFC 4443 section 2.4(e): nobody is told of an error.
+    // RFC 1122 section 3.2.2, RFC 4443 section 2.4(e): errors are not answered.
     {"Errors", 14,
      R"(v4 icmp=3|4|5|11|12|0|8|13|18|42
 v6 icmp=1|2|3|4|100|127|128|129|137|139|255

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
-// More packets than the limits allow the daemon: every sender is told once per packet, by the
-// daemon or by the kernel.
+// Beyond the daemon's limits, every packet is still answered once, by the daemon or by the kernel.
 #include "twin_fixture.h"
 
 namespace twin {

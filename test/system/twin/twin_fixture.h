@@ -21,8 +21,8 @@ void expectAlike(Twins& twins, size_t told);
 
 void expectNoDifference(const Comparison& result);
 
-/// For rules that drop answers, and for more packets than the daemon takes: every sender is told
-/// once, by the daemon or the kernel.
+/// For rules that drop answers, and for more packets than the daemon takes: every packet is
+/// answered once, by the daemon or the kernel.
 Comparison expectTold(const std::string& lines, size_t told);
 
 struct Variant {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The qv logging framework: a line's time and level, and the two sinks.
+// The qv logging framework: the loggers, a line's time and level, and the two sinks.
 #include "QVLog.h"
 
 #include <sys/time.h>

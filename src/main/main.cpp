@@ -30,8 +30,8 @@ int main() {
     try {
         VlanConfig cfg;
         PMTUDApp app(&cfg, getShmWrapperApp());
-        // If the queues cannot be attached, the process stays, receiving nothing, until it is
-        // killed.
+        // If the queues cannot be attached, the process keeps running, without receiving anything,
+        // until it is killed.
         app.run();
         while (true) usleep(500);
     } catch (qv::exception& e) {

@@ -18,8 +18,8 @@ void appendHexByte(std::string& text, uint8_t byte) {
     text += kHexDigits[byte & 0xF];
 }
 
-/// If an address cannot be converted, the dump ends before it, and the line is written all the
-/// same. Versions of Boost.Asio that throw instead are made to behave like the others.
+/// If an address cannot be converted, the dump ends before it, and the line is still written.
+/// Some versions of Boost.Asio throw instead; this makes them behave like the others.
 template <typename Address>
 std::ostream& insertAddress(std::ostream& os, const Address& address) {
     try {

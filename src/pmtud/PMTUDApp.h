@@ -21,7 +21,7 @@ class PMTUDApp {
     PMTUDApp& operator=(const PMTUDApp&) = delete;
     ~PMTUDApp();
 
-    /// Attaches the queues and returns at once. False: that failed, and no frames will arrive.
+    /// Attaches the queues and returns at once. False: it failed, and no frames will arrive.
     bool run() const;
 
     /// Answers the Ethernet frame with one 802.1Q tag that begins at `frame` and was received with

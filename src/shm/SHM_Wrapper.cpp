@@ -17,7 +17,7 @@ constexpr uint16_t kTpid8021Q = 0x8100;
 constexpr size_t kTxQueueInPool = 8;
 constexpr uint32_t kPostKind = 4;
 
-/// The number as on the front panel, which counts from 1, while the record counts from 0.
+/// The number shown on the front panel, which counts from 1; the record counts from 0.
 int32_t countedFromOne(int32_t number) {
     return static_cast<int32_t>(static_cast<uint32_t>(number) + 1);
 }

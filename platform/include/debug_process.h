@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* The debug process, which receives diagnostic lines of every level. */
+/* The debug process: receives diagnostic lines, whatever the reporting level. */
 #ifndef PMTUD_PLATFORM_DEBUG_PROCESS_H
 #define PMTUD_PLATFORM_DEBUG_PROCESS_H
 

@@ -12,7 +12,7 @@ namespace pmtud_linux {
 
 /// Reads the rules' counter of answers that left the router. It is read after every frame passed to
 /// the daemon, because an answer is sent before the callback returns. Reading it less often would
-/// miss lost answers: a stateful policy passes those about known flows and drops the others.
+/// miss lost answers: a stateful filter passes answers about known flows and drops the others.
 /// Another process's "too big" message counts as an answer.
 class AnswerWatch {
  public:

@@ -15,7 +15,7 @@ namespace pmtud_linux {
 
 /// A ring, in which the newest copy replaces the oldest. Most copies are never needed, because the
 /// kernel forwards most candidates. It refuses the others within microseconds, so the only copies
-/// in between are those that other processors make meanwhile.
+/// made in between are those of packets that other processors handle.
 class Copies {
  public:
     Copies() : m_ring(kCapacity) {}

@@ -41,9 +41,9 @@ void reportBurst(Burst& burst, Priority priority, const std::string& what, bool 
     if (count != 0 && !say(priority, what + std::to_string(count))) burst.count(count);
 }
 
-// Whether the daemon still has a reason to answer, according to the queries that it makes itself.
-// Since the kernel refused the packet, the VLAN may have been removed or its MTU changed.
-bool isRefusedStill(const Copy& copy, uint32_t egress) {
+// Whether the daemon still has a reason to answer, according to the same queries that it makes.
+// After the kernel refused the packet, the VLAN may have been removed, or its MTU changed.
+bool isStillTooLarge(const Copy& copy, uint32_t egress) {
     const int vlan = cfg_vlan_l3_get_dest_vlan(static_cast<int>(egress));
     const uint32_t mtu = vlan > 0 ? cfg_vlan_l3_get_mtu(vlan) : 0;
     return mtu >= kMinimumMtu && mtu <= kMaximumMtu && copy.packetSize() > mtu;
@@ -214,7 +214,7 @@ void Dispatcher::take(const LogMessage& message, pktd_rx_cb_t callback) {
     }
 }
 
-// Only this table's rules log with a VLAN as the mark. A message that another table logged was not
+// Only this table's rules set a VLAN as the mark. If another table logged the message, nothing was
 // withdrawn.
 void Dispatcher::takeRefused(const LogMessage& message, pktd_rx_cb_t callback) {
     if (message.mark < uint32_t{kFirstVlan} || message.mark > uint32_t{kLastVlan}) {
@@ -228,7 +228,7 @@ void Dispatcher::takeRefused(const LogMessage& message, pktd_rx_cb_t callback) {
         sendKernelAnswer(message, copy);
 }
 
-// Since the rules withdrew the message, the VLAN's name may have moved to an interface with another
+// After the rules withdrew the message, the VLAN's name may have moved to an interface with another
 // MTU. The daemon would then announce the wrong one.
 bool Dispatcher::isStillMtu(const LogMessage& message, const Copy& copy) const {
     const auto egress = m_table.vlans().find(copy.egressVlan);
@@ -246,7 +246,7 @@ void Dispatcher::deliver(const LogMessage& message, const Copy& copy, pktd_rx_cb
         countVerdict(callback(&m_frame.record(), m_frame.data(), static_cast<int>(m_frame.size())));
     }
     if (!m_answers.hasLeft()) {
-        if (isRefusedStill(copy, egress)) noteLoss(message.egress, now);
+        if (isStillTooLarge(copy, egress)) noteLoss(message.egress, now);
         sendKernelAnswer(message, &copy);
     } else if (m_answerNews.left(message.egress, now)) {
         say(Priority::kWarning, nameOf(message.egress) + ": the answers leave this router again");
@@ -321,8 +321,8 @@ void Dispatcher::reportBursts(bool over) {
                 now);
     reportBurst(m_unanswered, Priority::kWarning, "refused packets that nobody answered: ", over,
                 now);
-    // At most once per second, even if each frame is a burst by itself: this line exists to save
-    // lines.
+    // At most once per second, even if each frame is a burst by itself: the purpose of this line is
+    // to save lines.
     reportBurst(m_unlogged, Priority::kInfo, "frames answered but not logged: ", false, now);
     reportBurst(m_foreign, Priority::kWarning,
                 "log group " + std::to_string(kLogGroup) +

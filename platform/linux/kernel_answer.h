@@ -13,11 +13,11 @@ namespace pmtud_linux {
 class KernelAnswer {
  public:
     /// Sends the message straight to the station that the refused packet came from, bypassing all
-    /// rules, because it had passed all but the last of them. Uses the kernel's routes instead, and
-    /// so passes through the rules, if `refused`, the packet's copy, is null, if the station's
-    /// address is unknown, if the message was to leave via an interface other than the packet's
-    /// ingress, or if sending directly fails. 0 or a negative errno value: -EPERM if the rules
-    /// dropped it.
+    /// rules, because it had already passed all but the last of them. `refused` is the packet's
+    /// copy. If it is null, if the station's address is unknown, if the message was to leave via an
+    /// interface other than the packet's ingress, or if sending directly fails, uses the kernel's
+    /// routes instead, and so passes through the rules. 0 or a negative errno value: -EPERM if the
+    /// rules dropped it.
     int send(const LogMessage& message, const Copy* refused);
 
  private:

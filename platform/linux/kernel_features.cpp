@@ -32,8 +32,8 @@ constexpr Feature kFeatures[] = {
 
 std::string missingFeature() {
     for (const Feature& feature : kFeatures) {
-        // A connection assumes that whatever it has only checked now exists, so each check needs a
-        // new one.
+        // A connection assumes that everything it has checked now exists, so each check needs a new
+        // one.
         NftConnection connection;
         if (connection.open() != 0) return {};
         const std::string use = feature.use;

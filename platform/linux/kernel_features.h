@@ -7,8 +7,8 @@
 
 namespace pmtud_linux {
 
-/// The first feature that the rules need and the kernel refuses even on its own, with its module;
-/// empty if there is none. Changes nothing.
+/// The first feature that the rules need and the kernel lacks, with the name of its module; empty
+/// if it lacks none. Changes nothing.
 std::string missingFeature();
 
 }  // namespace pmtud_linux

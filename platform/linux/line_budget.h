@@ -21,7 +21,8 @@ class LineBudget {
     static constexpr Clock::duration kInterval =
         Clock::duration{std::chrono::seconds{1}} / kPerSecond;
 
-    // The budget as a point in time: one kInterval before now for each frame left, up to kBurst.
+    // The budget as a point in time, one kInterval before now for each frame that may still be
+    // logged, up to kBurst.
     Clock::time_point m_spent = Clock::time_point::min();
 };
 

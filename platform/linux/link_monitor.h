@@ -24,7 +24,8 @@ class LinkMonitor {
     int fd() const { return mnl_socket_get_fd(m_socket.get()); }
 
     /// Requests all interfaces and refills the table. If they change too fast for a consistent
-    /// list, fills it with what is known and becomes stale. 0 or a negative errno value.
+    /// list, fills it with what is known; if the kernel does not finish its list, leaves it
+    /// unchanged. In both cases becomes stale. 0 or a negative errno value.
     int list(VlanTable& table);
 
     /// Applies all changes that have arrived to the table, without waiting for more; if some were

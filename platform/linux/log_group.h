@@ -28,7 +28,7 @@ class LogGroup {
     int fd() const { return mnl_socket_get_fd(m_socket.get()); }
 
     /// One datagram of complete netlink messages. Not usable if the kernel did not send it, or if
-    /// it is longer than the kernel makes them.
+    /// it is longer than any that the kernel sends.
     struct Datagram {
         std::span<const char> bytes;
         bool usable = false;

@@ -11,12 +11,12 @@
 
 namespace pmtud_linux {
 
-/// The errno value in libnftables' message about a failure: the first line ends with its text.
-/// EINVAL if it does not, because libnftables refused the commands itself.
+/// The errno value in libnftables' message about a failure, whose first line ends with the error's
+/// text. EINVAL if it does not: then libnftables itself refused the commands.
 int errorOfMessage(std::string_view message);
 
-/// Tables with `flags owner` belong to the connection: the kernel removes them when it closes,
-/// which is when this object is destroyed or the process ends.
+/// Tables with `flags owner` belong to the connection: the kernel removes them when it closes, that
+/// is, when this object is destroyed or the process ends.
 class NftConnection {
  public:
     /// 0 or a negative errno value.

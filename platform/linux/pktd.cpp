@@ -61,7 +61,7 @@ int attach() {
     return 0;
 }
 
-// Signals must be delivered to the main thread only.
+// Signals are blocked in the new thread: they must be delivered only to the main thread.
 int startThread(Dispatcher& dispatcher, pktd_rx_cb_t callback) {
     sigset_t all;
     sigset_t before;

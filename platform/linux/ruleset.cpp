@@ -220,7 +220,7 @@ std::set<uint32_t> mtusOf(const Vlans& vlans) {
     return mtus;
 }
 
-// Packets no longer than the smallest MTU skip everything else.
+// Packets that fit the smallest MTU skip everything else.
 std::string changeSmallest(const std::set<uint32_t>& before, const std::set<uint32_t>& after) {
     const std::string chain = "fits-every-vlan";
     const uint32_t smallest = after.empty() ? 0 : *after.begin();

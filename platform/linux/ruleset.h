@@ -30,8 +30,8 @@ constexpr char kCopyPrefix[] = "pmtud:";
 /// The log prefix of a kernel message that was withdrawn.
 constexpr char kRefusedPrefix[] = "pmtud:refused";
 
-/// The counter of processes' "too big" messages, usually the daemon's answers, that left the
-/// router.
+/// The counter of "too big" messages that processes sent, usually the daemon's answers, and that
+/// left the router.
 constexpr char kAnswersCounter[] = "answers";
 
 /// The table, with everything that does not depend on the VLANs.

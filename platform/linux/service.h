@@ -9,7 +9,7 @@
 
 namespace pmtud_linux {
 
-/// Uses sd_notify(3). Without a service manager, nothing is sent and nothing wakes up.
+/// Uses sd_notify(3). Without a service manager, nothing is sent, and no thread wakes up for it.
 class Service {
  public:
     using Clock = std::chrono::steady_clock;

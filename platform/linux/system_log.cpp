@@ -16,7 +16,8 @@ namespace pmtud_linux {
 
 namespace {
 
-// These errors mean that the log daemon is busy or refuses this line; any other, that it is gone.
+// These errors mean that the log daemon is busy or refuses this line; any other means that it is
+// gone.
 bool concernsLine(int error) { return error == EAGAIN || error == ENOBUFS || error == EMSGSIZE; }
 
 }  // namespace

@@ -19,8 +19,9 @@ int fillRecord(st_pktd_shm_queue_entry_data_t* record, int proto, int vid, const
 class TxQueue {
  public:
     /// Sends the record's frame on the record's unit and port if its dst_valid is set, else on its
-    /// VLAN's interface. Frames on bcm0.N are untagged, so a tag with VLAN N is removed. *out: the
-    /// bytes sent. 0 or a negative errno value: -ENODEV if there is no such unit, port or VLAN.
+    /// VLAN's interface. Frames on bcm0.N are untagged, so a tag with VLAN N is removed. *out
+    /// becomes the number of bytes sent. 0 or a negative errno value: -ENODEV if there is no such
+    /// unit, port or VLAN.
     int post(const st_pktd_shm_queue_entry_data_t& record, size_t length, uint32_t* out);
 
  private:

@@ -14,8 +14,8 @@ namespace pmtud_linux {
 class VlanTable {
  public:
     /// True if the message changed the table. The table contains the Ethernet interfaces that have
-    /// a name or an alternative name of exactly the form "bcm0.N". One with several such names
-    /// counts as the lowest of these VLANs.
+    /// a name or an alternative name of exactly the form "bcm0.N". An interface with several
+    /// such names counts as the lowest of these VLANs.
     bool apply(const Link& link);
 
     const Vlans& vlans() const { return m_vlans; }

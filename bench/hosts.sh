@@ -8,7 +8,7 @@ figure() {
     printf '%s %s\n' "$1" "$(jq "$2" <<<"$3")"
 }
 
-# host_send MACHINE VLAN FAMILY WORD...: what the host's program prints; HOST is replaced
+# host_send MACHINE VLAN FAMILY WORD...: runs the host's program; the word HOST becomes the host
 host_send() {
     local mac
     local -ar words=("${@:4}")
@@ -34,7 +34,7 @@ hosts_add() {
     done
 }
 
-# hosts_flood FIRST LAST FAMILY SECONDS [PACKETS_PER_SECOND]: one object, the sums of all
+# hosts_flood FIRST LAST FAMILY SECONDS [PACKETS_PER_SECOND]: prints one object, the hosts' sums
 hosts_flood() {
     local vlan
     local -a pids=()
@@ -58,7 +58,8 @@ log_lines() {
     lab_syslog | awk '/PMTUD-Linux: [0-9]+ lines lost/ {lost += $3} END {print NR + lost}'
 }
 
-# with_cost COMMAND...: its object, with the daemon's share of a processor and its lines
+# with_cost COMMAND...: prints the command's object, with the daemon's share of a processor and its
+# log lines added
 with_cost() {
     local result
     local -ri time=$(processor_time) lines=$(log_lines)

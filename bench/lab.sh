@@ -52,7 +52,7 @@ start_daemon_timed() {
     figure "$1" '.seconds * 1000' "$result"
 }
 
-# change_mtu NAME: from the change's command to the first answer that names the new MTU
+# change_mtu NAME: times a change, from its command to the first answer that names the new MTU
 change_mtu() {
     local result
     lab_on b ip link set eth0 mtu 1300
@@ -62,7 +62,7 @@ change_mtu() {
     host_send a 10 4 await 1400 10 HOST ip -n switch link set bcm0.20 mtu 1400 >"$LAB_FILES/back"
 }
 
-# The other 4,092 VLANs, as veth pairs, both of whose ends are VLANs.
+# The other 4,092 VLANs, as veth pairs whose ends are both VLANs.
 add_vlans() {
     local -a vlans
     mapfile -t vlans < <(seq 4094 | grep -vx -e 10 -e 20)

@@ -78,8 +78,8 @@ struct Path {
     packets::Mac gateway;
 };
 
-/// The packet's Ethernet frame. The packet's number follows the UDP header, and changes the IPv4
-/// identification or the UDP checksum, so that no two headers are equal, as with most senders.
+/// The packet's Ethernet frame. The packet's number follows the UDP header, and also changes the
+/// IPv4 identification or the UDP checksum, so that no two headers are equal, as with most senders.
 class Packet {
  public:
     Packet(const Path& path, const Host& host) : m_isIpv4(path.family == 4) {
@@ -115,8 +115,8 @@ class Sender {
         m_to.sll_halen = ETH_ALEN;
     }
 
-    /// Numbers and sends `count` packets, at most a batch. Packets that the link has no room for
-    /// are sent again.
+    /// Numbers and sends `count` packets, at most a batch. Sends packets again if the link had no
+    /// room for them.
     void send(uint64_t first, size_t count) {
         std::array<iovec, kBatch> pieces;
         std::array<mmsghdr, kBatch> messages{};
@@ -359,7 +359,7 @@ void load(const Path& path, double rate, double seconds, pid_t pid, const std::s
         senders[turn % senders.size()].send(sent, atOnce);
         sent += atOnce;
         if (rate == 0) continue;
-        // A busy processor's delays are not made up for, so that the rate is never exceeded.
+        // Delays on a busy processor are not made up for, so that the rate is never exceeded.
         next = std::max(next + lasting(1 / rate), Clock::now() - milliseconds(2));
         std::this_thread::sleep_until(next);
     }

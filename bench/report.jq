@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
-# Prints all figures of a run, including derived ones, and the target for each.
-def reach: {
+# Prints all figures of a run, including derived ones, with the target of each that has one.
+def target: {
   reply_v4_over_floor: 1.40, reply_v6_over_floor: 1.40, reply_v4_over_text_floor: 1.10,
   suppressed_statement_over_empty_loop_ns: 1,
   lab_v4_rate_over_kernel: 0.5, lab_v6_rate_over_kernel: 0.5,
@@ -41,8 +41,8 @@ def is_floor: test("_rate_over_kernel$|_kernel_path_over_pmtud$|_share_|^honest_
     + ratio("lab_v6_median_over_kernel"; "lab_v6_median_ns_pmtud"; "lab_v6_median_ns_kernel")
     + ratio("many_vlans_median_over_two"; "many_vlans_v4_median_ns"; "lab_v4_median_ns_pmtud");
   {figures: [(.[], derived[])
-    | . + (if reach[.name] != null and .value != null then
-             {reach: reach[.name],
-              reached: (if (.name | is_floor) then .value >= reach[.name]
-                        else .value <= reach[.name] end)}
+    | . + (if target[.name] != null and .value != null then
+             {target: target[.name],
+              met: (if (.name | is_floor) then .value >= target[.name]
+                    else .value <= target[.name] end)}
            else {} end)]}

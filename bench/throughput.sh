@@ -5,7 +5,7 @@ set -euo pipefail
 
 if [[ ${1:-} == --help || $# -ne 2 || ! ${2:-} =~ ^[1-9][0-9]?$ ]]; then
     echo "usage: ${0##*/} BUILD_DIRECTORY ROUNDS"
-    echo "Sends 1,000 MiB by TCP from host a to host b, without the daemon and with it, in turns,"
+    echo "Sends 1,000 MiB by TCP from host a to host b, alternately without and with the daemon, for"
     echo "that many rounds; the kernel answers, and the links have a network card's offloads. Prints"
     echo "one line per figure: its name and its value. Called by script/bench."
     [[ ${1:-} == --help ]] && exit 0
@@ -24,7 +24,7 @@ transfer() {
         jq '.end.sum_received.bits_per_second / 1e6 | round'
 }
 
-# measure FAMILY: prints Mbit/s, after a shorter transfer that learns the path MTU and covers
+# measure FAMILY: prints Mbit/s, after a shorter transfer that learns the path MTU and absorbs
 # start-up effects
 measure() {
     # Forgets what an earlier run learned about the path.

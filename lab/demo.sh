@@ -4,7 +4,7 @@
 # The steps of the demo, which script/demo narrates.
 #
 # The script sets `daemon`, the program, and `capture`, the name of the file that descriptor 3 writes
-# to, or empty.
+# to; empty: no capture.
 : "${daemon:=}" "${capture:=}"
 
 show_lab() {

@@ -27,7 +27,7 @@ lab_is_inside() {
     done < <(lab_namespaces)
 }
 
-# Whether this is the script that the namespaces were created for, and not a later one inside them.
+# Whether this is the script that the namespaces were created for, not one that it started.
 lab_is_first_inside() {
     (($$ == 1)) && lab_is_inside
 }
@@ -77,7 +77,7 @@ lab_run_inside() {
     exit "$status"
 }
 
-# Ends by the signal itself, so that the caller sees an interrupted command.
+# Dies of the signal itself, so that the caller sees an interrupted command.
 lab_end_inside() {
     trap '' HUP INT QUIT TERM
     local -r run=$1 signal=$2

@@ -26,7 +26,7 @@ lab_machine() {
     ip netns add "$1"
     ip -n "$1" link set lo up
     # The lab does not depend on the machine's own settings. A connection whose process was killed
-    # in the black hole is given up, so that it does not resume once the black hole is gone.
+    # in the black hole is dropped, so that it does not resume once the black hole is gone.
     lab_on "$1" sysctl -qw net.ipv6.conf.all.disable_ipv6=0 net.ipv6.conf.default.disable_ipv6=0 \
         net.ipv6.conf.default.accept_dad=0 net.ipv6.conf.default.accept_ra=0 \
         net.ipv4.ip_no_pmtu_disc=0 net.ipv4.tcp_mtu_probing=0 \

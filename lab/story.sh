@@ -12,7 +12,7 @@ story_begin() {
     trap story_leave EXIT
 }
 
-# Names the step even if a command that no check covers fails.
+# Names the step even if the command that fails is not covered by a check.
 story_leave() {
     if [[ -z $story_verdict ]]; then story_complain "could not continue"; fi
 }

@@ -35,7 +35,7 @@ remove_interfaces() {
 }
 
 # Sends no more per second than the rules copy: host A remembers only its last 32,768 packets, and must
-# still know each one when its answer finally arrives.
+# still remember each one when its answer finally arrives.
 flood_until_over() {
     soak_ask forget 576 either 2500
     (($(queue_drops) > drops_before))
@@ -179,6 +179,6 @@ starting() {
 walk() {
     if [[ ! -x $programs/twin_walk ]]; then return; fi
     step "walk: $walk packets to two routers, one of them with the daemon"
-    soak_check "both routers did the same, but for who answers" \
+    soak_check "both routers did the same, except for who answers" \
         "$programs/twin_walk" --seed "$seed" --packets "$walk" --daemon "$programs/pmtud"
 }

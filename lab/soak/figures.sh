@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
-# shellcheck disable=SC2154  # they are those of the soak's other scripts
+# shellcheck disable=SC2154  # the soak's other scripts set them
 # Prints how much the soak has done.
 
 show_figures() {
@@ -19,14 +19,14 @@ show_figures() {
         echo "answered|${soak_figures[answered]}"
         echo "missing: the kernel had no room to answer|${soak_figures[missing]}"
         echo "answered by the daemon|${soak_figures[by_daemon]}"
-        echo "messages of the rules lost, by the floods|$messages_lost"
+        echo "log group messages lost in the floods|$messages_lost"
         echo "answered by the kernel without a daemon|$kernels"
         echo "kills|$killed"
-        echo "interface that came and went|$comings"
+        echo "times the interface came and went|$comings"
         echo "changes of interfaces|$changes_made"
         echo "changes of the MTU of VLAN 20|${soak_figures[mtu_changes]}"
         echo "answers whose checksum lacks a carry|${soak_figures[carries_dropped]}"
-        echo "answers that the receiver had no room for|${soak_figures[missed]}"
+        echo "answers that host A had no room for|${soak_figures[missed]}"
         echo "lines of the system log|${soak_figures[log_lines]}"
         echo "lines of the system log lost|${soak_figures[log_lines_lost]}"
         echo "descriptors before, after|$descriptors_before, $descriptors"

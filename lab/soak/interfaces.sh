@@ -60,7 +60,8 @@ soak_set_all() {
     done | ip -n switch -batch -
 }
 
-# Makes the largest possible changes to the rules, so that the daemon has their memory from then on.
+# Makes the largest possible changes to the rules, so that the daemon has already allocated what they
+# need.
 soak_change_all_at_once() {
     local -i round
     for ((round = 0; round < 3; ++round)); do

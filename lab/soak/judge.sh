@@ -18,7 +18,7 @@ soak_check() {
 # soak_check_equal WHAT EXPECTED ACTUAL
 soak_check_equal() {
     soak_check "$1 ($3)" test "$2" = "$3"
-    if [[ $2 != "$3" ]]; then echo "          it should be $2"; fi
+    if [[ $2 != "$3" ]]; then echo "          expected $2"; fi
 }
 
 soak_no_faults() {

@@ -31,7 +31,7 @@ come_and_go() {
     soak_await_rules
 }
 
-# Comes before the large changes, which leave free memory in which a leak could hide.
+# Runs before the large changes, which leave free memory in which a leak could hide.
 comings() {
     local -ri together=$((comings < 200 ? comings / 2 : 200))
     step "comings: one interface comes and goes $comings times"
@@ -70,7 +70,7 @@ check_withdrawn() {
         "$(soak_counter_since answers)" "$(soak_counter_since bcm0.20)"
 }
 
-# If the MTU has changed since the kernel refused a packet, the platform sends the kernel's message
+# If the MTU changed after the kernel refused a packet, the platform sends the kernel's message
 # straight to the station, past the counter. Host A checks that every answer arrives.
 check_withdrawn_during_changes() {
     check_nothing_lost

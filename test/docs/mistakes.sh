@@ -27,7 +27,7 @@ CommandThatFails() {
     expect_noticed_in_block $'sh\ntrue\ntrue' $'sh\nfalse\ntrue'
 }
 
-TranscriptThatIsNotWhatIsSeen() {
+TranscriptThatDiffersFromTheOutput() {
     expect_noticed_in_block $'console lab bare\na$ echo one two\none ...' \
         $'console lab bare\na$ echo one two\ntwo ...'
 }
@@ -42,11 +42,11 @@ TranscriptOfACommandThatDoesNotExist() {
         $'console lab bare\na$ no-such-command\n...'
 }
 
-CommandInSilenceThatSpeaks() {
+CommandWithUnexpectedOutput() {
     expect_noticed_in_block $'console lab bare\na$ true' $'console lab bare\na$ echo word'
 }
 
-DaemonThatIsNotSilent() {
+DaemonWithUnexpectedOutput() {
     expect_noticed_in_block $'console lab bare\nswitch$ pmtud &\na$ true' \
         $'console lab\nswitch$ pmtud &\na$ true'
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// What must always hold of the dispatcher: each withdrawn message is answered or given back exactly
-// once, and each line is due.
+// What must always hold for the dispatcher: each withdrawn message is answered or given back
+// exactly once, and each line is due.
 #include "dispatcher_world.h"
 
 #include "frame_lines.h"

@@ -194,7 +194,8 @@ int __wrap_sendmmsg(int fd, mmsghdr* messages, unsigned int count, int flags) {
 
 time_t __wrap_time(time_t*) { return 0; }
 
-// The mangled names of std::chrono::steady_clock::now and SystemLog::instance, with results of C.
+// The mangled names of std::chrono::steady_clock::now and SystemLog::instance, with results that C
+// linkage allows.
 int64_t __wrap__ZNSt6chrono3_V212steady_clock3nowEv() {
     return world->now.time_since_epoch().count();
 }

@@ -126,7 +126,7 @@ class Traffic {
         return {text.begin(), text.end()};
     }
 
-    // As the kernel changes a packet before it refuses it, and as nothing changes it.
+    // Changes that the kernel makes before it refuses a packet, and some that nothing makes.
     static void alter(Bytes& quote, uint8_t how, Input& input) {
         const size_t header = headerOf(quote);
         if (how == 1 && header != 0) quote[10] ^= 0x5A;

@@ -25,7 +25,7 @@ boot_install() {
 boot_own_cgroup() {
     local mounted
     mounted=$(findmnt --noheadings --first-only --types cgroup2 --output TARGET) ||
-        fail "no cgroup2 is mounted, which systemd needs"
+        fail "systemd needs cgroup2, which is not mounted"
     echo "${mounted%/}$(sed -n 's/^0:://p' /proc/self/cgroup)"
 }
 
@@ -70,7 +70,7 @@ boot_service() {
 
 # boot_await_process OLD_PID
 boot_await_process() {
-    expect "the service's process comes" lab_within 20 boot_has_process_after "$1"
+    expect "the service's process starts" lab_within 20 boot_has_process_after "$1"
     # shellcheck disable=SC2034  # the cases read it
     lab_daemon=$(pgrep -x pmtud)
 }

@@ -3,7 +3,7 @@
 # A copy of this machine's files to install into. What is written there is in memory and vanishes with
 # the mount namespace.
 
-# Where the copy is mounted. It belongs to this namespace, and is never removed by name.
+# Where the copy is mounted. The mount belongs to this namespace and is never removed by name.
 readonly copy=/mnt/root
 
 # The copy has empty folders /run, /tmp and /etc/systemd, and few devices.

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// Preloaded into the daemon: makes the running kernel answer as one that lacks a part.
+// Preloaded into the daemon: makes the running kernel answer like one that lacks a feature.
 //
-// A request to the part that PMTUD_LACKING names is changed into one to a part that no kernel has,
-// so the kernel refuses it in its own way. The part is "netfilter" (netfilter netlink),
+// A request that uses the feature named by PMTUD_LACKING is changed to use one that no kernel has,
+// so the kernel refuses it in its own way. The feature is "netfilter" (netfilter netlink),
 // "nf_tables", "nfnetlink_log", "skuid" (a packet's sending user), or an expression of the rules,
 // such as "log".
 #include <arpa/inet.h>

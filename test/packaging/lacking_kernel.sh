@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
-# What the daemon logs on a kernel that lacks a part. Its requests for that part are changed, so that
-# this machine's kernel refuses them. The man page has a remedy for each line.
+# What the daemon logs on a kernel that lacks a feature. Its requests for that feature are changed, so
+# that this machine's kernel refuses them. The man page has a remedy for each line.
 
 readonly daemon=$1 lacking_kernel=$2
 
@@ -17,7 +17,7 @@ start_without() {
     lab_start_daemon "$daemon" env LD_PRELOAD="$lacking_kernel" PMTUD_LACKING="$1"
 }
 
-# expect_logged_without PART RESULT LINE
+# expect_logged_without FEATURE RESULT LINE
 expect_logged_without() {
     start_without "$1"
     expect_refused "$2"
@@ -28,10 +28,10 @@ expect_logged_without() {
     lab_kill_daemon
 }
 
-EachMissingPartIsNamedInTheLog() { # IPv4 only
+EachMissingFeatureIsNamedInTheLog() { # IPv4 only
     lab_build_links 1500 1400
     start_without ""
-    expect "the rules come if nothing is missing" lab_within 5 lab_has_taken_over
+    expect "the rules appear if nothing is missing" lab_within 5 lab_has_taken_over
     lab_kill_daemon
     expect_logged_without netfilter -93 \
         "nothing is served (-93): the kernel has no netfilter netlink; modprobe nfnetlink"
@@ -40,9 +40,9 @@ EachMissingPartIsNamedInTheLog() { # IPv4 only
     # The rules are refused for an unknown reason.
     expect_logged_without payload -2 \
         "cannot install the rules: Error: Could not process rule: No such file or directory"
-    local part result lacks
-    while read -r part result lacks <&3; do
-        expect_logged_without "$part" "$result" \
+    local feature result lacks
+    while read -r feature result lacks <&3; do
+        expect_logged_without "$feature" "$result" \
             "cannot install the rules: this kernel lacks $lacks"
     done 3<<'END'
 nf_tables -22 nftables (nf_tables)

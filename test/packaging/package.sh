@@ -73,7 +73,7 @@ HeadersPackageHasExactlyTheseFiles() {
 -rw-r--r-- root/root ./usr/share/pkgconfig/pmtud.pc" "$(content "$headers_package")"
 }
 
-TheirDocumentsNameNoFileThatIsNotInstalled() {
+TheirDocumentsHaveNoLinksToFiles() {
     local package
     for package in "$daemon_package" "$headers_package"; do
         dpkg-deb --extract "$package" "$scratch/root"
@@ -117,7 +117,7 @@ traces() {
         usr/share/man var/lib/dpkg/info var/lib/systemd -name '*pmtud*' | LC_ALL=C sort)
 }
 
-# From here on, systemd appears to run in the copy, with everything enabled and active. Requests to it
+# From then on, systemd appears to run in the copy, with everything enabled and active. Requests to it
 # are recorded.
 record_systemctl() {
     mkdir -p "$copy/run/systemd/system"

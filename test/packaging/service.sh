@@ -19,7 +19,7 @@ start_service() {
 }
 
 expect_serving() {
-    expect "the rules come" lab_within 10 lab_has_taken_over
+    expect "the rules appear" lab_within 10 lab_has_taken_over
     expect_answered_with 1400 1500
 }
 
@@ -43,14 +43,14 @@ expect_restarted_after() {
     boot_await_process "$lab_daemon"
 }
 
-ServiceThatHangsIsKilledAndStartedAgain() { # IPv4 only
+ServiceThatHangsIsKilledAndRestarted() { # IPv4 only
     start_service
     expect_serving
     expect_restarted_after STOP
     expect_serving
 }
 
-ServiceIsStartedAgainAfterAHangUpAndTenQuickDeaths() { # IPv4 only
+ServiceIsRestartedAfterAHangUpAndTenQuickDeaths() { # IPv4 only
     start_service
     expect_serving
     expect_restarted_after HUP
@@ -88,7 +88,7 @@ ServiceServesReportsAndIsSandboxed() {
 ServiceCanSendOnlyWhereItsAddressesAllow() {
     start_service -e '/^IPAddressAllow=/d' \
         -e 's|^IPAddressDeny=.*|&\nIPAddressAllow=192.0.2.0/24|'
-    expect "the rules come" lab_within 10 lab_has_taken_over
+    expect "the rules appear" lab_within 10 lab_has_taken_over
     expect_match "ping of 1500 bytes" ' 0 received, 100% packet loss' "$(ping_size 1500)"
     expect "it got the packet" lab_within 5 boot_journal_has 'Received IPv'
 }

@@ -240,7 +240,7 @@ const Kind kAllKinds[] = {
     {"no next header", 6, kAnswered, [](Forge& f) { return with(f, &Ipv6::nextHeader, kNoNextHeader); }},
     {"first fragment", 6, kAnswered, [](Forge& f) { return extended6(f, kFragment, {kUdp, 0, 0, 1, 0, 0, 0, 0}); }},
     {"later fragment", 6, kAnswered, laterFragment6},
-    // Headers that say that they go on beyond the packet's end.
+    // Headers that claim to extend beyond the packet's end.
     {"endless header", 6, kAnswered, [](Forge& f) { return extended6(f, kDestinationOptions, {kDestinationOptions, 255, 1, 4, 0, 0, 0, 0}); }},
     {"wrong version", 6, kUnanswered, [](Forge& f) { return changed(plain6(f), 0, f.oneOf(kWrongVersions6)); }},
     {"claims more than it is", 6, kUnanswered, [](Forge& f) { return withLength(plain6(f), 4, 1461 + f.below(0xffff - 1460)); }},

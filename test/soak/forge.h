@@ -21,7 +21,7 @@ using packets::Mac;
 enum class Outcome {
     kAnswered,    ///< one answer reaches host A
     kKernels,     ///< the same, and always the kernel's: the daemon does not send to a broadcast
-    kElsewhere,   ///< one answer, which goes to another host than A
+    kElsewhere,   ///< one answer, which goes to a host other than A
     kUnanswered,  ///< no path-MTU answer: it fits, is dropped, or must not be answered
 };
 
@@ -37,7 +37,7 @@ struct Kind {
 /// The first two are the plain oversized packets of IPv4 and of IPv6.
 std::span<const Kind> kinds();
 
-/// Makes packets from host A (10.0.10.2, 2001:db8:10::2) to host B by way of the switch.
+/// Makes packets from host A (10.0.10.2, 2001:db8:10::2) to host B via the switch.
 /// Every packet carries the low bits of its serial number where an answer quotes it: IPv4 in the
 /// identification, IPv6 in the flow label.
 class Forge {
@@ -51,7 +51,7 @@ class Forge {
     /// A frame with a packet of that kind.
     Bytes make(const Kind& kind, uint32_t serial);
 
-    /// One of two packets is plain, the others are of all kinds alike.
+    /// Half of the packets are plain; the others are of all kinds, each equally likely.
     size_t chooseKind();
 
     /// 0 to bound - 1.

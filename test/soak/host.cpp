@@ -29,13 +29,13 @@ using std::chrono::steady_clock;
 
 namespace {
 
-// Half of what the kernel has room for: all its IPv6 answers, of 2 KiB each with their bookkeeping,
-// share one socket of 128 KiB, and on a busy machine a whole window waits in it.
+// Half of what the kernel has room for: all its IPv6 answers, 2 KiB each with their bookkeeping,
+// share one socket's buffer of 128 KiB, and on a busy machine a whole window waits there.
 constexpr size_t kWindow = 24;
 constexpr size_t kPacedWindow = 16;
 constexpr size_t kWindowWithoutAnswers = 64;
 
-// More packets than are ever on their way, and a divisor of 2^16.
+// More packets than are ever in flight, and a divisor of 2^16.
 constexpr size_t kRingSize = 32768;
 
 constexpr std::chrono::seconds kPatience(10);
@@ -212,7 +212,7 @@ void Host::judge(const Answer& answer) {
     if ((sent.serial & mask) != answer.serial || sent.frame.empty())
         return wrong("the packet is unknown");
     if (!sent.mayBeAnswered) return wrong("it must not be answered");
-    if (sent.answered) return wrong("it is answered already");
+    if (sent.answered) return wrong("it was already answered");
     sent.answered = true;
     ++m_figures[sent.kind].answered;
     if (sent.awaited) --m_awaited;
@@ -222,17 +222,16 @@ void Host::judge(const Answer& answer) {
     const auto now = m_mtus.begin() + static_cast<ptrdiff_t>(sent.mtuThen);
     if (std::find(now, m_mtus.end(), answer.mtu) == m_mtus.end())
         wrong("that MTU was not in force");
-    if (!isBy(sent.answerer, answer)) wrong("the answer is not its answerer's");
+    if (!isBy(sent.answerer, answer)) wrong("the wrong one of daemon and kernel answered");
     if (isBy(Answerer::kDaemon, answer)) ++m_byDaemon;
     const auto packet = std::span<const uint8_t>(sent.frame).subspan(14);
     const auto source = answer.family == 4 ? packet.subspan(12, 4) : packet.subspan(8, 16);
-    if (!std::ranges::equal(answer.destination, source))
-        wrong("it goes to another than the sender");
+    if (!std::ranges::equal(answer.destination, source)) wrong("it does not go to the sender");
     static const Bytes gateway4{10, 0, 10, 1};
     static const Bytes gateway6{0x20, 0x01, 0x0d, 0xb8, 0, 0x10, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
     if (!std::ranges::equal(answer.source, answer.family == 4 ? gateway4 : gateway6))
-        wrong("it does not come from the switch's address of VLAN 10");
-    if (!isQuoteOf(answer.quote, packet, answer.family)) wrong("the quote is not of the packet");
+        wrong("it does not come from the switch's address in VLAN 10");
+    if (!isQuoteOf(answer.quote, packet, answer.family)) wrong("it does not quote the packet");
 }
 
 void Host::send(const Order& order) {

@@ -14,8 +14,8 @@
 
 namespace soak {
 
-/// Who must answer. The kernel fills its answers up to 576 and 1,280 bytes; the daemon's are
-/// 88 bytes for IPv4, and for IPv6 an ICMPv6 message as long as the MTU.
+/// Who must answer. The kernel quotes as much as fits in 576 and 1,280 bytes; the daemon's answers
+/// have 88 bytes for IPv4, and for IPv6 an ICMPv6 message as long as the MTU.
 enum class Answerer { kDaemon, kKernel, kEither };  // either: one of them, once
 
 struct Figures {
@@ -58,7 +58,7 @@ class Host {
     uint64_t faults() const { return m_faults; }
     /// Awaited answers that did not come.
     uint64_t missing() const { return m_missing; }
-    /// Answers whose ICMP checksum lacks a carry, so that their receiver throws them away.
+    /// Answers whose ICMP checksum lacks a carry, so that their receiver discards them.
     uint64_t carriesDropped() const { return m_carriesDropped; }
     uint64_t mtuChanges() const { return m_mtus.size() - 1; }
     /// Answers that the receiving socket had no room for.

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The file channel, caught in memory for the length of a test.
+// The file channel, captured in memory for the duration of a test.
 #ifndef PMTUD_TEST_CAPTURED_LOG_H
 #define PMTUD_TEST_CAPTURED_LOG_H
 

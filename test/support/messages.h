@@ -80,7 +80,7 @@ struct Netlink {
 /// Attributes to be nested.
 inline Netlink nested() { return {0, 0}; }
 
-/// What the kernel tells of an interface.
+/// An interface as the kernel describes it.
 inline Netlink linkMessage(uint16_t type, int index, uint16_t hardware = ARPHRD_ETHER,
                            uint8_t family = AF_UNSPEC) {
     Netlink message(type, sizeof(ifinfomsg));

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Frames and queue records in bytes, and memory after whose end nothing can be read.
+// Frames and queue records in bytes, and memory that cannot be read beyond its end.
 #ifndef PMTUD_TEST_PACKETS_H
 #define PMTUD_TEST_PACKETS_H
 

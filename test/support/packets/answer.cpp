@@ -10,7 +10,7 @@ namespace {
 
 constexpr size_t kIpAt = 14;
 
-// The checksum of the message as it is with one fold only.
+// The message's checksum, folded only once.
 uint32_t foldedOnce(std::span<const uint8_t> message) {
     uint32_t sum = 0;
     for (size_t i = 0; i + 1 < message.size(); i += 2)

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Bytes, big-endian fields and the Internet checksum (RFC 1071), apart from the daemon's own.
+// Bytes, big-endian fields and the Internet checksum (RFC 1071), independent of the daemon's.
 #ifndef PMTUD_PACKETS_BYTES_H
 #define PMTUD_PACKETS_BYTES_H
 
@@ -41,7 +41,7 @@ inline size_t get16(Span bytes, size_t at) { return get16(&bytes[at]); }
 inline uint32_t get32(const uint8_t* at) { return get16(at) << 16 | get16(at + 2); }
 
 /// The ones' complement sum of 16-bit words on top of `sum`, folded: 0xffff over data whose
-/// checksum is right.
+/// checksum is correct.
 inline uint32_t onesSum(Span bytes, uint64_t sum = 0) {
     for (size_t i = 0; i + 1 < bytes.size(); i += 2) sum += get16(&bytes[i]);
     if (bytes.size() % 2 != 0) sum += static_cast<uint64_t>(bytes.back()) << 8;

@@ -15,7 +15,7 @@ namespace packets {
 
 using Mac = std::array<uint8_t, 6>;
 
-/// An IPv4 packet; UDP with a right checksum unless it has another protocol or an offset.
+/// An IPv4 packet; UDP with a correct checksum unless it has another protocol or an offset.
 struct Ipv4 {
     size_t size = 1500;  ///< header included
     std::string from = "10.0.10.2";
@@ -46,14 +46,14 @@ struct Ipv6 {
     uint8_t firstHeader = 17;  ///< the type of the first extension header, if there is one
     Bytes extensions = {};     ///< whole extension headers; the last names `nextHeader`
     Bytes payload = {};
-    bool isWhole = true;  ///< false: a fragment, whose payload has no header of UDP's
+    bool isWhole = true;  ///< false: a fragment, whose payload has no UDP header
     uint32_t flowLabel = 0;
 };
 
 Bytes bytesOf(const Ipv4& packet);
 Bytes bytesOf(const Ipv6& packet);
 
-/// An ICMP or ICMPv6 message of that size with a right checksum, as a payload.
+/// An ICMP or ICMPv6 message of that size with a correct checksum, as a payload.
 Bytes icmp(uint8_t type, uint8_t code, size_t size);
 Bytes icmp6(uint8_t type, uint8_t code, size_t size, const std::string& from,
             const std::string& to);
@@ -65,7 +65,7 @@ std::vector<Ipv6> fragments(const Ipv6& whole, size_t size, uint32_t id);
 Bytes frameOf(const Bytes& packet, const Mac& from, const Mac& to);
 
 /// The ones' complement checksum of the transport header at `at`, with the pseudo-header; 0 if the
-/// packet, which starts with its IP header, contains the right one.
+/// packet, which starts with its IP header, contains the correct one.
 uint16_t transportChecksum(const Bytes& packet, size_t at, uint8_t protocol);
 
 /// Writes the checksum of an IPv4 header.

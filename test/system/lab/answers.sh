@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # family is run_case's
-# What a person sees of the daemon, end to end: answers, transfers, its log, and failed starts.
+# What a user sees of the daemon, end to end: answers, transfers, its log, and failed starts.
 
 readonly daemon=$1
 
@@ -35,7 +35,7 @@ $(by_family 10.0.10.2 2001:db8:10::2)" "$(lab_syslog)"
     expect_equal "standard error" "" "$(said)"
 }
 
-StalledTcpTransferGoesOnOnceTheDaemonRuns() {
+StalledTcpTransferResumesOnceTheDaemonRuns() {
     lab_build
     lab_start_transfer "$family" 100000
     expect "the connection is made" lab_within 5 lab_transfer_is_connected
@@ -50,7 +50,7 @@ does_not_serve() {
     ! lab_serves "$@"
 }
 
-InterfaceThatVanishesIsLetGoAndServedWhenItIsBack() {
+VanishedInterfaceIsDroppedAndServedAgainWhenItReturns() {
     lab_build
     lab_start_serving "$daemon"
     expect_answered_with 1400 1500
@@ -80,8 +80,8 @@ name_vlan() {
 }
 
 # expect_answer_of LENGTH
-# The length shows whether the daemon or the kernel answered: the kernel fills its answers up (RFC 1812
-# section 4.3.2.3; RFC 4443 section 2.4(c)).
+# The length shows whether the daemon or the kernel answered: the kernel quotes as much as RFC 1812
+# section 4.3.2.3 and RFC 4443 section 2.4(c) allow.
 expect_answer_of() {
     await_errors
     expect_match "the answer" "\(?mtu 1400\)?, length $1\$" "$(errors)"
@@ -102,7 +102,7 @@ has_rounds_of_traffic() {
     (($(rounds_of_traffic) >= $1))
 }
 
-InterfacesWithAlternativeNamesAreServedFromThenOnWithoutLoss() {
+InterfacesGivenAlternativeNamesAreServedWithoutLoss() {
     lab_build_links 1500 1400
     rename_port 10 eth0.10
     rename_port 20 eth0.20
@@ -127,7 +127,7 @@ InterfacesWithAlternativeNamesAreServedFromThenOnWithoutLoss() {
     expect_match "the log" "   Dest VLAN ID: 20$" "$(lab_syslog)"
 }
 
-InterfaceWhoseAlternativeNameIsTakenAwayIsLeftToTheKernel() {
+InterfaceWhoseAlternativeNameIsRemovedIsLeftToTheKernel() {
     lab_build_links 1500 1400
     rename_port 20 eth0.20
     lab_await_ready
@@ -157,14 +157,14 @@ EgressThatIsDownIsLeftToTheKernelAndServedOnceItIsUp() {
     expect_equal "standard error" "" "$(said)"
 }
 
-WithoutPrivilegesItReportsThatAndStays() { # IPv4 only
+WithoutPrivilegesItReportsTheFailureAndKeepsRunning() { # IPv4 only
     lab_build
     lab_start_daemon "$daemon" setpriv --bounding-set=-net_admin,-net_raw
     expect_refused -1
     expect "it has no rules" lab_has_let_go
 }
 
-SecondInstanceReportsThatAndStaysAndTheFirstServes() { # IPv4 only
+SecondInstanceReportsTheFailureAndKeepsRunningWhileTheFirstServes() { # IPv4 only
     lab_build
     lab_start_serving "$daemon"
     lab_start_daemon "$daemon"

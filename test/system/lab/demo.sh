@@ -1,13 +1,13 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # project and scratch are run_case's
-# The demo and the lab, started as a person starts them: what they show, and that they leave nothing.
+# The demo and the lab, started as a user starts them: what they show, and that they clean up.
 
 build=$(realpath -- "$1")
 # shellcheck source=lab/await.sh
 source "$project/lab/await.sh"
 
-# A run may leave nothing in its working directory and its folder for temporary files.
+# A run must leave nothing in its working directory or its folder for temporary files.
 mkdir "$scratch/cwd" "$scratch/tmp"
 
 show_context() {
@@ -49,7 +49,8 @@ start() {
 }
 
 # finish STATUS [lab_within SECONDS]
-# Checks that it ends with that status and leaves nothing. Killed processes may take that long to vanish.
+# Checks that it ends with that status and leaves nothing behind. Killed processes may take that long to
+# vanish.
 finish() {
     local status=0
     wait "$run" || status=$?
@@ -125,24 +126,24 @@ end_demo() {
 }
 readonly transfer='after 1 s: 0 of' serving='nft list chain inet pmtud'
 
-DemoLeavesNothingOnCtrlC() {
+DemoCleansUpOnCtrlC() {
     end_demo INT -RUN "$serving"
     finish 130
     expect_error 'demo: interrupted; the lab is removed'
 }
 
-DemoLeavesNothingWhenItIsTerminated() {
+DemoCleansUpWhenItIsTerminated() {
     end_demo TERM RUN "$transfer"
     finish 143
 }
 
-DemoLeavesNothingWhenItsTerminalCloses() {
+DemoCleansUpWhenItsTerminalCloses() {
     end_demo HUP -RUN "$transfer"
     finish 129
 }
 
 # The machine's process 1 reaps the killed processes, sooner or later.
-DemoLeavesNothingWhenItIsKilled() {
+DemoLeavesNothingBehindWhenItIsKilled() {
     end_demo KILL RUN "$serving"
     finish 137 lab_within 10
 }
@@ -171,14 +172,14 @@ LabIgnoresAVariableSetByItsCaller() {
     expect_new_namespace
 }
 
-LabInALabIsANewOne() {
+LabInsideALabIsASeparateOne() {
     start "$project/lab/lab" bash -c "readlink /proc/self/ns/net >'$scratch/first'
         exec '$project/lab/lab' readlink /proc/self/ns/net"
     expect_new_namespace
     expect "not that of the first" test "$(<"$scratch/out")" != "$(<"$scratch/first")"
 }
 
-LabChangesAnMtuAtBothEndsAndPassesOnItsCommandsStatus() {
+LabChangesAnMtuAtBothEndsAndReturnsItsCommandsStatus() {
     start "$project/lab/lab" bash -c 'lab mtu 20 1300; ip -n b link show eth0
         ip -n switch link show bcm0.20; exit 7'
     finish 7

@@ -21,11 +21,11 @@ has_refused() {
 
 # expect_refused RESULT [LINE_BEFORE]
 expect_refused() {
-    expect "it reports that" lab_within 5 has_refused
+    expect "it reports the failure" lab_within 5 has_refused
     expect_equal "standard error" "${2:+$2$'\n'}ERROR: [SHM_Wrapper:140 | virtual bool \
 SHM_Wrapper_App::init()] Could not initialize SHM queue, ret=$1
 ERROR: [PMTUDApp:72 | bool PMTUDApp::run() const] Could not initialize SHM" "$(said)"
-    expect "it stays" test -d "/proc/$lab_daemon"
+    expect "it keeps running" test -d "/proc/$lab_daemon"
 }
 
 # by_family TEXT_OF_IPV4 TEXT_OF_IPV6

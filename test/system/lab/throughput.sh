@@ -32,7 +32,7 @@ best_of_three() {
 }
 
 # build_with_offloads INGRESS_MTU EGRESS_MTU
-# Then a sender's packets are up to 64 KiB long; the kernel segments them when they leave.
+# With offloads, a sender's packets are up to 64 KiB long; the kernel segments them when they leave.
 build_with_offloads() {
     # shellcheck disable=SC2034  # lab/network.sh reads it
     lab_like_wire=false
@@ -48,12 +48,12 @@ expect_bulk_as_fast_with_the_daemon() {
         test "$best" -lt $((4 * alone))
 }
 
-BulkTransferFromJumboFramesTakesNoMultipleOfItsTime() {
+BulkTransferFromJumboFramesTakesLessThanFourTimesAsLong() {
     build_with_offloads 9000 1500
     expect_bulk_as_fast_with_the_daemon
 }
 
-BulkTransferIntoASmallerVlanTakesNoMultipleOfItsTime() {
+BulkTransferIntoASmallerVlanTakesLessThanFourTimesAsLong() {
     build_with_offloads 1500 1400
     expect_bulk_as_fast_with_the_daemon
 }

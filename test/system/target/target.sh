@@ -33,7 +33,8 @@ END
 answer_by_target() {
     lab_build
     start_capture
-    # ping must still wait when the reply comes: from an error about a closed socket, IPv4 learns nothing.
+    # ping must still be waiting when the reply arrives: IPv4 learns nothing from an error about a closed
+    # socket.
     ping_size 1500 -W 30 >"$LAB_FILES/ping" &
     expect "host a's request is captured" lab_within 5 has_request
     script_of_frame >"$LAB_FILES/script"
@@ -53,7 +54,7 @@ decoded() {
     tshark -r "$capture_of_case" -o ip.check_checksum:TRUE -Y "$filter" "$@" 2>"$LAB_FILES/tshark"
 }
 
-ReplyOfTheTargetIsDecodedWithoutAFault() {
+ReplyOfTheTargetIsDecodedWithoutErrors() {
     answer_by_target
     lab_stop_capture
     local -r reply='icmp.type == 3 || icmpv6.type == 2' protocol=$(by_family icmp icmpv6)

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Fragments, connection tracking, address translation, and rules of others.
+// Fragments, connection tracking, address translation, and other tables' rules.
 #include "twin_fixture.h"
 
 namespace twin {
@@ -10,7 +10,7 @@ constexpr char kTracking[] =
     "ct state invalid counter; ct state established,related counter accept; }; }";
 
 const std::vector<Case> kCases{
-    // With tracking, the router puts a datagram together and then sends fragments of the original
+    // With tracking, the router reassembles a datagram and then sends fragments of the original
     // length: each fits, although the datagram does not.
     {"DatagramsWhoseFragmentsFitArrive",
      0,

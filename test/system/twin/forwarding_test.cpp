@@ -99,7 +99,7 @@ v46 size=16384)"},
      R"(ip link set dev bcm0.10 mtu 17000
 ip link set dev bcm0.20 mtu 16383
 v46 size=16383|16384)"},
-    // A device takes a few bytes more than its MTU from the link.
+    // A device accepts a few bytes more than its MTU from the link.
     {"PacketLongerThanItsIngressTakes", 2,
      R"(ip link set dev bcm0.10|bcm0.20 mtu 1280
 ip link set dev bcm0.30 mtu 1400
@@ -112,8 +112,8 @@ ignore source
 ip addr add 10.0.10.99/24 dev bcm0.10
 v4)"},
 
-    // Another router on the bridge: the packets are too large for this router's VLAN 20, through
-    // which they do not go.
+    // Another router on the bridge: the packets are too large for this router's VLAN 20, but do not
+    // go there.
     {"FrameThatIsBridgedToAnotherRouterArrivesUnanswered",
      0,
      kBridge + "v46 mac=2.0*3.64.2\nv4 size=1400 mac=2.0*3.64.2",
@@ -123,7 +123,7 @@ v4)"},
      kBridge + "v46\nv46 host=d from=10.4 mac=2.0*3.16.1\nv4 size=1400",
      {{"UnseenByTheRules", 4, {"0"}}, {"SeenByTheRules", 4, {"1"}}}},
 
-    // Segments that the egress takes, and packets one byte longer.
+    // Segments that fit the egress, and packets one byte longer.
     {"TcpOf9000To1500", 0, kJumbo + kMerging + "tcp46 each4=1460 each6=1440\nv46 size=1501|9000",
      merging(4, 4, 4, 4)},
     {"TcpOfTheLargestSegmentsOf9000To1500", 0,

@@ -45,7 +45,7 @@ Descriptor networkAt(const std::string& path) {
     return network;
 }
 
-// A link takes packets once the kernel has seen its carrier and given it a queue.
+// A link accepts packets once the kernel has seen its carrier and given it a queue.
 constexpr char kAwaitLinks[] = R"(timeout 20 sh -c '
     until ip -o link show up |
         awk "/NO-CARRIER|state DOWN/ || !/LOOPBACK|qdisc noqueue/ { exit 1 }"
@@ -60,7 +60,7 @@ void check(bool succeeded, const std::string& what) {
 
 void isolate() {
     check(unshare(CLONE_NEWNS | CLONE_NEWNET) == 0, "the twins need root: unshare");
-    // The length of the queue lets the system log of a whole batch wait until it is read.
+    // The queue is long enough to hold the log lines of a whole batch until they are read.
     output(R"(set -e
 mount --make-rprivate /
 mount -t tmpfs run /run

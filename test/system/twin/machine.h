@@ -32,7 +32,7 @@ class Namespace {
 
     const std::string& name() const { return m_name; }
 
-    /// Runs `action` in the namespace and comes back.
+    /// Runs `action` in the namespace, then returns to the previous one.
     void run(const std::function<void()>& action) const;
 
     /// What the command printed; throws std::runtime_error with it if the command fails.
@@ -59,7 +59,7 @@ class Mailbox {
     /// The messages since the last call.
     std::vector<std::string> take() const;
 
-    /// Throws away messages until this one comes.
+    /// Discards messages until this one arrives.
     void await(const std::string& message) const;
 
  private:
@@ -67,7 +67,7 @@ class Mailbox {
     pmtud_linux::Descriptor m_socket;
 };
 
-/// Runs from its construction, at the end of which its rules are installed, to its destruction.
+/// Runs as long as this object exists. Its rules are installed when the constructor returns.
 class Daemon {
  public:
     Daemon(const std::string& program, const Namespace& router, int processor);

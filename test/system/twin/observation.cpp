@@ -156,7 +156,7 @@ std::optional<Observation> observe6(const std::string& host, Bytes& frame, Ignor
         packet[1] &= 0xf0;
         put16(packet + 2, 0);
     }
-    // The kernel chooses another when it puts a datagram together and fragments it again.
+    // The kernel chooses another when it reassembles a datagram and fragments it again.
     if (transport.fragmentAt != 0) std::fill_n(packet + transport.fragmentAt + 4, 4, uint8_t{0});
     return other(host, frame);
 }

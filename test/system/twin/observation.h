@@ -28,9 +28,9 @@ struct Ignored {
     bool answerHost = false;    ///< the interface on which they arrive, if there are several ways
 };
 
-/// Nothing for what a router sends unasked, neighbour discovery and group membership, nor for
-/// IPv4's "net unreachable" and "host unreachable", which the kernel limits by time. Nothing for
-/// the later fragments of an ICMPv6 message either.
+/// Nothing for what a router sends unsolicited (neighbour discovery and group membership), for
+/// IPv4's "net unreachable" and "host unreachable", which the kernel limits by time, and for the
+/// later fragments of an ICMPv6 message.
 std::optional<Observation> observe(const std::string& host, Bytes frame, Ignored ignored);
 
 }  // namespace twin

@@ -7,19 +7,19 @@ namespace twin {
 namespace {
 
 const std::vector<Case> kCases{
-    // No operation; record route, the same full and without room; timestamps without room and
-    // overflown; source routes loose, and strict and used up; router alert; options longer than
-    // the header, shorter than their fields, with a wrong pointer, unknown without a length; the
-    // end; security labels.
+    // No operation; record route: with room, without any, and full; timestamps: full, and
+    // overflowed; a loose source route, and a strict one that is used up; router alert; options
+    // that are longer than the header, shorter than their fields, have a wrong pointer, or are
+    // unknown and have no length; end of options; security labels.
     {"Ipv4Options", 7,
      R"(v4 size=1400|1500 options=1*4|7.11.4.0*9|7.3.4.1|7.11.12.0*9
 v4 size=1400|1500 options=68.4.5.0|68.8.9.240.0*4|131.7.4.10.0.20.1.0|137.7.8.10.0.20.1.0
 v4 size=1400|1500 options=148.4.0*2|7.40.4.0|7.2.0*2|68.4.2.0|254.0*3|0*4|134.4.0*2)"},
     // An answer of the daemon's would quote all of this header and nothing that follows it.
     {"RecordedRouteOfTheLargestHeaderIsTheKernelsToAnswer", 1, "v4 options=7.39.4.0*37 kernel"},
-    // Hop-by-hop: padding; router alert; a jumbo payload that lies; unknown options to skip, to
-    // discard, to tell of; longer than the packet. Destination options: padding, unknown,
-    // endless. Routing: of type 253 and 0. Two headers. The only fragment. Authentication.
+    // Hop-by-hop: padding; router alert; a jumbo payload that lies; unknown options that ask the
+    // router to skip, discard or report them; longer than the packet. Destination options: padding,
+    // unknown, endless. Routing: of type 253 and 0. Two headers. The only fragment. Authentication.
     // ICMPv6 after options. No next header. An unknown one.
     {"Ipv6ExtensionHeaders", 13,
      R"(v6 size=1400|1500 headers=0:17.0.1.4.0*4|0:17.0.5.2.0*2.1.0|0:17.0.194.4.0.1.0*2
@@ -48,8 +48,8 @@ v6 icmp=1|2|3|4|100|127|128|129|137|139|255 headers=60:58.0.1.4.0*4)"},
      R"(v4 from=0.0.0.0|0.1.2.3|127.0.0.1|224.0.0.1|239.255.255.250|240.0.0.1|255.255.255.255|10.0|169.254.1.1
 v4 from=10.255|20.255 kernel
 v6 from=::|::1|ff02::1|ff0e::1|fe80::1|::ffff:10.0.10.2|2001:db8:10::|10.ffff)"},
-    // The kernel sends its message twice within the router, once for the router itself. The
-    // daemon's answer is refused; neither may make the daemon resign, or tell anyone twice.
+    // The kernel sends its message twice within the router, once for the router itself, and the
+    // daemon's answer is refused. Neither may make the daemon give up, or tell anyone twice.
     {"BroadcastSourcesDoNotKeepOthersFromBeingTold", 9,
      R"(v4 from=10.255 kernel
 v46

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Plays a case: lines that prepare both routers, and the packets that both are fed.
+// Plays a case: lines that prepare both routers, and the packets that both receive.
 #include "play.h"
 
 #include <algorithm>
@@ -168,7 +168,7 @@ void sendMerged(Twins& twins, Words words, bool isIpv4, bool isTcp) {
     words.checkNoneLeft();
 }
 
-// False: it is no packet.
+// False: it is not a packet.
 bool sendLine(Twins& twins, const std::string& kind, const std::vector<std::string>& rest) {
     const size_t digits = kind.find_first_of("46");
     const std::string what = kind.substr(0, digits);

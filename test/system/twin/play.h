@@ -20,7 +20,7 @@ namespace twin {
 ///     port BRIDGE HOST MAC    adds a port to the bridge, and a host with that name and MAC on it
 ///     ignore source           does not compare the addresses that answers come from
 ///     ignore host             does not compare the hosts that receive answers either
-///     fence6                  the fences are IPv6 packets: the router has no IPv4 address
+///     fence6                  the fences (twins.h) use IPv6: the router has no IPv4 address
 ///
 /// These are carried out afterwards, in their order:
 ///

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Routes and policies: a packet may leave on another VLAN than its addresses suggest.
+// Routes and policies: a packet may leave on a different VLAN than its addresses suggest.
 #include <iostream>
 
 #include "twin_fixture.h"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// TCP segments and UDP datagrams that a host sends merged, and its kernel or a router's cuts.
+// TCP segments and UDP datagrams that a host sends merged and its own or a router's kernel splits.
 #include "segments.h"
 
 #include "bytes.h"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// TCP segments and UDP datagrams that a host sends merged, and its kernel or a router's cuts.
+// TCP segments and UDP datagrams that a host sends merged and its own or a router's kernel splits.
 #ifndef PMTUD_TWIN_SEGMENTS_H
 #define PMTUD_TWIN_SEGMENTS_H
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What all twin tests expect of two routers, and tests that are a table of cases.
+// What all twin tests expect of two routers, and tests defined by a table of cases.
 #ifndef PMTUD_TWIN_FIXTURE_H
 #define PMTUD_TWIN_FIXTURE_H
 
@@ -21,8 +21,8 @@ void expectAlike(Twins& twins, size_t told);
 
 void expectNoDifference(const Comparison& result);
 
-/// For rules that drop answers, and for more packets than the daemon takes: every packet is
-/// answered once, by the daemon or the kernel.
+/// For rules that drop answers, and for more packets than the limits leave to the daemon: every
+/// packet is answered once, by the daemon or the kernel.
 Comparison expectTold(const std::string& lines, size_t told);
 
 struct Variant {

@@ -167,7 +167,7 @@ void RandomRouter::fill(twin::Twins& twins, size_t packets) {
 void RandomRouter::addForged(twin::Twins& twins) {
     const soak::Kind& kind = soak::kinds()[m_forge.chooseKind()];
     const packets::Bytes frame = m_forge.make(kind, m_serial++);
-    // The link takes no frame without a payload, and few bytes more than its MTU.
+    // The link accepts no frame without a payload, and only a few bytes more than its MTU.
     const size_t largest = m_mtuOfA + 14;
     const bool isForeign = kind.outcome == soak::Outcome::kElsewhere;
     if (frame.size() <= 14 || frame.size() > largest || (m_isStrict && isForeign))
@@ -192,7 +192,7 @@ void RandomRouter::addPlain(twin::Twins& twins) {
     std::string to = (isFromC || !oneIn(4) ? "20." : "30.") + number(2 + below(4));
     if (oneIn(8)) to = isIpv4 ? "10.8.0.1" : "2001:db8:800::1";
     if (oneIn(8)) to = isIpv4 ? "10.7.0.1" : "2001:db8:700::1";
-    // Each flow has a port: those that translation makes collide get random ones.
+    // Each flow has its own port: flows that collide after translation get random ones.
     play(twins, (isIpv4 ? "v4 df=" + number(oneIn(4) ? 0 : 1) : std::string("v6")) +
                     " size=" + number(std::max<size_t>(size, 60)) + " from=" + from + " to=" + to +
                     " tos=" + (oneIn(4) ? "0x10" : "0") + " host=" + (isFromC ? "c" : "a") +
@@ -209,7 +209,7 @@ void RandomRouter::addFragments(twin::Twins& twins) {
 }
 
 void RandomRouter::addMerged(twin::Twins& twins) {
-    // The link takes a single segment only if it is no longer than its MTU.
+    // The link accepts a single segment only if it fits the MTU.
     const size_t each = 400 + below(m_mtuOfA - 460);
     play(twins, oneOf({"tcp4", "tcp6", "udp4", "udp6"}) + " each=" + number(each) +
                     " bytes=" + number(each * (1 + below(6))));

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Two routers alike, one of them with the daemon, and the hosts around them.
+// Two identical routers, one of them with the daemon, and the hosts around them.
 #include "twins.h"
 
 #include <arpa/inet.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Two routers alike, one of them with the daemon, and the hosts around them.
+// Two identical routers, one of them with the daemon, and the hosts around them.
 //
 //   a  02:00:00:00:10:02 ─── bcm0.10            bcm0.20 ─── b  02:00:00:00:20:02
 //   10.0.10.2-9, .50-.59         the router     bcm0.30 ─── c  02:00:00:00:30:02
@@ -40,7 +40,7 @@ std::string addressOf(bool isIpv4, int vlan, const std::string& host);
 struct How {
     std::string from = "a";
     packets::Mac to = {};            ///< all zero: the router
-    bool tellsNobodyIfMute = false;  ///< a documented exception: with mute hardware nobody tells
+    bool tellsNobodyIfMute = false;  ///< a documented exception: with mute hardware, nobody answers
 };
 
 struct NewVlan {
@@ -93,11 +93,11 @@ class Site {
 
 /// What the hosts of the two routers received, compared.
 struct Comparison {
-    std::vector<std::string> differences;  ///< a line each; none: alike
+    std::vector<std::string> differences;  ///< one line each; none: alike
     size_t sent = 0;
     size_t told = 0;         ///< "too big" messages on the router without the daemon
     size_t forwarded = 0;    ///< other frames there
-    uint64_t withdrawn = 0;  ///< the kernel's messages that the daemon took upon itself
+    uint64_t withdrawn = 0;  ///< the kernel's messages that the rules withdrew
     uint64_t answers = 0;    ///< those of the daemon that left
 };
 

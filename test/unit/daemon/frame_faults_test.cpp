@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Every call on a packet's path fails, twice in a row: what leaves the daemon, and the next frame.
+// Every call on a packet's path fails, twice in a row: what leaves the daemon, and what happens to
+// the next frame.
 #include <cerrno>
 #include <climits>
 #include <ostream>
@@ -192,7 +193,7 @@ INSTANTIATE_TEST_SUITE_P(Family, TimelessTest, run::kAnsweredFrames, run::kFamil
 
 class AddressTest : public run::AnsweredFrame {};
 
-TEST_P(AddressTest, ThatCannotBeWrittenEndsTheFrameAndTheNextIsAnswered) {
+TEST_P(AddressTest, ThatCannotBeConvertedEndsTheFrameAndTheNextIsAnswered) {
     const Lines whole = goldenAtWarning(frame);
     int nth = 0;
     for (const std::string line : {"89 PMTUD-Prot:    From: ", "89 PMTUD-Prot:    To: "}) {

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The n-th allocation fails, for every n: lines, verdicts, descriptors, what stays held, what next.
+// The n-th allocation fails, for every n: lines, verdicts, descriptors, what remains allocated, and
+// what happens next.
 #include <gmock/gmock.h>
 
 #include <algorithm>
@@ -36,7 +37,7 @@ void onAFreshThread(const std::function<void()>& work) { std::thread(work).join(
 
 // At WARNING, when few allocations are made.
 
-/// Where a shortage of memory may end a frame: the last entry before, and the line being built.
+/// Where a lack of memory may end a frame: the last entry before that, and the line being built.
 struct Shortage {
     const char* before;
     const char* cut;
@@ -253,7 +254,7 @@ TEST(ALineOfPlainText, IsCutIfItsBufferCannotGrow) {
 
 // The objects.
 
-TEST(TheAdapter, IsMadeWithoutMemory) {
+TEST(TheAdapter, AllocatesNothing) {
     const Counted counted(1, true);
     getShmWrapperApp();
     EXPECT_FALSE(counted.failed());

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Interfaces that are VLANs by an alternative name, on the kernel.
+// Interfaces that are VLANs because of an alternative name, with the real kernel.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -73,7 +73,7 @@ TEST_F(AlternativeNameOnTheKernel, GivenToAnInterfaceThatIsDownCountsOnceItIsUp)
     EXPECT_THAT(ruleset(), Not(HasSubstr("bcm0.20")));
 }
 
-TEST_F(AlternativeNameOnTheKernel, TakenAwayWhileAnAnswerIsDueLetsTheKernelAnswer) {
+TEST_F(AlternativeNameOnTheKernel, RemovedWhileAnAnswerIsDueLetsTheKernelAnswer) {
     expectTheKernelsAnswerAfter("link property del dev eth0.20 altname bcm0.20\n");
 }
 

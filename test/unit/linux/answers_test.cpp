@@ -100,7 +100,7 @@ TEST_F(Answers, OfOneVlanDoNotUseUpThoseOfAnother) {
     EXPECT_EQ(delivered.frame.size(), 1218U);
 }
 
-TEST_F(Answers, ThatDoNotLeaveAreMadeGoodByTheKernelsOwn) {
+TEST_F(Answers, ThatDoNotLeaveAreReplacedByTheKernelsOwn) {
     LogDaemon log;
     blockOutput();
     Client client;

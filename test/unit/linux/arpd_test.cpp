@@ -124,7 +124,7 @@ TEST_F(Icmp6Send, ReachesALinkLocalAddressWithoutScopeId) {
     EXPECT_EQ(receivePacketTooBig(receiver).size(), 56U);
 }
 
-TEST_F(Icmp6Send, LeavesByTheInterfaceEvenIfTheRouteLeadsElsewhere) {
+TEST_F(Icmp6Send, LeavesViaTheInterfaceEvenIfTheRouteLeadsElsewhere) {
     // According to the switch's routing table, the sender is on VLAN 20.
     Capture atA("a");
     run("ip route add 2001:db8:99::/64 dev bcm0.20");
@@ -151,7 +151,7 @@ TEST_F(Icmp6Send, ReceivesNothing) {
     EXPECT_EQ(poll(&readable, 1, 0), 0);
 }
 
-TEST_F(Icmp6Send, NeedsAnInterfaceThatIsThere) {
+TEST_F(Icmp6Send, NeedsAnInterfaceThatExists) {
     const ptrdiff_t before = openDescriptors();
     int32_t fd = -7;
     EXPECT_EQ(arpd_icmp6_socket_create(&fd, "bcm0.99"), -ENODEV);
@@ -169,7 +169,7 @@ TEST_F(Icmp6Send, NeedsAnInterfaceThatIsThere) {
     const Descriptor longest(fd);
 }
 
-TEST_F(Icmp6Send, SaysWhyAMessageCouldNotBeSent) {
+TEST_F(Icmp6Send, ReportsWhyAMessageCouldNotBeSent) {
     const Descriptor fd = open("bcm0.10");
     EXPECT_EQ(sendMessage(-1, "2001:db8:10::2", packetTooBig(48), 0), -EBADF);
     EXPECT_EQ(sendMessage(fd.get(), "2001:db9::1", packetTooBig(48), 0), -ENETUNREACH);

@@ -85,7 +85,7 @@ TEST_F(Attachment, EndsWithTheProcessThatTheCallbacksExceptionEnds) {
 }
 
 // A process that dies closes its lowest descriptor first.
-TEST_F(Attachment, GivesUpTheRulesBeforeTheGroupWhichBearsTheProcessNumber) {
+TEST_F(Attachment, ReleasesTheRulesBeforeTheGroupWhosePortIsTheProcessId) {
     inOwnProcess([] {
         ASSERT_EQ(attach(), 0);
         const auto process = static_cast<uint32_t>(getpid());

@@ -76,7 +76,7 @@ TEST_F(Configuration, KnowsTheMtuOfAVlanAsItIsNow) {
     });
 }
 
-TEST_F(Configuration, ReplacesARecordOrALinkThatIsThereAndDoesNotWriteThroughIt) {
+TEST_F(Configuration, ReplacesAnExistingRecordOrLinkAndDoesNotWriteThroughIt) {
     for (const bool isLink : {false, true}) {
         unlink(kRecord);
         if (isLink)
@@ -103,7 +103,7 @@ TEST_F(Configuration, LeavesTheRecordOfAnotherProcessAlone) {
 TEST_F(Configuration, LeavesNoDraftBehind) {
     const std::string before = output("ls -A /run");
     inOwnProcess([] {
-        // A process with this number died before it had finished.
+        // A process with this PID died before it had finished.
         std::ofstream("/run/.pmtud." + std::to_string(getpid())) << "half";
         ASSERT_EQ(cfg_add_pid("pmtud"), 0);
         EXPECT_EQ(cfg_clear_pid(), 0);

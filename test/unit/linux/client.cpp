@@ -157,7 +157,7 @@ long Client::anonymousMemory() const {
     const std::string name = "RssAnon:";
     for (std::string line; std::getline(status, line);)
         if (line.starts_with(name)) return std::stol(line.substr(name.size()));
-    throw std::runtime_error("no memory to be seen");
+    throw std::runtime_error("the client's memory cannot be read");
 }
 
 int Client::stop() {

@@ -121,7 +121,7 @@ TEST(IpPacket, QuotedByAnErrorFollowsTheEightBytesAfterTheHeader) {
     EXPECT_THAT(quoteOf(filled(0x44, 60)), IsEmpty());
 }
 
-TEST(Copies, AreGivenBackOnceAsTheyWereKept) {
+TEST(Copies, AreReturnedOnceAsTheyWereKept) {
     Copies copies;
     EXPECT_EQ(copies.take(kIpv4), nullptr);
     EXPECT_EQ(copies.take(Bytes(40, 0x60)), nullptr);

@@ -26,8 +26,8 @@ TEST_F(Rules, FollowTwoInterfacesThatSwapTheirNames) {
     EXPECT_EQ(handedOver("bcm0.20"), 0U);
 }
 
-// nft takes a number for a name if an interface is so named.
-TEST_F(Rules, AreNotConfusedByNamesAndAlternativeNamesLikeAnIndex) {
+// nft treats a number as a name if an interface has that name.
+TEST_F(Rules, AreNotConfusedByNamesAndAlternativeNamesThatLookLikeAnIndex) {
     const std::string index = std::to_string(indexOf("bcm0.20"));
     run("ip link add " + index + " index 100 type veth peer name other");
     const std::string padded = std::string(16 - index.size(), '0') + index;
@@ -37,7 +37,7 @@ TEST_F(Rules, AreNotConfusedByNamesAndAlternativeNamesLikeAnIndex) {
     EXPECT_EQ(+client.next().control.egress, indexOf("bcm0.20"));
 }
 
-TEST_F(Rules, TakeInAnIngressThatAppears) {
+TEST_F(Rules, IncludeAnIngressThatAppears) {
     run("ip link set bcm0.10 down");
     run("ip link set bcm0.10 name plain0");
     Client client;
@@ -65,7 +65,7 @@ TEST_F(Rules, AreNotChangedByOtherInterfaces) {
     EXPECT_THAT(ruleset(), Not(HasSubstr("bcm0.020")));
 }
 
-TEST_F(Rules, CountOnWhenTheMtuChanges) {
+TEST_F(Rules, KeepCountingWhenTheMtuChanges) {
     Client client;
     send(bytesOf(Ipv4{}));
     client.next();
@@ -77,7 +77,7 @@ TEST_F(Rules, CountOnWhenTheMtuChanges) {
     EXPECT_EQ(handedOver("bcm0.20"), 2U);
 }
 
-TEST_F(Rules, StayWhereABridgeLetsItsPortGo) {
+TEST_F(Rules, StayWhenABridgeReleasesItsPort) {
     run("ip link add br0 type bridge");
     run("ip link set bcm0.30 master br0");
     Client client;

@@ -62,7 +62,7 @@ TEST_F(InterfaceOfAKnownVlan, FallsBackToItsOwnName) {
 }
 
 // Asking the kernel could take long.
-TEST_F(InterfaceOfAKnownVlan, IsLookedUpInTheTableAlone) {
+TEST_F(InterfaceOfAKnownVlan, IsLookedUpOnlyInTheTable) {
     {
         const KnownVlans known(table);
         EXPECT_EQ(vlan(), 0);
@@ -70,7 +70,7 @@ TEST_F(InterfaceOfAKnownVlan, IsLookedUpInTheTableAlone) {
     EXPECT_EQ(vlan(), 40);
 }
 
-TEST_F(InterfaceOfAKnownVlan, IsNoneOnceItIsGone) {
+TEST_F(InterfaceOfAKnownVlan, HasNoVlanOnceItIsGone) {
     table.apply(link);
     const KnownVlans known(table);
     run("ip link del fence");

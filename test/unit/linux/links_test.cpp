@@ -111,7 +111,7 @@ TEST_F(Links, AreFollowedAfterAListThatOverrunsTenTimes) {
     EXPECT_EQ(table.vlans().size(), 3U);
 }
 
-TEST_F(Links, AreListedAnewAfterALoss) {
+TEST_F(Links, AreListedAgainAfterALoss) {
     ASSERT_EQ(monitor.list(table), 0);
     run("ip link set bcm0.20 mtu 1400");
     calls.recvfrom = [](auto...) {
@@ -124,7 +124,7 @@ TEST_F(Links, AreListedAnewAfterALoss) {
 }
 
 // The buffer then holds only a part of it.
-TEST_F(Links, AreListedAnewAfterADatagramThatTheBufferHasNoRoomFor) {
+TEST_F(Links, AreListedAgainAfterADatagramTooLargeForTheBuffer) {
     ASSERT_EQ(monitor.list(table), 0);
     run("ip link set bcm0.20 mtu 1400");
     calls.recvfrom = [](int fd, void* buffer, size_t size, auto... others) {
@@ -136,7 +136,7 @@ TEST_F(Links, AreListedAnewAfterADatagramThatTheBufferHasNoRoomFor) {
     EXPECT_EQ(table.vlans().at(20).mtu, 1400U);
 }
 
-TEST_F(Links, AreWhatTheyWereIfTheKernelEndsNoList) {
+TEST_F(Links, StayUnchangedIfTheKernelNeverEndsItsList) {
     ASSERT_EQ(monitor.list(table), 0);
     const auto before = table.vlans();
     int timeout = 0;
@@ -167,7 +167,7 @@ TEST_F(Links, ThatCannotBeListedAreAnError) {
 }
 
 // The rules are those of a list that missed an interface; a second later they are complete.
-TEST_F(Links, OfAStaleListAtTheStartAreMadeGoodByTheReceiveThread) {
+TEST_F(Links, MissingFromAStaleListAtTheStartAreAddedByTheReceiveThread) {
     inOwnProcess([] {
         changeLists([](nlmsghdr& message) {
             interrupt(message);
@@ -301,8 +301,8 @@ TEST_F(Links, MayHaveIndexesOfAnyDigits) {
     });
 }
 
-// The longest name has fifteen bytes and a zero; a kernel that left the zero out would not make
-// the daemon read on.
+// The longest name has fifteen bytes and a zero; even without the zero, the daemon must not read
+// beyond the name.
 TEST(InterfaceName, IsReadNoFurtherThanTheKernelsAnswer) {
     inOwnProcess([] {
         calls.ioctl = [](int, unsigned long request, void* argument) {

@@ -220,7 +220,7 @@ TEST(LogMessage, IsNotReadIfItsHeaderIsCutShortOrANumberHasTheWrongSize) {
 }
 
 // libmnl reads attributes as long as they fit.
-TEST(LogMessage, EndsBeforeAnAttributeThatContradictsTheSpaceItIsIn) {
+TEST(LogMessage, EndsBeforeAnAttributeThatDoesNotFit) {
     for (const uint16_t length : std::initializer_list<uint16_t>{0, 1, 3, 2000}) {
         Netlink bytes = wholeLogMessage();
         claim(bytes, NFULA_SEQ, length);
@@ -245,7 +245,7 @@ TEST(LogMessage, IsNeverReadBeyondItsEnd) {
     }
 }
 
-TEST(LogMessage, HasAPrefixWithOrWithoutItsEnd) {
+TEST(LogMessage, HasAPrefixWithOrWithoutATerminatingZero) {
     const auto prefix = [](const Bytes& text) {
         const Netlink bytes = logMessage().add(NFULA_PREFIX, text);
         return std::string(decodeLogMessage(bytes.header())->prefix);

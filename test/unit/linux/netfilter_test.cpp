@@ -116,7 +116,7 @@ TEST_F(Answers, AreMissedEachTimeTheCounterHasNotRisen) {
 }
 
 // An answer that could not be received is still there when the next one is requested.
-TEST_F(Answers, ToAnEarlierRequestArePassedOver) {
+TEST_F(Answers, ToAnEarlierRequestAreSkipped) {
     counter = 1;
     EXPECT_TRUE(watch.hasLeft());
     give(object(1));
@@ -148,7 +148,7 @@ TEST_F(Answers, ThatAreCaughtUpWithAreNotCountedAgain) {
     EXPECT_FALSE(watch.hasLeft());
 }
 
-TEST_F(Netfilter, RequestIsNumberedAnewAndAcknowledgedByTheKernelOnly) {
+TEST_F(Netfilter, RequestGetsANewNumberAndOnlyTheKernelAcknowledgesIt) {
     const MnlSocket socket(mnl_socket_open2(NETLINK_NETFILTER, SOCK_CLOEXEC));
     ASSERT_TRUE(socket);
     const auto request = [&] {
@@ -192,7 +192,7 @@ TEST_F(Netfilter, LogGroupThatCannotBeTakenIsBusyOrNotPermitted) {
     }
 }
 
-TEST_F(Netfilter, SocketsThatFailAreTheResult) {
+TEST_F(Netfilter, SocketErrorsAreReturned) {
     rlimit before;
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
     const rlimit none{0, before.rlim_max};

@@ -35,7 +35,7 @@ TEST(Burst, IsLoggedOnceWhenItIsOver) {
     EXPECT_EQ(burst.due(true, kStart), 0U);
 }
 
-TEST(Burst, ThatLastsIsLoggedOnceASecondAndAtItsEnd) {
+TEST(Burst, ThatLastsIsLoggedOncePerSecondAndAtItsEnd) {
     Burst burst;
     burst.count(1);
     EXPECT_EQ(burst.due(false, kStart), 1U);
@@ -76,7 +76,7 @@ TEST(LineBudget, IsABurstOfAHundredFramesAtFirst) {
     }
 }
 
-TEST(LineBudget, GrowsByTwentyFramesASecondUpToTheBurst) {
+TEST(LineBudget, GrowsByTwentyFramesPerSecondUpToTheBurst) {
     LineBudget budget;
     taken(budget, kStart);
     EXPECT_EQ(taken(budget, kStart + 49ms), 0);
@@ -89,7 +89,7 @@ TEST(LineBudget, GrowsByTwentyFramesASecondUpToTheBurst) {
     EXPECT_EQ(taken(budget, kStart + 1h), 0);
 }
 
-TEST(LineBudget, IsKeptInAFloodThatLasts) {
+TEST(LineBudget, HoldsInALongFlood) {
     LineBudget budget;
     int logged = 0;
     for (int millisecond = 0; millisecond < 60000; ++millisecond)

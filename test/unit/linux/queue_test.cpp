@@ -98,7 +98,7 @@ TEST_F(Queue, LogsALossOnceTheLogAcceptsIt) {
 }
 
 // The mark of this table's messages is a VLAN. Those of others have another mark or none.
-TEST_F(Queue, IgnoresAndCountsWhatRulesOfOthersLogToTheGroup) {
+TEST_F(Queue, IgnoresAndCountsWhatOtherTablesLogToTheGroup) {
     LogDaemon log;
     Client client;
     for (const char* const how : {"log", "log prefix \"pmtud:refused\"",

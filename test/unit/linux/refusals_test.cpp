@@ -56,7 +56,7 @@ struct RuleScript {
 
 class Refusal : public World {};
 
-TEST_F(Refusal, OfAChangeOfTheRulesIsLoggedOnceAndTriedAgainEachSecond) {
+TEST_F(Refusal, OfAChangeOfTheRulesIsLoggedOnceAndRetriedEachSecond) {
     inOwnProcess([] {
         // The receive thread is there until the process is gone.
         RuleScript& rules = *new RuleScript;
@@ -134,7 +134,7 @@ TEST_F(Refusal, OfTheLinksSocketEndsTheProcess) {
         [] { EXPECT_EQ(failureAfter(makeReadable(1)), "link messages: Cannot allocate memory"); });
 }
 
-TEST_F(Refusal, OfTheLogGroupsSocketEndsTheProcessUnlessItPasses) {
+TEST_F(Refusal, OfTheLogGroupsSocketEndsTheProcessUnlessItIsTemporary) {
     inOwnProcess([] {
         int call = 0;
         calls.recvmmsg = [&](auto...) {

@@ -14,7 +14,7 @@ using testing::StartsWith;
 
 namespace {
 
-// What the first VLAN with the MTU brings: the maps of copied headers, and the chains that look
+// What the first VLAN with an MTU adds: the maps of copied headers, and the chains that look
 // refused packets up in them.
 constexpr char kAdd1280[] =
     R"(add map inet pmtud copied4-1280 { typeof @nh,96,64 . @nh,160,64 : meta mark; size 8192; flags dynamic,timeout; timeout 100ms; }
@@ -174,8 +174,8 @@ TEST(RuleText, OfTheTableCountsTheMessagesOfProcessesAndWithdrawsTheKernelsOwn) 
 )"));
 }
 
-// libnftables takes a number for a name if an interface has that name, and no name has 16
-// characters; without quotes it is octal.
+// libnftables treats a number as a name if an interface has that name, and no name has 16
+// characters; without quotes, the number would be octal.
 TEST(RuleText, ThatLeavesAnInterfaceToTheKernelHasAnIndexLongerThanAnyName) {
     EXPECT_EQ(leaveToKernelText(7, 30),
               "add element inet pmtud left-to-kernel { \"0000000000000007\" timeout 30s }\n");

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// All VLANs that there can be.
+// All 4,094 VLANs at once.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

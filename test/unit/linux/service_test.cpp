@@ -63,7 +63,7 @@ TEST(Service, IsReadyOnceAndReportsEachChangeOfWhatItServes) {
     });
 }
 
-TEST(Service, ThatServesNothingIsReadyAndWarnsEachTimeItComesToThat) {
+TEST(Service, ThatServesNothingIsReadyAndWarnsEachTimeThatHappens) {
     inOwnProcess([] {
         LogDaemon log;
         Manager manager;
@@ -84,7 +84,7 @@ TEST(Service, ThatServesNothingIsReadyAndWarnsEachTimeItComesToThat) {
     });
 }
 
-TEST(Service, GivesThreeSignsOfLifePerIntervalOfTheWatchdog) {
+TEST(Service, SendsThreeKeepAlivesPerWatchdogInterval) {
     inOwnProcess([] {
         Manager manager;
         watchdog("10000000");
@@ -102,7 +102,7 @@ TEST(Service, GivesThreeSignsOfLifePerIntervalOfTheWatchdog) {
 }
 
 // A millisecond is the least that poll(2) waits for; 0 would not wait at all.
-TEST(Service, GivesSignsOfLifeFromOneAMillisecondToOneAMinute) {
+TEST(Service, SendsKeepAlivesFromOncePerMillisecondToOncePerMinute) {
     const std::pair<const char*, int> intervals[] = {
         {"10000000", 3333}, {"86400000000", 60000}, {"2000", 1}, {"3000", 1}, {"6000", 2}};
     for (const auto& [watched, interval] : intervals)
@@ -114,7 +114,7 @@ TEST(Service, GivesSignsOfLifeFromOneAMillisecondToOneAMinute) {
         });
 }
 
-TEST(Service, GivesNoSignOfLifeWithoutAWatchdogOfItsOwn) {
+TEST(Service, SendsNoKeepAlivesWithoutItsOwnWatchdog) {
     for (const bool isAnothers : {false, true})
         inOwnProcess([isAnothers] {
             Manager manager;
@@ -158,7 +158,7 @@ TEST_F(ServiceOfTheReceiveThread, IsReadyAndFollowsTheInterfaces) {
     });
 }
 
-TEST_F(ServiceOfTheReceiveThread, GivesSignsOfLifeWhileNothingHappens) {
+TEST_F(ServiceOfTheReceiveThread, SendsKeepAlivesWhileIdle) {
     inOwnProcess([] {
         Manager manager;
         watchdog("600000");
@@ -168,12 +168,12 @@ TEST_F(ServiceOfTheReceiveThread, GivesSignsOfLifeWhileNothingHappens) {
         EXPECT_EQ(manager.next(), "WATCHDOG=1");
         const auto first = std::chrono::steady_clock::now();
         for (int i = 0; i < 3; ++i) EXPECT_EQ(manager.next(), "WATCHDOG=1");
-        // Two intervals at least: the first sign may have been read late.
+        // Two intervals at least: the first keep-alive may have been read late.
         EXPECT_GE(std::chrono::steady_clock::now() - first, 400ms);
     });
 }
 
-TEST_F(ServiceOfTheReceiveThread, WakesForTheWatchdogOnly) {
+TEST_F(ServiceOfTheReceiveThread, WakesOnlyForTheWatchdog) {
     for (const auto& [watched, expected] :
          {std::pair("9000000", 3000), std::pair(static_cast<const char*>(nullptr), -1)})
         inOwnProcess([watched = watched, expected = expected] {

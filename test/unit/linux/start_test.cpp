@@ -184,7 +184,7 @@ TEST_F(FailedStart, OnAKernelWithoutOwnedTablesNamesThem) {
     });
 }
 
-TEST_F(FailedStart, WithATableOfTheSameNameLeavesItAndTellsHowToDeleteIt) {
+TEST_F(FailedStart, WithATableOfTheSameNameLeavesItAndExplainsHowToDeleteIt) {
     inOwnProcess([] {
         run("nft 'add table inet pmtud; add chain inet pmtud prerouting'");
         LogDaemon log;

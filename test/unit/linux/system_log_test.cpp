@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Lines to the system log: their form, what becomes of those that it does not accept, and those of
+// Lines to the system log: their form, what happens to those that it does not accept, and those of
 // one frame, which are written together after it, or not at all.
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -53,7 +53,7 @@ void expectLines(LogDaemon& log, int first, int last) {
 
 std::string lost(int count) { return "89 PMTUD-Linux: " + std::to_string(count) + " lines lost"; }
 
-// Fills the log's queue with lines, and loses one; how many it took.
+// Fills the log's queue with lines and loses one; returns how many the queue accepted.
 int fill() {
     int taken = 0;
     while (line(" filling") == 0) ++taken;
@@ -75,7 +75,7 @@ void watchWrites() {
 
 }  // namespace
 
-TEST(Line, BearsPriorityLocalTimeProgramProcessAndModule) {
+TEST(Line, HasPriorityLocalTimeProgramProcessAndModule) {
     inOwnProcess([] {
         setenv("TZ", "UTC-5:30", 1);
         tzset();
@@ -147,7 +147,7 @@ TEST(LostLine, IsCountedAndReportedOnceBeforeTheNext) {
 }
 
 // The next attempt to reach the log is a second after the last.
-TEST(LostLine, IsReportedOnceTheLogIsThereWhichIsLookedForOnceASecond) {
+TEST(LostLine, IsReportedOnceTheLogAppearsWhichIsTriedOncePerSecond) {
     inOwnProcess([] {
         EXPECT_EQ(line(" lost"), -ENOENT);
         linesOfAFrame(1, 2);
@@ -166,7 +166,7 @@ TEST(LostLine, IsReportedOnceTheLogIsThereWhichIsLookedForOnceASecond) {
     });
 }
 
-TEST(SystemLog, ThatWasStartedAgainIsReachedWithoutALoss) {
+TEST(SystemLog, ThatWasRestartedIsReachedWithoutALoss) {
     inOwnProcess([] {
         std::optional<LogDaemon> log(std::in_place);
         lines(1, 1);

@@ -88,7 +88,7 @@ Bytes priorityTagged() {
 
 }  // namespace
 
-TEST_P(Posted, FrameLeavesByItsVlanOrPortWithoutTheTagOfThatVlan) {
+TEST_P(Posted, FrameLeavesViaItsVlanOrPortWithoutTheTagOfThatVlan) {
     inOwnProcess([] {
         const Post& row = GetParam();
         ASSERT_EQ(attach(), 0);
@@ -159,7 +159,7 @@ TEST_F(TransmitQueue, KnowsAVlanByTheAlternativeNameOfItsInterface) {
     });
 }
 
-TEST_F(TransmitQueue, RefusesWhatIsNoFrame) {
+TEST_F(TransmitQueue, RefusesWhatIsNotAFrame) {
     inOwnProcess([] {
         ASSERT_EQ(attach(), 0);
         const auto record = recordOf(frame(0), 10);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Which interface names are VLANs, and what link messages make of the table of VLANs.
+// Which interface names are VLANs, and how link messages change the table of VLANs.
 #include "vlan_table.h"
 
 #include <gtest/gtest.h>

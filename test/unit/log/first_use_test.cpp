@@ -18,8 +18,8 @@ std::string contentOf(FILE* file) {
 
 TEST(FirstUse, FindsTheThresholdAtWarning) { EXPECT_EQ(qv::reportingLevel(), 1); }
 
-/// The file channel's stream is set to standard error by the first call of its accessor, so
-/// an accessor that was not called takes a standard error that was exchanged meanwhile.
+/// The first call of the accessor sets the file channel's stream to standard error as it is then,
+/// so the test replaces standard error to see which statement makes that call.
 TEST(FirstUse, OfASuppressedLevelLeavesTheStreamUnsetAndOfAReportedOneSetsItForGood) {
     FILE* const original = stderr;
     FILE* const beforeSuppressed = tmpfile();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// A line of the file channel, whole: its parts, its time, its end, what it asks of clock and sink,
-// and the line that goes out when they fail.
+// A whole line of the file channel: its parts, its time, its end, how it uses clock and sink, and
+// what is written when they fail.
 #include <cerrno>
 #include <climits>
 #include <stdexcept>

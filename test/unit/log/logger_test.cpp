@@ -59,7 +59,7 @@ void PrintTo(const Statement& statement, std::ostream* os) { *os << statement.na
 
 class DebugProcessChannel : public Loggers, public testing::WithParamInterface<Statement> {};
 
-TEST_P(DebugProcessChannel, HandsOverItsLineAsDataOfThePlainFormat) {
+TEST_P(DebugProcessChannel, PassesItsLineAsDataOfThePlainFormat) {
     GetParam().run();
     EXPECT_EQ(lines(), DebugLines({{GetParam().module, "%s", GetParam().text}}));
 }
@@ -115,7 +115,7 @@ TEST_F(Loggers, AppendCrLfToTheBufferEvenIfThereIsNoStream) {
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(Loggers, HandTheDebugProcessAnyTextWhateverReserved) {
+TEST_F(Loggers, PassTheDebugProcessAnyTextWhateverReservedHolds) {
     for (const char* const text : {"text\n", ""}) {
         std::ostringstream os;
         os << text;

@@ -19,6 +19,6 @@ found=$(awk '$1 == "U" && $2 !~ /@(GLIBC|GLIBCXX|CXXABI|GCC)_/ { sub(/@.*/, "", 
     <<<"$symbols" | sort)
 
 if ! diff <(echo "$expected") <(echo "$found"); then
-    echo "$2: '<' the seam, '>' what the daemon leaves undefined" >&2
+    echo "$2: '<' only in the seam, '>' only among the daemon's undefined symbols" >&2
     exit 1
 fi

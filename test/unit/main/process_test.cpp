@@ -118,7 +118,7 @@ INSTANTIATE_TEST_SUITE_P(Of, ASignalDeathTest,
                          testing::Values(SIGTERM, SIGINT, SIGHUP, SIGUSR1, SIGKILL),
                          [](const auto& instance) { return sigabbrev_np(instance.param); });
 
-TEST_F(ProcessDeathTest, StaysTheProcessThatWasStartedWithWhatItInheritedAndWithoutAChild) {
+TEST_F(ProcessDeathTest, NeitherForksNorChangesWhatItInherited) {
     const auto inherited = [] {
         const auto directory = std::filesystem::current_path();
         const auto input = std::filesystem::read_symlink("/proc/self/fd/0");

@@ -276,7 +276,7 @@ TEST_F(ShortMemoryTest, ExitsInTheSameWayWithoutAnyMemory) {
     EXPECT_EQ(startWithout(1, true), (kOpen + kRegister + Lines{fails} + cutLeave));
 }
 
-TEST_F(ShortMemoryTest, GoesOnWithoutMemoryToLogThatAnotherInstanceRuns) {
+TEST_F(ShortMemoryTest, ContinuesWithoutMemoryToLogThatAnotherInstanceRuns) {
     fake::fail("flock", {-1, EWOULDBLOCK});
     EXPECT_EQ(startWithout(1), (kOpen + Lines{fails, "14:03:07.2 ERRO"} + kAttach + kEnd));
 }

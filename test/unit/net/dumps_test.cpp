@@ -101,7 +101,7 @@ TEST_F(Dumps, InsertionKeepsToTheDumpWhateverTheStreamsFormat) {
     EXPECT_EQ(os.str(), kEthernetDump);
 }
 
-TEST_F(Dumps, EndAtAnAddressThatCannotBeConvertedAndTheLineGoesOut) {
+TEST_F(Dumps, EndAtAnAddressThatCannotBeConvertedAndTheLineIsWritten) {
     const auto endOf = [](const auto& header, int failing) {
         fake::fail("inet_ntop", {0, ENOSPC}, 1, failing);
         const std::string line = logAt(qv::DEBUG, [&] { QV_LOG(DEBUG, 1) << header; }).at(0);
@@ -128,7 +128,7 @@ TEST(DecHex, IsDecimalAndPrefixedLowerCaseHexadecimalOf32BitsInBrackets) {
 constexpr std::array<uint8_t, 12> kBytes = {0x00, 0x0a, 0xff, 0x10, 0x23, 0x45,
                                             0x67, 0x89, 0xab, 0xcd, 0xef, 0x0f};
 
-TEST(HexDump, IsTwoDigitsPerByteWithABlankBetweenThem) {
+TEST(HexDump, IsTwoDigitsPerByteSeparatedByBlanks) {
     EXPECT_EQ(hexDump(kBytes.data(), 12), "00 0a ff 10 23 45 67 89 ab cd ef 0f");
     EXPECT_EQ(hexDump(kBytes.data(), 1), "00");
     EXPECT_EQ(hexDump(kBytes.data(), 0), "");

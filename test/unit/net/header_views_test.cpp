@@ -73,7 +73,7 @@ TEST(EthVlanHeader, SplitsTheTagIntoPriorityDropEligibilityAndVlan) {
     }
 }
 
-TEST(HeaderViews, DoNotNoticeABufferThatEndsAfterTheFieldRead) {
+TEST(HeaderViews, ReadNothingBeyondTheFieldAskedFor) {
     const packets::GuardedBytes ethernet(packets::cut(kEthernet, 0, 14));
     EXPECT_EQ(EthVlanHeader(ethernet.data()).vlan_tpid(), 0x8100);
     const packets::GuardedBytes ipv4({0x45});
@@ -180,7 +180,7 @@ TEST(Ipv6Header, HasEachFieldAtItsPlaceAndNoTrafficClass) {
     EXPECT_EQ(header.dst().scope_id(), 0U);
 }
 
-TEST(Ipv6Header, HasATotalLengthOfThePayloadsAndForty) {
+TEST(Ipv6Header, HasATotalLengthOfItsPayloadPlusForty) {
     struct Length {
         uint16_t payload;
         unsigned total;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Tests of the application object: what it consists of, how it begins, runs and ends.
+// Tests of the application object: its fields, its construction, its run and its destruction.
 #include <gmock/gmock.h>
 
 #include <algorithm>
@@ -181,7 +181,7 @@ TEST_F(ApplicationTest, DestroysItsHandlerThroughTheVirtualDestructor) {
     EXPECT_EQ(destroyed, 1);
 }
 
-TEST_F(ApplicationTest, EndsWithoutAHandlerAsWell) {
+TEST_F(ApplicationTest, EndsEvenWithoutAHandler) {
     PMTUDApp app(&cfg, &adapter);
     delete std::exchange(Fields::handler(app), nullptr);
 }

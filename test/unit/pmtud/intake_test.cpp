@@ -8,7 +8,7 @@ namespace {
 
 class IntakeTest : public EngineTest {};
 
-/// The neighbours of both, their bytes swapped, half of each, other protocols.
+/// Values next to both EtherTypes, their bytes swapped, half of each, and other protocols'.
 TEST_F(IntakeTest, ReportsOtherEtherTypesToTheDebugProcessAndDoesNothingElseWithThem) {
     for (const int type : {0x0000, 0x07FF, 0x0801, 0x0008, 0x86DC, 0x86DE, 0xDD86, 0x00DD, 0x8600,
                            0x08DD, 0x0806, 0x8100, 0x8847, 0xFFFF}) {
@@ -63,7 +63,7 @@ struct Throwing {
 
 class ExceptionTest : public EngineTest, public testing::WithParamInterface<Throwing> {};
 
-TEST_P(ExceptionTest, OfThePlatformPassesTheCallbackLeavesDiscardAndSparesTheNextFrame) {
+TEST_P(ExceptionTest, OfThePlatformLeavesTheCallbackKeepsDiscardAndSparesTheNextFrame) {
     fake::on(GetParam().call, [] { throw Gone(); });
     adapter.setPostAction(SHM_Wrapper::eAccept);
     EXPECT_THROW(receive(GetParam().frame), Gone);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Tests of the questions to the switch configuration and of what counts as an answer.
+// Tests of the queries to the switch configuration and of which answers are valid.
 #include <type_traits>
 
 #include "engine_test.h"
@@ -21,7 +21,7 @@ static_assert(std::is_same_v<decltype(&VlanConfig::logModuleId), uint32_t (VlanC
 
 class VlanConfigTest : public EngineTest {};
 
-TEST_F(VlanConfigTest, HandsQuestionsOnAndAnswersBackUnchanged) {
+TEST_F(VlanConfigTest, PassesQuestionsOnAndAnswersBackUnchanged) {
     for (const int answer : {kLeast, -1, 0, 4095, kMost}) {
         answerVlan(answer);
         EXPECT_EQ(cfg.getDestVlan(kLeast), answer);
@@ -73,7 +73,7 @@ class ResolutionTest : public EngineTest, public testing::WithParamInterface<Fam
 
 INSTANTIATE_TEST_SUITE_P(Families, ResolutionTest, testing::ValuesIn(families()), kCaseName);
 
-TEST_P(ResolutionTest, AsksAfreshForEachFrameByItsEgress) {
+TEST_P(ResolutionTest, AsksAgainForEachFrameByItsEgress) {
     EXPECT_TRUE(isAnswered());
     adapter.setFrameInfo(1, 2, 3, 4, 5, -2147483647);
     answerVlan(200);

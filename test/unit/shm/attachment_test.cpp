@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Tests of the attachment to the queues, and of the adapter's life in the process.
+// Tests of the attachment to the queues, and of the adapter's lifetime.
 #include <algorithm>
 #include <type_traits>
 
@@ -100,7 +100,7 @@ TEST_F(AttachmentTest, LogsThatTheThreadFailedAndLeavesTheQueueAttached) {
     EXPECT_TRUE(adapter.init());
 }
 
-TEST(AdapterTest, IsOneForTheProcessWithoutAnOriginOnFirstUse) {
+TEST(AdapterTest, IsOnePerProcessAndHasNoOriginBeforeItsFirstFrame) {
     ASSERT_NE(getShmWrapperApp(), nullptr);
     EXPECT_EQ(getShmWrapperApp(), getShmWrapperApp());
     EXPECT_EQ(kOriginOnFirstUse, (Fields{-1, -1, -1, -1, -1, -1}));

@@ -194,7 +194,7 @@ TEST_F(VerdictTest, Reads14BytesOfTheFrameAndNoMore) {
 
 // Tags.
 
-/// Untagged IPv4, IPv6 and ARP, service tags, the neighbours, half of it, bytes swapped.
+/// Untagged IPv4, IPv6 and ARP, service tags, values next to 0x8100, half of it, its bytes swapped.
 TEST_F(VerdictTest, IsDiscardWithOneWarningAndWithoutTheHandlerForAnyOtherTpid) {
     struct Tpid {
         uint16_t value;

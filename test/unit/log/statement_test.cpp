@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The level check of a statement: it precedes everything else, and does not change what surrounds
-// the statement.
+// A log statement: its level is checked first, and it does not change the code around it.
 #include <type_traits>
 #include <utility>
 
@@ -15,9 +14,9 @@ int evaluations = 0;
 
 int evaluated() { return ++evaluations; }
 
-class Gate : public daemon_test::FakesTest {
+class Statement : public daemon_test::FakesTest {
  protected:
-    Gate() { evaluations = 0; }
+    Statement() { evaluations = 0; }
 };
 
 struct Level {
@@ -27,7 +26,7 @@ struct Level {
     void (*statement)();
 };
 
-class LevelTest : public Gate, public testing::WithParamInterface<Level> {};
+class LevelTest : public Statement, public testing::WithParamInterface<Level> {};
 
 static_assert(std::is_same_v<std::underlying_type_t<qv::LogLevel>, int32_t>);
 
@@ -36,14 +35,14 @@ TEST_P(LevelTest, HasItsCodeAndItsName) {
     EXPECT_EQ(qv::toString(GetParam().level), GetParam().name);
     const Lines lines = logAt(qv::DEBUG4, GetParam().statement);
     EXPECT_TRUE(lines.at(0).starts_with("14:03:07.2 " + std::string(GetParam().name) +
-                                        ": [gate_test:1 | "));
+                                        ": [statement_test:1 | "));
 }
 
 TEST_P(LevelTest, IsWrittenAndEvaluatedOnlyUpToTheThreshold) {
     for (int threshold = -1; threshold <= 8; ++threshold) {
-        const bool isOpen = GetParam().code <= threshold;
-        EXPECT_EQ(logAt(threshold, GetParam().statement).size(), isOpen ? 1U : 0U) << threshold;
-        EXPECT_EQ(std::exchange(evaluations, 0), isOpen ? 1 : 0) << threshold;
+        const bool isReported = GetParam().code <= threshold;
+        EXPECT_EQ(logAt(threshold, GetParam().statement).size(), isReported ? 1U : 0U) << threshold;
+        EXPECT_EQ(std::exchange(evaluations, 0), isReported ? 1 : 0) << threshold;
     }
 }
 
@@ -69,7 +68,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Level{qv::DEBUG4, 7, "DEBUG4", [] { QV_LOG(DEBUG4, 1) << evaluated(); }}),
     daemon_test::kCaseName);
 
-TEST_F(Gate, LeavesAnElseToTheIfBeforeItWhetherItIsOpenOrClosed) {
+TEST_F(Statement, LeavesAnElseToTheIfBeforeItWhetherOrNotItIsReported) {
     const CapturedLog log(qv::ERROR);
     bool reached = false;
     if (evaluations == 1)
@@ -86,7 +85,7 @@ TEST_F(Gate, LeavesAnElseToTheIfBeforeItWhetherItIsOpenOrClosed) {
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(Gate, ThatIsClosedMakesNoLoggerAsksNoTimeAndEvaluatesNeitherLineNorFunction) {
+TEST_F(Statement, ThatIsSuppressedMakesNoLoggerReadsNoClockAndEvaluatesNeitherLineNorFunction) {
     fake::clock().localtimeFails = true;
     const CapturedLog log(qv::ERROR);
     const auto function = [] { return ++evaluations == 1 ? "f" : "g"; };
@@ -95,14 +94,14 @@ TEST_F(Gate, ThatIsClosedMakesNoLoggerAsksNoTimeAndEvaluatesNeitherLineNorFuncti
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(Gate, BindsWeakerThanTheInsertionsAfterIt) {
+TEST_F(Statement, BindsMoreLooselyThanTheInsertionsAfterIt) {
     const auto statement = [] { QV_LOG(ERROR, 1) << 1 + 1 << (2 > 1 ? "yes" : "no") << (6 & 2); };
     EXPECT_TRUE(logAt(qv::ERROR, statement).at(0).ends_with("] 2yes2\r\n"));
 }
 
-TEST_F(Gate, IsNotMisledByNamesOfTheFunctionAroundIt) {
+TEST_F(Statement, IsNotMisledByNamesOfTheFunctionAroundIt) {
     const CapturedLog log(qv::ERROR);
-    // NOLINTBEGIN(readability-isolate-declaration): a list of names, no more.
+    // NOLINTBEGIN(readability-isolate-declaration): just a list of names.
     const int os = 1, level = 2, stream = 3, detail = 4, file = 5, line = 6, get = 7;
     const int reportingLevel = -1, isReported = 0, kBaseName = 8, EndOfStatement = 9, function = 10;
     // NOLINTEND(readability-isolate-declaration)
@@ -111,7 +110,7 @@ TEST_F(Gate, IsNotMisledByNamesOfTheFunctionAroundIt) {
     EXPECT_TRUE(log.text().ends_with("] 1234567-108910\r\n"));
 }
 
-TEST_F(Gate, IsOneStatementInALoopWithoutBraces) {
+TEST_F(Statement, IsOneStatementInALoopWithoutBraces) {
     const auto statements = [] {
         for (int i = 0; i < 3; ++i) QV_LOG(ERROR, 1) << i;
     };

@@ -312,7 +312,7 @@ void Dispatcher::countVerdict(int verdict) {
 void Dispatcher::reportBursts(bool over) {
     if (over && m_overrun && !m_lost.pending()) {
         say(Priority::kWarning,
-            "the receive queue overran; how many messages were lost shows with the next one");
+            "the receive queue overran; the next message will show how many were lost");
         m_overrun = false;
     }
     if (!hasUnreported()) return;

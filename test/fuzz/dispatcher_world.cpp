@@ -201,7 +201,7 @@ void World::takeLine(Priority priority, const std::string& line) {
         {Priority::kWarning,
          "log group 89: ignored messages that this table did not log: ", kForeign},
         {Priority::kInfo, "frames answered but not logged: ", kUnlogged},
-        {Priority::kWarning, "the receive queue overran; how many messages"},
+        {Priority::kWarning, "the receive queue overran; the next message will show"},
         {Priority::kWarning, "the verdict "},
         {Priority::kWarning, "nothing to serve: "},
         {Priority::kError, "nothing is served ("},

@@ -63,8 +63,8 @@ TEST_F(Queue, CountsWhatItLostWhenItOverran) {
         return line;
     };
     EXPECT_EQ(nextOther(),
-              "89 PMTUD-Linux: the receive queue overran; how many messages were lost shows with "
-              "the next one");
+              "89 PMTUD-Linux: the receive queue overran; the next message will show how many "
+              "were lost");
     awaitEmptyQueues();
     sendFence();
     const unsigned long long missing = numberIn(nextOther(), kLost);

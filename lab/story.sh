@@ -63,7 +63,7 @@ story_good() {
 }
 
 story_fail() {
-    echo "  NOT SO: $1"
+    echo "  NOT ok: $1"
     story_verdict=bad
     story_complain "did not show: $1"
     exit 1

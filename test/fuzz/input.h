@@ -62,7 +62,7 @@ class Input {
 /// Crashes unless `holds`, so that the fuzzer keeps the input.
 inline void require(bool holds, const char* what) {
     if (holds) return;
-    fprintf(stderr, "not so: %s\n", what);
+    fprintf(stderr, "violated: %s\n", what);
     abort();
 }
 

@@ -101,7 +101,7 @@ DemoShowsWhatItShouldAndKeepsWhatHostASaw() {
     finish 0
     expect "a quiet standard error" test ! -s "$scratch/err"
     expect "its last line" out_has '^All 5 steps showed what they should, in [0-9]+ s\.$'
-    if out_has 'NOT SO'; then fail "a step did not show what it should"; fi
+    if out_has 'NOT ok'; then fail "a step did not show what it should"; fi
     expect "the recording in the documents" "$project/script/record-demo" --check "$scratch/out"
     local error
     for error in 'icmp[icmptype] == icmp-unreach' 'icmp6[icmp6type] == icmp6-packettoobig'; do

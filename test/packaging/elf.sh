@@ -47,11 +47,11 @@ StackCannotBeExecuted() {
         "$("${tools}readelf" --wide --segments "$file" | grep -E '^ +LOAD .* RWE ')"
 }
 
-OverrunsOfTheStackAreNoticed() {
+StackOverrunsAreDetected() {
     expect_line "what guards the stack" __stack_chk_fail "$(undefined)"
 }
 
-OverrunsOfBuffersAreNoticed() {
+BufferOverrunsAreDetected() {
     expect_match "checked calls" '^__v?snprintf_chk$' "$(undefined)"
     # Each of these has a checked form, which must be called instead. Compilers may call snprintf
     # itself if they know that the result fits.

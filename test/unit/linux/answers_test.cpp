@@ -51,7 +51,7 @@ class Answers : public World {
     }
 };
 
-TEST_F(Answers, AreTheClientsAlone) {
+TEST_F(Answers, ComeFromTheClientAlone) {
     Client client;
     Capture atA("a");
     // A second answer about a packet would arrive before the answer about the next one.
@@ -124,7 +124,7 @@ TEST_F(Answers, ThatDoNotLeaveAreReplacedByTheKernelsOwn) {
 }
 
 // The rules withdraw the kernel's message, because a packet with the same header was copied.
-TEST_F(Answers, ToAPacketThatWasNotCopiedAreTheKernels) {
+TEST_F(Answers, ToAPacketThatWasNotCopiedComeFromTheKernel) {
     // An ingress that is not a VLAN.
     run("ip link add plain address 02:00:00:00:99:01 type veth peer name other");
     run("ip link set plain up && ip link set other up");

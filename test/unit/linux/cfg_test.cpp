@@ -111,7 +111,7 @@ TEST_F(Configuration, LeavesNoDraftBehind) {
     EXPECT_EQ(output("ls -A /run"), before);
 }
 
-TEST_F(Configuration, RegistersUnderANameOnly) {
+TEST_F(Configuration, RegistersOnlyUnderAPlainName) {
     inOwnProcess([] {
         EXPECT_EQ(cfg_add_pid(nullptr), -EINVAL);
         EXPECT_EQ(cfg_add_pid(""), -EINVAL);

@@ -69,7 +69,7 @@ TEST(AnswersThatDoNotLeave, AreLoggedForEachInterfaceSeparately) {
 }
 
 // Also right after the machine has started: its clock starts at zero.
-TEST(LineBudget, IsABurstOfAHundredFramesAtFirst) {
+TEST(LineBudget, AllowsABurstOfAHundredFramesAtFirst) {
     for (const auto now : {kStart, LineBudget::Clock::time_point{}}) {
         LineBudget budget;
         EXPECT_EQ(taken(budget, now), 100);

@@ -46,7 +46,7 @@ TEST_F(AllVlans, AreInstalledAtOnceAndChangedOneAtATime) {
 
 // A sanitizer keeps what was freed.
 #if !defined(PMTUD_SANITIZED)
-TEST_F(AllVlans, LeaveLittleOfTheMemoryThatTheirRulesTook) {
+TEST_F(AllVlans, GiveBackMostOfTheMemoryThatTheirRulesTook) {
     Client client;
     changeRules("ip link set bcm0.20 mtu 1300");
     // In KiB. If the C library kept what was freed, it would be over 90,000.

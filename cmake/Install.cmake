@@ -55,7 +55,7 @@ install(TARGETS pmtud-platform
 
 install(CODE "
   set(source \"${PROJECT_SOURCE_DIR}/packaging/pmtud.service\")
-  set(here \"${PROJECT_BINARY_DIR}/packaging/pmtud.service\")
+  set(build \"${PROJECT_BINARY_DIR}\")
   set(directory \"${PMTUD_UNIT_DIR}\")
   set(sbindir \"${CMAKE_INSTALL_SBINDIR}\")
   set(libdir \"${pmtud_private_libdir}\")

@@ -2,8 +2,8 @@
 # Installs the systemd unit with the paths at which this installation has the daemon and its
 # libraries.
 #
-# The caller sets source (the unit file), here (a file to write), directory, sbindir and libdir (below
-# the prefix, or absolute), and exec_paths (where the system's libraries are).
+# The caller sets source (the unit file), build (the build folder), directory, sbindir and libdir
+# (below the prefix, or absolute), and exec_paths (where the system's libraries are).
 
 # A relative prefix is below the folder that cmake was started in.
 cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY "${CMAKE_CURRENT_BINARY_DIR}" NORMALIZE
@@ -40,5 +40,9 @@ string(REGEX REPLACE "\nExecPaths=[^\n]*" "\nExecPaths=${executed}" unit "${unit
 if(sbindir MATCHES "^/(home|root|run/user)/")
   string(REPLACE "\nProtectHome=yes\n" "\nProtectHome=read-only\n" unit "${unit}")
 endif()
-file(WRITE "${here}" "${unit}")
-file(INSTALL "${here}" DESTINATION "${directory}")
+# In a private folder: another installation from this build may be writing its unit at this moment.
+string(RANDOM LENGTH 16 name)
+set(folder "${build}/packaging/${name}")
+file(WRITE "${folder}/pmtud.service" "${unit}")
+file(INSTALL "${folder}/pmtud.service" DESTINATION "${directory}")
+file(REMOVE_RECURSE "${folder}")

@@ -35,6 +35,21 @@ TheDaemonFindsItsLibraryInATreeThatWasMoved() {
         "$(realpath "$found")"
 }
 
+InstallationsAtTheSameTimeInstallTheirOwnUnits() {
+    local -i round i
+    for ((round = 0; round < 3; ++round)); do
+        rm -rf "$scratch"/prefix*
+        for ((i = 0; i < 6; ++i)); do
+            cmake --install "$build" --prefix "$scratch/prefix$i" --component service >"$scratch/log$i" &
+        done
+        wait
+        for ((i = 0; i < 6; ++i)); do
+            expect_equal "what it starts" "ExecStart=$scratch/prefix$i/sbin/pmtud" \
+                "$(grep '^ExecStart=' "$scratch/prefix$i/lib/systemd/system/pmtud.service")"
+        done
+    done
+}
+
 # expect_unit PREFIX LINES
 # Checks what the unit below the prefix may execute, and that systemd accepts it.
 expect_unit() {

@@ -11,14 +11,16 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <stdexcept>
-#include <system_error>
+
+#include "check.h"
 
 namespace {
+
+using machine::check;
 
 constexpr uint16_t kGroup = 90;
 constexpr uint16_t kMtu = 1400;
@@ -39,10 +41,6 @@ constexpr char kTable[] = R"(table inet bare {
         icmpv6 type packet-too-big drop
     }
 })";
-
-void check(bool good, const char* what) {
-    if (!good) throw std::system_error(errno, std::generic_category(), what);
-}
 
 struct Packet {
     uint32_t ingress = 0;

@@ -28,11 +28,13 @@
 #include <vector>
 
 #include "bytes.h"
+#include "check.h"
 #include "packet.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using machine::check;
 using packets::Bytes;
 using packets::get32;
 using packets::put16;
@@ -60,10 +62,6 @@ constexpr char kUsage[] =
     "that of sending, in which the kernel also forwards, refuses and answers; median_ns and\n"
     "p99_ns for one; honest_sent and honest_answered for flood. Fails if an answer is wrong or\n"
     "was missed.\n";
-
-void check(bool good, const char* what) {
-    if (!good) throw std::system_error(errno, std::generic_category(), what);
-}
 
 struct Host {
     explicit Host(const std::string& text)

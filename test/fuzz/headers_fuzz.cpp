@@ -13,10 +13,10 @@
 #include "input.h"
 #include "reference.h"
 
-using fuzz::GuardedMemory;
 using fuzz::Input;
 using fuzz::require;
 using fuzz::Span;
+using packets::GuardedMemory;
 
 namespace {
 

@@ -18,7 +18,7 @@ namespace {
 constexpr int kMessagesPerInput = 24;
 
 std::optional<Link> decode(Span message) {
-    static fuzz::GuardedMemory memory(fuzz::kLargestMessage);
+    static packets::GuardedMemory memory(fuzz::kLargestMessage);
     // Netlink pads every message; libmnl reads the last attribute into the padding.
     const size_t size = Netlink::aligned(fuzz::load<uint32_t>(message));
     const uint8_t* const placed = memory.place(message, size);

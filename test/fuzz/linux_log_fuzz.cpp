@@ -70,7 +70,7 @@ void handle(const LogMessage& read, const fuzz::Message& expected, Platform& pla
 }
 
 void receive(const Bytes& datagram, Platform& platform) {
-    static fuzz::GuardedMemory memory(2 * fuzz::kLargestMessage);
+    static packets::GuardedMemory memory(2 * fuzz::kLargestMessage);
     // It starts aligned; an earlier datagram's bytes follow its end.
     const size_t size = Netlink::aligned(datagram.size());
     const uint8_t* const placed = memory.place(datagram, size, 0xFF);

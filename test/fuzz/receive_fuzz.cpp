@@ -253,8 +253,8 @@ std::optional<int> receive(const Record* record, uint8_t* frame, int len) {
 }
 
 void handleOne(Input& input, const Channel& channel) {
-    static fuzz::GuardedMemory frameMemory(kLargestFrame);
-    static fuzz::GuardedMemory recordMemory(sizeof(Record));
+    static packets::GuardedMemory frameMemory(kLargestFrame);
+    static packets::GuardedMemory recordMemory(sizeof(Record));
     static VlanConfig config;
     fake::resetPlatform();
     fake::resetSyscalls();

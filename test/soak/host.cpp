@@ -21,8 +21,11 @@
 #include <system_error>
 #include <thread>
 
+#include "check.h"
+
 namespace soak {
 
+using machine::check;
 using packets::Answer;
 using pmtud_linux::Descriptor;
 using std::chrono::steady_clock;
@@ -45,10 +48,6 @@ constexpr uint32_t kSmallestMtu = 1280;
 constexpr uint32_t kLargestMtu = 1460;
 
 constexpr uint64_t kFaultsShown = 20;
-
-void check(bool succeeded, const char* what) {
-    if (!succeeded) throw std::system_error(errno, std::generic_category(), what);
-}
 
 ifreq requestFor(const char* interface) {
     ifreq request{};

@@ -3,17 +3,14 @@
 #ifndef PMTUD_TEST_PACKETS_H
 #define PMTUD_TEST_PACKETS_H
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <new>
 #include <string>
 #include <vector>
 
+#include "guarded_memory.h"
 #include "packets/bytes.h"
 #include "pktd_record.h"
 
@@ -99,26 +96,13 @@ class QueueRecord {
 class GuardedBytes {
  public:
     explicit GuardedBytes(const Bytes& bytes)
-        : m_readable((bytes.size() + m_page - 1) / m_page * m_page),
-          m_start(mmap(nullptr, m_readable + m_page, PROT_READ | PROT_WRITE,
-                       MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) {
-        if (m_start == MAP_FAILED) throw std::bad_alloc();
-        uint8_t* const guard = static_cast<uint8_t*>(m_start) + m_readable;
-        if (mprotect(guard, m_page, PROT_NONE) != 0) throw std::bad_alloc();
-        m_data = guard - bytes.size();
-        std::copy(bytes.begin(), bytes.end(), m_data);
-    }
-    GuardedBytes(const GuardedBytes&) = delete;
-    GuardedBytes& operator=(const GuardedBytes&) = delete;
-    ~GuardedBytes() { munmap(m_start, m_readable + m_page); }
+        : m_memory(bytes.size()), m_data(m_memory.place(bytes, bytes.size())) {}
 
     uint8_t* data() const { return m_data; }
 
  private:
-    size_t m_page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    size_t m_readable;
-    void* m_start;
-    uint8_t* m_data = nullptr;
+    GuardedMemory m_memory;
+    uint8_t* m_data;
 };
 
 }  // namespace packets

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: MIT
-// Private mount and network namespaces, and what runs in them: commands and the daemon.
+// What runs on the twins' machine: network namespaces, the daemon, and what it logs.
 #include "machine.h"
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
@@ -13,37 +12,18 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
-#include <cstdio>
-#include <memory>
 #include <stdexcept>
-#include <system_error>
 #include <utility>
 
+#include "private_machine.h"
+
+using machine::check;
+using machine::output;
 using pmtud_linux::Descriptor;
 
 namespace twin {
 
 namespace {
-
-// What the command printed, or an exception with it.
-std::string output(const std::string& command) {
-    FILE* const pipe = popen(("{ " + command + "\n} 2>&1").c_str(), "r");
-    check(pipe != nullptr, "popen");
-    std::string text;
-    std::array<char, 4096> piece;
-    for (size_t size = 0; (size = std::fread(piece.data(), 1, piece.size(), pipe)) > 0;)
-        text.append(piece.data(), size);
-    if (pclose(pipe) != 0) throw std::runtime_error("failed: " + command + "\n" + text);
-    return text;
-}
-
-Descriptor networkAt(const std::string& path) {
-    Descriptor network(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    check(network.valid(), path);
-    return network;
-}
 
 // A link accepts packets once the kernel has seen its carrier and given it a queue.
 constexpr char kAwaitLinks[] = R"(timeout 20 sh -c '
@@ -54,26 +34,8 @@ constexpr char kAwaitLinks[] = R"(timeout 20 sh -c '
 
 }  // namespace
 
-void check(bool succeeded, const std::string& what) {
-    if (!succeeded) throw std::system_error(errno, std::generic_category(), what);
-}
-
-void isolate() {
-    check(unshare(CLONE_NEWNS | CLONE_NEWNET) == 0, "the twins need root: unshare");
-    // The queue is long enough to hold the log lines of a whole batch until they are read.
-    output(R"(set -e
-mount --make-rprivate /
-mount -t tmpfs run /run
-mount -t tmpfs dev /dev
-mknod -m 666 /dev/null c 1 3
-mknod -m 666 /dev/zero c 1 5
-mknod -m 666 /dev/urandom c 1 9
-echo 100000 >/proc/sys/net/unix/max_dgram_qlen)");
-}
-
 Namespace::Namespace(std::string name) : m_name(std::move(name)) {
     output("ip netns add " + m_name);
-    m_descriptor = networkAt("/run/netns/" + m_name);
     ip("link set lo up");
 }
 
@@ -84,11 +46,7 @@ Namespace::~Namespace() {
 }
 
 void Namespace::run(const std::function<void()>& action) const {
-    const Descriptor home = networkAt("/proc/thread-self/ns/net");
-    check(setns(m_descriptor.get(), CLONE_NEWNET) == 0, "setns");
-    const auto goHome = [](const Descriptor* back) { setns(back->get(), CLONE_NEWNET); };
-    const std::unique_ptr<const Descriptor, decltype(goHome)> guard(&home, goHome);
-    action();
+    machine::inNetwork(m_name, action);
 }
 
 std::string Namespace::shell(const std::string& command) const {

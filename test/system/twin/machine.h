@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Private mount and network namespaces, and what runs in them: commands and the daemon.
+// What runs on the twins' machine: network namespaces, the daemon, and what it logs.
 #ifndef PMTUD_TWIN_MACHINE_H
 #define PMTUD_TWIN_MACHINE_H
 
@@ -14,13 +14,6 @@
 namespace twin {
 
 constexpr int kPatience = 20000;  ///< milliseconds to wait for anything
-
-/// Throws std::system_error with errno if the call has failed.
-void check(bool succeeded, const std::string& what);
-
-/// Moves the process into private mount and network namespaces, with an empty /run and a /dev
-/// without the machine's sockets.
-void isolate();
 
 /// A network namespace that `ip` knows by its name; it ends with the object.
 class Namespace {
@@ -45,7 +38,6 @@ class Namespace {
 
  private:
     std::string m_name;
-    pmtud_linux::Descriptor m_descriptor;
 };
 
 /// A datagram socket in the file system, which collects what is sent to it.

@@ -19,6 +19,9 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "private_machine.h"
+
+using machine::check;
 using packets::Ipv4;
 using packets::Ipv6;
 using packets::Mac;
@@ -92,7 +95,9 @@ void prepareRun(const std::string& daemon) {
     CPU_ZERO(&processors);
     CPU_SET(own, &processors);
     check(sched_setaffinity(0, sizeof processors, &processors) == 0, "processors");
-    isolate();
+    machine::isolate();
+    // The queue is long enough to hold the log lines of a whole batch until they are read.
+    machine::output("echo 100000 >/proc/sys/net/unix/max_dgram_qlen");
 }
 
 int vlanOf(const std::string& host) { return 10 * (host[0] - 'a' + 1); }

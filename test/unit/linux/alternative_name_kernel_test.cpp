@@ -39,7 +39,7 @@ class AlternativeNameOnTheKernel : public World {
             rename("bcm0." + vlan, "eth0." + vlan, vlan);
             run("ip link property add dev eth0." + vlan + " altname bcm0." + vlan);
         }
-        for (const char* const host : {"a", "b"}) onHost(host, [] { awaitLink("eth0"); });
+        for (const char* const host : {"a", "b"}) inNetwork(host, [] { awaitLink("eth0"); });
     }
 
     // The names change while the client's thread is in the callback with the packet for bcm0.30,

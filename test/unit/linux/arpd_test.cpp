@@ -39,7 +39,8 @@ int sendMessage(int fd, const char* to, Bytes message, int interface) {
 // A socket on host a. The kernel there has reassembled what it receives and checked the checksum.
 Descriptor receiverOnA() {
     Descriptor receiver;
-    onHost("a", [&] { receiver.reset(socket(AF_INET6, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_ICMPV6)); });
+    inNetwork("a",
+              [&] { receiver.reset(socket(AF_INET6, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_ICMPV6)); });
     return receiver;
 }
 
@@ -109,7 +110,7 @@ TEST_F(Icmp6Send, SendsAMessageLargerThanTheLinkInFragments) {
 }
 
 TEST_F(Icmp6Send, ReachesALinkLocalAddressWithoutScopeId) {
-    onHost("a", [] {
+    inNetwork("a", [] {
         run("ip addr add fe80::2/64 dev eth0 nodad");
         awaitAddress("fe80::2");
     });

@@ -38,7 +38,7 @@ TEST_F(Dispatch, DeliversRefusedPacketsTaggedWithTheirIngressAndTheirEgressInThe
 
 TEST_F(Dispatch, DeliversAJumboPacketWithZerosInPlaceOfWhatWasNotCopied) {
     run("ip link set bcm0.10 mtu 9000");
-    onHost("a", [] { run("ip link set eth0 mtu 9000"); });
+    inNetwork("a", [] { run("ip link set eth0 mtu 9000"); });
     Client client;
     const Bytes jumbo = bytesOf(Ipv4{.size = 9000, .payload = Bytes(8980, 0xa5)});
     send(jumbo);

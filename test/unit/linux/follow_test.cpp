@@ -44,7 +44,7 @@ TEST_F(Rules, IncludeAnIngressThatAppears) {
     changeRules("ip link set plain0 name bcm0.77");
     run("ip link set bcm0.77 up");
     awaitLink("bcm0.77");
-    onHost("a", [] { awaitLink("eth0"); });
+    inNetwork("a", [] { awaitLink("eth0"); });
     send(bytesOf(Ipv4{}));
     const Delivered delivered = client.next();
     EXPECT_EQ(+delivered.control.vid, 77);

@@ -12,41 +12,24 @@
 #include <netinet/ether.h>
 #include <poll.h>
 #include <sched.h>
-#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <sys/wait.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <stdexcept>
-#include <system_error>
 #include <thread>
 
 using pmtud_linux::Descriptor;
 
 namespace {
 
-// The mounts are private, /run is empty, and /dev is without the machine's sockets.
 class Isolation : public testing::Environment {
-    static void makeDevice(const char* path, unsigned int minor) {
-        check(mknod(path, S_IFCHR | 0666, makedev(1, minor)) == 0, path);
-    }
-
     // Only when the tests run: listing them needs no privilege.
-    void SetUp() override {
-        check(unshare(CLONE_NEWNS | CLONE_NEWNET) == 0, "the kernel tests need root: unshare");
-        check(mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) == 0, "private mounts");
-        check(mount("tmpfs", "/run", "tmpfs", 0, nullptr) == 0, "mount /run");
-        check(mount("tmpfs", "/dev", "tmpfs", 0, nullptr) == 0, "mount /dev");
-        makeDevice("/dev/null", 3);
-        makeDevice("/dev/zero", 5);
-        makeDevice("/dev/urandom", 9);
-    }
+    void SetUp() override { machine::isolate(); }
 };
 
 [[maybe_unused]] const auto* const kIsolation = testing::AddGlobalTestEnvironment(new Isolation);
@@ -66,10 +49,6 @@ void setOption(const Descriptor& socket, int level, int option, Value value) {
 }
 
 }  // namespace
-
-void check(bool succeeded, const char* what) {
-    if (!succeeded) throw std::system_error(errno, std::generic_category(), what);
-}
 
 void awaitReadable(int fd, const char* what) {
     pollfd readable{fd, POLLIN, 0};
@@ -92,32 +71,12 @@ void run(const std::string& command) {
     if (std::system(command.c_str()) != 0) throw std::runtime_error("failed: " + command);
 }
 
-std::string output(const std::string& command) {
-    FILE* const pipe = popen(command.c_str(), "r");
-    check(pipe != nullptr, "popen");
-    std::string text;
-    std::array<char, 4096> piece;
-    for (size_t size = 0; (size = std::fread(piece.data(), 1, piece.size(), pipe)) > 0;)
-        text.append(piece.data(), size);
-    if (pclose(pipe) != 0) throw std::runtime_error("failed: " + command);
-    return text;
-}
-
 void batch(const std::string& commands) {
     FILE* const ip = popen("ip -batch -", "w");
     check(ip != nullptr, "popen");
     const bool written = std::fputs(commands.c_str(), ip) >= 0;
     const int status = pclose(ip);
     if (!written || status != 0) throw std::runtime_error("ip -batch failed");
-}
-
-void onHost(const std::string& host, const std::function<void()>& action) {
-    const Descriptor home(open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC));
-    const Descriptor there(open(("/run/netns/" + host).c_str(), O_RDONLY | O_CLOEXEC));
-    check(setns(there.get(), CLONE_NEWNET) == 0, "setns");
-    const auto goHome = [](const Descriptor* back) { setns(back->get(), CLONE_NEWNET); };
-    const std::unique_ptr<const Descriptor, decltype(goHome)> guard(&home, goHome);
-    action();
 }
 
 void inOwnProcess(const std::function<void()>& body) {
@@ -147,7 +106,7 @@ int startThread(pktd_rx_cb_t callback, const char* client) {
 }
 
 Capture::Capture(const std::string& host) {
-    onHost(host, [&] {
+    inNetwork(host, [&] {
         m_socket.reset(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         check(m_socket.valid(), "packet socket");
         setOption(m_socket, SOL_SOCKET, SO_RCVBUFFORCE, 32 << 20);
@@ -282,7 +241,7 @@ neigh add 2001:db8:10::2 lladdr 02:00:00:00:10:02 dev bcm0.10
 neigh add 2001:db8:20::2 lladdr 02:00:00:00:20:02 dev bcm0.20
 )");
     run("sysctl -qw net.ipv4.ip_forward=1 net.ipv6.conf.all.forwarding=1");
-    onHost("a", [] {
+    inNetwork("a", [] {
         batch(R"(link set lo up
 addr add 10.0.10.2/24 dev eth0
 addr add 2001:db8:10::2/64 dev eth0 nodad
@@ -293,7 +252,7 @@ neigh add 10.0.10.1 lladdr 02:00:00:00:10:01 dev eth0
 neigh add 2001:db8:10::1 lladdr 02:00:00:00:10:01 dev eth0
 )");
     });
-    onHost("b", [] {
+    inNetwork("b", [] {
         batch(R"(link set lo up
 addr add 10.0.20.2/24 dev eth0
 addr add 2001:db8:20::2/64 dev eth0 nodad
@@ -304,9 +263,9 @@ route add default via 2001:db8:20::1
     });
     for (const char* const interface : {"bcm0.10", "bcm0.20", "bcm0.30", "fence"})
         awaitLink(interface);
-    for (const char* const host : {"a", "b"}) onHost(host, [] { awaitLink("eth0"); });
-    onHost("a", [&] { m_a.open("eth0"); });
-    onHost("b", [&] { m_b.open("eth0"); });
+    for (const char* const host : {"a", "b"}) inNetwork(host, [] { awaitLink("eth0"); });
+    inNetwork("a", [&] { m_a.open("eth0"); });
+    inNetwork("b", [&] { m_b.open("eth0"); });
 }
 
 void World::Sender::open(const std::string& name) {

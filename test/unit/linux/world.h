@@ -22,6 +22,7 @@
 #include "descriptor.h"
 #include "packet.h"
 #include "pktd.h"
+#include "private_machine.h"
 
 using packets::Bytes;
 using packets::bytesOf;
@@ -29,9 +30,9 @@ using packets::cut;
 using packets::Ipv4;
 using packets::Ipv6;
 using packets::operator+;
-
-/// Throws std::system_error, by errno, if a call has failed.
-void check(bool succeeded, const char* what);
+using machine::check;
+using machine::inNetwork;
+using machine::output;
 
 /// How long a test waits for an event before it fails: twice what all VLANs take under valgrind.
 constexpr std::chrono::seconds kPatience{45};
@@ -44,14 +45,8 @@ void await(const char* what, const std::function<bool()>& condition);
 /// Runs the command line in the switch; throws std::runtime_error if it fails.
 void run(const std::string& command);
 
-/// The same, and returns its standard output.
-std::string output(const std::string& command);
-
 /// Runs commands of ip(8), one per line, in one process.
 void batch(const std::string& commands);
-
-/// Runs `action` in the namespace of host "a" or "b".
-void onHost(const std::string& host, const std::function<void()>& action);
 
 /// Runs the body of a test in a new process, where the library is in the state in which a process
 /// starts. The test fails if the body does.

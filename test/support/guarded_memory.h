@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Memory whose end is guarded: the byte after it cannot be read.
-#ifndef PMTUD_TEST_FUZZ_GUARDED_MEMORY_H
-#define PMTUD_TEST_FUZZ_GUARDED_MEMORY_H
+#ifndef PMTUD_TEST_GUARDED_MEMORY_H
+#define PMTUD_TEST_GUARDED_MEMORY_H
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -11,10 +11,10 @@
 #include <cstdint>
 #include <cstring>
 #include <new>
+#include <span>
+#include <stdexcept>
 
-#include "input.h"
-
-namespace fuzz {
+namespace packets {
 
 class GuardedMemory {
  public:
@@ -31,8 +31,8 @@ class GuardedMemory {
     ~GuardedMemory() { munmap(m_start, m_size + m_page); }
 
     /// `size` bytes that end at the guard: as many of `bytes` as go in, then `filler`.
-    uint8_t* place(Span bytes, size_t size, uint8_t filler = 0) {
-        require(size <= m_size, "guarded memory holds what is placed in it");
+    uint8_t* place(std::span<const uint8_t> bytes, size_t size, uint8_t filler = 0) {
+        if (size > m_size) throw std::length_error("guarded memory is too small");
         uint8_t* const start = end() - size;
         const size_t known = std::min(size, bytes.size());
         if (known != 0) memcpy(start, bytes.data(), known);
@@ -48,6 +48,6 @@ class GuardedMemory {
     void* m_start;
 };
 
-}  // namespace fuzz
+}  // namespace packets
 
 #endif

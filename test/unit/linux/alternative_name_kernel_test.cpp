@@ -113,15 +113,15 @@ TEST_F(AlternativeNameOnTheKernel, MovesFromOneInterfaceToAnother) {
 TEST_F(AlternativeNameOnTheKernel, OfASecondVlanIsLoggedOnceAndTheLowerVlanCounts) {
     LogDaemon log;
     Client client;
-    changeRules("ip link property add dev eth0.20 altname bcm0.15");
+    changeRules("ip link property add dev eth0.20 altname bcm0.5");
     const std::string warning = log.next();
     EXPECT_EQ(lineOf(warning),
-              "89 PMTUD-Linux: bcm0.15: the interface is also named bcm0.20; only the lower VLAN "
+              "89 PMTUD-Linux: bcm0.5: the interface is also named bcm0.20; only the lower VLAN "
               "is served, so remove one of the names");
     EXPECT_EQ(priorityOf(warning), "<28>");
     send(bytesOf(Ipv4{}));
     client.next();
-    EXPECT_EQ(handedOver("bcm0.15"), 1U);
+    EXPECT_EQ(handedOver("bcm0.5"), 1U);
     EXPECT_THAT(ruleset(), Not(HasSubstr("bcm0.20")));
 
     changeRules("ip link set eth0.20 mtu 1300");

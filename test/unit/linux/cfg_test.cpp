@@ -3,6 +3,7 @@
 #include "cfg.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -100,6 +101,17 @@ TEST_F(Configuration, LeavesTheRecordOfAnotherProcessAlone) {
     });
 }
 
+TEST_F(Configuration, ReportsARecordThatIsGoneOrCannotBeRead) {
+    inOwnProcess([] {
+        ASSERT_EQ(cfg_add_pid("pmtud"), 0);
+        unlink(kRecord);
+        EXPECT_EQ(cfg_clear_pid(), -ENOENT);
+        ASSERT_EQ(mkdir(kRecord, 0700), 0);
+        EXPECT_EQ(cfg_clear_pid(), -EISDIR);
+        rmdir(kRecord);
+    });
+}
+
 TEST_F(Configuration, LeavesNoDraftBehind) {
     const std::string before = output("ls -A /run");
     inOwnProcess([] {
@@ -117,6 +129,7 @@ TEST_F(Configuration, RegistersOnlyUnderAPlainName) {
         EXPECT_EQ(cfg_add_pid(""), -EINVAL);
         EXPECT_EQ(cfg_add_pid("../etc/passwd"), -EINVAL);
         EXPECT_EQ(cfg_add_pid(".."), -EINVAL);
+        EXPECT_EQ(cfg_add_pid(".pmtud"), -EINVAL);
         EXPECT_EQ(cfg_add_pid(std::string(200, 'x').c_str()), -ENAMETOOLONG);
         EXPECT_EQ(cfg_clear_pid(), -ENOENT);
     });

@@ -121,6 +121,13 @@ TEST(IpPacket, QuotedByAnErrorFollowsTheEightBytesAfterTheHeader) {
     EXPECT_THAT(quoteOf(filled(0x44, 60)), IsEmpty());
 }
 
+TEST(TooBig, NamesAnMtuOf16BitsInIpv4AndOf32BitsInIpv6) {
+    EXPECT_EQ(pmtud_linux::mtuNamedBy(Bytes{0x45} + Bytes(19) + Bytes{3, 4, 0, 0, 1, 2, 5, 120}),
+              1400U);
+    EXPECT_EQ(pmtud_linux::mtuNamedBy(Bytes{0x60} + Bytes(39) + Bytes{2, 0, 0, 0, 1, 2, 5, 120}),
+              16909688U);
+}
+
 TEST(Copies, AreReturnedOnceAsTheyWereKept) {
     Copies copies;
     EXPECT_EQ(copies.take(kIpv4), nullptr);

@@ -83,6 +83,14 @@ class Links : public World {
 
 }  // namespace
 
+// The kernel doubles the number, for its bookkeeping (socket(7)).
+TEST_F(Links, MayChangeByTheThousandBeforeTheyAreRead) {
+    int room = 0;
+    socklen_t size = sizeof room;
+    ASSERT_EQ(getsockopt(monitor.fd(), SOL_SOCKET, SO_RCVBUF, &room, &size), 0);
+    EXPECT_EQ(room, 2 * 1048576);
+}
+
 TEST_F(Links, AreFollowedAfterAListThatIsInterruptedTenTimes) {
     changeLists(interrupt);
     EXPECT_EQ(monitor.list(table), 0);

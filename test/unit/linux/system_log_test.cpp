@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 #include <optional>
@@ -295,6 +296,26 @@ TEST(FrameLines, ThatTheLogHasNoRoomForAreCountedAndReportedBeforeTheNext) {
         linesOfAFrame(8, 8);
         EXPECT_EQ(lineOf(log.next()), lost(4));
         expectLines(log, 8, 8);
+    });
+}
+
+TEST(FrameLines, AreLostOnlyFromTheOneAtWhichTheLogEnded) {
+    inOwnProcess([] {
+        std::optional<LogDaemon> log(std::in_place);
+        lines(0, 0);
+        calls.sendmmsg = [&](int fd, mmsghdr* messages, unsigned int count, int flags) {
+            const int sent = real.sendmmsg(fd, messages, std::min(count, 2U), flags);
+            log.reset();
+            return sent;
+        };
+        linesOfAFrame(1, 5);
+        calls = real;
+        log.emplace();
+        int count = 3;
+        const auto start = std::chrono::steady_clock::now();
+        for (; line(" taken") != 0; ++count)
+            ASSERT_LT(std::chrono::steady_clock::now() - start, kPatience);
+        EXPECT_EQ(lineOf(log->next()), lost(count));
     });
 }
 

@@ -119,6 +119,7 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& post) { return std::string(post.param.name); });
 
 TEST_F(TransmitQueue, RefusesAVlanOrPortThatDoesNotExist) {
+    run("ip link add bcm0.0 type veth peer name bcm0.4095");
     inOwnProcess([] {
         ASSERT_EQ(attach(), 0);
         const Bytes bytes = frame(0);

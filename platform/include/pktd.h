@@ -46,14 +46,14 @@ typedef int (*pktd_rx_cb_t)(const st_pktd_shm_queue_entry_data_t* entry, uint8_t
 
 /*
  * Attach the client to its transmit and receive queues. Called once, on the main
- * thread. The daemon passes 0 and 1, whose meaning is the library's. 0: attached
+ * thread. The daemon passes 0 and 1; the library defines their meaning. 0: attached
  * until the process ends. Any other value: failure (on Linux a negative errno value).
  */
 int pktd_shm_queue_init(const char* client, int, int, void* tx_pool, void* rx_pool);
 
 /*
  * Start the thread that calls `callback` for every received frame until the process
- * ends. The daemon passes 32 and 32, whose meaning is the library's, and no user
+ * ends. The daemon passes 32 and 32, whose meaning the library defines, and no user
  * argument. 0: running. Any other value: failure, with no thread left running.
  */
 int pktd_shm_rx_thread_init(const char* client, void* rx_pool, void* rx_wl_pool, int, int,

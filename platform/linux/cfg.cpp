@@ -61,8 +61,8 @@ int cfg_init(void) {
     return querySocket >= 0 ? 0 : -errno;
 }
 
-// The record is /run/<process>.registered and contains the PID. It replaces an existing record,
-// whose process was killed or keeps running without it.
+// The record is /run/<process>.registered and contains the PID. It replaces any existing
+// record; if that record's process still runs, it runs on without one.
 int cfg_add_pid(const char* process) {
     if (process == nullptr) return -EINVAL;
     const std::string_view name(process);
@@ -95,7 +95,7 @@ int cfg_clear_pid(void) {
     std::array<char, 32> text{};
     const ssize_t length = read(file.get(), text.data(), text.size());
     if (length < 0) return -errno;
-    // Another process has registered under the name since, and now owns the record.
+    // Another process has since registered under the name, and now owns the record.
     if (std::string_view(text.data(), static_cast<size_t>(length)) != ownRecord()) return -EEXIST;
     if (unlink(registration.data()) != 0) return -errno;
     registration[0] = '\0';

@@ -31,7 +31,7 @@ constexpr int kReceiveCalls = 4;
 
 constexpr int kRetryInterval = 1000;  // milliseconds
 
-// How long the kernel is left to answer on an interface after no answer could be sent on it.
+// How long the answers on an interface are left to the kernel after none could be sent there.
 constexpr std::chrono::seconds kLeftToKernel(30);
 
 // If the log does not accept the line, a later line covers its events.

@@ -76,7 +76,7 @@ class Output2FilePolicy {
     static void output(uint32_t channel, std::ostringstream& os, int32_t reserved);
 };
 
-/// Passes the line, without a line end, to the platform's debug process.
+/// Passes the line, without a line ending, to the platform's debug process.
 class Output2DebugProcessPolicy {
  public:
     static void output(uint32_t channel, std::ostringstream& os, int32_t reserved);

@@ -258,7 +258,7 @@ bool PMTUDApp::sendICMP6PacketTooBig(const uint8_t& frame, size_t len) {
     memcpy(message.data(), header.data(), header.size());
     memcpy(&message[kIcmp6HeaderSize], ip.data(), messageLen - kIcmp6HeaderSize);
 
-    // 0, for no such interface, is passed on: the send library decides.
+    // 0 means that there is no such interface. It is passed on: the send library decides.
     const uint32_t ifindex = if_nametoindex(interfaceName.data());
     qv::QVDebugProcLog().get(m_logId, m_logName)
         << "Creating ICMPv6 Packet Too Big message. MTU size: " << mtu;

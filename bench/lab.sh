@@ -23,7 +23,7 @@ source "$here/floods.sh"
 bin=$(cd "$1" && pwd)/bin
 lab_isolate "$0" "$@"
 
-# Packets per second, fewer than the rules leave to the daemon for each interface.
+# Packets per second: fewer than the rules hand to the daemon for each interface.
 readonly within_limits=100
 
 # latency FAMILY: of five runs, the one with the lowest median. On two cores, the median depends, for a

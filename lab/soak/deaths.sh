@@ -12,8 +12,8 @@ queue_drops() {
         END { print sum + 0 }' /proc/net/netfilter/nfnetlink_log /proc/net/netlink
 }
 
-# The rules limit how many packets per second each interface leaves to the daemon. More interfaces, at
-# host A and at the switch, fill the queue sooner. At the switch, all have the MAC address of bcm0.10,
+# The rules limit how many packets per second they hand to the daemon for each interface. More interfaces,
+# at host A and at the switch, fill the queue sooner. At the switch, all have the MAC address of bcm0.10,
 # because A's packets are addressed to it.
 readonly -a more_vlans=({11..18})
 
@@ -170,7 +170,7 @@ starting() {
     soak_check_equal "starts that did not lead to serving" 0 "$failed_starts"
     soak_no_faults "wrong, missing or superfluous answers after them"
     lab_start_serving "$programs/pmtud"
-    soak_check "the rules are those of the $(soak_vlans_wanted | wc -l) VLANs that are there" \
+    soak_check "the rules match the $(soak_vlans_wanted | wc -l) VLANs that exist" \
         lab_within 10 soak_rules_are_true
     lab_kill_daemon
 }

@@ -86,7 +86,7 @@ check_nothing_lost() {
 }
 
 traffic() {
-    step "traffic: $packets packets to be answered, among everything malformed"
+    step "traffic: $packets packets to be answered, mixed with malformed ones of every kind"
     soak_remember
     soak_in_parts all "$packets" either
     soak_compare
@@ -98,8 +98,8 @@ traffic() {
     soak_check_resources "after the traffic"
 }
 
-# In this phase, only the daemon answers. The rate is below the limit up to which the rules leave an
-# interface's packets to it.
+# In this phase, only the daemon answers. The rate is below the limit up to which the rules hand it the
+# packets of one interface.
 hardware() {
     local -ri count=$((packets / 50 < 3600 ? packets / 50 : 3600))
     step "mute hardware: $count packets to be answered, 60 per second"
@@ -136,11 +136,11 @@ changing() {
     soak_check_equal "packets answered while interfaces change, or missing" "$sent" \
         $((since[answered] + since[missing]))
     check_withdrawn_during_changes
-    soak_check "the rules are those of the $(soak_vlans_wanted | wc -l) VLANs that are there" \
+    soak_check "the rules match the $(soak_vlans_wanted | wc -l) VLANs that exist" \
         lab_within 10 soak_rules_are_true
     soak_remove_interfaces
     soak_ask mtu 1400
-    soak_check "the rules are those of the $(soak_vlans_wanted | wc -l) VLANs that are left" \
+    soak_check "the rules match the $(soak_vlans_wanted | wc -l) VLANs that are left" \
         lab_within 10 soak_rules_are_true
     soak_check_resources "after the changes"
 }

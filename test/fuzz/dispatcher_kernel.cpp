@@ -69,7 +69,8 @@ extern "C" {
 int __real_open(const char* path, int flags, mode_t mode);
 
 int __wrap_recvmmsg(int fd, mmsghdr* headers, unsigned room, int flags, timespec*) {
-    require(fd == world->group.fd && (flags & MSG_DONTWAIT) != 0, "messages of the group");
+    require(fd == world->group.fd && (flags & MSG_DONTWAIT) != 0,
+            "only the group's messages are received, without waiting");
     world->settle();
     const uint8_t choice = world->input.byte();
     constexpr std::array<int, 4> kErrors = {EAGAIN, EINTR, ENOBUFS, EBADF};
@@ -99,7 +100,7 @@ int __wrap_poll(pollfd* ready, nfds_t count, int timeout) {
     const bool isIdle = !world->areRulesRefused && !world->links.isStale() && world->isAllLogged();
     require(timeout == (isIdle ? -1 : 1000), "the wait ends if there is something to do");
     require(ready[0].fd == world->group.fd && ready[1].fd == world->linkSocket.fd,
-            "what is awaited");
+            "the group and the links are awaited");
     if (!isOver) return happen(world->input.byte(), ready);
     world->logIsDown = false;
     world->now += std::chrono::seconds(1);
@@ -117,7 +118,7 @@ int __wrap_setsockopt(int fd, int, int, const void* value, socklen_t size) {
     if (fd != kRawSocket6) return answerOrFail();
     require(
         fuzz::bigEndian({static_cast<const uint8_t*>(value), size}) == world->givenBack().egress,
-        "an answer leaves where it was to leave");
+        "an answer leaves via the interface that the kernel chose");
     if (!world->failsNow()) return 0;
     world->send(false, false);
     return fail(ENOBUFS);
@@ -140,7 +141,7 @@ int __wrap_socket(int family, int type, int protocol) {
 ssize_t __wrap_sendto(int fd, const void* bytes, size_t size, int flags, const sockaddr* address,
                       socklen_t) {
     const fuzz::Withdrawn& given = world->givenBack();
-    require(world->descriptors.contains(fd), "which socket sends");
+    require(world->descriptors.contains(fd), "an open socket sends");
     require(fuzz::same({static_cast<const uint8_t*>(bytes), size}, given.answer),
             "the kernel's own answer is sent");
     require((flags & MSG_DONTWAIT) != 0, "nothing waits");
@@ -168,7 +169,7 @@ ssize_t __wrap_sendto(int fd, const void* bytes, size_t size, int flags, const s
 
 // The interface may be gone by now, or have another name or MTU.
 int __wrap_ioctl(int, unsigned long request, void* argument) {
-    require(world->isAnswerLost(), "the interface is asked about after a loss");
+    require(world->isAnswerLost(), "the interface is looked up only after a loss");
     auto& answer = *static_cast<ifreq*>(argument);
     const uint8_t choice = world->input.byte();
     if (choice % 8 == 7) return fail(ENODEV);
@@ -209,7 +210,8 @@ void __wrap_nft_ctx_free(nft_ctx* context) {
 }
 
 void __wrap_nft_ctx_set_dry_run(nft_ctx* context, bool) {
-    require(reinterpret_cast<Opened*>(context) == &world->checkContext, "what is only checked");
+    require(reinterpret_cast<Opened*>(context) == &world->checkContext,
+            "only the connection for checks is set to a dry run");
 }
 
 int __wrap_nft_ctx_buffer_output(nft_ctx*) { return answerOrFail(); }
@@ -221,7 +223,8 @@ int __wrap_nft_run_cmd_from_buffer(nft_ctx* to, const char* text) {
     const std::string commands = text;
     require(context.isOpen && world->group.isOpen && !commands.empty(), "no rules without a group");
     if (&context == &world->checkContext || commands == "list table inet pmtud\n") {
-        require(world->areRulesRefused && !world->isRunning, "what is asked after a refusal");
+        require(world->areRulesRefused && !world->isRunning,
+                "only a refused start is investigated");
         const bool isOdd = world->input.byte() % 8 == 7;
         if (&context == &world->checkContext) return isOdd ? refuse(context) : 0;
         return isOdd ? 0 : -1;

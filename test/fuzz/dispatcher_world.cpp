@@ -107,7 +107,7 @@ int World::handOver(const st_pktd_shm_queue_entry_data_t& record, const uint8_t*
                     size_t size) {
     Withdrawn& current = next();
     current.isHandedOver = true;
-    require(current.ingressVlan != 0, "only what came in on a VLAN and would leave on one");
+    require(current.ingressVlan != 0, "only packets from one VLAN to another are handed over");
     checkFrame(record, frame, size, *current.copy, current.quote);
     require(record.ctrl.vid == current.ingressVlan, "ingress in the record");
     require(record.ctrl.egress == static_cast<int32_t>(current.vlanEgress), "egress");
@@ -116,8 +116,10 @@ int World::handOver(const st_pktd_shm_queue_entry_data_t& record, const uint8_t*
     if (fate == LineFate::kIgnored) ++m_counted[kUnlogged];
     // A hundred, and one more every 50 ms since the start.
     if (fate == LineFate::kKept) ++m_framesLogged;
-    require(m_framesLogged <= 100 + (now - 1h) / 50ms, "lines are logged in the budget");
-    require(fate == LineFate::kKept || m_framesLogged >= 100, "and all of it is used");
+    require(m_framesLogged <= 100 + (now - 1h) / 50ms,
+            "no more lines are logged than the budget allows");
+    require(fate == LineFate::kKept || m_framesLogged >= 100,
+            "lines are ignored only beyond the budget");
 
     const uint8_t choice = input.byte();
     if (choice == 0xFF) return choice;
@@ -134,7 +136,7 @@ void World::readCounter(std::optional<uint64_t> reading) {
         m_current->isLost = isSame;
         return;
     }
-    // After it was given back, and passed the rules or did not.
+    // The message was given back, whether or not it then passed the rules.
     Withdrawn& current = givenBack();
     require(!current.isGivenBack, "a message is given back once");
     current.isGivenBack = true;
@@ -158,7 +160,7 @@ void World::send(bool isNear, bool succeeds) {
 
 void World::leaveToKernel(bool succeeds) {
     require(m_current && m_current->isGivenBack && m_current->sent == 0,
-            "the kernel is left what nobody answered");
+            "only packets that nobody answered are left to the kernel");
     auto& until = m_leftToKernel[m_current->egress];
     require(now >= until, "an interface is left to the kernel once at a time");
     until = now + (succeeds ? 30s : 1s);
@@ -212,12 +214,14 @@ void World::takeLine(Priority priority, const std::string& line) {
         return one.priority == priority && line.starts_with(one.start);
     });
     if (known == std::end(kKnown)) {
-        require(priority == Priority::kWarning, "a known line");
+        require(priority == Priority::kWarning, "every line is known");
         if (line.ends_with("; only the lower VLAN is served, so remove one of the names")) return;
         const bool isLoss = line.find(": the answers do not leave this router") != line.npos;
         const bool isReturn = line.ends_with(": the answers leave this router again");
-        require(m_current && m_current->isHandedOver, "a line about answers");
-        require(isAnswerLost() ? isLoss : isReturn && !isLoss, "what becomes of answers");
+        require(m_current && m_current->isHandedOver,
+                "answers are reported only for a frame that was handed over");
+        require(isAnswerLost() ? isLoss : isReturn && !isLoss,
+                "a line reports whether the answer left");
     } else if (known->count >= 0) {
         const std::string number = line.substr(strlen(known->start));
         require(number.find_first_not_of("0123456789") == number.npos && number != "0", "a count");

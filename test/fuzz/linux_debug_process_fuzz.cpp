@@ -151,7 +151,7 @@ int __wrap_socket(int domain, int type, int protocol) {
 
 int __wrap_connect(int fd, const sockaddr* to, socklen_t) {
     require(fd == world->socket && fd >= 0, "the log's socket");
-    require(strcmp(to->sa_data, "/dev/log") == 0, "where the log is");
+    require(strcmp(to->sa_data, "/dev/log") == 0, "the log's path");
     world->lastAttempt = world->now;
     constexpr std::array<int, 4> kErrors = {0, 0, ENOENT, ECONNREFUSED};
     const int error = world->healthy ? 0 : world->input.oneOf(kErrors);
@@ -238,7 +238,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
     }
     endFrame(frame);
-    // A log that accepts every line again gets the count of all lost ones.
+    // Once the log accepts every line again, it gets the count of all lost ones.
     world->healthy = true;
     world->now += std::chrono::seconds(2);
     const auto writeLast = [] { require(debug_process(89, " last") == 0, "the last line"); };

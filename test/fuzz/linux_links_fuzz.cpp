@@ -51,8 +51,8 @@ void checkName(const std::string& name) {
 void apply(const Link& link, pmtud_linux::VlanTable& table, Vlans& expected) {
     const Vlans before = expected;
     fuzz::follow(expected, link);
-    require(table.apply(link) == (before != expected), "what changes the table");
-    require(table.vlans() == expected, "the VLANs that there are");
+    require(table.apply(link) == (before != expected), "whether the table changed");
+    require(table.vlans() == expected, "the VLANs in the table");
     for (uint32_t ifindex = 0; ifindex < 10; ++ifindex)
         require(table.vlanOf(ifindex) == fuzz::vlanOf(expected, ifindex), "an interface's VLAN");
 }

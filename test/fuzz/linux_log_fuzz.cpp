@@ -47,7 +47,7 @@ void handle(const LogMessage& read, const fuzz::Message& expected, Platform& pla
     require(pmtud_linux::copiedFor(read.prefix) == vlan, "the VLAN of a prefix");
     if (vlan != 0) {
         require(platform.copies.keep(read, vlan) == platform.model.keep(expected, vlan),
-                "what is kept");
+                "whether a copy is kept");
         return;
     }
     // Whatever the prefix is, so that more copies are searched for.
@@ -55,9 +55,10 @@ void handle(const LogMessage& read, const fuzz::Message& expected, Platform& pla
     require(same(quote, fuzz::quotedBy(expected.payload)), "what a message quotes");
     const pmtud_linux::Copy* const copy = platform.copies.take(quote);
     const fuzz::Kept* const kept = platform.model.take(quote);
-    require((copy != nullptr) == (kept != nullptr), "what a message refuses");
+    require((copy != nullptr) == (kept != nullptr), "whether a message refuses a copied packet");
     if (copy == nullptr) return;
-    require(copy->ingress == kept->ingress && copy->egressVlan == kept->egressVlan, "which copy");
+    require(copy->ingress == kept->ingress && copy->egressVlan == kept->egressVlan,
+            "the copy that a message refuses");
     require(copy->addresses == kept->addresses, "addresses of a copy");
     require(same(copy->packet(), kept->packet), "bytes of a copy");
     const int ingressVlan = 1 + static_cast<int>(copy->ingress % 4094);

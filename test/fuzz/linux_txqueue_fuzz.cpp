@@ -141,7 +141,7 @@ void post(Input& input, TxQueue& queue, Record& record) {
     uint32_t out = 0xdeadbeef;
     const bool wantsOut = input.byte() % 4 != 0;
     require(queue.post(record, length, wantsOut ? &out : nullptr) == expected.result, "the result");
-    require(kernel->sent == expected.sent, "what is sent, where to and as what");
+    require(kernel->sent == expected.sent, "what is sent, and where to");
     const bool wrote = wantsOut && expected.sent.has_value();
     require(out == (wrote ? expected.sent->bytes.size() : 0xdeadbeef), "how much was sent");
 }
@@ -160,7 +160,7 @@ int __wrap_socket(int domain, int type, int protocol) {
 }
 
 int __wrap_close(int fd) {
-    require(fd == kPacketSocket && kernel->isOpen, "only what is the queue's is closed");
+    require(fd == kPacketSocket && kernel->isOpen, "only the queue's socket is closed");
     kernel->isOpen = false;
     return 0;
 }

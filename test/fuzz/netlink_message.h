@@ -36,7 +36,7 @@ inline std::string textOf(Span bytes) {
     return {bytes.begin(), std::find(bytes.begin(), bytes.end(), uint8_t{0})};
 }
 
-/// Adds attributes, mostly of these types; some claim another length than they have.
+/// Adds attributes, mostly of these types; some claim a wrong length.
 inline void addAttributes(Input& input, const std::vector<uint16_t>& known, Netlink& message) {
     constexpr size_t kLargestAttribute = 0x10010;
     unsigned left = input.byte() % 16;

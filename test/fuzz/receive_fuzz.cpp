@@ -49,7 +49,7 @@ const char* __wrap_inet_ntop(int family, const void* address, char* text, sockle
 
 namespace {
 
-// What everything that the daemon calls answers while one frame is handled.
+// What the functions that the daemon calls return while one frame is handled.
 struct Answers {
     explicit Answers(Input& input) {
         const uint8_t choice = input.byte();

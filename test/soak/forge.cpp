@@ -149,7 +149,7 @@ Bytes icmpErrorAfterOptions6(Forge& forge) {
     return changed(frame, 48, byte(forge.below(128)));
 }
 
-// A record of the route whose length leaves no room for its own header: the kernel's answer
+// A record-route option whose length leaves no room for its own header: the kernel's answer
 // is a Parameter Problem.
 Bytes brokenOptions4(Forge& forge) {
     Bytes options(40, 1);
@@ -203,7 +203,7 @@ const Kind kAllKinds[] = {
     {"plain", 6, kAnswered, plain6},
     // Not ICMP, which may be an error.
     {"any protocol", 4, kAnswered, [](Forge& f) { return with(f, &Ipv4::protocol, byte(2 + f.below(254))); }},
-    // With a header of more than 52 bytes it would be the kernel's to answer.
+    // If the header were longer than 52 bytes, the kernel would answer.
     {"options", 4, kAnswered, [](Forge& f) { return withOptions4(f, {1}, 4 + 4 * f.below(8)); }},
     // The router writes its address into these before it refuses the packet.
     {"options that the router writes into", 4, kAnswered, [](Forge& f) { return withOptions4(f, {7, 31, 4, 0}, 32); }},

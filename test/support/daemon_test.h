@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What the tests of the daemon's units share: fakes that have seen nothing, logs, the journal.
+// What the daemon's unit tests share: freshly reset fakes, captured logs, the journal.
 #ifndef PMTUD_TEST_DAEMON_TEST_H
 #define PMTUD_TEST_DAEMON_TEST_H
 
@@ -27,7 +27,7 @@ using packets::Lines;
 /// The last line; "(none)" if there is none.
 inline std::string last(const Lines& lines) { return lines.empty() ? "(none)" : lines.back(); }
 
-/// What the file channel is given at this threshold while `work` runs.
+/// What is written to the file channel at this threshold while `work` runs.
 template <typename Work>
 Lines logAt(int32_t level, Work work) {
     const CapturedLog log(level);
@@ -57,7 +57,7 @@ inline Lines without(Lines lines, const std::string& beginning) {
 /// The name of a case in a table: its member `name`.
 constexpr auto kCaseName = [](const auto& instance) { return std::string(instance.param.name); };
 
-/// Starts each test with fakes that have seen nothing, at 14:03:07.245.
+/// Starts each test with freshly reset fakes, at 14:03:07.245.
 class FakesTest : public testing::Test {
  protected:
     FakesTest() { fake::reset(); }

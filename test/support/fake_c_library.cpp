@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Calls of the C library that a test must see or fail; they are the real ones otherwise.
+// C library calls that a test observes or makes fail; otherwise the real ones are made.
 #include <arpa/inet.h>
 #include <unistd.h>
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What all fakes do with a call: note it, and let it fail if the test wants that.
+// What all fakes do with a call: record it, and make it fail if the test asks for that.
 #ifndef PMTUD_TEST_FAKE_CALLS_H
 #define PMTUD_TEST_FAKE_CALLS_H
 
@@ -14,7 +14,7 @@
 
 namespace fake {
 
-/// What a call answers when it fails, and the errno that it leaves.
+/// What a call returns when it fails, and the errno that it sets.
 struct Failure {
     long result;
     int error = 0;
@@ -38,8 +38,8 @@ std::string callText(const char* call, const Arguments&... arguments) {
     return os.str();
 }
 
-/// Notes a call in `calls`. Returns the failure's result if the call must fail, otherwise the
-/// answer's. Only the journal shows `detail`.
+/// Records a call in `calls`. Returns the failure's result if the call must fail, otherwise the
+/// result of `answer`. Only the journal shows `detail`.
 template <typename Answer, typename... Arguments>
 auto play(std::vector<std::string>& calls, const char* call, Answer answer,
           const std::string& detail, const Arguments&... arguments) {

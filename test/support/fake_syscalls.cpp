@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// System calls that a test must see or fail: the network's and the clock's.
+// System calls that a test observes or makes fail: the network's and the clock's.
 #include "fake_syscalls.h"
 
 #include <fcntl.h>
@@ -96,7 +96,7 @@ struct tm* __wrap_localtime_r(const time_t* seconds, struct tm* result) {
     return result;
 }
 
-/// The second has changed since time was asked.
+/// The second has changed since the call of time.
 int __wrap_gettimeofday(struct timeval* now, void*) {
     const Paused paused;
     if (const auto failure = fake::made("gettimeofday", ""))

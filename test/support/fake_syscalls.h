@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// System calls that a test must see or fail, intercepted at link time (ld --wrap).
+// System calls that a test observes or makes fail, intercepted at link time (ld --wrap).
 #ifndef PMTUD_TEST_FAKE_SYSCALLS_H
 #define PMTUD_TEST_FAKE_SYSCALLS_H
 
@@ -18,7 +18,7 @@ struct SentMessage {
     sockaddr_in to;
 };
 
-/// What the network's calls answer, and what they saw. None reaches the kernel.
+/// What the network calls return, and what was passed to them. None reaches the kernel.
 struct Syscalls {
     std::function<int()> socket = [] { return 404; };
     std::function<int()> setsockopt = [] { return 0; };

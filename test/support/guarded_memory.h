@@ -30,7 +30,7 @@ class GuardedMemory {
     GuardedMemory& operator=(const GuardedMemory&) = delete;
     ~GuardedMemory() { munmap(m_start, m_size + m_page); }
 
-    /// `size` bytes that end at the guard: as many of `bytes` as go in, then `filler`.
+    /// `size` bytes that end at the guard: as many of `bytes` as fit, then `filler`.
     uint8_t* place(std::span<const uint8_t> bytes, size_t size, uint8_t filler = 0) {
         if (size > m_size) throw std::length_error("guarded memory is too small");
         uint8_t* const start = end() - size;

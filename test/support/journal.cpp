@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The journal of everything that leaves the daemon, and calls that fail when a test wants it.
+// The journal of everything that leaves the daemon, and calls that fail when a test asks for it.
 #include "journal.h"
 
 #include <cerrno>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The journal of everything that leaves the daemon, and calls that fail when a test wants it.
+// The journal of everything that leaves the daemon, and calls that fail when a test asks for it.
 #ifndef PMTUD_TEST_JOURNAL_H
 #define PMTUD_TEST_JOURNAL_H
 
@@ -21,7 +21,7 @@ void fail(const std::string& call, Failure failure, int times = 1, int before = 
 /// Runs `hook` in every call of that name, after its entry in the journal.
 void on(const std::string& call, std::function<void()> hook);
 
-/// Resets all fakes: nothing seen, no call fails, and the time is 14:03:07.245.
+/// Resets all fakes: nothing is recorded, no call fails, and the time is 14:03:07.245.
 void reset();
 
 /// While it exists, everything that leaves the daemon is noted in order: lines of the file channel,

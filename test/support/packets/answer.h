@@ -29,7 +29,7 @@ struct Answer {
 /// Nothing if the frame is not a path-MTU answer. The views point into the frame.
 std::optional<Answer> readAnswer(std::span<const uint8_t> frame);
 
-/// The same of a packet, from its IP header on.
+/// The same for a packet, from its IP header on.
 std::optional<Answer> readAnswerPacket(std::span<const uint8_t> packet);
 
 }  // namespace packets

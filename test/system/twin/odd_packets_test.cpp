@@ -64,7 +64,7 @@ v46)"},
 
 INSTANTIATE_TEST_SUITE_P(OddPackets, Alike, testing::ValuesIn(expanded(kCases)), nameOf);
 
-// Five of each kind of the soak's packets: malformed ones among them.
+// Five packets of each kind that the soak sends, including malformed ones.
 TEST(OddPackets, EveryKindOfTheSoaksPackets) {
     Twins twins;
     soak::Forge forge(1, {2, 0, 0, 0, 0x10, 2}, {2, 0, 0, 0, 0x10, 1});

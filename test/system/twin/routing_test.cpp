@@ -20,8 +20,8 @@ constexpr char kMark[] =
     "nft table inet mangle { chain prerouting { type filter hook prerouting priority -150; "
     "udp dport 5003 meta mark set 5; }; }";
 
-// How many are told, and who answers the packets that a lookup by addresses, mark and class of
-// service cannot foresee: it knows neither port nor ingress.
+// How many senders are told, and who answers the packets whose route a lookup by addresses, mark
+// and class of service cannot predict, because it knows neither port nor ingress.
 std::vector<Variant> policies(size_t told, const char* unforeseen) {
     return {
         {"BySource", told, {"", "from 10.0.10.3", "from 2001:db8:10::3", ""}},

@@ -56,7 +56,7 @@ Mac macOf(const std::string& host, uint8_t end) {
 Mac routerMac(const std::string& host) { return macOf(host, 1); }
 Mac hostMac(const std::string& host) { return macOf(host, 2); }
 
-// The errors that the kernel limits are compared as well.
+// Without the kernel's rate limits, so that all errors can be compared.
 constexpr char kRouterSettings[] = R"(sysctl -qw \
     net.ipv4.conf.all.rp_filter=0 net.ipv4.conf.default.rp_filter=0 \
     net.ipv4.conf.all.send_redirects=0 net.ipv4.conf.default.send_redirects=0 \

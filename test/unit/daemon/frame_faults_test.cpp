@@ -21,7 +21,7 @@ using run::upTo;
 using run::without;
 using run::operator+;
 
-/// What one failing call makes of a frame.
+/// What one failing call does to a frame.
 struct Fault {
     std::string name;
     const Frame& frame;
@@ -39,7 +39,7 @@ const std::string kPlace4 =
 const std::string kPlace6 =
     " | bool PMTUDApp::sendICMP6PacketTooBig(const uint8_t&, size_t)] Invalid VLAN ";
 
-/// How a frame ends that the engine has not answered.
+/// The last entries for a frame that the engine has not answered.
 const Lines kUnanswered = {
     "14:03:07.2 DEBUG: [SHM_Wrapper:49 | int SHM_Wrapper::handleFrame(uint8_t*, size_t)] "
     "Discarding packet\r\n",
@@ -47,12 +47,12 @@ const Lines kUnanswered = {
     "const st_pktd_shm_queue_entry_data_t*, uint8_t*, int)] handle frame ret 7\r\n",
     "verdict 7"};
 
-/// Up to the call, and then no answer.
+/// The entries up to the call, then those of a frame without an answer.
 Lines endsAt(const Frame& frame, const char* call, const Lines& lines = {}) {
     return upTo(golden(frame), std::string(call) + "(") + lines + kUnanswered;
 }
 
-/// The configuration's answer is none: logged on both channels.
+/// The configuration answers "none", which is logged on both channels.
 Lines refusedAt(const Frame& frame, const char* call, const std::string& statement,
                 const std::string& logged, const std::string& toDebugProcess) {
     return endsAt(frame, call,
@@ -111,7 +111,7 @@ std::vector<Fault> allFaults() {
         {"TheSendReturnsTheSmallest", ipv6(), send, unsent6, INT_MIN},
         {"TheSendReturnsACount", ipv6(), send, path6, 1500},
     };
-    // A line that cannot be written is lost, and nothing else.
+    // A line that cannot be written is lost, but nothing else is.
     for (const Frame* const frame : {&ipv4(), &ipv6()}) {
         const Lines& path = golden(*frame);
         const int lines = frame == &ipv4() ? 11 : 13;
@@ -157,7 +157,7 @@ INSTANTIATE_TEST_SUITE_P(If, FaultTest, testing::ValuesIn(allFaults()), [](const
 
 class TimelessTest : public run::AnsweredFrame {};
 
-/// Only the IPv6 path has a statement while its socket is open, the eleventh.
+/// Only the IPv6 path logs while its socket is open: its eleventh statement.
 TEST_P(TimelessTest, EachStatementWithoutATimeEndsTheFrameWithAnEmptyLineAndTheNextIsAnswered) {
     const Lines& path = golden(frame);
     int nth = 0;

@@ -47,15 +47,15 @@ constexpr Shortage kShortages[] = {
     {"89 PMTUD-Prot: Received frame of size", "89 PMTUD-Prot: Frame Src MAC: "},
     {"89 PMTUD-Prot: Received frame of size",
      "89 PMTUD-Prot: Frame Src MAC: 02:00:00:00:00:0a, Dest MAC: "},
-    // The addresses' texts, of which IPv4's fit without memory.
+    // The texts of the addresses; those of IPv4 fit without an allocation.
     {"89 PMTUD-Prot: Received IPv6 packet len", "89 PMTUD-Prot:    From: "},
     {"89 PMTUD-Prot:    From: ", "89 PMTUD-Prot:    To: "},
 };
 
 class FrameAtWarning : public run::AnsweredFrame {
  protected:
-    /// Whether a frame's journal is possible when memory runs out. A stream does not report that
-    /// its buffer cannot grow: the line is cut to what fitted, and the frame is handled further.
+    /// Whether this may be a frame's journal when memory runs out. A stream does not report that
+    /// its buffer cannot grow: the line is cut to what fitted, and handling continues.
     bool mayBe(const Lines& journal) const {
         Lines cutFirst = whole;
         cutFirst.at(0) = "89 PMTUD-Prot: Re";
@@ -119,7 +119,7 @@ class FrameAtDebug4 : public run::AnsweredFrame {
         return Matches(AllOf(Contains(opens), Not(Contains(StartsWith("close(")))))(entries);
     }
 
-    /// What a frame leaves whose allocation failed.
+    /// What a frame with a failed allocation leaves.
     void check(Lines journal, const Lines& whole) const {
         const auto failed = std::find(journal.begin(), journal.end(), kFails);
         const auto failedAt = static_cast<size_t>(failed - journal.begin());
@@ -203,7 +203,7 @@ INSTANTIATE_TEST_SUITE_P(Family, FrameAtDebug4, run::kAnsweredFrames, run::kFami
 
 // The end of a line happens in a destructor: an exception there would end the process.
 
-/// A line that is ended without memory.
+/// A line that ends while every allocation fails.
 template <typename Logger, typename... Beginning>
 Lines endedLine(const std::string& text, const Beginning&... beginning) {
     Journal journal(qv::WARNING);

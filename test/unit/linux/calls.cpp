@@ -21,7 +21,7 @@ const char* __real_nft_ctx_get_error_buffer(nft_ctx* context);
 
 }  // extern "C"
 
-// Never destroyed: the receive thread calls until the process is gone.
+// Never destroyed: the receive thread makes calls until the process ends.
 const Calls& real = *new Calls{__real_socket,
                                __real_sendmmsg,
                                __real_recvmmsg,

@@ -57,7 +57,7 @@ Bytes numbered(uint16_t number) {
     return bytes;
 }
 
-// IPv4 that claims a size and was copied so far.
+// An IPv4 packet whose header claims one size, of which `copied` bytes were copied.
 Bytes sized(size_t claimed, size_t copied) {
     Bytes bytes = kIpv4;
     put16(bytes, 2, claimed);

@@ -13,7 +13,7 @@
 using pmtud_linux::KnownVlans;
 using pmtud_linux::vlanOfInterface;
 
-// The kernel calls it fence, and bcm0.40 by an alternative name.
+// The interface's own name is fence, its alternative name bcm0.40.
 class InterfaceOfAKnownVlan : public World {
  protected:
     void SetUp() override {

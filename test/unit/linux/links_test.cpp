@@ -33,7 +33,7 @@ bool isOfLinks(int fd) {
            protocol == NETLINK_ROUTE;
 }
 
-// How many lists the kernel ended.
+// How many lists the kernel has completed.
 int listsEnded = 0;
 
 // Lets `change` alter each message of the lists.

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The sockets of the system log and the like, read by the test.
+// A socket such as the system log's, which the test reads.
 #include "log_daemon.h"
 
 #include <sys/socket.h>

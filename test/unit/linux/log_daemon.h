@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The sockets of the system log and the like, read by the test.
+// A socket such as the system log's, which the test reads.
 #ifndef PMTUD_TEST_LINUX_LOG_DAEMON_H
 #define PMTUD_TEST_LINUX_LOG_DAEMON_H
 
@@ -16,7 +16,7 @@ class DatagramSocket {
     DatagramSocket& operator=(const DatagramSocket&) = delete;
     ~DatagramSocket();
 
-    /// The next datagram as it came; waits for it.
+    /// The next datagram, unchanged; waits for it.
     std::string next();
 
     /// The same, if there is one already.
@@ -31,8 +31,8 @@ struct LogDaemon : DatagramSocket {
     LogDaemon() : DatagramSocket("/dev/log") {}
 };
 
-/// What follows "<P>Mmm dd hh:mm:ss NAME[PID]: " in the datagram, or the whole datagram
-/// if it does not begin like that; P one of the platform's priorities, PID any number.
+/// What follows "<P>Mmm dd hh:mm:ss NAME[PID]: " in the datagram, or the whole datagram if it does
+/// not begin like that. P must be one of the platform's priorities, PID may be any number.
 std::string lineOf(const std::string& datagram);
 
 /// The "<P>" that the datagram begins with.

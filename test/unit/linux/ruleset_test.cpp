@@ -82,7 +82,7 @@ delete element inet pmtud counters { 20 }
 delete counter inet pmtud bcm0.20
 )";
 
-// The same text about another number, or another name.
+// The text with another number, or another name, throughout.
 std::string with(std::string text, const std::string& before, const std::string& after) {
     for (size_t at = 0; (at = text.find(before, at)) != text.npos; at += after.size())
         text.replace(at, before.size(), after);

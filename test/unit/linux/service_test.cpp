@@ -22,7 +22,7 @@ constexpr Service::Clock::time_point kStart{1000s};
 
 const char* const kNothing = "STATUS=no interface is named bcm0.N with an MTU from 576 to 16383";
 
-// As sd_notify(3) finds it.
+// Listens where sd_notify(3) sends to.
 struct Manager : DatagramSocket {
     Manager() : DatagramSocket("/run/notify") { setenv("NOTIFY_SOCKET", "/run/notify", 1); }
 };

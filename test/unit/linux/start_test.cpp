@@ -148,7 +148,7 @@ TEST_F(FailedStart, OfASecondThreadOrAttachmentIsRefusedWithoutALine) {
 
 TEST_F(FailedStart, WithRulesThatTheKernelRefusesIsLoggedOnceWithItsReason) {
     inOwnProcess([] {
-        // The kernel has each part by itself.
+        // The kernel accepts each feature when it is checked separately.
         calls.nftRun = [](nft_ctx*, const char* commands) {
             return std::string(commands).starts_with("table inet pmtud-check ") ? 0 : -1;
         };

@@ -155,7 +155,7 @@ void RuleChanges::await() {
         alignas(nlmsghdr) std::array<char, 65536> buffer;
         const ssize_t length = recv(m_socket.get(), buffer.data(), buffer.size(), 0);
         if (length < 0 && errno == ENOBUFS) {
-            // There were more than the socket holds, and it takes none until it is empty.
+            // More came than the socket holds, and it accepts no more until it is empty.
             while (recv(m_socket.get(), buffer.data(), buffer.size(), MSG_DONTWAIT) >= 0) continue;
             return;
         }

@@ -37,8 +37,8 @@ using machine::output;
 /// How long a test waits for an event before it fails: twice what all VLANs take under valgrind.
 constexpr std::chrono::seconds kPatience{45};
 
-/// Waits until the descriptor is readable, or the condition is true; throws std::runtime_error
-/// naming `what` when patience runs out.
+/// Waits until the descriptor is readable, or the condition is true; throws std::runtime_error,
+/// which names `what`, after kPatience.
 void awaitReadable(int fd, const char* what);
 void await(const char* what, const std::function<bool()>& condition);
 

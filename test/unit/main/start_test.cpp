@@ -90,7 +90,7 @@ TEST_F(StartTest, IgnoresItsCommandLineAndItsEnvironment) {
 
 // Calls that fail.
 
-/// What one failing call makes of the start.
+/// What one failing call does to the start.
 struct Fault {
     const char* name;
     const char* call;
@@ -220,7 +220,7 @@ TEST_F(StartTest, LogsNothingOfAnUnknownExceptionThatIsNotReported) {
               (upTo(kStart, "usleep(500)") + Lines{"cfg_clear_pid()", "exit status 1"}));
 }
 
-/// Nothing is left to catch it, so that the process aborts.
+/// Nothing is left to catch it, so the process would abort.
 TEST_F(StartTest, IsLeftSilentlyByAnExceptionOfTheRegistration) {
     for (const std::string call : {"cfg_init", "cfg_add_pid", "updateTZ"}) {
         fake::on(call, [] { throw std::runtime_error("early"); });

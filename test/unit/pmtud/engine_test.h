@@ -51,7 +51,7 @@ class EngineTest : public daemon_test::FakesTest {
         return app.sendICMP6PacketTooBig(frame.front(), frame.size());
     }
 
-    /// From the queue's callback on, with egress 77; the verdict code.
+    /// Passes the frame to the queue's callback, with egress 77; returns the verdict code.
     static int receive(uint8_t* frame, size_t length) {
         st_pktd_shm_queue_entry_data_t record{};
         record.ctrl.egress = 77;

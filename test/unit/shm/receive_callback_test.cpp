@@ -19,7 +19,7 @@ using shm_test::QueueRecord;
 using shm_test::ScriptedHandler;
 using shm_test::taggedFrame;
 
-/// Every field that the callback reads, and the id of a trunk that is not one.
+/// Every field that the callback reads; the trunk id is set, but the frame is not from a trunk.
 QueueRecord record(size_t shift = 0) {
     QueueRecord made(shift);
     made.set(9000, int32_t{0})

@@ -31,7 +31,7 @@ inline Bytes taggedFrame() {
     return with(packets::cut(packets::ipv4Frame(), 0, 22), 14, {0x00, 0x64});
 }
 
-/// A handler that answers what it is given and counts its calls.
+/// A handler that returns what its test chose, and counts its calls.
 class ScriptedHandler : public SHM_Handler {
  public:
     explicit ScriptedHandler(std::same_as<bool> auto result)

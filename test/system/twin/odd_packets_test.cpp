@@ -65,7 +65,7 @@ v46)"},
 INSTANTIATE_TEST_SUITE_P(OddPackets, Alike, testing::ValuesIn(expanded(kCases)), nameOf);
 
 // Five packets of each kind that the soak sends, including malformed ones.
-TEST(OddPackets, EveryKindOfTheSoaksPackets) {
+TEST(OddPackets, EveryKindOfPacketOfTheSoakIsTreatedAlike) {
     Twins twins;
     soak::Forge forge(1, {2, 0, 0, 0, 0x10, 2}, {2, 0, 0, 0, 0x10, 1});
     uint32_t serial = 1;

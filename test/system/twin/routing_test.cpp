@@ -116,7 +116,7 @@ INSTANTIATE_TEST_SUITE_P(Routing, Alike, testing::ValuesIn(expanded(kCases)), na
 
 // Three next hops with different MTUs, for many flows; which one a flow takes is the kernel's
 // choice, and the answer names the MTU of the one taken.
-TEST(Routing, MultipathToVlansOfDifferentMtus) {
+TEST(Routing, AnswersNameTheMtuOfTheNextHopThatAFlowTakes) {
     std::string lines = R"(vlan 40 d 1300
 sysctl ipv4/fib_multipath_hash_policy|ipv6/fib_multipath_hash_policy 1
 ip route add 10.8.0.0/24 nexthop via 10.0.20.2 nexthop via 10.0.30.2 nexthop via 10.0.40.2
@@ -134,7 +134,7 @@ ip route add 2001:db8:800::/64 nexthop via 2001:db8:20::2 nexthop via 2001:db8:3
 }
 
 // Every route back leads to the sender. The daemon and the kernel may choose different ones.
-TEST(Routing, SenderWithSeveralWaysBackIsTold) {
+TEST(Routing, SenderWithSeveralRoutesBackIsTold) {
     std::string lines = R"(ip route add 10.9.0.0/24 nexthop via 10.0.10.3 nexthop via 10.0.30.2
 ip route add 2001:db8:900::/64 nexthop via 2001:db8:10::3 nexthop via 2001:db8:30::2
 ignore host

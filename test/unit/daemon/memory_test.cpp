@@ -136,7 +136,7 @@ class FrameAtDebug4 : public run::AnsweredFrame {
     }
 };
 
-TEST_P(FrameAtDebug4, IsTheGoldenOneAndTwoLinesMore) {
+TEST_P(FrameAtDebug4, LogsTheGoldenLinesAndTwoMore) {
     Lines lines = wholeJournal();
     const auto isDump = [](const std::string& entry) {
         return entry.starts_with("14:03:07.2 DEBUG1: ");
@@ -181,7 +181,7 @@ TEST_P(FrameAtDebug4, HoldsOneLinesMemoryWhileItsThreadLives) {
     EXPECT_EQ(allocations::alive(), 0);
 }
 
-TEST_P(FrameAtDebug4, ThrowsIfThereIsNoMemoryAtAllFromSomePointOn) {
+TEST_P(FrameAtDebug4, ThrowsIfEveryAllocationFailsFromSomePointOn) {
     const Lines whole = wholeJournal();
     for (int nth = 1; nth <= 20; ++nth) {
         Journal journal(qv::DEBUG4);

@@ -63,7 +63,7 @@ class AlternativeNameOnTheKernel : public World {
 };
 
 // The kernel does not announce a name that it gives to an interface that is down.
-TEST_F(AlternativeNameOnTheKernel, GivenToAnInterfaceThatIsDownCountsOnceItIsUp) {
+TEST_F(AlternativeNameOnTheKernel, GivenToAnInterfaceThatIsDownTakesEffectOnceItIsUp) {
     run("ip link property del dev eth0.20 altname bcm0.20 && ip link set eth0.20 down");
     Client client;
     run("ip link property add dev eth0.20 altname bcm0.20");
@@ -137,7 +137,7 @@ TEST_F(AlternativeNameOnTheKernel, OfASecondVlanIsLoggedAtTheStart) {
 }
 
 // The kernel describes such an interface in one message, and lists it in one datagram with others.
-TEST_F(AlternativeNameOnTheKernel, AmongHundredsOfTheLongestCounts) {
+TEST_F(AlternativeNameOnTheKernel, IsFoundAmongHundredsOfTheLongestNames) {
     std::string names;
     for (int number = 100; number < 500; ++number)
         names += "link property add dev eth0.20 altname " + std::to_string(number) +

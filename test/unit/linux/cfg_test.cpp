@@ -38,7 +38,7 @@ TEST_F(Configuration, AnswersNothingBeforeItIsAttached) {
     });
 }
 
-TEST_F(Configuration, KnowsTheVlanOfAnInterfaceThatIsOne) {
+TEST_F(Configuration, KnowsWhichInterfaceIsWhichVlan) {
     run("ip link add bcm0.0 type veth peer name bcm0.4095");
     inOwnProcess([] {
         ASSERT_EQ(cfg_init(), 0);
@@ -65,7 +65,7 @@ TEST_F(Configuration, KnowsTheMtusOfTheFirstAndTheLastVlan) {
     });
 }
 
-TEST_F(Configuration, KnowsTheMtuOfAVlanAsItIsNow) {
+TEST_F(Configuration, KnowsTheCurrentMtuOfAVlan) {
     inOwnProcess([] {
         ASSERT_EQ(cfg_init(), 0);
         EXPECT_EQ(cfg_vlan_l3_get_mtu(10), 1500U);

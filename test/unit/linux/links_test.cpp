@@ -286,7 +286,7 @@ TEST_F(Links, DoNotEndWithAForgedEndOfAList) {
 }
 
 // libnftables reads numbers in several bases.
-TEST_F(Links, MayHaveIndexesOfAnyDigits) {
+TEST_F(Links, AreServedWhateverTheDigitsOfTheirIndexes) {
     inOwnProcess([] {
         const std::pair<int, int> vlans[] = {
             {100, 100}, {107, 107},   {108, 108},   {110, 110},  {111, 111},      {119, 119},

@@ -73,7 +73,7 @@ TEST_F(Line, IsBuiltInTheStreamThatGetReturns) {
     EXPECT_EQ(log.text(), "14:03:07.2 ERROR: [f:1 | g] 255 0xff\n\r\n");
 }
 
-TEST_F(Line, IsABareLineEndIfItWasNotBegun) {
+TEST_F(Line, IsJustCrLfIfItWasNeverBegun) {
     EXPECT_EQ(logAt(qv::WARNING, [] { const qv::QVDevLog logger; }), Lines{"\r\n"});
 }
 
@@ -158,7 +158,7 @@ TEST_F(KeptMemory, OfALineOfUpTo4096BytesServesTheNext) {
     EXPECT_EQ(allocations::taken(), before);
 }
 
-TEST_F(KeptMemory, OfALongerLineIsGivenBack) {
+TEST_F(KeptMemory, OfALongerLineIsFreed) {
     for (const int length : {4100, 8000, 20000, 200000}) {
         write(length);
         EXPECT_EQ(allocations::bytesAlive(), 0) << length;
@@ -201,7 +201,7 @@ TEST_F(Line, ReadsSecondsThenMillisecondsAndIsWrittenByOneCallAndFlushed) {
               (Lines{"time", "localtime_r", "strftime", "gettimeofday", kLine, "fflush"}));
 }
 
-TEST_F(Line, OfTheDebugProcessAsksForNoTime) {
+TEST_F(Line, ForTheDebugProcessReadsNoClock) {
     Journal journal(qv::WARNING, true);
     qv::QVDebugProcLog().get(89, std::string("name")) << "te"
                                                       << "xt";

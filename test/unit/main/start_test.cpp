@@ -143,7 +143,7 @@ TEST_F(StartTest, IsNotMisledByAnOlderErrno) {
     EXPECT_EQ(start(), kStart);
 }
 
-TEST_F(StartTest, LogsErrorsAloneAtErrorAndNothingBelow) {
+TEST_F(StartTest, LogsOnlyErrorsAtErrorAndNothingBelowIt) {
     fake::fail("flock", {-1, EWOULDBLOCK}, 2);
     EXPECT_EQ(start(qv::ERROR),
               (kOpen + Lines{kClash} + kAttach + without(kEnd, "14:03:07.2 WARNING: ")));
@@ -214,7 +214,7 @@ TEST_F(StartTest, ReportsALineWithoutATimeAsAnUnknownException) {
     EXPECT_EQ(start(), (kOpen + kRegister + kQueue + Lines{"\r\n", kUnknown} + kLeave));
 }
 
-TEST_F(StartTest, LogsNothingOfAnUnknownExceptionThatIsNotReported) {
+TEST_F(StartTest, LogsNothingAboutAnUnknownExceptionIfErrorsAreSuppressed) {
     fake::on("usleep", [] { throw 5; });
     EXPECT_EQ(start(qv::ERROR - 1),
               (upTo(kStart, "usleep(500)") + Lines{"cfg_clear_pid()", "exit status 1"}));

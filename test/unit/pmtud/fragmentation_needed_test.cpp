@@ -20,7 +20,7 @@ TEST_F(FragmentationNeededTest, IsOneMessageOf68BytesThatQuotesSixtyBytesOfThePa
                                  packets::payload(40));
 }
 
-TEST_F(FragmentationNeededTest, GoesToThePacketsSourceEvenIfItIsBroadcastWithPortAndPaddingZero) {
+TEST_F(FragmentationNeededTest, GoesToABroadcastSourceTooWithPortAndPaddingZero) {
     EXPECT_TRUE(reply4(with(ipv4Frame(), 30, {0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0})));
     EXPECT_EQ(texts().at(1), " PMTUD-Prot:    From: 255.255.255.255");
     EXPECT_EQ(texts().at(2), " PMTUD-Prot:    To: 0.0.0.0");
@@ -51,7 +51,7 @@ INSTANTIATE_TEST_SUITE_P(Mtus, CarriedMtuTest,
                                          Carried{9000, 0x5c42}, Carried{16383, 0x3f6b}),
                          [](const auto& row) { return std::to_string(row.param.mtu); });
 
-TEST_F(FragmentationNeededTest, OfNoFrameIsFalseAndSilent) {
+TEST_F(FragmentationNeededTest, IsNeitherSentNorLoggedWithoutAFrame) {
     Journal journal(qv::DEBUG4);
     EXPECT_FALSE(app.sendICMP4PacketTooBig(nullptr, 1600));
     EXPECT_EQ(journal.entries, Lines());

@@ -44,7 +44,7 @@ TEST_F(IntakeTest, ShowsAnyLengthAsUnsignedAndAnswersTheFrameWhateverItIs) {
     }
 }
 
-TEST_F(IntakeTest, AloneSetsTheVerdictAndNotTheReplies) {
+TEST_F(IntakeTest, SetsTheVerdictAndTheRepliesDoNot) {
     adapter.setPostAction(SHM_Wrapper::eAccept);
     EXPECT_TRUE(reply4(ipv4Frame()));
     EXPECT_TRUE(reply6(ipv6Frame(8)));

@@ -37,7 +37,7 @@ TEST_F(VlanConfigTest, PassesQuestionsOnAndAnswersBackUnchanged) {
     EXPECT_EQ(last(fake::platform().calls), "cfg_vlan_l3_get_mtu(-1)");
 }
 
-TEST_F(VlanConfigTest, LogsUnderModule89WithoutAsking) {
+TEST_F(VlanConfigTest, LogsUnderModule89WithoutAQuery) {
     EXPECT_EQ(cfg.logModuleId(), 89U);
     EXPECT_EQ(fake::platform().calls, Lines{});
 }

@@ -21,7 +21,7 @@ boot_install() {
     ln -s ../systemd-journald{.service,.socket,-dev-log.socket} "$units/sysinit.target.wants/"
 }
 
-# The control group of version 2 that this process is in, as a folder.
+# The folder of this process's control group (cgroup2).
 boot_own_cgroup() {
     local mounted
     mounted=$(findmnt --noheadings --first-only --types cgroup2 --output TARGET) ||

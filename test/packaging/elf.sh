@@ -7,7 +7,7 @@
 readonly file=$1 tools=${2:-}
 
 # part OPTION NAME
-# Of readelf's output with OPTION, the rest of the lines that begin with NAME or (NAME).
+# What follows NAME or (NAME) in the lines of readelf's output with OPTION that begin with it.
 part() {
     "${tools}readelf" --wide "$1" "$file" >"$scratch/part"
     sed -nE "s/^ *(0x[0-9a-f]+ +)?\(?$2\)?:? +//p" "$scratch/part"

@@ -21,8 +21,8 @@ statements() {
 }
 
 # pattern STATEMENT
-# The pattern of a line that shows the statement's texts in order, with any values between them. Ends
-# with the first line of a text that has several.
+# The pattern of a line that shows the statement's texts in order, with any values between them. Of a text
+# with several lines, only the first counts, and ends the pattern.
 pattern() {
     grep -oP -- "$literal" <<<"$1" | sed -E -e 's/^" *| *"$//g' -e '/\\n/{s/ *\\n.*//;q}' |
         sed -E -e 's/[][\.*^$+?(){}|/]/\\&/g' -e 's/%[a-z]+/.*/g' -e 's/^/.*/' | tr -d '\n'

@@ -84,7 +84,7 @@ ServiceServesReportsAndIsSandboxed() {
         "$(<"$copy/run/pmtud/pmtud.registered")"
 }
 
-# If the unit allows only hosts elsewhere as destinations, the black hole is back.
+# With a unit that allows only other destinations, the black hole is back.
 ServiceCanSendOnlyWhereItsAddressesAllow() {
     start_service -e '/^IPAddressAllow=/d' \
         -e 's|^IPAddressDeny=.*|&\nIPAddressAllow=192.0.2.0/24|'

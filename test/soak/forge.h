@@ -17,7 +17,7 @@ using packets::Ipv4;
 using packets::Ipv6;
 using packets::Mac;
 
-/// What a router's kernel makes of a packet, with the daemon and without it.
+/// What must happen to a packet at the router, with the daemon or without it.
 enum class Outcome {
     kAnswered,    ///< one answer reaches host A
     kKernels,     ///< the same, and always the kernel's: the daemon does not send to a broadcast

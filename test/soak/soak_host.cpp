@@ -13,7 +13,7 @@
 //   figures                       NAME=VALUE...
 //   kinds                         FAMILY|NAME|SENT|ANSWERED|OUTCOME;...
 //
-// ANSWERER is daemon, kernel or either. The answer to a command is "ok", or what is asked for.
+// ANSWERER is daemon, kernel or either. The answer to a command is "ok", or what was requested.
 // Wrong answers are described on standard error and counted as faults.
 #include <chrono>
 #include <cstdlib>

@@ -111,7 +111,7 @@ DemoShowsWhatItShouldAndKeepsWhatHostASaw() {
 }
 
 # end_demo SIGNAL TARGET STEP
-# Ends the demo in the middle of a step, in which it is held meanwhile.
+# Ends the demo in the middle of a step: stops it there, then sends it the signal.
 end_demo() {
     start_demo
     expect "the step is there" lab_within 30 out_has "$3"

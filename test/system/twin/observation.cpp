@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What a host receives, in a form in which two routers that do the same are equal.
+// What a host receives, in a form that is the same for two routers that behave the same.
 #include "observation.h"
 
 #include <arpa/inet.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What a host receives, in a form in which two routers that do the same are equal.
+// What a host receives, in a form that is the same for two routers that behave the same.
 #ifndef PMTUD_TWIN_OBSERVATION_H
 #define PMTUD_TWIN_OBSERVATION_H
 
@@ -29,8 +29,8 @@ struct Ignored {
 };
 
 /// Nothing for what a router sends unsolicited (neighbour discovery and group membership), for
-/// IPv4's "net unreachable" and "host unreachable", which the kernel limits by time, and for the
-/// later fragments of an ICMPv6 message.
+/// IPv4's "net unreachable" and "host unreachable", whose rate the kernel limits, and for the later
+/// fragments of an ICMPv6 message.
 std::optional<Observation> observe(const std::string& host, Bytes frame, Ignored ignored);
 
 }  // namespace twin

@@ -16,7 +16,7 @@ const std::vector<Case> kCases{
 v4 size=1400|1500 options=68.4.5.0|68.8.9.240.0*4|131.7.4.10.0.20.1.0|137.7.8.10.0.20.1.0
 v4 size=1400|1500 options=148.4.0*2|7.40.4.0|7.2.0*2|68.4.2.0|254.0*3|0*4|134.4.0*2)"},
     // An answer of the daemon's would quote all of this header and nothing that follows it.
-    {"RecordedRouteOfTheLargestHeaderIsTheKernelsToAnswer", 1, "v4 options=7.39.4.0*37 kernel"},
+    {"RecordedRouteInTheLargestHeaderIsAnsweredByTheKernel", 1, "v4 options=7.39.4.0*37 kernel"},
     // Hop-by-hop: padding; router alert; a jumbo payload that lies; unknown options that ask the
     // router to skip, discard or report them; longer than the packet. Destination options: padding,
     // unknown, endless. Routing: of type 253 and 0. Two headers. The only fragment. Authentication.

@@ -22,7 +22,7 @@ namespace twin {
 ///     ignore host             does not compare the hosts that receive answers either
 ///     fence6                  the fences (twins.h) use IPv6: the router has no IPv4 address
 ///
-/// These are carried out afterwards, in their order:
+/// These are carried out afterwards, in the order in which they appear:
 ///
 ///     v4 WORD...              sends an IPv4 packet
 ///     v6 WORD...              sends an IPv6 packet

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// TCP segments and UDP datagrams that a host sends merged and its own or a router's kernel splits.
+// TCP segments and UDP datagrams that a host sends merged; its own or a router's kernel splits
+// them.
 #include "segments.h"
 
 #include "bytes.h"

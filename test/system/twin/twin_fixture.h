@@ -31,7 +31,7 @@ struct Variant {
     std::vector<std::string> words;  ///< for $1, $2 ... in the case's lines
 };
 
-/// What play() plays, and how many are told of a packet that is too large.
+/// What play() plays, and how many "too big" messages the senders receive.
 struct Case {
     std::string name;
     size_t told;

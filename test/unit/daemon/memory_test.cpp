@@ -224,7 +224,7 @@ TEST(TheEndOfALine, AllocatesNothingForTheDebugProcess) {
     EXPECT_EQ(allocations::alive(), 0);
 }
 
-/// What is lost if the buffer is full is the CR LF or its LF.
+/// If the buffer is full, the CR LF is lost, or only its LF.
 TEST(TheEndOfALine, IsAllThatAFileLineLosesIfItsBufferIsFull) {
     int losses = 0;
     for (size_t length = 0; length <= 2100; ++length) {

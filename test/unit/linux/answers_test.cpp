@@ -132,7 +132,8 @@ TEST_F(Answers, ToAPacketThatWasNotCopiedComeFromTheKernel) {
     Client client;
     Capture atA("a");
     for (const Bytes& packet : {numbered(1), bytesOf(Ipv6{})}) {
-        // Until the second packet of a pair arrives before the header of the first is forgotten.
+        // Repeated until the second packet of a pair arrives before the first one's header is
+        // forgotten.
         const uint64_t before = handedOver("bcm0.20");
         uint64_t pairs = 0;
         await("a message without a copy", [&] {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What the client is given of the packets that the kernel refused.
+// What the client receives of the packets that the kernel refused.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

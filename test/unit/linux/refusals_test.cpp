@@ -102,7 +102,7 @@ namespace {
 
 using Wait = std::function<int(pollfd* descriptors)>;
 
-// Runs the receive thread's loop, which waits for messages like that; returns the fatal error.
+// Runs the receive thread's loop, whose waits `wait` answers; returns the fatal error.
 std::string failureAfter(const Wait& wait) {
     const auto dispatcher = std::make_unique<Dispatcher>();
     EXPECT_EQ(dispatcher->attach(), 0);

@@ -23,7 +23,7 @@ class AllVlans : public World {
  protected:
     void SetUp() override {
         World::SetUp();
-        // Each is the peer of the one before; the world's own are there.
+        // In pairs, each the peer of the one before it; the world's own VLANs already exist.
         std::string commands;
         bool isPeer = false;
         for (int vlan = 1; vlan <= 4094; ++vlan) {

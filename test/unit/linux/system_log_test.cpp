@@ -61,10 +61,10 @@ int fill() {
     return taken;
 }
 
-// The conversion of this one fails.
+// A line that cannot be formatted: its conversion fails.
 int unformattable() { return debug_process(89, "%ls", L"\u2260"); }
 
-// How many lines each call that writes had.
+// The number of lines in each call that wrote lines.
 std::vector<unsigned int> written;
 
 void watchWrites() {

@@ -94,7 +94,7 @@ const Statement kStatements[] = {
 INSTANTIATE_TEST_SUITE_P(Line, DebugProcessChannel, testing::ValuesIn(kStatements),
                          daemon_test::kCaseName);
 
-// The sinks by themselves, given a text as a logger's destructor gives it.
+// The sinks by themselves. They get a text in the same way as from a logger's destructor.
 
 TEST_F(Loggers, WriteTextAndCrLfWhateverChannelReservedAndThreshold) {
     const CapturedLog log(-1);

@@ -55,7 +55,7 @@ TEST_P(LevelTest, IsNeitherWrittenNorEvaluatedWithoutAStream) {
     EXPECT_EQ(log.text(), "");
 }
 
-// A level is a word of the statement, so that each has its own.
+// The level is a token of the statement, so each level needs a separate statement.
 INSTANTIATE_TEST_SUITE_P(
     Every, LevelTest,
     testing::Values(Level{qv::ERROR, 0, "ERROR", [] { QV_LOG(ERROR, 1) << evaluated(); }},

@@ -24,7 +24,7 @@ using shm_test::with;
 const std::string kPlace = " | int SHM_Wrapper::handleFrame(uint8_t*, size_t)] ";
 const std::string kUnhandled =
     "14:03:07.2 DEBUG: [SHM_Wrapper:49" + kPlace + "Discarding packet\r\n";
-/// Whole in unit/net and in unit/daemon's run.golden.
+/// The beginning of the dump; unit/net and unit/daemon's run.golden have all of it.
 const std::string kDump = "14:03:07.2 DEBUG1: [SHM_Wrapper:37" + kPlace +
                           "\n===== [ETH DUMP] =====\ndata[18]: [00 1a 2b 3c 4d 5e 00 00 5e 00 53 "
                           "01 81 00 00 64 08 00]\n";
@@ -289,7 +289,7 @@ static_assert(std::is_same_v<std::underlying_type_t<SHM_Wrapper::eActions>, int3
 static_assert(PKTD_VERDICT_DISCARD == 7 && PKTD_VERDICT_ACCEPT == 8 && PKTD_VERDICT_REPOST == 9 &&
               PKTD_VERDICT_INVALID == 1);
 
-// By the Itanium C++ ABI a virtual destructor takes two slots, and a pointer to a virtual function
+// In the Itanium C++ ABI, a virtual destructor takes two slots, and a pointer to a virtual function
 // is 1 plus the slot's offset in bytes.
 template <typename Function>
 ptrdiff_t slotOf(Function function) {

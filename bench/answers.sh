@@ -5,7 +5,7 @@ set -euo pipefail
 
 if [[ ${1:-} == --help || $# -ne 2 || ! ${2:-} =~ ^[1-9][0-9]*$ ]]; then
     echo "usage: ${0##*/} BUILD_DIRECTORY RUNS"
-    echo "Prints a JSON object for each figure of each run; bench/answers.jq summarizes them."
+    echo "Prints a JSON object for each figure of each run; bench/answers.jq summarises them."
     echo "The programs compared take turns. Called by script/bench."
     [[ ${1:-} == --help ]] && exit 0
     exit 2

@@ -94,7 +94,7 @@ ip route add unreachable 2001:db8:802::/64
 v4 to=10.8.0.1|10.8.1.1|10.8.2.1|10.8.3.1
 v6 to=2001:db8:800::1|2001:db8:801::1|2001:db8:802::1|2001:db8:803::1)"},
 
-    // The daemon recognizes interfaces by name, and these names contain no VLAN.
+    // The daemon recognises interfaces by name, and these names contain no VLAN.
     {"InterfacesThatAreNotVlansAreLeftToTheKernel", 4,
      R"(vlan 40 d 1300
 vlan 50 e 1500

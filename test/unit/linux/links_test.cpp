@@ -168,6 +168,15 @@ TEST_F(Links, ThatCannotBeListedAreAnError) {
     EXPECT_EQ(monitor.list(table), -EPERM);
     calls.recvfrom = failing(ENOMEM);
     EXPECT_EQ(monitor.list(table), -ENOMEM);
+    // In the middle of the list.
+    calls.recvfrom = [inTheMiddle = false](int fd, void* buffer,
+                                           auto... others) mutable -> ssize_t {
+        if (inTheMiddle) return refuse(EIO);
+        const ssize_t received = real.recvfrom(fd, buffer, others...);
+        inTheMiddle = received > 0 && static_cast<const nlmsghdr*>(buffer)->nlmsg_seq != 0;
+        return received;
+    };
+    EXPECT_EQ(monitor.list(table), -EIO);
     EXPECT_FALSE(monitor.stale());
     calls.recvfrom = real.recvfrom;
     calls.netlinkSend = failing(ENOBUFS);

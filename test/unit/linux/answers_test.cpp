@@ -20,10 +20,10 @@ Bytes numbered(uint16_t id, const std::string& from = "10.0.10.2") {
     return bytesOf(Ipv4{.from = from, .id = id});
 }
 
-// Copied, and forwarded in fragments: the kernel has no answer to it.
-const Bytes kUnrefused = bytesOf(Ipv4{.dontFragment = false});
+// Copied, but not refused for its size: the kernel reports that its time has expired.
+const Bytes kUnrefused = bytesOf(Ipv4{.ttl = 1});
 
-// The ICMP message with which the kernel would refuse it.
+// The ICMP message with which the kernel would refuse it for its size.
 Bytes tooBig() {
     Bytes message = Bytes{3, 4, 0, 0, 0, 0, 0x05, 0x00} + cut(kUnrefused, 0, 548);
     packets::put16(message, 2, ~packets::onesSum(message) & 0xffff);

@@ -13,6 +13,7 @@ int __real_recvmmsg(int fd, mmsghdr* messages, unsigned int count, int flags, ti
 ssize_t __real_recvfrom(int fd, void* buffer, size_t size, int flags, sockaddr* from,
                         socklen_t* fromSize);
 int __real_poll(pollfd* descriptors, nfds_t count, int timeout);
+time_t __real_time(time_t* now);
 int __real_ioctl(int fd, unsigned long request, ...);
 ssize_t __real_mnl_socket_sendto(const mnl_socket* socket, const void* message, size_t size);
 int __real_mnl_socket_bind(mnl_socket* socket, unsigned int groups, pid_t port);
@@ -27,6 +28,7 @@ const Calls& real = *new Calls{__real_socket,
                                __real_recvmmsg,
                                __real_recvfrom,
                                __real_poll,
+                               __real_time,
                                __real_ioctl,
                                __real_mnl_socket_sendto,
                                __real_mnl_socket_bind,
@@ -61,6 +63,8 @@ ssize_t __wrap_recvfrom(int fd, void* buffer, size_t size, int flags, sockaddr* 
 int __wrap_poll(pollfd* descriptors, nfds_t count, int timeout) {
     return calls.poll(descriptors, count, timeout);
 }
+
+time_t __wrap_time(time_t* now) { return calls.time(now); }
 
 int __wrap_ioctl(int fd, unsigned long request, ...) {
     std::va_list arguments;

@@ -8,6 +8,7 @@
 
 #include <sys/types.h>
 #include <cstddef>
+#include <ctime>
 #include <functional>
 
 struct mnl_socket;
@@ -22,6 +23,7 @@ struct Calls {
                           socklen_t* fromSize)>
         recvfrom;
     std::function<int(pollfd* descriptors, nfds_t count, int timeout)> poll;
+    std::function<time_t(time_t* now)> time;
     std::function<int(int fd, unsigned long request, void* argument)> ioctl;
     std::function<ssize_t(const mnl_socket* socket, const void* message, size_t size)> netlinkSend;
     std::function<int(mnl_socket* socket, unsigned int groups, pid_t port)> netlinkBind;

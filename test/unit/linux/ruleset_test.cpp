@@ -108,6 +108,42 @@ TEST(RuleText, OfTheTableLooksUpTheEgressOnlyForLongPacketsFromVlans) {
 )"));
 }
 
+TEST(RuleText, OfTheTableRemembersInterfacesAtTheirLimitsForAWhile) {
+    EXPECT_THAT(tableText(), HasSubstr(R"(    set copying {
+        typeof iif
+        size 8192
+        flags dynamic,timeout
+        timeout 10s
+    }
+
+    set enough-copies {
+        typeof iif
+        size 8192
+        flags dynamic,timeout
+        timeout 100ms
+    }
+
+    set answering {
+        typeof oif
+        size 8192
+        flags dynamic,timeout
+        timeout 10s
+    }
+
+    set enough-answers {
+        typeof oif
+        size 8192
+        flags dynamic,timeout
+        timeout 100ms
+    }
+
+    set left-to-kernel {
+        type iface_index
+        flags timeout
+    }
+)"));
+}
+
 TEST(RuleText, OfTheTableCopiesOnlyWhatCanBeAnsweredUpToItsLimits) {
     EXPECT_THAT(tableText(), HasSubstr(R"(    chain candidate {
         ip frag-off & 0x4000 == 0 accept

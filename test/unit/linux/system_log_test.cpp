@@ -100,6 +100,21 @@ TEST(Line, HasPriorityLocalTimeProgramProcessAndModule) {
     });
 }
 
+// RFC 3164 section 4.1.2, whatever the locale.
+TEST(Line, NamesTheMonthInEnglish) {
+    withLog([](LogDaemon& log) {
+        const time_t newYear = 1767225600;  // 2026-01-01 00:00:00 UTC
+        std::vector<std::string> months;
+        for (int month = 0; month < 12; ++month) {
+            calls.time = [&](time_t*) { return newYear + (month * 305 / 10 + 10) * 86400; };
+            line(" of that month");
+            months.push_back(log.next().substr(4, 3));
+        }
+        EXPECT_THAT(months, ElementsAre("Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul", "Aug",
+                                        "Sep", "Oct", "Nov", "Dec"));
+    });
+}
+
 TEST(Line, IsWrittenAsItIsUpToItsBound) {
     withLog([](LogDaemon& log) {
         line(" tab\tline\nescape\x1b %s %n");
@@ -132,6 +147,10 @@ TEST(Line, OfThePlatformHasItsPriorityAndItsCallerLearnsWhetherItWasAccepted) {
 
 TEST(LostLine, IsCountedAndReportedOnceBeforeTheNext) {
     withLog([](LogDaemon& log) {
+        lines(0, 0);
+        expectLines(log, 0, 0);
+        // A log that is only busy is not connected again.
+        calls.socket = failing(EMFILE);
         const int taken = fill();
         EXPECT_GT(taken, 0);
         EXPECT_EQ(line(" lost"), -EAGAIN);

@@ -156,8 +156,8 @@ TEST_F(AlternativeNameOnTheKernel, IsKnownToTheConfigurationService) {
         EXPECT_EQ(cfg_vlan_l3_get_dest_vlan(indexOf("eth0.20")), 20);
         EXPECT_EQ(cfg_vlan_l3_get_mtu(20), 1280U);
         EXPECT_EQ(cfg_vlan_l3_get_mtu_vlan(20), 20);
-        run("ip link property add dev bcm0.30 altname bcm0.9");
-        EXPECT_EQ(cfg_vlan_l3_get_dest_vlan(indexOf("bcm0.30")), 9);
+        run("ip link property add dev bcm0.30 altname bcm0.1");
+        EXPECT_EQ(cfg_vlan_l3_get_dest_vlan(indexOf("bcm0.30")), 1);
         run("ip link property del dev eth0.20 altname bcm0.20");
         EXPECT_EQ(cfg_vlan_l3_get_dest_vlan(indexOf("eth0.20")), -1);
         EXPECT_EQ(cfg_vlan_l3_get_mtu(20), 0U);

@@ -19,6 +19,7 @@ ssize_t __real_mnl_socket_sendto(const mnl_socket* socket, const void* message, 
 int __real_mnl_socket_bind(mnl_socket* socket, unsigned int groups, pid_t port);
 int __real_nft_run_cmd_from_buffer(nft_ctx* context, const char* commands);
 const char* __real_nft_ctx_get_error_buffer(nft_ctx* context);
+int __real_nft_ctx_buffer_error(nft_ctx* context);
 
 }  // extern "C"
 
@@ -33,7 +34,8 @@ const Calls& real = *new Calls{__real_socket,
                                __real_mnl_socket_sendto,
                                __real_mnl_socket_bind,
                                __real_nft_run_cmd_from_buffer,
-                               __real_nft_ctx_get_error_buffer};
+                               __real_nft_ctx_get_error_buffer,
+                               __real_nft_ctx_buffer_error};
 Calls& calls = *new Calls(real);
 
 int refuse(int error) {
@@ -87,6 +89,8 @@ int __wrap_nft_run_cmd_from_buffer(nft_ctx* context, const char* commands) {
 }
 
 const char* __wrap_nft_ctx_get_error_buffer(nft_ctx* context) { return calls.nftError(context); }
+
+int __wrap_nft_ctx_buffer_error(nft_ctx* context) { return calls.nftKeepErrors(context); }
 
 // The C library's headers may call these instead in optimised builds.
 ssize_t __wrap___recvfrom_chk(int fd, void* buffer, size_t size, size_t /*room*/, int flags,

@@ -29,6 +29,7 @@ struct Calls {
     std::function<int(mnl_socket* socket, unsigned int groups, pid_t port)> netlinkBind;
     std::function<int(nft_ctx* context, const char* commands)> nftRun;
     std::function<const char*(nft_ctx* context)> nftError;
+    std::function<int(nft_ctx* context)> nftKeepErrors;
 };
 
 /// The functions themselves.

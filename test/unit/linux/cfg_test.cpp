@@ -106,6 +106,9 @@ TEST_F(Configuration, ReportsARecordThatIsGoneOrCannotBeRead) {
         ASSERT_EQ(cfg_add_pid("pmtud"), 0);
         unlink(kRecord);
         EXPECT_EQ(cfg_clear_pid(), -ENOENT);
+        std::ofstream(kRecord, std::ios::trunc).close();
+        EXPECT_EQ(cfg_clear_pid(), -EEXIST);
+        unlink(kRecord);
         ASSERT_EQ(mkdir(kRecord, 0700), 0);
         EXPECT_EQ(cfg_clear_pid(), -EISDIR);
         rmdir(kRecord);

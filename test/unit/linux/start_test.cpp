@@ -146,6 +146,15 @@ TEST_F(FailedStart, OfASecondThreadOrAttachmentIsRefusedWithoutALine) {
     });
 }
 
+TEST_F(FailedStart, WithoutMemoryForLibnftablesErrorsIsLoggedOnce) {
+    inOwnProcess([] {
+        calls.nftKeepErrors = failing(ENOMEM);
+        LogDaemon log;
+        EXPECT_EQ(attach(), -ENOMEM);
+        expectOnlyLine(log, "nothing is served (-12): out of memory");
+    });
+}
+
 TEST_F(FailedStart, WithRulesThatTheKernelRefusesIsLoggedOnceWithItsReason) {
     inOwnProcess([] {
         // The kernel accepts each feature when it is checked separately.

@@ -141,9 +141,9 @@ TEST_F(TransmitQueue, RefusesAVlanOrPortThatDoesNotExist) {
 
 TEST_F(TransmitQueue, KnowsAVlanByTheAlternativeNameOfItsInterface) {
     inOwnProcess([] {
-        run("ip link property add dev fence altname bcm0.40");
+        run("ip link property add dev fence altname bcm0.4094");
         ASSERT_EQ(attach(), 0);
-        const auto record = recordOf(frame(40), 40);
+        const auto record = recordOf(frame(4094), 4094);
         uint32_t out = 0;
         EXPECT_EQ(post(record, 78, &out), 0);
         EXPECT_EQ(out, 74U);
@@ -152,7 +152,7 @@ TEST_F(TransmitQueue, KnowsAVlanByTheAlternativeNameOfItsInterface) {
         record->ctrl.dst_valid = 1;
         EXPECT_EQ(post(record, 78, &out), 0);
         EXPECT_EQ(out, 74U);
-        run("ip link property del dev fence altname bcm0.40");
+        run("ip link property del dev fence altname bcm0.4094");
         EXPECT_EQ(post(record, 78, &out), 0);
         EXPECT_EQ(out, 78U);
         record->ctrl.dst_valid = 0;

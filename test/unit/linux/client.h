@@ -22,8 +22,8 @@ struct Delivered {
 };
 
 struct ClientOptions {
-    int verdict = PKTD_VERDICT_DISCARD;
-    bool gated = false;  ///< the first callback waits for openGate
+    std::vector<int> verdicts = {PKTD_VERDICT_DISCARD};  ///< of the callbacks, in turn
+    bool gated = false;                                  ///< the first callback waits for openGate
 };
 
 /// Its callback answers the sender of an IPv4 or IPv6 frame before it returns.

@@ -5,9 +5,13 @@
 # The caller sets source (the unit file), build (the build folder), directory, sbindir and libdir
 # (below the prefix, or absolute), and exec_paths (where the system's libraries are).
 
-# A relative prefix is below the folder that cmake was started in.
-cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY "${CMAKE_CURRENT_BINARY_DIR}" NORMALIZE
-  OUTPUT_VARIABLE prefix)
+# CMake passes the prefix without its last slash: the root folder is empty here. A relative prefix is
+# below the folder that cmake was started in.
+set(prefix "${CMAKE_INSTALL_PREFIX}")
+if(prefix STREQUAL "")
+  set(prefix /)
+endif()
+cmake_path(ABSOLUTE_PATH prefix BASE_DIRECTORY "${CMAKE_CURRENT_BINARY_DIR}" NORMALIZE)
 foreach(name IN ITEMS directory sbindir libdir)
   cmake_path(ABSOLUTE_PATH ${name} BASE_DIRECTORY "${prefix}" NORMALIZE)
 endforeach()

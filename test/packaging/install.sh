@@ -98,6 +98,12 @@ ExecPaths=/usr/bin/pmtud /usr/lib -/usr/lib64" "$(unit_of /usr \
         -DCMAKE_INSTALL_SBINDIR=bin -DCMAKE_INSTALL_LIBDIR=lib64)"
 }
 
+TheUnitBelowTheRootFolderStartsTheDaemonThere() {
+    expect_equal "the unit" "/lib/systemd/system/pmtud.service
+ExecStart=/sbin/pmtud
+ExecPaths=/sbin/pmtud /usr/lib -/usr/lib64 /lib/pmtud" "$(unit_of /)"
+}
+
 TheUnitBelowHomeMayReadIt() {
     unit_of /home/user/pmtud >"$scratch/unit"
     expect_equal "the protection" "ProtectHome=read-only" \

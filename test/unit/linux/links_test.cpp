@@ -168,19 +168,24 @@ TEST_F(Links, ThatCannotBeListedAreAnError) {
     EXPECT_EQ(monitor.list(table), -EPERM);
     calls.recvfrom = failing(ENOMEM);
     EXPECT_EQ(monitor.list(table), -ENOMEM);
-    // In the middle of the list.
-    calls.recvfrom = [inTheMiddle = false](int fd, void* buffer,
-                                           auto... others) mutable -> ssize_t {
-        if (inTheMiddle) return refuse(EIO);
-        const ssize_t received = real.recvfrom(fd, buffer, others...);
-        inTheMiddle = received > 0 && static_cast<const nlmsghdr*>(buffer)->nlmsg_seq != 0;
-        return received;
-    };
-    EXPECT_EQ(monitor.list(table), -EIO);
     EXPECT_FALSE(monitor.stale());
     calls.recvfrom = real.recvfrom;
     calls.netlinkSend = failing(ENOBUFS);
     EXPECT_EQ(monitor.list(table), -ENOBUFS);
+}
+
+TEST_F(Links, ThatCannotBeListedToTheEndAreAnError) {
+    // Only the first message of the list arrives.
+    calls.recvfrom = [inTheMiddle = false](int fd, void* buffer,
+                                           auto... others) mutable -> ssize_t {
+        if (inTheMiddle) return refuse(EIO);
+        const ssize_t received = real.recvfrom(fd, buffer, others...);
+        const auto* const message = static_cast<const nlmsghdr*>(buffer);
+        inTheMiddle = received > 0 && message->nlmsg_seq != 0;
+        return inTheMiddle ? static_cast<ssize_t>(message->nlmsg_len) : received;
+    };
+    EXPECT_EQ(monitor.list(table), -EIO);
+    EXPECT_FALSE(monitor.stale());
 }
 
 // The rules are those of a list that missed an interface; a second later they are complete.

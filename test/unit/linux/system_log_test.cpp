@@ -108,10 +108,10 @@ TEST(Line, NamesTheMonthInEnglish) {
         for (int month = 0; month < 12; ++month) {
             calls.time = [&](time_t*) { return newYear + (month * 305 / 10 + 10) * 86400; };
             line(" of that month");
-            months.push_back(log.next().substr(4, 3));
+            months.push_back(log.next().substr(4, 4));
         }
-        EXPECT_THAT(months, ElementsAre("Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul", "Aug",
-                                        "Sep", "Oct", "Nov", "Dec"));
+        EXPECT_THAT(months, ElementsAre("Jan ", "Feb ", "Mar ", "Apr ", "May ", "Jun ", "Jul ",
+                                        "Aug ", "Sep ", "Oct ", "Nov ", "Dec "));
     });
 }
 

@@ -59,6 +59,16 @@ CommandWithASyntaxError() {
     expect_noticed_in_block $'console\n# echo "("\nwritten (' $'console\n# echo ('
 }
 
+BlockOfAProjectThatGitCannotList() {
+    mkdir -p "$scratch/test/docs"
+    cp "$project/test/docs/run_blocks" "$scratch/test/docs"
+    echo $'```sh\ntrue\n```' >"$document"
+    git init --quiet "$scratch"
+    "$scratch/test/docs/run_blocks" "$build" "$document"
+    rm -r "$scratch/.git"
+    if "$scratch/test/docs/run_blocks" "$build" "$document"; then fail "nothing was noticed"; fi
+}
+
 ScriptThatDoesNotExist() {
     expect_noticed_in_block $'console\n# script/test' $'console\n# script/no-such-script'
 }

@@ -11,7 +11,7 @@ if [[ ${1:-} == --help || $# -ne 2 || ! ${2:-} =~ ^[1-9][0-9]*$ ]]; then
     exit 2
 fi
 
-here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+here=$(CDPATH='' cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 # shellcheck source=lab/lib.sh
 source "$here/../lab/lib.sh"
 bin=$(cd "$1" && pwd)/bin

@@ -13,7 +13,7 @@ if [[ ${1:-} == --help || $# -ne 3 || ! ${2:-} =~ ^(answers|floods|memory)$ ]]; 
     exit 2
 fi
 
-here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+here=$(CDPATH='' cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 # shellcheck source=lab/lib.sh
 source "$here/../lab/lib.sh"
 # shellcheck source=bench/hosts.sh

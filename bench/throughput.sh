@@ -12,7 +12,7 @@ if [[ ${1:-} == --help || $# -ne 2 || ! ${2:-} =~ ^[1-9][0-9]?$ ]]; then
     exit 2
 fi
 
-here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+here=$(CDPATH='' cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 # shellcheck source=lab/lib.sh
 source "$here/../lab/lib.sh"
 daemon=$(cd "$1" && pwd)/bin/pmtud

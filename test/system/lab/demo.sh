@@ -110,6 +110,14 @@ DemoShowsWhatItShouldAndKeepsWhatHostASaw() {
     done
 }
 
+ScriptsIgnoreTheSearchPathOfCd() {
+    local command
+    for command in script/{demo,soak,test,check} lab/lab; do
+        expect_match "the first line of $command --help" '^usage: ' \
+            "$(cd "$project" && CDPATH=. "$command" --help 2>&1 | sed 1q)"
+    done
+}
+
 # end_demo SIGNAL TARGET STEP
 # Ends the demo in the middle of a step: stops it there, then sends it the signal.
 end_demo() {

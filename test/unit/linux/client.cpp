@@ -121,6 +121,8 @@ Client::Client(const ClientOptions& wanted) {
     m_process = fork();
     check(m_process >= 0, "fork");
     if (m_process == 0) {
+        // Its number may be 0, which live() does not close.
+        close(ends[0]);
         options = wanted;
         channel = ends[1];
         live();

@@ -2,7 +2,9 @@
 // The configuration service's answers, from the kernel's interfaces, and the registration.
 #include "cfg.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -35,6 +37,19 @@ TEST_F(Configuration, AnswersNothingBeforeItIsAttached) {
         EXPECT_EQ(cfg_vlan_l3_get_mtu_vlan(20), -1);
         EXPECT_EQ(cfg_init(), 0);
         EXPECT_EQ(cfg_vlan_l3_get_dest_vlan(indexOf("bcm0.20")), 20);
+    });
+}
+
+TEST_F(Configuration, HasOneSocketThatNoOtherProgramInherits) {
+    inOwnProcess([] {
+        // The socket gets the lowest free number.
+        close(STDIN_FILENO);
+        ASSERT_EQ(cfg_init(), 0);
+        EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), FD_CLOEXEC);
+        const int next = dup(STDERR_FILENO);
+        close(next);
+        EXPECT_EQ(cfg_init(), 0);
+        EXPECT_EQ(dup(STDERR_FILENO), next);
     });
 }
 
@@ -122,6 +137,16 @@ TEST_F(Configuration, LeavesNoDraftBehind) {
         std::ofstream("/run/.pmtud." + std::to_string(getpid())) << "half";
         ASSERT_EQ(cfg_add_pid("pmtud"), 0);
         EXPECT_EQ(cfg_clear_pid(), 0);
+    });
+    EXPECT_EQ(output("ls -A /run"), before);
+}
+
+TEST_F(Configuration, LeavesNothingOfARecordThatDoesNotFit) {
+    const std::string before = output("ls -A /run");
+    inOwnProcess([] {
+        const rlimit threeBytes{3, 3};
+        setrlimit(RLIMIT_FSIZE, &threeBytes);
+        EXPECT_EQ(cfg_add_pid("pmtud"), -EIO);
     });
     EXPECT_EQ(output("ls -A /run"), before);
 }

@@ -6,6 +6,9 @@
 #include <net/if.h>
 #include <sys/socket.h>
 
+#include <cerrno>
+
+#include "calls.h"
 #include "interface_vlan.h"
 #include "link.h"
 #include "world.h"
@@ -68,6 +71,14 @@ TEST_F(InterfaceOfAKnownVlan, IsLookedUpOnlyInTheTable) {
         EXPECT_EQ(vlan(), 0);
     }
     EXPECT_EQ(vlan(), 40);
+}
+
+TEST_F(InterfaceOfAKnownVlan, FallsBackToItsOwnNameIfTheKernelCannotBeAsked) {
+    run("ip link property add dev fence altname bcm0.1");
+    EXPECT_EQ(vlan(), 1);
+    calls.netlinkBind = failing(ENOBUFS);
+    EXPECT_EQ(vlan(), 0);
+    calls = real;
 }
 
 TEST_F(InterfaceOfAKnownVlan, HasNoVlanOnceItIsGone) {

@@ -100,7 +100,7 @@ TEST(Line, HasPriorityLocalTimeProgramProcessAndModule) {
     });
 }
 
-// RFC 3164 section 4.1.2, whatever the locale.
+// RFC 3164 section 4.1.2.
 TEST(Line, NamesTheMonthInEnglish) {
     withLog([](LogDaemon& log) {
         const time_t newYear = 1767225600;  // 2026-01-01 00:00:00 UTC

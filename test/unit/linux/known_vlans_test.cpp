@@ -79,6 +79,9 @@ TEST_F(InterfaceOfAKnownVlan, FallsBackToItsOwnNameIfTheKernelCannotBeAsked) {
     calls.netlinkBind = failing(ENOBUFS);
     EXPECT_EQ(vlan(), 0);
     calls = real;
+    calls.netlinkSend = failing(ENOBUFS);
+    EXPECT_EQ(vlan(), 0);
+    calls = real;
 }
 
 TEST_F(InterfaceOfAKnownVlan, HasNoVlanOnceItIsGone) {

@@ -34,7 +34,8 @@ struct Report {
 };
 
 // The process's own side; the callback has no argument to find it by.
-ClientOptions options;
+// Never destroyed: the receive thread reads it until the process ends.
+ClientOptions& options = *new ClientOptions;
 int channel = -1;
 int icmp4 = -1;
 int icmp6 = -1;

@@ -5,13 +5,14 @@
 
 #include <cerrno>
 #include <string>
+#include <string_view>
 #include <system_error>
 
 namespace machine {
 
 /// Throws std::system_error, by errno, if a call has failed.
-inline void check(bool succeeded, const std::string& what) {
-    if (!succeeded) throw std::system_error(errno, std::generic_category(), what);
+inline void check(bool succeeded, std::string_view what) {
+    if (!succeeded) throw std::system_error(errno, std::generic_category(), std::string(what));
 }
 
 }  // namespace machine

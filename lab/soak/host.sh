@@ -10,7 +10,7 @@ soak_start_host() {
     mkfifo "$LAB_FILES/to-host" "$LAB_FILES/from-host"
     # The daemon never waits for its log, so the log's reader gets more room than usual.
     lab_on a sysctl -qw net.unix.max_dgram_qlen=4096
-    ip netns exec a "$1" "$2" eth0 /run/netns/switch \
+    ip netns exec a "$1" "$2" eth0 switch \
         <"$LAB_FILES/to-host" >"$LAB_FILES/from-host" 2>"$LAB_FILES/host" &
     soak_host=$!
     disown

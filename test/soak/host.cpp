@@ -3,12 +3,10 @@
 #include "host.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <net/if.h>
 #include <poll.h>
-#include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
@@ -21,7 +19,7 @@
 #include <system_error>
 #include <thread>
 
-#include "check.h"
+#include "private_machine.h"
 
 namespace soak {
 
@@ -63,11 +61,8 @@ Descriptor controlSocket() {
 
 // For the interfaces of that namespace, whichever namespace it is used in.
 Descriptor controlSocketIn(const char* networkNamespace) {
-    const Descriptor own(open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC));
-    const Descriptor other(open(networkNamespace, O_RDONLY | O_CLOEXEC));
-    check(own.valid() && setns(other.get(), CLONE_NEWNET) == 0, networkNamespace);
-    Descriptor control = controlSocket();
-    check(setns(own.get(), CLONE_NEWNET) == 0, "back to the own namespace");
+    Descriptor control;
+    machine::inNetwork(networkNamespace, [&] { control = controlSocket(); });
     return control;
 }
 

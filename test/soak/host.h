@@ -26,7 +26,7 @@ struct Figures {
 class Host {
  public:
     /// Sends and receives on the interface of its own network namespace, and changes the MTU
-    /// of bcm0.20 in the namespace of that path. Throws std::system_error.
+    /// of bcm0.20 in the namespace of that name. Throws std::system_error.
     Host(uint64_t seed, const char* interface, const char* switchNamespace);
 
     /// Which packets to send.

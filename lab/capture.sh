@@ -10,7 +10,7 @@ lab_start_capture() {
     local pipe
     exec {pipe}> >(exec cat >"$lab_capture_file")
     lab_capture_writer=$!
-    # Here, so that it exists before the background job opens it.
+    # Created here: the wait below may look before the background job has opened it.
     : >"$LAB_FILES/tcpdump"
     ip netns exec a tcpdump -i eth0 -n -U --immediate-mode -B 16384 -w - \
         1>&"$pipe" 2>"$LAB_FILES/tcpdump" &

@@ -42,7 +42,7 @@ soak_nothing_missing() {
     local -ri no_room=$(soak_no_room)
     local -ri now=$((no_room - soak_no_room_before))
     local -ri missing=$((soak_figures[missing] - soak_missing_before))
-    soak_check "missing answers ($missing) are no more than those the kernel had no room to send ($now)" \
+    soak_check "missing answers ($missing): at most as many as the kernel had no room to send ($now)" \
         test "$missing" -le "$now"
     if ((missing > now)); then
         grep '^MISSING' "$LAB_FILES/host" | sed -e 's/^/          /'

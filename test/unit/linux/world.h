@@ -24,15 +24,15 @@
 #include "pktd.h"
 #include "private_machine.h"
 
+using machine::check;
+using machine::inNetwork;
+using machine::output;
 using packets::Bytes;
 using packets::bytesOf;
 using packets::cut;
 using packets::Ipv4;
 using packets::Ipv6;
 using packets::operator+;
-using machine::check;
-using machine::inNetwork;
-using machine::output;
 
 /// How long a test waits for an event before it fails: twice what all VLANs take under valgrind.
 constexpr std::chrono::seconds kPatience{45};
